@@ -23,7 +23,7 @@ if(MSVC)
     target_compile_options(kelvo_warnings INTERFACE /W4 /WX /permissive- /utf-8)
 else()
     target_compile_options(kelvo_warnings INTERFACE
-        -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor
+        -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow
         -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Werror)
 endif()
 
