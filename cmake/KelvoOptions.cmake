@@ -23,8 +23,10 @@ if(MSVC)
     target_compile_options(kelvo_warnings INTERFACE /W4 /WX /permissive- /utf-8)
 else()
     target_compile_options(kelvo_warnings INTERFACE
-        -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow
-        -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Werror)
+        -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion
+        -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Werror
+        # A constructor's parameter may be named like the member that it fills; GCC needs the narrower form.
+        $<IF:$<CXX_COMPILER_ID:GNU>,-Wshadow=local,-Wshadow>)
 endif()
 
 if(KELVO_SANITIZE)

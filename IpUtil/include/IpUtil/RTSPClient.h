@@ -1,0 +1,134 @@
+#pragma once
+
+#include <IpUtil/ConnectionInfo.h>
+#include <IpUtil/ErrorCode.h>
+#include <IpUtil/Export.h>
+#include <IpUtil/ParametersContainer.h>
+#include <IpUtil/RTSPStream.h>
+#include <Tavro8/GDRV/MediaFrame.h>
+#include <Tavro8/ILogger.h>
+#include <boost/asio/ts/netfwd.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Tavro8::Utility
+{
+inline constexpr std::chrono::seconds DEFAULT_CONNECT_TIMEOUT{5};
+inline constexpr const char* RTSP_HEADER_REQUIRE = "Require";
+
+enum class RtspMethod { RTSP_METHOD_OPTIONS, RTSP_METHOD_GET_PARAMETER, RTSP_METHOD_SET_PARAMETER };
+using enum RtspMethod;
+
+enum class RtspTransport { tcp, udp, automatic };
+
+/// What to do with pictures that cannot be decoded cleanly because packets were lost.
+enum class LossHandling {
+    flag,              ///< hand them over, marked as damaged
+    dropUntilKeyFrame  ///< hand nothing over until the next key frame
+};
+
+struct VideoSinkParams {
+    LossHandling lossHandling = LossHandling::dropUntilKeyFrame;
+};
+
+struct AudioSinkParams {
+    GDRV::MediaCodec expectedCodec = GDRV::MediaCodec::unknown;  ///< unknown: whatever the device offers
+    std::uint32_t sampleRate = 0;                                ///< 0: whatever the device offers
+};
+
+/// One track of a session description.
+struct SdpTrack {
+    enum class Direction { unspecified, sendOnly, receiveOnly, sendReceive, inactive };
+
+    std::string kind;      ///< "video", "audio", "application"
+    std::string encoding;  ///< upper case: "H264", "H265", "PCMU", "PCMA", "MPEG4-GENERIC", "JPEG"
+    int payloadType = -1;
+    std::uint32_t clockRate = 0;
+    std::uint32_t channels = 1;
+    std::string control;  ///< as the description gives it
+    Direction direction = Direction::unspecified;
+    std::size_t index = 0;  ///< position in the description
+};
+
+struct SessionDescription {
+    std::vector<SdpTrack> tracks;
+};
+
+/// A track that has been set up.
+class RTSPTrack;
+
+struct TrackInitializer {
+    SdpTrack track;
+    /// Frames of the track; empty for a track that is only sent to.
+    std::function<void(const GDRV::MediaFrame&)> onFrame;
+};
+
+/// An RTSP connection to a device: RTP and RTSP on one TCP connection (RFC 2326 section 10.12), digest or basic
+/// authentication, keep-alive at no more than half of the session's time-out.
+///
+/// One thread: the I/O context it was made with. Always held by shared ownership; keeps itself alive until it is
+/// torn down or has failed. Each completion runs once, never inside the call that takes it.
+class IPUTIL_API RTSPClient : public std::enable_shared_from_this<RTSPClient> {
+public:
+    using Completion = std::function<void(const error_code& ec)>;
+    using SdpHandler = std::function<void(const error_code& ec, const SessionDescription& description)>;
+    using Headers = std::map<std::string, std::string>;
+
+    static std::shared_ptr<RTSPClient> create(boost::asio::io_context& service, ILogger* logger);
+    ~RTSPClient();
+    RTSPClient(const RTSPClient&) = delete;
+    RTSPClient& operator=(const RTSPClient&) = delete;
+
+    ILogger* logger() const noexcept;
+
+    // Settings; before `initialize`.
+    void setTransport(RtspTransport transport);
+    void setConnectTimeout(std::chrono::milliseconds timeout);
+    void setStallTimeout(std::chrono::milliseconds timeout);  ///< no packet for so long ends the connection; 0: never
+    void setKeepAliveCommand(RtspMethod method);
+    void setVideoSinkParams(const VideoSinkParams& params);
+    void setAudioSinkParams(const AudioSinkParams& params);
+    const VideoSinkParams& getVideoSinkParams() const noexcept;
+    const AudioSinkParams& getAudioSinkParams() const noexcept;
+
+    /// Connects to the device and keeps `path` as the URL to describe. The description carries host, port and
+    /// credentials.
+    void initialize(const std::shared_ptr<const asio::ConnectionInfo>& info, const std::string& path,
+                    Completion handleSession);
+
+    /// OPTIONS and DESCRIBE with `headers` on every request from now on; `handleSdp` is told the description and
+    /// adds the tracks it wants during the call; then SETUP of each and PLAY; `handlePlay` is told the outcome.
+    /// When `handleSdp` adds no track nothing is set up and `handlePlay` is told `noSuchStream`.
+    void performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay);
+
+    /// Only inside `handleSdp`.
+    std::weak_ptr<RTSPTrack> addTrack(TrackInitializer initializer);
+
+    /// Sends one RTP payload on a track that plays; `timestamp` in the track's clock.
+    void sendPacket(const std::weak_ptr<RTSPTrack>& track, std::vector<std::uint8_t> payload, std::uint32_t timestamp,
+                    Completion handleWritePacket);
+
+    /// Told once when a connection that played ends by itself: loss, stall, end by the device.
+    void setClosedHandler(Completion handleClosed);
+
+    /// What a track has received; zero when it is gone.
+    StreamCounters counters(const std::weak_ptr<RTSPTrack>& track) const;
+
+    /// Says TEARDOWN if a session stands, closes, and drops all handlers; `completion` may be empty.
+    void teardown(Completion completion = {});
+
+private:
+    struct State;
+    explicit RTSPClient(std::unique_ptr<State> state);
+    std::unique_ptr<State> state;
+};
+
+/// Loads `transport` ("tcp", "udp", "auto"), `stallTimeout` (seconds, default 5) and `lossPolicy` ("flag", "drop")
+/// of a channel's parameters into the client. A value that cannot be used is logged and leaves the default.
+IPUTIL_API void initializeRTSPClientFromParams(RTSPClient& client, const ParametersContainer& parameters);
+}  // namespace Tavro8::Utility
