@@ -1,0 +1,181 @@
+#pragma once
+
+#include "wire/Auth.h"
+#include "wire/RtspMessage.h"
+#include "wire/Sdp.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace Tavro8::wire
+{
+/// Why an RTSP session ended. See `describe`.
+enum class RtspError : std::uint8_t {
+    none,
+    wrongCredentials,       ///< 401 in spite of an answer to the challenge
+    authenticationMissing,  ///< 401 and we have no user name and password
+    authenticationUnknown,  ///< 401 with no challenge that we can answer
+    forbidden,              ///< 403
+    notFound,               ///< 404: no such stream
+    sessionNotFound,        ///< 454
+    unsupportedTransport,   ///< 461, or a transport in the answer that was not asked for
+    notEnoughBandwidth,     ///< 453: often the limit of viewers
+    serviceUnavailable,     ///< 503: often the limit of viewers
+    optionNotSupported,     ///< 551: a feature named by Require is missing
+    redirected,             ///< 3xx: never followed
+    requestRefused,         ///< any other 4xx, or a status that no RTSP answer has
+    serverError,            ///< any other 5xx
+    badDescription,         ///< the answer to DESCRIBE is no session description
+    noTracks,               ///< no track was chosen, or none of them could be set up
+    misuse,                 ///< a step was asked for that does not fit the state
+};
+/// One sentence that an operator understands.
+const char* describe(RtspError error) noexcept;
+
+/// What a request that goes out is for.
+enum class RtspStepKind : std::uint8_t { options, describe, setup, play, keepAlive, teardown, answer };
+/// A name for log lines, for example "DESCRIBE".
+const char* nameOf(RtspStepKind kind) noexcept;
+
+enum class RtspKeepAlive : std::uint8_t {
+    automatic,  ///< GET_PARAMETER when the device names it in Public, else OPTIONS
+    options,
+    getParameter,
+    setParameter,  ///< talk-back channels
+};
+
+struct RtspSessionConfig {
+    std::string url;  ///< the stream's, without user and password
+    Credentials credentials;
+    CnonceGenerator cnonce;  ///< needed for digest; see `CnonceGenerator`
+    std::string userAgent;   ///< no header when empty
+    std::string require;     ///< feature tag for the Require header of every request, none when empty
+    std::string range;       ///< Range of PLAY, for example "npt=0.000-", none when empty
+    std::string scale;       ///< Scale of PLAY, none when empty
+    RtspKeepAlive keepAlive = RtspKeepAlive::automatic;
+};
+
+/// A track that is to be set up.
+struct RtspTrackRequest {
+    std::size_t mediaIndex = 0;          ///< in `SessionDescription::media`
+    bool optional = false;               ///< a refusal leaves the track out instead of ending the session
+    std::optional<PortPair> clientPort;  ///< UDP ports that receive it; without them it comes interleaved
+};
+
+/// A track that has been set up.
+struct RtspTrack {
+    std::size_t mediaIndex = 0;
+    std::string url;
+    ChannelPair channels;       ///< interleaved channels, as the device named them; meaningless over UDP
+    TransportHeader transport;  ///< the device's answer, for ports, source and SSRC
+    std::optional<std::uint16_t> firstSequenceNumber;  ///< of RTP-Info
+    std::optional<std::uint32_t> firstRtpTimestamp;    ///< of RTP-Info
+};
+
+/// The client's side of one RTSP session, without its socket and its timers: OPTIONS, DESCRIBE, SETUP of each
+/// chosen track, PLAY, keep-alive, TEARDOWN.
+///
+/// Each call returns what the owner has to do next. The owner sends bytes, feeds every message that the
+/// `InterleavedParser` finds, calls `keepAlive` each `keepAliveInterval` while playing and gives up by its own clock.
+/// One object serves one connection; a plain value for one thread.
+///
+///     step = session.start();                       // Send OPTIONS
+///     step = session.handle(message);               // Send DESCRIBE ... Described
+///     step = session.setup({{videoIndex}});         // Send SETUP ... Playing
+class RtspClientSession {
+public:
+    struct Ignored {};  ///< nothing to do: an answer to nothing, or an accepted keep-alive
+    struct Send {
+        std::string bytes;
+        RtspStepKind kind;
+    };
+    struct Described {};  ///< see `description`; go on with `setup`
+    struct Playing {};    ///< see `tracks`; media may even have come earlier
+    /// The device did not like a keep-alive. It may go on streaming all the same: to be logged.
+    struct KeepAliveRefused {
+        unsigned status;
+    };
+    struct Closed {};  ///< TEARDOWN was answered, or there was no session to end
+    struct Failed {
+        RtspError error;
+        RtspStepKind kind;   ///< the request that failed
+        unsigned status;     ///< of the answer, 0 when no status was the reason
+        std::string reason;  ///< the device's words, without line ends, at most 64 bytes
+    };
+    using Step = std::variant<Ignored, Send, Described, Playing, KeepAliveRefused, Closed, Failed>;
+
+    enum class State : std::uint8_t { idle, opening, described, settingUp, starting, playing, closing, closed, failed };
+
+    explicit RtspClientSession(RtspSessionConfig configuration);
+
+    /// The first request.
+    Step start();
+    /// Takes a message of the device: an answer to one of ours, or a request of its own, which is answered.
+    Step handle(const RtspMessage& message);
+    Step handle(const RtspResponse& response);
+    Step handle(const RtspRequest& request);
+    /// After `Described`: sets the tracks up one after the other, then starts them all.
+    Step setup(std::vector<RtspTrackRequest> requested);
+    /// A keep-alive; `Ignored` while one is unanswered or nothing is playing.
+    Step keepAlive();
+    /// Ends the session; `Closed` at once when the device has none of ours.
+    Step teardown();
+
+    State state() const noexcept { return current; }
+    /// Valid from `Described` on.
+    const SessionDescription& description() const noexcept { return sdp; }
+    /// Valid from `Playing` on.
+    const std::vector<RtspTrack>& tracks() const noexcept { return established; }
+    /// Half of the timeout that the device states, 30 s at most and 1 s at least.
+    std::chrono::milliseconds keepAliveInterval() const noexcept;
+    const std::string& sessionId() const noexcept { return session.id; }
+
+private:
+    struct Pending {
+        std::uint32_t cseq;
+        RtspStepKind kind;
+        unsigned attempt;
+        RtspRequest request;
+    };
+
+    Step send(RtspStepKind kind, std::string_view method, std::string_view uri, HeaderList extra = {});
+    Step dispatch(Pending pending);
+    Step retryAuthorized(Pending pending, const RtspResponse& response);
+    Step refused(const Pending& pending, const RtspResponse& response);
+    Step fail(RtspError error, RtspStepKind kind, const RtspResponse* response);
+
+    Step onOptions(const RtspResponse& response);
+    Step onDescribe(const RtspResponse& response);
+    Step onSetup(const Pending& pending, const RtspResponse& response);
+    Step onPlay(const RtspResponse& response);
+    Step sendDescribe();
+    Step setupNextTrack();
+    Step sendPlay();
+    void adoptSession(const RtspResponse& response);
+    void adoptRtpInfo(std::string_view value);
+
+    RtspSessionConfig config;
+    State current = State::idle;
+    AuthState auth;
+    std::uint32_t nextCseq = 1;
+    std::vector<Pending> pendings;  ///< one step, and a keep-alive or TEARDOWN beside it
+    MethodList methods;
+    bool getParameterRefused = false;
+
+    SessionDescription sdp;
+    std::string contentBase;
+    std::string contentLocation;
+    std::string aggregateUrl;
+    SessionHeader session;
+
+    std::vector<RtspTrackRequest> wanted;
+    std::size_t settingUp = 0;  ///< index in `wanted`
+    std::vector<RtspTrack> established;
+};
+}  // namespace Tavro8::wire
