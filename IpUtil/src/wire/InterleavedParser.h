@@ -86,12 +86,15 @@ private:
     static constexpr std::size_t frameHeaderBytes = 4;
 
     enum class Stage : std::uint8_t { unitStart, head, body, broken };
+    enum class UnitStart : std::uint8_t { frame, message, stray, undecided };
 
     Result nextSlow(ByteView& input);
     Result fail(const char* rule) noexcept;
-    Result failAt(std::uint64_t offset, const char* rule) noexcept;
-    bool findUnitStart(ByteView& input, NeedMore& wanted, bool& exhausted);
-    bool parseHead(std::string_view head);
+    UnitStart judgeStart(ByteView input, NeedMore& wanted) const noexcept;
+    bool findHeadEnd(ByteView input, std::size_t& headBytes) noexcept;
+    const char* parseHead(std::string_view head);
+    bool skipStray(ByteView& input) noexcept;
+    void endUnit() noexcept;
     void consume(ByteView& input, std::size_t count) noexcept
     {
         input = input.subspan(count);
@@ -102,10 +105,11 @@ private:
     std::uint64_t skippedTotal = 0;
     std::size_t skippedInARow = 0;
     std::size_t scanned = 0;    ///< bytes at the front of the input already searched for the end of the head
+    std::size_t lineStart = 0;  ///< where the head's last, unfinished line begins, from the front of the input
     std::size_t bodyBytes = 0;  ///< of the message whose head has been read
     Malformed failure;
     Stage stage = Stage::unitStart;
-    bool inSync = true;  ///< at the start of a unit: the byte before it ended a unit; never true in head or body
+    bool inSync = true;  ///< the next byte begins a unit; false inside a message and among stray bytes
     RtspMessage message;
 };
 }  // namespace Tavro8::wire

@@ -92,7 +92,7 @@ class RtspClientSession {
 public:
     struct Ignored {};  ///< nothing to do: an answer to nothing, or an accepted keep-alive
     struct Send {
-        std::string bytes;
+        std::string bytes;  ///< the whole message; may hold an Authorization header, so not for a log
         RtspStepKind kind;
     };
     struct Described {};  ///< see `description`; go on with `setup`
@@ -124,7 +124,7 @@ public:
     Step setup(std::vector<RtspTrackRequest> requested);
     /// A keep-alive; `Ignored` while one is unanswered or nothing is playing.
     Step keepAlive();
-    /// Ends the session; `Closed` at once when the device has none of ours.
+    /// Ends the session, also one that failed half-way; `Closed` at once when the device has none of ours.
     Step teardown();
 
     State state() const noexcept { return current; }

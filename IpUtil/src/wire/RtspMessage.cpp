@@ -1,0 +1,251 @@
+#include "wire/RtspMessage.h"
+
+#include "wire/Text.h"
+
+#include <algorithm>
+
+namespace Tavro8::wire
+{
+namespace
+{
+/// Text of a start line: no line ends, so that nothing can begin a header of its own.
+void appendStartLineText(std::string& to, std::string_view text)
+{
+    for (const char c : text) {
+        if (!isControl(c))
+            to += c;
+    }
+}
+
+void appendHeadersAndBody(std::string& to, const HeaderList& headers, std::string_view body)
+{
+    headers.appendTo(to);
+    if (!body.empty() && !headers.contains("Content-Length")) {
+        to += "Content-Length: ";
+        appendNumber(to, body.size());
+        to += "\r\n";
+    }
+    to += "\r\n";
+    to += body;
+}
+
+std::string_view unquoted(std::string_view text)
+{
+    text = trim(text);
+    if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
+        text = text.substr(1, text.size() - 2);
+    return text;
+}
+
+/// "5000-5001", or "5000" which stands for itself and the next number.
+template <typename Number>
+std::optional<NumberPair<Number>> parsePair(std::string_view text)
+{
+    const auto first = parseNumber<Number>(trim(cutAt(text, '-')));
+    if (!first)
+        return std::nullopt;
+    if (text.empty())
+        return NumberPair<Number>{*first, static_cast<Number>(*first + 1)};
+    const auto second = parseNumber<Number>(trim(text));
+    if (!second)
+        return std::nullopt;
+    return NumberPair<Number>{*first, *second};
+}
+
+template <typename Number>
+void appendPair(std::string& to, std::string_view name, const std::optional<NumberPair<Number>>& pair)
+{
+    if (!pair)
+        return;
+    to += name;
+    appendNumber(to, pair->rtp);
+    to += '-';
+    appendNumber(to, pair->rtcp);
+}
+
+void readTransportParameter(TransportHeader& transport, std::string_view parameter)
+{
+    const std::string_view name = trim(cutAt(parameter, '='));
+    const std::string_view value = unquoted(parameter);
+    if (equalsNoCase(name, "multicast"))
+        transport.multicast = true;
+    else if (equalsNoCase(name, "interleaved"))
+        transport.interleaved = parsePair<std::uint8_t>(value);
+    else if (equalsNoCase(name, "client_port"))
+        transport.clientPort = parsePair<std::uint16_t>(value);
+    else if (equalsNoCase(name, "server_port"))
+        transport.serverPort = parsePair<std::uint16_t>(value);
+    else if (equalsNoCase(name, "port"))
+        transport.port = parsePair<std::uint16_t>(value);
+    else if (equalsNoCase(name, "ssrc"))
+        transport.ssrc = parseNumber<std::uint32_t>(value, 16);
+    else if (equalsNoCase(name, "ttl"))
+        transport.ttl = parseNumber<unsigned>(value);
+    else if (equalsNoCase(name, "source"))
+        transport.source = value;
+    else if (equalsNoCase(name, "destination"))
+        transport.destination = value;
+    else if (equalsNoCase(name, "mode"))
+        transport.mode = value;
+}
+
+/// Where the parameter `name` ("seq=") of an RTP-Info entry begins, npos when it is not there.
+std::size_t findRtpInfoParameter(std::string_view entry, std::string_view name)
+{
+    std::size_t at = findNoCase(entry, name);
+    while (at != std::string_view::npos && (at == 0 || (entry[at - 1] != ';' && !isBlank(entry[at - 1]))))
+        at = findNoCase(entry, name, at + 1);
+    return at;
+}
+
+std::string_view rtpInfoValue(std::string_view entry, std::size_t at, std::string_view name)
+{
+    if (at == std::string_view::npos)
+        return {};
+    const std::string_view value = entry.substr(at + name.size());
+    return trim(value.substr(0, value.find_first_of(";,")));
+}
+
+RtpInfo parseRtpInfoEntry(std::string_view entry)
+{
+    RtpInfo info;
+    const std::size_t sequence = findRtpInfoParameter(entry, "seq=");
+    const std::size_t timestamp = findRtpInfoParameter(entry, "rtptime=");
+    std::string_view url = trim(entry.substr(0, std::min(sequence, timestamp)));
+    while (!url.empty() && (url.back() == ',' || url.back() == ';'))
+        url = trim(url.substr(0, url.size() - 1));
+    info.url = unquoted(url);
+    info.sequenceNumber = parseNumber<std::uint16_t>(rtpInfoValue(entry, sequence, "seq="));
+    info.rtpTimestamp = parseNumber<std::uint32_t>(rtpInfoValue(entry, timestamp, "rtptime="));
+    return info;
+}
+}  // namespace
+
+std::string write(const RtspRequest& request)
+{
+    std::string text;
+    text.reserve(512 + request.body.size());
+    appendStartLineText(text, request.method);
+    text += ' ';
+    appendStartLineText(text, request.uri);
+    text += " RTSP/1.0\r\n";
+    appendHeadersAndBody(text, request.headers, request.body);
+    return text;
+}
+
+std::string write(const RtspResponse& response)
+{
+    std::string text = "RTSP/1.0 ";
+    appendNumber(text, response.status);
+    text += ' ';
+    appendStartLineText(text, response.reason);
+    text += "\r\n";
+    appendHeadersAndBody(text, response.headers, response.body);
+    return text;
+}
+
+std::optional<std::uint32_t> cseqOf(const HeaderList& headers)
+{
+    return parseNumber<std::uint32_t>(trim(headers.get("CSeq")));
+}
+
+std::optional<SessionHeader> parseSession(std::string_view value)
+{
+    SessionHeader session;
+    session.id = trim(cutAt(value, ';'));
+    if (session.id.empty())
+        return std::nullopt;
+    while (!value.empty()) {
+        std::string_view parameter = cutAt(value, ';');
+        if (!equalsNoCase(trim(cutAt(parameter, '=')), "timeout"))
+            continue;
+        const auto seconds = parseNumber<std::uint32_t>(unquoted(parameter));
+        if (seconds && *seconds > 0) {
+            session.timeout = std::chrono::seconds(*seconds);
+            session.timeoutStated = true;
+        }
+    }
+    return session;
+}
+
+std::optional<TransportHeader> parseTransport(std::string_view value)
+{
+    std::string_view specification = trim(cutAt(value, ','));
+    const std::string_view protocol = trim(cutAt(specification, ';'));
+    if (!startsWithNoCase(protocol, "RTP/"))
+        return std::nullopt;
+
+    TransportHeader transport;
+    const std::size_t lower = protocol.find('/', 4);
+    const std::string_view lowerTransport = lower == std::string_view::npos ? "UDP" : protocol.substr(lower + 1);
+    transport.profile = protocol.substr(0, lower);
+    transport.tcp = equalsNoCase(trim(lowerTransport), "TCP");
+    while (!specification.empty())
+        readTransportParameter(transport, cutAt(specification, ';'));
+    return transport;
+}
+
+std::string write(const TransportHeader& transport)
+{
+    std::string text = transport.profile;
+    if (transport.tcp)
+        text += "/TCP";
+    text += transport.multicast ? ";multicast" : ";unicast";
+    if (!transport.destination.empty())
+        text += ";destination=" + transport.destination;
+    if (!transport.source.empty())
+        text += ";source=" + transport.source;
+    appendPair(text, ";interleaved=", transport.interleaved);
+    appendPair(text, ";client_port=", transport.clientPort);
+    appendPair(text, ";server_port=", transport.serverPort);
+    appendPair(text, ";port=", transport.port);
+    if (transport.ttl) {
+        text += ";ttl=";
+        appendNumber(text, *transport.ttl);
+    }
+    if (transport.ssrc) {
+        std::string digits;
+        appendNumber(digits, *transport.ssrc, 16);
+        text += ";ssrc=" + std::string(8 - digits.size(), '0') + upperCase(digits);
+    }
+    if (!transport.mode.empty())
+        text += ";mode=\"" + transport.mode + '"';
+    return text;
+}
+
+std::vector<RtpInfo> parseRtpInfo(std::string_view value)
+{
+    // Entries are told apart by "url=", not by the comma, which may stand in a URL.
+    constexpr std::string_view entryStart = "url=";
+    std::vector<RtpInfo> entries;
+    std::size_t at = findNoCase(value, entryStart);
+    while (at != std::string_view::npos) {
+        const std::size_t begin = at + entryStart.size();
+        std::size_t next = findNoCase(value, entryStart, begin);
+        // "url=" inside a query ("?url=") begins no entry.
+        while (next != std::string_view::npos && value[next - 1] != ',' && !isBlank(value[next - 1]))
+            next = findNoCase(value, entryStart, next + 1);
+        const std::size_t end = next == std::string_view::npos ? value.size() : next;
+        entries.push_back(parseRtpInfoEntry(value.substr(begin, end - begin)));
+        at = next;
+    }
+    return entries;
+}
+
+MethodList::MethodList(const HeaderList& headers)
+{
+    const std::string_view name = headers.contains("Public") ? "Public" : "Allow";
+    for (std::string_view line : headers.all(name)) {
+        while (!line.empty()) {
+            const std::string_view method = trim(cutAt(line, ','));
+            if (!method.empty())
+                methods.push_back(upperCase(method));
+        }
+    }
+}
+
+bool MethodList::contains(std::string_view method) const
+{
+    return std::find(methods.begin(), methods.end(), upperCase(method)) != methods.end();
+}
+}  // namespace Tavro8::wire
