@@ -63,9 +63,9 @@ struct RtspSessionConfig {
 
 /// A track that is to be set up.
 struct RtspTrackRequest {
-    std::size_t mediaIndex = 0;          ///< in `SessionDescription::media`
-    bool optional = false;               ///< a refusal leaves the track out instead of ending the session
-    std::optional<PortPair> clientPort;  ///< UDP ports that receive it; without them it comes interleaved
+    std::size_t mediaIndex = 0;               ///< in `SessionDescription::media`
+    bool optional = false;                    ///< a refusal leaves the track out instead of ending the session
+    std::optional<PortPair> clientPort = {};  ///< UDP ports that receive it; without them it comes interleaved
 };
 
 /// A track that has been set up.
