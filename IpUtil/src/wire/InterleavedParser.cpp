@@ -256,8 +256,8 @@ InterleavedParser::UnitStart InterleavedParser::judgeStart(ByteView input, NeedM
 bool InterleavedParser::skipStray(ByteView& input) noexcept
 {
     // Some servers put an empty line behind a body: allowed for, and not worth a word in a log.
-    const bool lineEnd = input[0] == '\r' || input[0] == '\n';
-    if (!lineEnd) {
+    const bool emptyLine = inSync && (input[0] == '\r' || input[0] == '\n');
+    if (!emptyLine) {
         inSync = false;
         ++skippedTotal;
     }

@@ -191,10 +191,10 @@ RtspClientSession::Step RtspClientSession::setup(std::vector<RtspTrackRequest> r
 
 RtspClientSession::Step RtspClientSession::keepAlive()
 {
-    const bool unanswered = std::any_of(pendings.begin(), pendings.end(),
-                                        [](const Pending& pending) { return pending.kind == RtspStepKind::keepAlive; });
-    if (current != State::playing || unanswered)
+    if (current != State::playing)
         return Ignored{};
+    // Some devices never answer one: it must not keep the next from being sent. A late answer is ignored.
+    std::erase_if(pendings, [](const Pending& pending) { return pending.kind == RtspStepKind::keepAlive; });
     RtspKeepAlive choice = config.keepAlive;
     if (choice == RtspKeepAlive::automatic && methods.contains("GET_PARAMETER") && !getParameterRefused)
         choice = RtspKeepAlive::getParameter;

@@ -122,7 +122,7 @@ public:
     Step handle(const RtspRequest& request);
     /// After `Described`: sets the tracks up one after the other, then starts them all.
     Step setup(std::vector<RtspTrackRequest> requested);
-    /// A keep-alive; `Ignored` while one is unanswered or nothing is playing.
+    /// A keep-alive, whether or not the last one was answered; `Ignored` when nothing is playing.
     Step keepAlive();
     /// Ends the session, also one that failed half-way; `Closed` at once when the device has none of ours.
     Step teardown();

@@ -16,10 +16,11 @@ public:
     void feed(ByteView chunk)
     {
         tail.insert(tail.end(), chunk.begin(), chunk.end());
-        ByteView input(tail);
+        const Bytes exact(tail);  // without spare capacity, so that a sanitiser sees the first byte read beyond it
+        ByteView input(exact);
         while (take(input)) {
         }
-        tail.erase(tail.begin(), tail.end() - static_cast<std::ptrdiff_t>(input.size()));
+        tail.assign(input.begin(), input.end());
     }
 
     std::vector<std::string> found;
