@@ -170,8 +170,8 @@ std::optional<SessionHeader> parseSession(std::string_view value)
 
 std::optional<TransportHeader> parseTransport(std::string_view value)
 {
-    std::string_view specification = trim(cutAt(value, ','));
-    const std::string_view protocol = trim(cutAt(specification, ';'));
+    std::string_view alternative = trim(cutAt(value, ','));
+    const std::string_view protocol = trim(cutAt(alternative, ';'));
     if (!startsWithNoCase(protocol, "RTP/"))
         return std::nullopt;
 
@@ -180,8 +180,8 @@ std::optional<TransportHeader> parseTransport(std::string_view value)
     const std::string_view lowerTransport = lower == std::string_view::npos ? "UDP" : protocol.substr(lower + 1);
     transport.profile = protocol.substr(0, lower);
     transport.tcp = equalsNoCase(trim(lowerTransport), "TCP");
-    while (!specification.empty())
-        readTransportParameter(transport, cutAt(specification, ';'));
+    while (!alternative.empty())
+        readTransportParameter(transport, cutAt(alternative, ';'));
     return transport;
 }
 

@@ -55,7 +55,7 @@ struct NumberPair {
 using ChannelPair = NumberPair<std::uint8_t>;
 using PortPair = NumberPair<std::uint16_t>;
 
-/// One transport specification (RFC 2326 section 12.39). Parameters that are unknown or unreadable are
+/// One transport alternative (RFC 2326 section 12.39). Parameters that are unknown or unreadable are
 /// left out. A pair with one number stands for that number and the next.
 struct TransportHeader {
     std::string profile = "RTP/AVP";  ///< without the lower transport
@@ -71,7 +71,7 @@ struct TransportHeader {
     std::string destination;
     std::string mode;  ///< without quotes, for example PLAY
 };
-/// The first specification of the header; nothing when it does not begin with an RTP profile.
+/// The first alternative of the header; nothing when it does not begin with an RTP profile.
 std::optional<TransportHeader> parseTransport(std::string_view value);
 std::string write(const TransportHeader& transport);
 

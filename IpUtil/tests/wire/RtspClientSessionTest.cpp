@@ -160,6 +160,26 @@ TEST(RtspClientSession, asksStepByStepUntilItPlays)
     EXPECT_EQ(tracks[1].channels, (ChannelPair{2, 3}));
     EXPECT_EQ(tracks[1].firstSequenceNumber, 7);
     EXPECT_EQ(talk.session.sessionId(), "88");
+    EXPECT_EQ(talk.session.keepAliveInterval(), std::chrono::seconds(10)) << "the later answer named no timeout";
+}
+
+TEST(RtspClientSession, matchesRtpInfoByPathOrByBeingTheOnlyTrack)
+{
+    const auto playedWith = [](const std::string& rtpInfo, std::vector<RtspTrackRequest> tracks) {
+        Talk talk;
+        talk.toDescribed();
+        const std::size_t count = tracks.size();
+        talk.step = talk.session.setup(std::move(tracks));
+        for (std::size_t i = 0; i < count; ++i)
+            talk.answer(200, {"Session: 1"});
+        talk.answer(200, {"RTP-Info: " + rtpInfo});
+        return talk.session.tracks();
+    };
+    EXPECT_EQ(playedWith("url=rtsp://other/some/thing;seq=5", {{0}})[0].firstSequenceNumber, 5);
+    EXPECT_EQ(playedWith("url=;seq=5", {{0}})[0].firstSequenceNumber, 5);
+    const auto two = playedWith("url=trackID=2;seq=6,url=rtsp://other/some/thing;seq=5,url=;seq=4", {{0}, {1}});
+    EXPECT_FALSE(two[0].firstSequenceNumber);
+    EXPECT_EQ(two[1].firstSequenceNumber, 6);
 }
 
 TEST(RtspClientSession, takesTheChannelsThatTheDeviceNames)

@@ -210,6 +210,14 @@ TEST(Sdp, aPayloadTypeThatIsDescribedButNotListedIsAdded)
     EXPECT_EQ(video.formats[1].encoding, "H265");
 }
 
+TEST(Sdp, anRtpmapMayLeaveOutWhatAStaticPayloadTypeImplies)
+{
+    const SessionDescription sdp = described("v=0\nm=audio 0 RTP/AVP 0 8\na=rtpmap:0 pcmu\na=rtpmap:8 L16\n");
+    EXPECT_EQ(sdp.media.at(0).format(0)->clockRate, 8000U);
+    EXPECT_EQ(sdp.media.at(0).format(8)->encoding, "L16");
+    EXPECT_EQ(sdp.media.at(0).format(8)->clockRate, 0U) << "the rate of another encoding says nothing";
+}
+
 TEST(Sdp, refusesWhatIsNoDescription)
 {
     for (const std::string& text :
