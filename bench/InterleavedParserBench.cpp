@@ -10,7 +10,7 @@ namespace Tavro8::wire
 {
 namespace
 {
-constexpr std::size_t bufferBytes = 256 * 1024;  ///< what one read of a busy connection brings
+constexpr std::size_t bufferBytes = std::size_t{256} * 1024;  ///< what one read of a busy connection brings
 constexpr std::size_t payloadBytes = 1400;
 
 void appendFrame(Bytes& to, std::uint8_t channel, std::size_t count)

@@ -43,10 +43,11 @@ private:
 /// `Malformed` for good and the connection has to be made anew.
 class InterleavedParser {
 public:
-    static constexpr std::size_t maxHeadBytes = 32 * 1024;     ///< start line and headers of one message
-    static constexpr std::size_t maxHeaderCount = 128;         ///< header lines of one message
-    static constexpr std::size_t maxBodyBytes = 1024 * 1024;   ///< Content-Length
-    static constexpr std::size_t maxSkippedBytes = 64 * 1024;  ///< stray bytes in a row; a frame is never longer
+    static constexpr std::size_t maxHeadBytes = std::size_t{32} * 1024;    ///< start line and headers of one message
+    static constexpr std::size_t maxHeaderCount = 128;                     ///< header lines of one message
+    static constexpr std::size_t maxBodyBytes = std::size_t{1024} * 1024;  ///< Content-Length
+    static constexpr std::size_t maxSkippedBytes =
+        std::size_t{64} * 1024;  ///< stray bytes in a row; a frame is never longer
 
     struct NeedMore {
         std::size_t atLeast = 0;  ///< bytes still missing, 0 when unknown

@@ -61,7 +61,7 @@ struct SessionDescription {
     SdpDirection directionOf(const SdpMedia& section) const;
 };
 
-inline constexpr std::size_t maxSdpBytes = 256 * 1024;
+inline constexpr std::size_t maxSdpBytes = std::size_t{256} * 1024;
 inline constexpr std::size_t maxSdpMedia = 32;
 inline constexpr std::size_t maxSdpFormats = 64;     ///< payload types of one section
 inline constexpr std::size_t maxSdpParameters = 64;  ///< fmtp parameters of one payload type
