@@ -1,0 +1,80 @@
+#pragma once
+
+#include "media/RtpTime.h"
+
+#include <cstdint>
+#include <optional>
+
+namespace Tavro8::media
+{
+/// Maps RTP timestamps of one source to UTC milliseconds.
+///
+/// Until a sender report arrives the mapping is anchored at the arrival of the first packet and follows
+/// the least delayed packets since; a sender report replaces it. Results never decrease, also across
+/// `reset`. How a new mapping is approached:
+/// - by up to a second: gradually, at a tenth of the speed of time, so that frame intervals stay natural;
+/// - more than a second ahead: at once;
+/// - one to ten seconds behind: time runs at half speed until it is reached;
+/// - further behind: not at all. A device clock that far behind the frames already stamped cannot be
+///   reached without running backwards; arrival times stay in use until `reset`, and `isSenderClockUsed`
+///   says so.
+/// Timestamps are 32 bits and wrap; neighbouring ones may be at most half of that apart.
+class MediaClock {
+public:
+    /// `clockRate` in Hz; 0 counts as 90000.
+    explicit MediaClock(std::uint32_t clockRate) noexcept;
+
+    /// Tells of every packet, in order, before a frame of that packet is stamped. Cheap for packets that
+    /// repeat the timestamp of the one before.
+    void onPacket(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) noexcept
+    {
+        if (!anchored || rtpTimestamp != lastTimestamp)
+            onNewTimestamp(rtpTimestamp, arrival);
+    }
+
+    /// A report without a wall clock (NTP timestamp 0) is ignored.
+    void onSenderReport(const SenderReport& report) noexcept;
+
+    /// UTC milliseconds of a frame; not less than any result before. 0 before the first packet.
+    std::int64_t stamp(std::uint32_t rtpTimestamp) noexcept;
+
+    /// Forgets the mapping after a discontinuity; the next packet and sender report make a new one.
+    void reset() noexcept;
+
+    /// Carries the promise of never running backwards over a reconnection: later results are at least this.
+    void notBefore(std::int64_t utcMs) noexcept;
+
+    /// Length of a number of clock ticks, rounded to milliseconds.
+    std::uint32_t ticksToMs(std::uint32_t ticks) const noexcept;
+
+    bool isSenderClockUsed() const noexcept { return senderClockUsed; }
+
+private:
+    void onNewTimestamp(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) noexcept;
+    void anchor(std::uint32_t rtpTimestamp, std::int64_t arrivalUs) noexcept;
+    void followArrival(std::int64_t mediaUs, std::int64_t arrivalUs) noexcept;
+    void approachTarget(std::int64_t elapsedUs) noexcept;
+    std::int64_t mediaTimeUs(std::int64_t ticks) const noexcept;
+    std::int64_t extend(std::uint32_t rtpTimestamp) const noexcept;
+
+    std::int64_t clockRate;
+
+    bool anchored = false;
+    std::uint32_t lastTimestamp = 0;
+    std::int64_t lastTicks = 0;  // lastTimestamp without wrap
+    std::int64_t lastArrivalUs = 0;
+
+    // UTC = media time + offset, all in microseconds; the offset in use approaches the target.
+    std::int64_t offsetUs = 0;
+    std::int64_t targetUs = 0;
+    bool senderClockUsed = false;
+    std::optional<SenderReport> earlyReport;  // came before the first packet
+
+    // Least delay of a packet against the target within the present window; arrival mapping only.
+    std::int64_t windowBeginUs = 0;
+    std::int64_t windowLeastDelayUs = 0;
+
+    bool stamped = false;      // since the last reset
+    std::int64_t floorMs = 0;  // the last result
+};
+}  // namespace Tavro8::media

@@ -1,0 +1,101 @@
+#pragma once
+
+#include "media/Depacketiser.h"
+#include "media/FramePool.h"
+#include "media/MediaClock.h"
+#include "media/RtpReceiver.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <utility>
+
+namespace Tavro8::media
+{
+/// Takes the finished frames of a track, on the thread that fed the packets.
+class FrameSink {
+public:
+    /// The frame is valid during the call; make a `GDRV::FrameReference` to keep it. The sink must not
+    /// destroy the receiver that calls it, nor call back into it.
+    virtual void onFrame(const GDRV::MediaFrame& frame) = 0;
+
+protected:
+    ~FrameSink() = default;
+};
+
+/// Everything between a track's packets and its frames: receive state, clock, depacketiser.
+///
+/// Nothing is allocated for a packet or, once the pool is warm, for a frame. Not thread-safe: belongs to
+/// the I/O context of its stream. Make a new one for each connection, with `notBefore` telling where the
+/// previous one ended.
+class TrackReceiver final : private AccessUnitSink {
+public:
+    struct Options {
+        DepacketiserOptions depacketiser;
+        bool confirmRestart = false;  ///< for UDP; see `RtpReceiver::Settings`
+    };
+
+    struct Statistics {
+        std::uint64_t packets = 0;      ///< admitted RTP packets
+        std::uint64_t packetBytes = 0;  ///< their length, headers included
+        std::uint64_t frames = 0;       ///< handed to the sink
+        std::uint64_t keyFrames = 0;
+        std::uint64_t frameBytes = 0;  ///< payload handed to the sink
+        std::uint64_t lostPackets = 0;
+        std::uint64_t latePackets = 0;       ///< duplicates and packets that came too late
+        std::uint64_t foreignPackets = 0;    ///< of a payload type that is not the track's
+        std::uint64_t malformedPackets = 0;  ///< no RTP, or against the payload format
+        std::uint64_t droppedFrames = 0;     ///< held back by the loss policy
+        std::uint64_t damagedFrames = 0;
+        std::uint64_t restarts = 0;  ///< changes of the SSRC and jumps of the sequence
+    };
+
+    /// Null when there is no depacketiser for the format (`refusalOf` says why). `sink` must outlive it.
+    static std::unique_ptr<TrackReceiver> make(const TrackFormat& format, std::shared_ptr<FramePool> pool,
+                                               FrameSink& sink, const Options& options);
+    static std::unique_ptr<TrackReceiver> make(const TrackFormat& format, std::shared_ptr<FramePool> pool,
+                                               FrameSink& sink)
+    {
+        return make(format, std::move(pool), sink, Options{});
+    }
+
+    /// One RTP packet as received. The bytes are needed only during the call. Throws std::bad_alloc only.
+    void onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
+
+    void onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept;
+
+    /// The stream ends or pauses: hands out a frame that only waits for the next one to begin.
+    void flush() { depacketiser->flush(); }
+
+    /// Frame times are at least this; see `MediaClock::notBefore`.
+    void notBefore(std::int64_t utcMs) noexcept { clock.notBefore(utcMs); }
+
+    /// The block for the next RTCP receiver report; nothing while no packet has come.
+    std::optional<ReceptionReport> makeReport(std::chrono::steady_clock::time_point now) noexcept
+    {
+        return receiver.makeReport(now);
+    }
+
+    Statistics statistics() const noexcept;
+    RtpFault getLastFault() const noexcept { return lastFault; }  ///< of the last packet that was no RTP
+
+private:
+    TrackReceiver(const TrackFormat& format, std::shared_ptr<FramePool> framePool, FrameSink& frameSink,
+                  const Options& options);
+
+    void deliver(const RtpPacket& packet, const ArrivalTime& arrival);
+    void onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp) override;
+
+    std::shared_ptr<FramePool> pool;  // outlives the depacketiser, which uses it
+    FrameSink& sink;
+    RtpReceiver receiver;
+    MediaClock clock;
+    std::unique_ptr<Depacketiser> depacketiser;
+
+    std::optional<std::uint32_t> lastVideoTimestamp;  // of the last frame handed out, for durations
+    RtpFault lastFault = RtpFault::none;
+    std::uint64_t notRtp = 0;
+    Statistics totals;
+};
+}  // namespace Tavro8::media
