@@ -3,7 +3,7 @@
 #include "media/RtpTime.h"
 
 #include <cstdint>
-#include <optional>
+#include <limits>
 
 namespace Tavro8::media
 {
@@ -32,7 +32,9 @@ public:
             onNewTimestamp(rtpTimestamp, arrival);
     }
 
-    /// A report without a wall clock (NTP timestamp 0) is ignored.
+    /// A report of the source whose packets were told of; ignored before the first packet, and when the
+    /// sender knows no wall clock: NTP timestamp 0, or the time since it started, which RFC 3550 section
+    /// 6.4.1 tells by a clear highest bit.
     void onSenderReport(const SenderReport& report) noexcept;
 
     /// UTC milliseconds of a frame; not less than any result before. 0 before the first packet.
@@ -41,8 +43,15 @@ public:
     /// Forgets the mapping after a discontinuity; the next packet and sender report make a new one.
     void reset() noexcept;
 
-    /// Carries the promise of never running backwards over a reconnection: later results are at least this.
-    void notBefore(std::int64_t utcMs) noexcept;
+    /// What the clock of the next connection has to know so that times neither run backwards nor jump.
+    struct Carry {
+        std::int64_t floorMs = std::numeric_limits<std::int64_t>::min();  ///< the last result
+        std::int64_t skewUs = 0;  ///< the device's clock against ours, 0 while unknown
+    };
+    Carry carry() const noexcept { return {floorMs, presentSkewUs()}; }
+
+    /// Goes on where another clock ended; to be called before the first packet.
+    void resume(const Carry& previous) noexcept;
 
     /// Length of a number of clock ticks, rounded to milliseconds.
     std::uint32_t ticksToMs(std::uint32_t ticks) const noexcept;
@@ -51,8 +60,10 @@ public:
 
 private:
     void onNewTimestamp(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) noexcept;
-    void anchor(std::uint32_t rtpTimestamp, std::int64_t arrivalUs) noexcept;
-    void followArrival(std::int64_t mediaUs, std::int64_t arrivalUs) noexcept;
+    void anchor(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) noexcept;
+    void followArrival(std::int64_t mediaUs, const ArrivalTime& arrival) noexcept;
+    std::int64_t presentSkewUs() const noexcept;
+    bool aimAt(std::int64_t newTargetUs) noexcept;
     void approachTarget(std::int64_t elapsedUs) noexcept;
     std::int64_t mediaTimeUs(std::int64_t ticks) const noexcept;
     std::int64_t extend(std::uint32_t rtpTimestamp) const noexcept;
@@ -62,19 +73,19 @@ private:
     bool anchored = false;
     std::uint32_t lastTimestamp = 0;
     std::int64_t lastTicks = 0;  // lastTimestamp without wrap
-    std::int64_t lastArrivalUs = 0;
+    ArrivalTime lastArrival;
 
     // UTC = media time + offset, all in microseconds; the offset in use approaches the target.
     std::int64_t offsetUs = 0;
     std::int64_t targetUs = 0;
     bool senderClockUsed = false;
-    std::optional<SenderReport> earlyReport;  // came before the first packet
 
     // Least delay of a packet against the target within the present window; arrival mapping only.
-    std::int64_t windowBeginUs = 0;
-    std::int64_t windowLeastDelayUs = 0;
+    std::chrono::steady_clock::time_point windowBegin{};
+    std::int64_t leastDelayUs = 0;
 
-    bool stamped = false;      // since the last reset
-    std::int64_t floorMs = 0;  // the last result
+    bool stampedSinceAnchor = false;
+    std::int64_t floorMs = std::numeric_limits<std::int64_t>::min();  // the last result
+    std::int64_t skewUs = 0;                                          // as known before the present mapping
 };
 }  // namespace Tavro8::media

@@ -71,7 +71,8 @@ public:
     /// Judges an admitted packet in depacketising order.
     Continuity follow(std::uint16_t sequenceNumber) noexcept;
 
-    /// Reports of another source than the track's are ignored; returns whether it was the track's.
+    /// Ignores reports of a source other than the one whose packets are being admitted; returns whether
+    /// it was that one.
     bool onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept;
 
     /// The block for the next receiver report, or nothing while no packet was admitted. Starts a new
@@ -116,7 +117,7 @@ private:
     // Interarrival jitter (RFC 3550 A.8), scaled by 16.
     bool haveTransit = false;
     std::uint32_t lastTransit = 0;
-    std::uint32_t scaledJitter = 0;
+    std::uint64_t scaledJitter = 0;
 
     // Receiver reports (RFC 3550 A.3).
     std::uint64_t expectedPrior = 0;

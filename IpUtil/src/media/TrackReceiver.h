@@ -27,8 +27,8 @@ protected:
 /// Everything between a track's packets and its frames: receive state, clock, depacketiser.
 ///
 /// Nothing is allocated for a packet or, once the pool is warm, for a frame. Not thread-safe: belongs to
-/// the I/O context of its stream. Make a new one for each connection, with `notBefore` telling where the
-/// previous one ended.
+/// the I/O context of its stream. Make a new one for each connection, and hand it the
+/// `clockCarry` of the previous one.
 class TrackReceiver final : private AccessUnitSink {
 public:
     struct Options {
@@ -63,13 +63,22 @@ public:
     /// One RTP packet as received. The bytes are needed only during the call. Throws std::bad_alloc only.
     void onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
 
+    /// A sender report for this track. One that comes before the first packet of its source is kept for it.
     void onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept;
 
     /// The stream ends or pauses: hands out a frame that only waits for the next one to begin.
     void flush() { depacketiser->flush(); }
 
-    /// Frame times are at least this; see `MediaClock::notBefore`.
-    void notBefore(std::int64_t utcMs) noexcept { clock.notBefore(utcMs); }
+    /// For the receiver of the next connection.
+    MediaClock::Carry clockCarry() const noexcept { return clock.carry(); }
+
+    /// Goes on where the receiver of the previous connection ended: frame times neither run backwards nor
+    /// jump, and the first frame tells that others are missing before it. To be called before any packet.
+    void resume(const MediaClock::Carry& previous)
+    {
+        clock.resume(previous);
+        depacketiser->reset();
+    }
 
     /// The block for the next RTCP receiver report; nothing while no packet has come.
     std::optional<ReceptionReport> makeReport(std::chrono::steady_clock::time_point now) noexcept
@@ -84,6 +93,11 @@ private:
     TrackReceiver(const TrackFormat& format, std::shared_ptr<FramePool> framePool, FrameSink& frameSink,
                   const Options& options);
 
+    struct EarlyReport {
+        SenderReport report;
+        ArrivalTime arrival;
+    };
+
     void deliver(const RtpPacket& packet, const ArrivalTime& arrival);
     void onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp) override;
 
@@ -93,6 +107,7 @@ private:
     MediaClock clock;
     std::unique_ptr<Depacketiser> depacketiser;
 
+    std::optional<EarlyReport> earlyReport;
     std::optional<std::uint32_t> lastVideoTimestamp;  // of the last frame handed out, for durations
     RtpFault lastFault = RtpFault::none;
     std::uint64_t notRtp = 0;

@@ -1,0 +1,79 @@
+#include "media/Depacketiser.h"
+
+#include "media/G711Depacketiser.h"
+#include "media/VideoDepacketiser.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace Tavro8::media
+{
+namespace
+{
+using GDRV::MediaCodec;
+
+constexpr std::uint8_t largestPayloadType = 127;
+constexpr std::uint32_t videoClockRate = 90000;
+constexpr std::uint32_t telephoneClockRate = 8000;
+
+std::string_view valueOf(const TrackFormat& format, std::string_view name) noexcept
+{
+    const auto found = std::ranges::find(format.formatParameters, name,
+                                         [](const auto& parameter) { return std::string_view(parameter.first); });
+    return found == format.formatParameters.end() ? std::string_view() : std::string_view(found->second);
+}
+
+bool isPositiveNumber(std::string_view text) noexcept
+{
+    return text.find_first_of("123456789") != std::string_view::npos;
+}
+}  // namespace
+
+std::uint32_t clockRateOf(const TrackFormat& format) noexcept
+{
+    if (format.clockRate != 0)
+        return format.clockRate;
+    return isVideo(format.codec) ? videoClockRate : telephoneClockRate;
+}
+
+const char* refusalOf(const TrackFormat& format)
+{
+    if (format.payloadTypes.empty())
+        return "the track names no payload type";
+    if (std::ranges::any_of(format.payloadTypes, [](std::uint8_t type) { return type > largestPayloadType; }))
+        return "the track names a payload type above 127";
+    switch (format.codec) {
+    case MediaCodec::h264:
+        if (valueOf(format, "packetization-mode") == "2")
+            return "H.264 in interleaved packets (packetization-mode 2) is not supported";
+        return nullptr;
+    case MediaCodec::h265:
+        if (isPositiveNumber(valueOf(format, "sprop-max-don-diff")))
+            return "H.265 with decoding order numbers (sprop-max-don-diff) is not supported";
+        return nullptr;
+    case MediaCodec::g711U:
+    case MediaCodec::g711A:
+        return nullptr;
+    default:
+        return "the codec of the track is not supported";
+    }
+}
+
+std::unique_ptr<Depacketiser> makeDepacketiser(const TrackFormat& format, FramePool& pool, AccessUnitSink& sink,
+                                               const DepacketiserOptions& options)
+{
+    if (refusalOf(format) != nullptr)
+        return nullptr;
+    switch (format.codec) {
+    case MediaCodec::h264:
+        return std::make_unique<VideoDepacketiser<H264>>(format, pool, sink, options);
+    case MediaCodec::h265:
+        return std::make_unique<VideoDepacketiser<H265>>(format, pool, sink, options);
+    case MediaCodec::g711U:
+    case MediaCodec::g711A:
+        return std::make_unique<G711Depacketiser>(format, pool, sink);
+    default:
+        return nullptr;
+    }
+}
+}  // namespace Tavro8::media

@@ -1,0 +1,137 @@
+#include "media/H265.h"
+
+#include "media/BitReader.h"
+
+#include <array>
+
+namespace Tavro8::media
+{
+namespace
+{
+constexpr std::uint32_t maxSequenceSets = 16;
+constexpr std::uint32_t maxPictureSets = 64;
+constexpr std::uint32_t maxSide = 16384;
+
+constexpr unsigned firstRandomAccessType = 16;  // BLA, IDR, CRA and two reserved types
+constexpr unsigned lastRandomAccessType = 23;
+constexpr unsigned profileBits = 88;
+constexpr unsigned levelBits = 8;
+
+void skipProfileTierLevel(BitReader& reader, std::uint32_t subLayers) noexcept
+{
+    reader.skip(profileBits + levelBits);
+    std::array<std::uint32_t, 8> present{};
+    for (std::uint32_t i = 0; i < subLayers; ++i)
+        present[i] = reader.bits(2);
+    if (subLayers > 0)
+        reader.skip(2 * (8 - subLayers));
+    for (std::uint32_t i = 0; i < subLayers; ++i)
+        reader.skip(((present[i] & 2U) != 0 ? profileBits : 0) + ((present[i] & 1U) != 0 ? levelBits : 0));
+}
+
+PictureSize readPictureSize(BitReader& reader) noexcept
+{
+    std::uint32_t chroma = reader.unsignedGolomb();
+    if (chroma == 3 && reader.flag())
+        chroma = 0;
+    const std::uint32_t width = reader.unsignedGolomb();
+    const std::uint32_t height = reader.unsignedGolomb();
+    std::array<std::uint64_t, 4> crop{};  // left, right, top, bottom
+    if (reader.flag()) {
+        for (std::uint64_t& edge : crop)
+            edge = reader.unsignedGolomb();
+    }
+    const std::uint64_t cropX = (crop[0] + crop[1]) * (chroma == 1 || chroma == 2 ? 2 : 1);
+    const std::uint64_t cropY = (crop[2] + crop[3]) * (chroma == 1 ? 2 : 1);
+    if (reader.failed() || width > maxSide || height > maxSide || cropX >= width || cropY >= height)
+        return {};
+    return {width - static_cast<std::uint32_t>(cropX), height - static_cast<std::uint32_t>(cropY)};
+}
+
+std::optional<ParameterSetInfo> readSequenceSet(BitReader& reader) noexcept
+{
+    reader.skip(4);  // sps_video_parameter_set_id
+    const std::uint32_t subLayers = reader.bits(3);
+    reader.skip(1);  // sps_temporal_id_nesting_flag
+    skipProfileTierLevel(reader, subLayers);
+    ParameterSetInfo info;
+    info.id = reader.unsignedGolomb();
+    if (reader.failed() || info.id >= maxSequenceSets)
+        return std::nullopt;
+    info.size = readPictureSize(reader);
+    return info;
+}
+
+std::optional<ParameterSetInfo> readPictureSet(BitReader& reader) noexcept
+{
+    ParameterSetInfo info;
+    info.id = reader.unsignedGolomb();
+    info.parentId = reader.unsignedGolomb();
+    if (reader.failed() || info.id >= maxPictureSets || info.parentId >= maxSequenceSets)
+        return std::nullopt;
+    return info;
+}
+
+std::optional<ParameterSetInfo> readVideoSet(BitReader& reader) noexcept
+{
+    ParameterSetInfo info;
+    info.id = reader.bits(4);
+    return reader.failed() ? std::nullopt : std::optional(info);
+}
+}  // namespace
+
+NalRole H265::roleOf(std::span<const std::uint8_t> nal) noexcept
+{
+    const unsigned layer = ((nal[0] & 1U) << 5) | (nal[1] >> 3U);
+    if (layer != 0)
+        return NalRole::ignored;
+    const unsigned type = typeOf(nal[0]);
+    if (type <= 9)
+        return NalRole::slice;
+    if (type >= firstRandomAccessType && type <= 21)
+        return NalRole::keySlice;
+    switch (type) {
+    case 32:
+        return NalRole::videoSet;
+    case 33:
+        return NalRole::sequenceSet;
+    case 34:
+        return NalRole::pictureSet;
+    case 35:
+        return NalRole::delimiter;
+    case 39:  // prefix SEI
+        return NalRole::leading;
+    case 36:  // end of sequence
+    case 37:  // end of bitstream
+    case 40:  // suffix SEI
+        return NalRole::trailing;
+    default:
+        return NalRole::ignored;
+    }
+}
+
+std::optional<ParameterSetInfo> H265::readParameterSet(NalRole role, std::span<const std::uint8_t> nal) noexcept
+{
+    BitReader reader(nal.subspan(headerBytes));
+    if (role == NalRole::videoSet)
+        return readVideoSet(reader);
+    if (role == NalRole::sequenceSet)
+        return readSequenceSet(reader);
+    if (role == NalRole::pictureSet)
+        return readPictureSet(reader);
+    return std::nullopt;
+}
+
+SliceStart H265::readSliceStart(std::span<const std::uint8_t> nal) noexcept
+{
+    const unsigned type = typeOf(nal[0]);
+    BitReader reader(nal.subspan(headerBytes));
+    SliceStart start;
+    const bool first = reader.flag();
+    if (type >= firstRandomAccessType && type <= lastRandomAccessType)
+        reader.skip(1);  // no_output_of_prior_pics_flag
+    start.pictureSetId = reader.unsignedGolomb();
+    start.startsPicture = first && !reader.failed();
+    return start;
+}
+}  // namespace Tavro8::media

@@ -1,0 +1,171 @@
+#include "media/MediaClock.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace Tavro8::media
+{
+namespace
+{
+constexpr std::int64_t microsecondsPerSecond = 1'000'000;
+constexpr std::int64_t gradualCorrectionUs = microsecondsPerSecond;
+constexpr std::int64_t maxBackwardCorrectionUs = 10 * microsecondsPerSecond;
+constexpr std::chrono::seconds delayWindow{5};
+
+// Between two packets, media time and real time may differ that much before the timestamps count as new ones.
+constexpr std::int64_t maxTimestampJumpUs = 10 * microsecondsPerSecond;
+
+constexpr std::int64_t secondsFrom1900To1970 = 2'208'988'800;
+constexpr std::int64_t secondsPerNtpEra = std::int64_t{1} << 32;
+constexpr std::int64_t firstEraEndUs = (secondsPerNtpEra - secondsFrom1900To1970) * microsecondsPerSecond;
+
+std::int64_t toUs(std::chrono::system_clock::time_point utc) noexcept
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(utc.time_since_epoch()).count();
+}
+
+std::int64_t ntpToUnixUs(std::uint64_t ntp, std::int64_t era) noexcept
+{
+    const auto seconds = static_cast<std::int64_t>(ntp >> 32) + era * secondsPerNtpEra - secondsFrom1900To1970;
+    const auto fractionUs = static_cast<std::int64_t>(((ntp & 0xffffffffU) * 1'000'000U) >> 32);
+    return seconds * microsecondsPerSecond + fractionUs;
+}
+}  // namespace
+
+MediaClock::MediaClock(std::uint32_t rate) noexcept : clockRate(rate == 0 ? 90000 : rate) {}
+
+void MediaClock::onNewTimestamp(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) noexcept
+{
+    if (!anchored) {
+        anchor(rtpTimestamp, arrival);
+        return;
+    }
+    const std::int64_t ticks = extend(rtpTimestamp);
+    const std::int64_t mediaUs = mediaTimeUs(ticks);
+    const std::int64_t elapsedUs = mediaUs - mediaTimeUs(lastTicks);
+    const auto realUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(arrival.monotonic - lastArrival.monotonic).count();
+    if (elapsedUs - realUs > maxTimestampJumpUs || realUs - elapsedUs > maxTimestampJumpUs) {
+        anchor(rtpTimestamp, arrival);
+        return;
+    }
+    lastTimestamp = rtpTimestamp;
+    lastTicks = ticks;
+    lastArrival = arrival;
+    if (!senderClockUsed)
+        followArrival(mediaUs, arrival);
+    approachTarget(elapsedUs);
+}
+
+void MediaClock::anchor(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) noexcept
+{
+    skewUs = presentSkewUs();
+    anchored = true;
+    senderClockUsed = false;
+    stampedSinceAnchor = false;
+    lastTimestamp = rtpTimestamp;
+    lastTicks = 0;
+    lastArrival = arrival;
+    // Not before the floor: the results would stand still until the arrival times have caught up.
+    offsetUs = toUs(arrival.utc) + skewUs;
+    if (offsetUs / 1000 < floorMs)
+        offsetUs = floorMs * 1000;
+    targetUs = offsetUs;
+    windowBegin = arrival.monotonic;
+    leastDelayUs = std::numeric_limits<std::int64_t>::max();
+}
+
+/// Without sender reports: the least delayed packet tells best when frames were captured.
+void MediaClock::followArrival(std::int64_t mediaUs, const ArrivalTime& arrival) noexcept
+{
+    const std::int64_t delayUs = toUs(arrival.utc) + skewUs - mediaUs - targetUs;
+    leastDelayUs = std::min(leastDelayUs, delayUs);
+    if (delayUs >= 0 && arrival.monotonic - windowBegin < delayWindow)
+        return;
+    aimAt(targetUs + leastDelayUs);
+    windowBegin = arrival.monotonic;
+    leastDelayUs = std::numeric_limits<std::int64_t>::max();
+}
+
+void MediaClock::onSenderReport(const SenderReport& report) noexcept
+{
+    if (!anchored || report.ntpTimestamp == 0)
+        return;
+    const bool highestBit = (report.ntpTimestamp >> 63) != 0;
+    const bool secondEra = !highestBit && toUs(lastArrival.utc) > firstEraEndUs - 24 * 3600 * microsecondsPerSecond;
+    if (!highestBit && !secondEra)
+        return;
+    const std::int64_t utcUs = ntpToUnixUs(report.ntpTimestamp, secondEra ? 1 : 0);
+    senderClockUsed = aimAt(utcUs - mediaTimeUs(extend(report.rtpTimestamp)));
+}
+
+/// False when the target is too far behind; the mapping in use goes on then.
+bool MediaClock::aimAt(std::int64_t newTargetUs) noexcept
+{
+    const std::int64_t stepUs = newTargetUs - offsetUs;
+    const bool takesEffectUnseen = !stampedSinceAnchor && (mediaTimeUs(lastTicks) + newTargetUs) / 1000 >= floorMs;
+    if (takesEffectUnseen || stepUs > gradualCorrectionUs) {
+        targetUs = newTargetUs;
+        offsetUs = newTargetUs;
+        return true;
+    }
+    if (stepUs < -maxBackwardCorrectionUs)
+        return false;
+    targetUs = newTargetUs;
+    return true;
+}
+
+void MediaClock::approachTarget(std::int64_t elapsedUs) noexcept
+{
+    const std::int64_t gapUs = targetUs - offsetUs;
+    if (gapUs == 0 || elapsedUs <= 0)
+        return;
+    const std::int64_t stepUs = elapsedUs / (gapUs < -gradualCorrectionUs ? 2 : 10);
+    offsetUs += std::clamp(gapUs, -stepUs, stepUs);
+}
+
+std::int64_t MediaClock::stamp(std::uint32_t rtpTimestamp) noexcept
+{
+    if (!anchored)
+        return std::max<std::int64_t>(floorMs, 0);
+    stampedSinceAnchor = true;
+    floorMs = std::max(floorMs, (mediaTimeUs(extend(rtpTimestamp)) + offsetUs) / 1000);
+    return floorMs;
+}
+
+void MediaClock::reset() noexcept
+{
+    skewUs = presentSkewUs();
+    anchored = false;
+    senderClockUsed = false;
+}
+
+void MediaClock::resume(const Carry& previous) noexcept
+{
+    floorMs = std::max(floorMs, previous.floorMs);
+    skewUs = previous.skewUs;
+}
+
+std::int64_t MediaClock::presentSkewUs() const noexcept
+{
+    if (!anchored || !senderClockUsed)
+        return skewUs;
+    return mediaTimeUs(lastTicks) + targetUs - toUs(lastArrival.utc);
+}
+
+std::uint32_t MediaClock::ticksToMs(std::uint32_t ticks) const noexcept
+{
+    return static_cast<std::uint32_t>((std::int64_t{ticks} * 1000 + clockRate / 2) / clockRate);
+}
+
+std::int64_t MediaClock::mediaTimeUs(std::int64_t ticks) const noexcept
+{
+    return ticks / clockRate * microsecondsPerSecond + ticks % clockRate * microsecondsPerSecond / clockRate;
+}
+
+/// The timestamp without wrap, by its signed distance to the last one.
+std::int64_t MediaClock::extend(std::uint32_t rtpTimestamp) const noexcept
+{
+    return lastTicks + static_cast<std::int32_t>(rtpTimestamp - lastTimestamp);
+}
+}  // namespace Tavro8::media

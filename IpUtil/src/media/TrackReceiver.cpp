@@ -1,0 +1,105 @@
+#include "media/TrackReceiver.h"
+
+namespace Tavro8::media
+{
+namespace
+{
+// A longer pause between two frames is told as "unknown" rather than as a duration.
+constexpr std::uint32_t maxFrameDurationMs = 60'000;
+}  // namespace
+
+std::unique_ptr<TrackReceiver> TrackReceiver::make(const TrackFormat& format, std::shared_ptr<FramePool> pool,
+                                                   FrameSink& sink, const Options& options)
+{
+    if (refusalOf(format) != nullptr)
+        return nullptr;
+    return std::unique_ptr<TrackReceiver>(new TrackReceiver(format, std::move(pool), sink, options));
+}
+
+TrackReceiver::TrackReceiver(const TrackFormat& format, std::shared_ptr<FramePool> framePool, FrameSink& frameSink,
+                             const Options& options)
+    : pool(std::move(framePool)),
+      sink(frameSink),
+      receiver(RtpReceiver::Settings{format.payloadTypes, clockRateOf(format), options.confirmRestart}),
+      clock(clockRateOf(format)),
+      depacketiser(makeDepacketiser(format, *pool, *this, options.depacketiser))
+{}
+
+void TrackReceiver::onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival)
+{
+    RtpPacket packet;
+    if (const RtpFault fault = parseRtpPacket(bytes, packet); fault != RtpFault::none) {
+        lastFault = fault;
+        ++notRtp;
+        return;
+    }
+    switch (receiver.admit(packet, arrival)) {
+    case RtpReceiver::Admission::foreign:
+    case RtpReceiver::Admission::suspect:
+        return;
+    case RtpReceiver::Admission::restarted:
+        depacketiser->reset();
+        clock.reset();
+        lastVideoTimestamp.reset();
+        break;
+    case RtpReceiver::Admission::accepted:
+        break;
+    }
+    ++totals.packets;
+    totals.packetBytes += bytes.size();
+    deliver(packet, arrival);  // over UDP the reorder buffer stands here, and is emptied by a restart
+}
+
+void TrackReceiver::deliver(const RtpPacket& packet, const ArrivalTime& arrival)
+{
+    const RtpReceiver::Continuity continuity = receiver.follow(packet.sequenceNumber);
+    if (!continuity.inOrder)
+        return;
+    clock.onPacket(packet.timestamp, arrival);
+    if (earlyReport && earlyReport->report.ssrc == packet.ssrc) {
+        receiver.onSenderReport(earlyReport->report, earlyReport->arrival);
+        clock.onSenderReport(earlyReport->report);
+        earlyReport.reset();
+    }
+    depacketiser->push(packet, continuity.lostBefore != 0);
+}
+
+void TrackReceiver::onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept
+{
+    if (receiver.onSenderReport(report, arrival))
+        clock.onSenderReport(report);
+    else
+        earlyReport = EarlyReport{report, arrival};
+}
+
+void TrackReceiver::onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp)
+{
+    frame.timestampMs = clock.stamp(rtpTimestamp);
+    if (GDRV::isVideo(frame.codec)) {
+        // Pictures in decoding order may step back in time (B pictures): no duration then.
+        const auto ticks = static_cast<std::int32_t>(rtpTimestamp - lastVideoTimestamp.value_or(rtpTimestamp));
+        const std::uint32_t milliseconds = ticks > 0 ? clock.ticksToMs(static_cast<std::uint32_t>(ticks)) : 0;
+        frame.durationMs = milliseconds <= maxFrameDurationMs ? milliseconds : 0;
+        lastVideoTimestamp = rtpTimestamp;
+    }
+    ++totals.frames;
+    totals.keyFrames += frame.keyFrame ? 1 : 0;
+    totals.frameBytes += frame.data.size();
+    sink.onFrame(frame);
+}
+
+TrackReceiver::Statistics TrackReceiver::statistics() const noexcept
+{
+    const RtpReceiver::Counters& received = receiver.getCounters();
+    const Depacketiser::Counters& cut = depacketiser->getCounters();
+    Statistics result = totals;
+    result.lostPackets = received.lost;
+    result.latePackets = received.late + received.duplicate;
+    result.foreignPackets = received.foreign;
+    result.malformedPackets = notRtp + cut.malformed;
+    result.droppedFrames = cut.droppedFrames;
+    result.damagedFrames = cut.damagedFrames;
+    result.restarts = received.restarts;
+    return result;
+}
+}  // namespace Tavro8::media

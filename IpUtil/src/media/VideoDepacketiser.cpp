@@ -1,0 +1,337 @@
+#include "media/VideoDepacketiser.h"
+
+#include "media/AnnexB.h"
+
+#include <algorithm>
+#include <array>
+
+namespace Tavro8::media
+{
+namespace
+{
+// First guesses, for a stream of a few Mbit/s; the frames themselves correct them soon.
+constexpr std::size_t firstKeyBytes = 64 * 1024;
+constexpr std::size_t firstOtherBytes = 16 * 1024;
+
+// Enough of a slice for the fields that are read of its header.
+constexpr std::size_t sliceHeadBytes = 32;
+
+/// Follows growing frames at once and shrinking ones slowly, with a sixteenth to spare.
+std::size_t nextExpectation(std::size_t expected, std::size_t bytes) noexcept
+{
+    const std::size_t wanted = bytes + bytes / 16;
+    return wanted >= expected ? wanted : expected - (expected - wanted) / 8;
+}
+}  // namespace
+
+template <typename Codec>
+VideoDepacketiser<Codec>::VideoDepacketiser(const TrackFormat& format, FramePool& pool, AccessUnitSink& accessUnitSink,
+                                            const DepacketiserOptions& depacketiserOptions)
+    : options(depacketiserOptions),
+      sink(accessUnitSink),
+      builder(pool, depacketiserOptions.maxFrameBytes),
+      waitingForKey(depacketiserOptions.lossPolicy == LossPolicy::dropUntilKeyFrame),
+      expectedKeyBytes(firstKeyBytes),
+      expectedOtherBytes(firstOtherBytes)
+{
+    frame.startUncertain = true;  // the stream may be joined in the middle of a frame
+    for (const auto& nal : format.parameterSets) {
+        if (nal.size() <= Codec::headerBytes)
+            continue;
+        const NalRole role = Codec::roleOf(nal);
+        const auto info = Codec::readParameterSet(role, nal);
+        if (info)
+            sets.put(role, *info, nal);
+    }
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::push(const RtpPacket& packet, bool lostBefore)
+{
+    beginPacket(packet.timestamp, lostBefore);
+    const SplitResult result = Codec::split(packet.payload, *this);
+    if (result != SplitResult::whole)
+        ++counters.malformed;
+    if (result == SplitResult::broken) {
+        breakOffFragment();
+        frame.damaged = true;
+    }
+    if (packet.marker && frame.hasSlice)
+        endFrame();
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::flush()
+{
+    if (frame.hasSlice)
+        endFrame();
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::reset()
+{
+    builder.clear();
+    fragment = {};
+    frame = {};
+    frame.startUncertain = true;
+    resynchronising = true;
+    lossToTell = true;
+    followsOthers = true;
+    waitingForKey = options.lossPolicy == LossPolicy::dropUntilKeyFrame;
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::beginPacket(std::uint32_t timestamp, bool lostBefore)
+{
+    if (lostBefore) {
+        breakOffFragment();
+        resynchronising = true;
+        // Open and unmarked: its end may be among the missing packets.
+        if (frame.hasSlice)
+            frame.damaged = true;
+    }
+    if (frame.open && timestamp != frame.timestamp && frame.hasSlice)
+        endFrame();
+    if (lostBefore && !frame.hasSlice) {
+        frame.lostBefore = true;
+        frame.startUncertain = true;
+    }
+    frame.open = true;
+    frame.timestamp = timestamp;
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::addNal(std::span<const std::uint8_t> nal)
+{
+    breakOffFragment();
+    resynchronising = false;
+    const NalRole role = Codec::roleOf(nal);
+    if (isParameterSet(role)) {
+        takeParameterSet(role, nal);
+    } else if (prepareFor(role, nal)) {
+        append(startCode);
+        append(nal);
+        if (role == NalRole::delimiter)
+            frame.delimiterBytes = builder.size();
+    }
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::addFragment(bool isFirst, bool isLast, std::span<const std::uint8_t> nalHeader,
+                                           std::span<const std::uint8_t> body)
+{
+    if (isFirst) {
+        beginFragment(nalHeader, body);
+    } else if (!fragment.open) {
+        if (!resynchronising)
+            ++counters.malformed;
+        frame.damaged = true;
+        frame.hasSlice = frame.hasSlice || isSlice(Codec::roleOf(nalHeader));
+        return;
+    }
+    if (fragment.kept)
+        append(body);
+    if (isLast)
+        endFragment();
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::beginFragment(std::span<const std::uint8_t> nalHeader,
+                                             std::span<const std::uint8_t> body)
+{
+    breakOffFragment();
+    resynchronising = false;
+    std::array<std::uint8_t, sliceHeadBytes> head{};
+    const std::size_t bodyBytes = std::min(body.size(), head.size() - nalHeader.size());
+    const auto bodyPlace = std::ranges::copy(nalHeader, head.begin()).out;
+    std::ranges::copy(body.first(bodyBytes), bodyPlace);
+
+    fragment.open = true;
+    fragment.role = Codec::roleOf(nalHeader);
+    fragment.kept =
+        isParameterSet(fragment.role) || prepareFor(fragment.role, std::span(head).first(nalHeader.size() + bodyBytes));
+    fragment.begin = builder.size();
+    if (fragment.kept) {
+        append(startCode);
+        append(nalHeader);
+    }
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::endFragment()
+{
+    fragment.open = false;
+    if (!isParameterSet(fragment.role) || builder.size() < fragment.begin + startCode.size())
+        return;
+    takeParameterSet(fragment.role, builder.bytes().subspan(fragment.begin + startCode.size()));
+    builder.truncate(fragment.begin);
+}
+
+/// A fragmented NAL unit ends without its last fragment.
+template <typename Codec>
+void VideoDepacketiser<Codec>::breakOffFragment() noexcept
+{
+    if (!fragment.open)
+        return;
+    fragment.open = false;
+    frame.damaged = true;
+    if (isParameterSet(fragment.role))
+        builder.truncate(std::min(fragment.begin, builder.size()));
+}
+
+/// Makes the frame ready for a NAL unit that is no parameter set; false when it is to be left out.
+template <typename Codec>
+bool VideoDepacketiser<Codec>::prepareFor(NalRole role, std::span<const std::uint8_t> nalStart)
+{
+    switch (role) {
+    case NalRole::slice:
+    case NalRole::keySlice:
+        beginSlice(role, Codec::readSliceStart(nalStart));
+        return true;
+    case NalRole::delimiter:
+        return builder.empty() && !frame.hasSlice;
+    case NalRole::leading:
+        return true;
+    case NalRole::trailing:
+        return frame.hasSlice;
+    default:
+        return false;
+    }
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::beginSlice(NalRole role, const SliceStart& start)
+{
+    const bool refreshes = frame.sequenceSetInBand && frame.pictureSetInBand && start.intra;
+    const bool key = role == NalRole::keySlice || refreshes;
+    if (frame.hasSlice) {
+        frame.key = frame.key && key;
+        return;
+    }
+    frame.hasSlice = true;
+    frame.key = key;
+    const bool setsMissing = key && setsUsuallyInBand && !(frame.sequenceSetInBand && frame.pictureSetInBand);
+    if (frame.startUncertain && (!start.startsPicture || setsMissing))
+        frame.damaged = true;
+    if (key && !frame.startUncertain)
+        setsUsuallyInBand = frame.sequenceSetInBand && frame.pictureSetInBand;
+    if (!frame.oversized) {
+        builder.reserve(key ? expectedKeyBytes : expectedOtherBytes);
+        if (key || frame.anySetInBand)
+            insertParameterSets();
+    }
+    frame.size = sets.sizeFor(start.pictureSetId);
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::takeParameterSet(NalRole role, std::span<const std::uint8_t> nal)
+{
+    const auto info = Codec::readParameterSet(role, nal);
+    if (!info || !sets.put(role, *info, nal)) {
+        ++counters.malformed;
+        frame.damaged = true;
+        return;
+    }
+    frame.anySetInBand = true;
+    frame.sequenceSetInBand = frame.sequenceSetInBand || role == NalRole::sequenceSet;
+    frame.pictureSetInBand = frame.pictureSetInBand || role == NalRole::pictureSet;
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::insertParameterSets()
+{
+    const auto bytes = sets.annexB();
+    if (!builder.insert(frame.delimiterBytes, bytes)) {
+        giveUpBytes();
+        return;
+    }
+    frame.setsBytes = bytes.size();
+    frame.setsVersion = sets.version();
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::append(std::span<const std::uint8_t> bytes) noexcept
+{
+    if (!frame.oversized && !builder.append(bytes))
+        giveUpBytes();
+}
+
+/// The frame is larger than allowed, or memory is short: it only remains to see where it ends.
+template <typename Codec>
+void VideoDepacketiser<Codec>::giveUpBytes() noexcept
+{
+    if (!frame.oversized)
+        ++counters.oversizedFrames;
+    builder.clear();
+    frame.oversized = true;
+    frame.damaged = true;
+    frame.delimiterBytes = 0;
+    frame.setsBytes = 0;
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::endFrame()
+{
+    breakOffFragment();
+    const bool key = frame.key && !frame.damaged && hasDecoderSets();
+    if (frame.damaged)
+        ++counters.damagedFrames;
+    else
+        (frame.key ? expectedKeyBytes : expectedOtherBytes) =
+            nextExpectation(frame.key ? expectedKeyBytes : expectedOtherBytes, builder.size());
+
+    if (builder.empty() || isHeldBack(key)) {
+        ++counters.droppedFrames;
+        lossToTell = lossToTell || frame.damaged || frame.lostBefore;
+        waitingForKey = options.lossPolicy == LossPolicy::dropUntilKeyFrame;
+        builder.clear();
+    } else {
+        handOut(key);
+    }
+    frame = {};
+}
+
+template <typename Codec>
+bool VideoDepacketiser<Codec>::isHeldBack(bool key) const noexcept
+{
+    if (options.lossPolicy == LossPolicy::flag)
+        return false;
+    return frame.damaged || (!key && (waitingForKey || frame.lostBefore));
+}
+
+template <typename Codec>
+void VideoDepacketiser<Codec>::handOut(bool key)
+{
+    waitingForKey = waitingForKey && !key;
+    const auto bytes = builder.bytes();
+    GDRV::MediaFrame out;
+    out.codec = Codec::codec;
+    out.keyFrame = key;
+    out.lostPacketsBefore = followsOthers && (lossToTell || frame.lostBefore);
+    out.damaged = frame.damaged;
+    out.width = frame.size.width;
+    out.height = frame.size.height;
+    out.data = bytes;
+    if (frame.setsBytes != 0 && frame.setsVersion != toldSetsVersion) {
+        out.parameterSets = bytes.subspan(frame.delimiterBytes, frame.setsBytes);
+        toldSetsVersion = frame.setsVersion;
+    }
+    lossToTell = false;
+    followsOthers = true;
+
+    const FrameBuffer* const buffer = builder.take();
+    out.buffer = buffer;
+    const std::uint32_t timestamp = frame.timestamp;
+    sink.onAccessUnit(out, timestamp);
+    buffer->Release();
+}
+
+template <typename Codec>
+bool VideoDepacketiser<Codec>::hasDecoderSets() const noexcept
+{
+    return sets.has(NalRole::sequenceSet) && sets.has(NalRole::pictureSet);
+}
+
+template class VideoDepacketiser<H264>;
+template class VideoDepacketiser<H265>;
+}  // namespace Tavro8::media
