@@ -175,11 +175,9 @@ SliceStart H264::readSliceStart(std::span<const std::uint8_t> nal) noexcept
         return {};
     BitReader reader(nal.subspan(headerBytes));
     SliceStart start;
-    const std::uint32_t firstMacroblock = reader.unsignedGolomb();
-    const std::uint32_t sliceType = reader.unsignedGolomb();
+    start.startsPicture = reader.unsignedGolomb() == 0 && !reader.failed();
+    start.intra = reader.unsignedGolomb() % 5 == 2 && !reader.failed();
     start.pictureSetId = reader.unsignedGolomb();
-    start.startsPicture = firstMacroblock == 0 && !reader.failed();
-    start.intra = sliceType % 5 == 2 && !reader.failed();
     return start;
 }
 }  // namespace Tavro8::media

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Tavro8/GDRV/MediaFrame.h"
-#include "media/ByteOrder.h"
 #include "media/NalUnit.h"
+#include "wire/Bytes.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -78,7 +78,7 @@ private:
         while (!rest.empty()) {
             if (rest.size() < 3)
                 return SplitResult::broken;
-            const std::size_t bytes = readBe16(rest.data());
+            const std::size_t bytes = wire::readBe16(rest.data());
             if (bytes == 0 || bytes > rest.size() - 2)
                 return SplitResult::broken;
             const auto nal = rest.subspan(2, bytes);

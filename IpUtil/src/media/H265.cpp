@@ -127,11 +127,10 @@ SliceStart H265::readSliceStart(std::span<const std::uint8_t> nal) noexcept
     const unsigned type = typeOf(nal[0]);
     BitReader reader(nal.subspan(headerBytes));
     SliceStart start;
-    const bool first = reader.flag();
+    start.startsPicture = reader.flag();
     if (type >= firstRandomAccessType && type <= lastRandomAccessType)
         reader.skip(1);  // no_output_of_prior_pics_flag
     start.pictureSetId = reader.unsignedGolomb();
-    start.startsPicture = first && !reader.failed();
     return start;
 }
 }  // namespace Tavro8::media

@@ -1,6 +1,6 @@
 #include "media/RtpPacket.h"
 
-#include "media/ByteOrder.h"
+#include "wire/Bytes.h"
 
 namespace Tavro8::media
 {
@@ -38,9 +38,9 @@ RtpFault parseRtpPacket(std::span<const std::uint8_t> bytes, RtpPacket& packet) 
         return RtpFault::badVersion;
     packet.marker = (head[1] & 0x80) != 0;
     packet.payloadType = head[1] & 0x7f;
-    packet.sequenceNumber = readBe16(head + 2);
-    packet.timestamp = readBe32(head + 4);
-    packet.ssrc = readBe32(head + 8);
+    packet.sequenceNumber = wire::readBe16(head + 2);
+    packet.timestamp = wire::readBe32(head + 4);
+    packet.ssrc = wire::readBe32(head + 8);
     auto rest = bytes.subspan(fixedHeaderBytes);
 
     const std::size_t contributorBytes = (head[0] & 0x0fU) * 4U;
@@ -54,10 +54,10 @@ RtpFault parseRtpPacket(std::span<const std::uint8_t> bytes, RtpPacket& packet) 
     if ((head[0] & 0x10) != 0) {
         if (rest.size() < extensionHeaderBytes)
             return RtpFault::extensionCutOff;
-        const std::size_t extensionBytes = std::size_t{readBe16(rest.data() + 2)} * 4;
+        const std::size_t extensionBytes = std::size_t{wire::readBe16(rest.data() + 2)} * 4;
         if (extensionBytes > rest.size() - extensionHeaderBytes)
             return RtpFault::extensionCutOff;
-        packet.extensionProfile = readBe16(rest.data());
+        packet.extensionProfile = wire::readBe16(rest.data());
         packet.extension = rest.subspan(extensionHeaderBytes, extensionBytes);
         rest = rest.subspan(extensionHeaderBytes + extensionBytes);
     }

@@ -86,8 +86,9 @@ void VideoDepacketiser<Codec>::beginPacket(std::uint32_t timestamp, bool lostBef
     if (lostBefore) {
         breakOffFragment();
         resynchronising = true;
-        // Open and unmarked: its end may be among the missing packets.
-        if (frame.hasSlice)
+        // Either packets of this frame came on both sides of the gap, or it is open and unmarked, and its end
+        // may be among the missing ones.
+        if (frame.hasSlice || (frame.open && timestamp == frame.timestamp))
             frame.damaged = true;
     }
     if (frame.open && timestamp != frame.timestamp && frame.hasSlice)
@@ -202,19 +203,19 @@ bool VideoDepacketiser<Codec>::prepareFor(NalRole role, std::span<const std::uin
 template <typename Codec>
 void VideoDepacketiser<Codec>::beginSlice(NalRole role, const SliceStart& start)
 {
-    const bool refreshes = frame.sequenceSetInBand && frame.pictureSetInBand && start.intra;
-    const bool key = role == NalRole::keySlice || refreshes;
+    const bool setsInBand = frame.sequenceSetInBand && frame.pictureSetInBand;
+    const bool key = role == NalRole::keySlice || (setsInBand && start.intra);
     if (frame.hasSlice) {
         frame.key = frame.key && key;
         return;
     }
     frame.hasSlice = true;
     frame.key = key;
-    const bool setsMissing = key && setsUsuallyInBand && !(frame.sequenceSetInBand && frame.pictureSetInBand);
+    const bool setsMissing = key && setsUsuallyInBand && !setsInBand;
     if (frame.startUncertain && (!start.startsPicture || setsMissing))
         frame.damaged = true;
-    if (key && !frame.startUncertain)
-        setsUsuallyInBand = frame.sequenceSetInBand && frame.pictureSetInBand;
+    if (key && (setsInBand || !frame.startUncertain))
+        setsUsuallyInBand = setsInBand;
     if (!frame.oversized) {
         builder.reserve(key ? expectedKeyBytes : expectedOtherBytes);
         if (key || frame.anySetInBand)

@@ -1,0 +1,263 @@
+#include "media/MediaClock.h"
+
+#include <gtest/gtest.h>
+
+namespace Tavro8::media
+{
+namespace
+{
+using namespace std::chrono_literals;
+
+constexpr std::int64_t startMs = 1'700'000'000'000;
+constexpr std::uint64_t ntpOffsetSeconds = 2'208'988'800;
+
+ArrivalTime at(std::int64_t msSinceStart)
+{
+    const std::chrono::milliseconds since(msSinceStart);
+    return {std::chrono::steady_clock::time_point(5000s) + since,
+            std::chrono::system_clock::time_point(std::chrono::milliseconds(startMs)) + since};
+}
+
+SenderReport reportAt(std::int64_t utcMs, std::uint32_t rtpTimestamp)
+{
+    const auto seconds = static_cast<std::uint64_t>(utcMs / 1000) + ntpOffsetSeconds;
+    const auto fraction = (static_cast<std::uint64_t>(utcMs % 1000) << 32) / 1000 + 1;
+    return {1, seconds << 32 | fraction, rtpTimestamp};
+}
+
+/// Frames of 40 ms whose packets arrive at once; returns the results.
+struct Runner {
+    std::int64_t step(std::int64_t arrivalLateMs = 0)
+    {
+        const std::int64_t ms = frame++ * 40;
+        const auto timestamp = firstTimestamp + static_cast<std::uint32_t>(ms * 90);
+        clock.onPacket(timestamp, at(ms + arrivalLateMs));
+        last = clock.stamp(timestamp);
+        return last - startMs;
+    }
+    std::uint32_t timestampOf(std::int64_t index) const
+    {
+        return firstTimestamp + static_cast<std::uint32_t>(index * 3600);
+    }
+
+    MediaClock clock{90000};
+    std::uint32_t firstTimestamp = 0xffff0000;  // wraps within a second
+    std::int64_t frame = 0;
+    std::int64_t last = 0;
+};
+}  // namespace
+
+TEST(MediaClock, goesByArrivalUntilASenderReportComes)
+{
+    Runner run;
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(run.step(), i * 40);
+    EXPECT_FALSE(run.clock.isSenderClockUsed());
+}
+
+TEST(MediaClock, isNotMovedByPacketsThatComeLate)
+{
+    Runner run;
+    for (int i = 0; i < 500; ++i)
+        EXPECT_EQ(run.step(i % 3 == 0 ? 0 : 25), i * 40);
+}
+
+TEST(MediaClock, approachesEarlierArrivalsGradually)
+{
+    Runner run;
+    EXPECT_EQ(run.step(200), 200) << "the first packet was delayed";
+    std::int64_t previous = 200;
+    for (int i = 1; i < 100; ++i) {
+        const std::int64_t now = run.step();
+        EXPECT_GE(now - previous, 35);
+        EXPECT_LE(now - previous, 40);
+        previous = now;
+    }
+    EXPECT_EQ(previous, 99 * 40);
+}
+
+TEST(MediaClock, followsADriftingDeviceClock)
+{
+    // The device's clock runs 0.1 % fast: after ten minutes its media time is 600 ms ahead.
+    MediaClock clock(90000);
+    std::int64_t result = 0;
+    const int frames = 15000;
+    for (int i = 0; i <= frames; ++i) {
+        const auto timestamp = static_cast<std::uint32_t>(i) * 3604U;
+        clock.onPacket(timestamp, at(i * 40));
+        const std::int64_t now = clock.stamp(timestamp);
+        EXPECT_GE(now, result);
+        result = now;
+    }
+    EXPECT_NEAR(static_cast<double>(result - startMs), frames * 40.0, 10);
+}
+
+TEST(MediaClock, takesASenderReportAtOnceBeforeTheFirstFrame)
+{
+    Runner run;
+    run.clock.onPacket(run.timestampOf(0), at(0));
+    run.clock.onSenderReport(reportAt(startMs - 3'600'000, run.timestampOf(0)));
+    EXPECT_EQ(run.clock.stamp(run.timestampOf(0)), startMs - 3'600'000);
+    EXPECT_TRUE(run.clock.isSenderClockUsed());
+}
+
+TEST(MediaClock, approachesASmallCorrectionGradually)
+{
+    for (const int correction : {300, -300}) {
+        SCOPED_TRACE(correction);
+        Runner run;
+        for (int i = 0; i < 10; ++i)
+            run.step();
+        run.clock.onSenderReport(reportAt(startMs + 400 + correction, run.timestampOf(10)));
+        std::int64_t previous = run.last - startMs;
+        for (int i = 10; i < 110; ++i) {
+            const std::int64_t now = run.step();
+            EXPECT_GE(now - previous, 35);
+            EXPECT_LE(now - previous, 45);
+            previous = now;
+        }
+        EXPECT_NEAR(static_cast<double>(previous), 109 * 40 + correction, 1);
+    }
+}
+
+TEST(MediaClock, takesALargeStepAheadAtOnce)
+{
+    Runner run;
+    run.step();
+    run.clock.onSenderReport(reportAt(startMs + 3'600'000, run.timestampOf(0)));
+    EXPECT_NEAR(static_cast<double>(run.step()), 3'600'040, 1);
+}
+
+TEST(MediaClock, neverRunsBackwardsForASenderClockSomeSecondsBehind)
+{
+    Runner run;
+    for (int i = 0; i < 10; ++i)
+        run.step();
+    run.clock.onSenderReport(reportAt(startMs + 400 - 5000, run.timestampOf(10)));
+    EXPECT_TRUE(run.clock.isSenderClockUsed());
+    std::int64_t previous = run.last - startMs;
+    for (int i = 10; i < 700; ++i) {
+        const std::int64_t now = run.step();
+        EXPECT_GE(now, previous);
+        previous = now;
+    }
+    EXPECT_NEAR(static_cast<double>(previous), 699 * 40 - 5000, 1);
+}
+
+TEST(MediaClock, keepsToArrivalWhenTheSenderClockIsFarBehind)
+{
+    Runner run;
+    run.step();
+    run.clock.onSenderReport(reportAt(startMs - 3'600'000, run.timestampOf(0)));
+    EXPECT_FALSE(run.clock.isSenderClockUsed());
+    EXPECT_EQ(run.step(), 40);
+}
+
+TEST(MediaClock, ignoresReportsWithoutAWallClock)
+{
+    Runner run;
+    run.step();
+    run.clock.onSenderReport({1, 0, run.timestampOf(0)});
+    run.clock.onSenderReport({1, std::uint64_t{3600} << 32, run.timestampOf(0)});
+    EXPECT_FALSE(run.clock.isSenderClockUsed());
+    EXPECT_EQ(run.step(), 40);
+}
+
+TEST(MediaClock, understandsTheSecondNtpEra)
+{
+    constexpr std::int64_t in2040 = 2'208'988'800'000;  // 2040-01-01
+    MediaClock clock(90000);
+    const std::chrono::milliseconds utc(in2040);
+    clock.onPacket(0, {{}, std::chrono::system_clock::time_point(utc)});
+    const auto seconds = static_cast<std::uint32_t>(static_cast<std::uint64_t>(in2040 / 1000) + ntpOffsetSeconds);
+    clock.onSenderReport({1, std::uint64_t{seconds + 2} << 32, 0});
+    EXPECT_EQ(clock.stamp(0), in2040 + 2000);
+}
+
+TEST(MediaClock, keepsTheDeviceClockOverAReset)
+{
+    Runner run;
+    run.clock.onPacket(run.timestampOf(0), at(0));
+    run.clock.onSenderReport(reportAt(startMs - 3'600'000, run.timestampOf(0)));
+    run.step();
+    run.clock.reset();
+    run.clock.onPacket(12345, at(80));
+    EXPECT_NEAR(static_cast<double>(run.clock.stamp(12345) - startMs), -3'600'000 + 80, 1);
+    EXPECT_FALSE(run.clock.isSenderClockUsed());
+    run.clock.onSenderReport(reportAt(startMs - 3'600'000 + 80, 12345));
+    EXPECT_TRUE(run.clock.isSenderClockUsed());
+}
+
+TEST(MediaClock, goesOnWhereThePreviousConnectionEnded)
+{
+    Runner run;
+    run.clock.onPacket(run.timestampOf(0), at(0));
+    run.clock.onSenderReport(reportAt(startMs + 1'000'000, run.timestampOf(0)));
+    run.step();
+    const std::int64_t before = run.last;
+
+    MediaClock next(90000);
+    next.resume(run.clock.carry());
+    next.onPacket(777, at(2000));
+    EXPECT_NEAR(static_cast<double>(next.stamp(777) - before), 2000, 1);
+}
+
+TEST(MediaClock, neverGoesBelowWhatItWasToldToResumeFrom)
+{
+    MediaClock clock(90000);
+    clock.resume({startMs + 500, 0});
+    clock.onPacket(0, at(0));
+    EXPECT_EQ(clock.stamp(0), startMs + 500);
+    clock.onPacket(3600, at(40));
+    EXPECT_GE(clock.stamp(3600), startMs + 500 + 35) << "it does not stand still either";
+}
+
+TEST(MediaClock, takesALeapOfTheTimestampsForANewBeginning)
+{
+    Runner run;
+    for (int i = 0; i < 10; ++i)
+        run.step();
+    run.firstTimestamp += 0x40000000;
+    EXPECT_EQ(run.step(), 400);
+    EXPECT_EQ(run.step(), 440);
+}
+
+TEST(MediaClock, doesNotStepBackForPicturesInDecodingOrder)
+{
+    MediaClock clock(90000);
+    clock.onPacket(7200, at(0));
+    EXPECT_EQ(clock.stamp(7200), startMs);
+    clock.onPacket(3600, at(5));
+    EXPECT_EQ(clock.stamp(3600), startMs);
+    clock.onPacket(10800, at(40));
+    EXPECT_EQ(clock.stamp(10800), startMs + 40);
+}
+
+TEST(MediaClock, convertsDurations)
+{
+    EXPECT_EQ(MediaClock(90000).ticksToMs(3600), 40U);
+    EXPECT_EQ(MediaClock(90000).ticksToMs(3003), 33U);
+    EXPECT_EQ(MediaClock(8000).ticksToMs(160), 20U);
+    EXPECT_EQ(MediaClock(90000).ticksToMs(0xffffffffU), 47721859U);
+    EXPECT_EQ(MediaClock(0).ticksToMs(90000), 1000U);
+}
+
+TEST(MediaClock, staysInOrderWhateverComes)
+{
+    MediaClock clock(90000);
+    std::uint64_t random = 1;
+    std::int64_t previous = 0;
+    for (int i = 0; i < 20000; ++i) {
+        random = random * 6364136223846793005U + 1442695040888963407U;
+        const auto timestamp = static_cast<std::uint32_t>(random >> 32);
+        if (i % 7 == 0)
+            clock.onSenderReport({1, random, timestamp});
+        if (i % 1000 == 0)
+            clock.reset();
+        clock.onPacket(timestamp, at(i));
+        const std::int64_t now = clock.stamp(timestamp);
+        ASSERT_GE(now, previous);
+        previous = now;
+    }
+}
+}  // namespace Tavro8::media
