@@ -79,7 +79,7 @@ private:
     std::span<const std::uint8_t> bytes;
     std::size_t position = 0;
     unsigned zeroBytes = 0;
-    std::uint8_t current = 0;
+    unsigned current = 0;
     unsigned bitsLeft = 0;
     bool overrun = false;
 };

@@ -15,6 +15,7 @@ constexpr unsigned smallestShift = 9;
 constexpr unsigned largestShift = 24;
 constexpr std::uint32_t classCount = (largestShift - smallestShift) * 4 + 1;
 constexpr std::uint32_t notCached = std::numeric_limits<std::uint32_t>::max();
+constexpr std::size_t largestBufferBytes = std::size_t{1} << 30;  // nobody means more
 constexpr std::uint32_t classesAbove = 2;  // how much larger a cached buffer may be than asked for
 
 // The bytes begin on a cache line of their own, behind the header.
@@ -187,7 +188,7 @@ private:
     FrameBuffer& allocate(std::size_t capacity, std::uint32_t sizeClass)
     {
         void* memory = nullptr;
-        if (capacity <= std::numeric_limits<std::size_t>::max() - headerBytes)
+        if (capacity <= largestBufferBytes)
             memory = ::operator new (headerBytes + capacity, std::align_val_t{alignment}, std::nothrow);
         const std::lock_guard lock(mutex);
         if (memory == nullptr) {

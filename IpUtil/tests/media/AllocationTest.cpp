@@ -1,95 +1,9 @@
+#include "AllocationCounter.h"
 #include "MediaTestKit.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
-// Every form of operator new of this program counts.
-namespace
-{
-std::atomic<std::size_t> allocations{0};
-
-void* allocate(std::size_t bytes, std::size_t alignment) noexcept
-{
-    ++allocations;
-    const std::size_t rounded = (bytes + alignment) / alignment * alignment;
-    return std::aligned_alloc(alignment, rounded);
-}
-
-void* allocateOrThrow(std::size_t bytes, std::size_t alignment)
-{
-    if (void* const memory = allocate(bytes, alignment))
-        return memory;
-    throw std::bad_alloc();
-}
-}  // namespace
-
-void* operator new(std::size_t bytes)
-{
-    return allocateOrThrow(bytes, alignof(std::max_align_t));
-}
-void* operator new[](std::size_t bytes)
-{
-    return allocateOrThrow(bytes, alignof(std::max_align_t));
-}
-void* operator new(std::size_t bytes, std::align_val_t alignment)
-{
-    return allocateOrThrow(bytes, static_cast<std::size_t>(alignment));
-}
-void* operator new[](std::size_t bytes, std::align_val_t alignment)
-{
-    return allocateOrThrow(bytes, static_cast<std::size_t>(alignment));
-}
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, alignof(std::max_align_t));
-}
-void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, alignof(std::max_align_t));
-}
-void* operator new(std::size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, static_cast<std::size_t>(alignment));
-}
-void* operator new[](std::size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, static_cast<std::size_t>(alignment));
-}
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::align_val_t) noexcept
-{
-    std::free(memory);
-}
-void operator delete[](void* memory, std::align_val_t) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept
-{
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept
-{
-    std::free(memory);
-}
+#include <memory>
 
 namespace Tavro8::media
 {
@@ -149,11 +63,11 @@ void renumber(std::vector<Bytes>& packets, std::uint32_t round)
 
 TEST(Allocation, isCountedHere)
 {
-    const std::size_t before = allocations;
+    const std::size_t before = allocationCount();
     const auto one = std::make_unique<int>(1);
     FramePool pool;
     FrameBuffer& buffer = pool.acquire(1000);
-    EXPECT_EQ(allocations - before, 3U);
+    EXPECT_EQ(allocationCount() - before, 3U);
     buffer.Release();
 }
 
@@ -169,11 +83,11 @@ TEST(Allocation, doesNotHappenForPacketsAndFramesOnceWarm)
         for (std::uint32_t round = 0; round < 40; ++round) {
             renumber(packets, round);
             if (round == 4)
-                before = allocations;
+                before = allocationCount();
             for (const Bytes& packet : packets)
                 receiver->onRtp(packet, {});
         }
-        EXPECT_EQ(allocations - before, 0U);
+        EXPECT_EQ(allocationCount() - before, 0U);
         EXPECT_EQ(counter.frames, 40U * 25);
         EXPECT_EQ(receiver->statistics().lostPackets, 0U);
     }
@@ -192,10 +106,10 @@ TEST(Allocation, doesNotHappenForSoundOnceWarm)
         packet[2] = static_cast<std::uint8_t>(i >> 8);
         packet[3] = static_cast<std::uint8_t>(i);
         if (i == 10)
-            before = allocations;
+            before = allocationCount();
         receiver->onRtp(packet, {});
     }
-    EXPECT_EQ(allocations - before, 0U);
+    EXPECT_EQ(allocationCount() - before, 0U);
     EXPECT_EQ(counter.frames, 1000U);
 }
 
@@ -211,13 +125,13 @@ TEST(Allocation, doesNotHappenForStreamsThatShareAPool)
     for (std::uint32_t round = 0; round < 12; ++round) {
         renumber(packets, round);
         if (round == 4)
-            before = allocations;
+            before = allocationCount();
         for (const Bytes& packet : packets) {
             for (const auto& receiver : receivers)
                 receiver->onRtp(packet, {});
         }
     }
-    EXPECT_EQ(allocations - before, 0U);
+    EXPECT_EQ(allocationCount() - before, 0U);
     EXPECT_LE(pool->usage().bytesOut + pool->usage().bytesCached, 4U * 512 * 1024);
 }
 }  // namespace Tavro8::media
