@@ -143,7 +143,6 @@ TEST_P(ElementaryStream, neverPassesADamagedFrameForWholeWhicheverPacketIsMissin
                 if (frame.info.damaged)
                     continue;
                 ++whole;
-                // The timestamp was not told by the receiver; 40 ms frames tell their index by arrival order.
                 const auto nals = coreOf(GetParam(), splitAnnexB(frame.data));
                 EXPECT_TRUE(std::ranges::any_of(
                     units, [&](const AccessUnit& unit) { return coreOf(GetParam(), unit) == nals; }));
