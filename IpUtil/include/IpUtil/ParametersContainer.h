@@ -52,7 +52,12 @@ private:
 };
 
 /// True when the parameter is not set, or is an empty text. A value that is no text raises the cast error.
-IPUTIL_API bool isStringParameterEmpty(const ParametersContainer& parameters, const std::string& key);
+/// Defined here, so that the error does not cross the boundary of the library.
+inline bool isStringParameterEmpty(const ParametersContainer& parameters, const std::string& key)
+{
+    const auto text = parameters.get<std::string>(key);
+    return !text || text->empty();
+}
 
 /// Applies changed settings: each known name has a function that takes the value. Unknown names are left alone.
 /// Not thread-safe: filled while its device is being made, then called one at a time.
@@ -64,7 +69,8 @@ public:
     bool isEmpty() const noexcept { return entries.empty(); }
 
     /// Calls the function of each parameter that has one, in the order of their names. A function that throws
-    /// ends only its own parameter. Result: 0, 3 when a value was refused, 8 when no name is known.
+    /// ends only its own parameter. Result: 0, 3 when a value was refused, 8 when no name is known; 0 for an
+    /// empty map.
     std::int32_t apply(const ParameterMap& parameters) const;
 
 private:
