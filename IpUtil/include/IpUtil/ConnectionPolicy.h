@@ -54,32 +54,38 @@ public:
     void reportStreamLost();
 
 protected:
-    /// `handler` and `logger` may be null and are not owned. `service` must outlive the object.
-    AsyncConnectionPolicyBase(GDRV::IDeviceHandler* handler, ILogger* logger, GlobalService& service);
+    /// `handler` and `logger` may be null and are not owned. `service` must outlive the object. `backoff` paces the
+    /// attempts after a failure, and after a loss that follows soon upon the one before.
+    AsyncConnectionPolicyBase(GDRV::IDeviceHandler* handler, ILogger* logger, GlobalService& service,
+                              const Backoff& backoff = Backoff());
     virtual ~AsyncConnectionPolicyBase();
 
     /// One attempt; must end with exactly one call of `handleConnected`, on any thread. May block; must be quick
     /// once `cancellation()` is cancelled. Called again and again.
     virtual void tryConnect(const std::string& address) = 0;
 
-    /// How the attempt that is under way ended; `ec` is in the host category.
+    /// How the attempt that is under way ended; `ec` is in the host category. Accepted once an attempt; another call
+    /// is logged and ignored. An attempt that throws or returns without it failed with `ResultCode::unexpected`.
     void handleConnected(const error_code& ec);
 
-    /// Called after the state has changed and before the host is told, on the thread of the change.
+    /// Called after the state has changed and before the host is told, on the thread of the change. A close is no
+    /// loss.
     virtual void onConnected() {}
     virtual void onConnectionLost() {}
 
-    /// What handlers in flight hold so that the object stays alive; usually `shared_from_this()`.
+    /// What handlers in flight hold so that the object stays alive; usually `shared_from_this()`. Asked for in
+    /// `openConnection`.
     virtual std::shared_ptr<void> keepAlive() = 0;
     /// The object as the host knows it.
     virtual GDRV::IDevice* hostDevice() noexcept = 0;
 
-    /// Begins to connect to `address`; a second call while open closes first. Any thread.
+    /// Begins to connect to `address`; a second call while open closes first, and tells so. Any thread.
     void openConnection(const std::string& address);
     /// Ends the cycle: cancels the attempt under way and the next one, tells `Closed` when none is running any
-    /// more. Any thread.
+    /// more. An attempt that was given up is not told. Does nothing when the connection is not open. Any thread.
     void closeConnection();
-    /// As `closeConnection`, and afterwards nothing reaches the handler.
+    /// Ends the cycle; after it has returned nothing reaches the handler (when called from inside a handler call:
+    /// after that call), `Closed` included. Nothing can be opened any more. Any thread.
     void shutDown() noexcept;
 
     /// Bound to the requests of `tryConnect`.

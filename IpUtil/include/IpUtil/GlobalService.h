@@ -2,8 +2,10 @@
 
 #include <IpUtil/Export.h>
 #include <boost/asio/ts/netfwd.hpp>
+#include <cstddef>
 #include <functional>
 #include <memory>
+#include <utility>
 
 namespace Tavro8::Utility
 {
@@ -14,7 +16,9 @@ public:
     /// The service of the process, made when nobody holds one. Any thread.
     static std::shared_ptr<GlobalService> instance();
 
-    ~GlobalService();  ///< stops and joins the threads; what was queued is destroyed without having run
+    /// Stops and joins the threads; what was queued is destroyed without having run. When the last reference goes on
+    /// a thread of the service, another thread does so, shortly afterwards.
+    ~GlobalService();
     GlobalService(const GlobalService&) = delete;
     GlobalService& operator=(const GlobalService&) = delete;
 
@@ -26,7 +30,8 @@ public:
     /// fresh losses never queue behind their time-outs.
     enum class Lane { prompt, failing };
 
-    /// Runs `work` on a thread of the lane when one is free. `work` must not throw.
+    /// Runs `work` on a thread of the lane when one is free. `work` must not throw. Raises `std::system_error` when
+    /// the system gives no thread at all.
     void runBlocking(Lane lane, std::function<void()> work);
 
     /// Returns when everything that was running or due on every thread at the time of the call has ended. Must not
@@ -84,6 +89,8 @@ public:
     bool isClosed() const noexcept;
 
 private:
+    struct State;
+    /// One call that is under way. Lies on the stack, so that those of a thread end in reverse order.
     class IPUTIL_API Passage {
     public:
         explicit Passage(HandlerGate& gate) noexcept;
@@ -94,12 +101,11 @@ private:
 
     private:
         friend class HandlerGate;
-        std::shared_ptr<void> keepState;  // the gate itself may go while the passage is open
-        HandlerGate* gate;
-        Passage* outer;  // the passage that this thread entered before
-        bool open;
+        State* state;
+        Passage* outer;                    // the passage that this thread entered before
+        std::shared_ptr<State> keepState;  // set when this thread closes the gate: it may be destroyed then
+        bool open = false;
     };
-    struct State;
     std::shared_ptr<State> state;
 };
 }  // namespace Tavro8::Utility

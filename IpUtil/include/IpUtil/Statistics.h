@@ -5,6 +5,7 @@
 #include <Tavro8/GDRV/IDeviceChannel.h>
 #include <Tavro8/ILogger.h>
 #include <boost/asio/ts/netfwd.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -28,18 +29,21 @@ struct StreamCounters {
 /// no new report is made.
 class IPUTIL_API StatisticReporter {
 public:
-    /// `handler` may be null. `contract` is the source that the host is told about. Neither is owned.
+    /// `handler` may be null. `contract` is the source that the host is told about. Neither is owned. `service` must
+    /// outlive the reporter.
     StatisticReporter(ILogger* logger, GDRV::IAsyncDeviceChannelHandler* handler, IContract* contract,
-                      boost::asio::io_context& service);
+                      boost::asio::io_context& service, std::chrono::milliseconds interval = std::chrono::seconds(1));
     ~StatisticReporter();
     StatisticReporter(const StatisticReporter&) = delete;
     StatisticReporter& operator=(const StatisticReporter&) = delete;
 
-    /// Where the numbers come from; called on the I/O thread once a second. `gate` (shared with the source) stands
-    /// in front of the host's handler. Begins the reports.
+    /// Begins the reports. `counters` says where the numbers stand; called on the I/O thread with each report, never
+    /// after the destructor has returned, and must not destroy the reporter itself. `gate` (shared with the source)
+    /// stands in front of the host's handler.
     void start(std::shared_ptr<HandlerGate> gate, std::function<StreamCounters()> counters);
 
-    /// Keeps a further counter under its name and publishes everything at once. Any thread.
+    /// Keeps a further counter under its name and publishes everything at once, with the rates of the last whole
+    /// interval. "connects" and "reconnects" also fill the members of that name. Any thread.
     void updateStatistic(const std::string& name, const std::string& value);
 
 private:
