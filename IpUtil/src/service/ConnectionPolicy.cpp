@@ -25,7 +25,7 @@ constexpr auto steadyConnection = std::chrono::seconds(10);
 constexpr unsigned exchangeFailuresOfALoss = 2;
 
 /// One run of `tryConnect`, on its way through the lane. It ends when both the function has returned and its answer has
-/// been passed on, which may happen on different threads. Any thread; `mutex` guards everything but `outcome`.
+/// been passed on, which may happen on different threads. Any thread; `mutex` guards what is private.
 class Attempt {
 public:
     explicit Attempt(std::shared_ptr<void> owner) : owner(std::move(owner)) {}
@@ -65,7 +65,9 @@ public:
         return --participants == 0;
     }
 
-    error_code outcome;  ///< written by who answered, read when the attempt has ended
+    // Written by who answered, read when the attempt has ended:
+    error_code outcome;
+    bool givenUp = false;
 
 private:
     std::mutex mutex;
@@ -111,7 +113,7 @@ struct AsyncConnectionPolicyBase::State : std::enable_shared_from_this<State> {
     void close(std::optional<std::string> next);
     void lose(const error_code& ec, std::uint64_t lostConnection);
     void startAttempt(Lane lane);
-    void attemptEnded(const error_code& outcome);
+    void attemptEnded(const Attempt& ended);
     void retryLater();
     void startLater(std::chrono::milliseconds delay, Lane lane);
     void finishClose();
@@ -286,11 +288,10 @@ void AsyncConnectionPolicyBase::State::runAttempt(const std::shared_ptr<Attempt>
 
 void AsyncConnectionPolicyBase::State::conclude(Attempt& concluded, const error_code& ec)
 {
-    if (isGivenUp()) {  // who gave it up is told `Closed` and nothing else
-        concluded.outcome = make_error_code(ResultCode::cancelled);
-        return;
-    }
     concluded.outcome = ec;
+    concluded.givenUp = isGivenUp();
+    if (concluded.givenUp)
+        return;  // who gave it up is told `Closed` and nothing else
     const std::int32_t result = translateSystemError(ec);
     if (result != 0) {
         tellHost([result](GDRV::IDeviceHandler& host, GDRV::IDevice* device) { host.ConnectFailed(device, result); });
@@ -306,15 +307,19 @@ void AsyncConnectionPolicyBase::State::conclude(Attempt& concluded, const error_
 void AsyncConnectionPolicyBase::State::leave(const std::shared_ptr<Attempt>& left)
 {
     if (left->leave())
-        post([left](State& self) { self.attemptEnded(left->outcome); });
+        post([left](State& self) { self.attemptEnded(*left); });
 }
 
-void AsyncConnectionPolicyBase::State::attemptEnded(const error_code& outcome)
+void AsyncConnectionPolicyBase::State::attemptEnded(const Attempt& ended)
 {
     setAttempt(nullptr);
     if (closing)
         return finishClose();
-    if (outcome)
+    if (ended.givenUp) {  // the close that did so is on its way
+        phase = Phase::waiting;
+        return;
+    }
+    if (ended.outcome)
         return retryLater();
     phase = Phase::connected;
     connectedSince = Clock::now();

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <random>
-#include <regex>
 
 using namespace Tavro8;
 namespace fs = std::filesystem;
@@ -64,10 +63,12 @@ TEST_F(FileLogger, writesTimeSeverityPlaceAndMessage)
                       "RTSP port is reachable");
     const auto lines = readLines("module.log");
     ASSERT_EQ(lines.size(), 1U);
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z warning )"
-                                                      R"(Uniview::Device::tryConnect )"
-                                                      R"(Drivers/Uniview/src/ModuleDriver:12 RTSP port is reachable)")))
-        << lines[0];
+    std::string time = lines[0].substr(0, 24);
+    std::replace_if(
+        time.begin(), time.end(), [](char c) { return c >= '0' && c <= '9'; }, 'd');
+    EXPECT_EQ(time, "dddd-dd-ddTdd:dd:dd.dddZ");
+    EXPECT_EQ(lines[0].substr(24), " warning Uniview::Device::tryConnect Drivers/Uniview/src/ModuleDriver:12 "
+                                   "RTSP port is reachable");
 }
 
 TEST_F(FileLogger, hasALineBeforeItIsDestroyed)

@@ -96,8 +96,8 @@ TEST(GlobalService, runsEightBlockingWorksAtOnceAndNoMore)
 
 TEST(GlobalService, keepsTheLanesApart)
 {
+    Door door;  // outlives the service, whose threads pass it
     const auto service = GlobalService::instance();
-    Door door;
     for (int i = 0; i < 10; ++i)
         service->runBlocking(Lane::failing, [&] { door.pass(); });
     std::promise<void> reached;
