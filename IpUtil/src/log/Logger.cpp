@@ -27,7 +27,10 @@ namespace LoggerDetail
 {
 std::string TraitsConnectionInfo::prefix(const Value& value)
 {
-    return value == nullptr ? std::string() : "[" + asio::describeEndpoint(*value) + "] ";
+    std::string text;
+    if (value != nullptr)
+        text.append("[").append(asio::describeEndpoint(*value)).append("] ");
+    return text;
 }
 }  // namespace LoggerDetail
 }  // namespace Tavro8
