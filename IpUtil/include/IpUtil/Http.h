@@ -82,12 +82,20 @@ using CompletionHandler =
 using ConnectionInfoPtr = std::shared_ptr<const asio::ConnectionInfo>;
 using CancellationPtr = std::shared_ptr<ICancellation>;
 
-/// Requests that complete on `context`. `path` begins with '/'. Connections are kept and shared by all requests
-/// of one I/O context to one device, at most four at once, first come first served. Limits: 5 s to connect,
-/// 15 s for the whole request, 16 MiB a reply. A kept connection that turns out to be dead is replaced and a
-/// request that cannot have had its effect is repeated on it. Digest (MD5, MD5-sess, SHA-256) and basic
-/// authentication, the strongest that the device offers. `io_context` must outlive the request or be destroyed
-/// with it: a handler that has not run by then is destroyed with its context.
+/// Requests that complete on `context`, which one thread runs; any thread may issue them. `path` begins with '/'.
+///
+/// Connections are kept and shared by all requests of one I/O context to one device, at most four at once, first
+/// come first served; those of other contexts have their own. A connection that is merely kept does not keep
+/// `io_context::run` from returning. A kept connection that turns out to be dead is replaced, and the request is
+/// repeated on the new one, unless it is a POST that has left entirely and may have had its effect.
+///
+/// Limits: 5 s to connect, 15 s from the call to its completion, 16 MiB a reply. Digest (MD5, MD5-sess, SHA-256) and
+/// basic authentication, the strongest that the device offers. A body without a Content-Type among `headers` is sent
+/// as application/json. With `https` no certificate is checked, since devices carry self-signed ones.
+///
+/// `context` must outlive the request or be destroyed with it: a handler that has not run by then is destroyed with
+/// its context. A host name that is being resolved holds up the end of a context until the system's resolver gives
+/// up; an address does not.
 IPUTIL_API CancellationPtr asyncGetEx(const ConnectionInfoPtr& info, const std::string& path,
                                       boost::asio::io_context& context, CompletionHandler handler);
 IPUTIL_API CancellationPtr asyncGetEx(const ConnectionInfoPtr& info, const std::string& path,
