@@ -90,6 +90,16 @@ TransportHeader transportFor(const RtspTrackRequest& request, std::size_t trackN
     return transport;
 }
 
+RtspClientSession::Failed failureOf(RtspError error, RtspStepKind kind, const RtspResponse* response)
+{
+    RtspClientSession::Failed failed{error, kind, 0, {}};
+    if (response != nullptr) {
+        failed.status = response->status;
+        failed.reason = printable(response->reason);
+    }
+    return failed;
+}
+
 /// Path and query; devices write other hosts into RTP-Info than the one we are connected to.
 std::string_view targetOf(std::string_view url)
 {
@@ -296,6 +306,8 @@ RtspClientSession::Step RtspClientSession::send(RtspStepKind kind, std::string_v
         headers.add("User-Agent", config.userAgent);
     if (!config.require.empty())
         headers.add("Require", config.require);
+    for (const HeaderField& field : config.headers)
+        headers.add(field.name, field.value);
     if (!session.id.empty())
         headers.add("Session", session.id);
     return dispatch(std::move(pending));
@@ -358,6 +370,7 @@ RtspClientSession::Step RtspClientSession::refused(const Pending& pending, const
         return fail(errorOf(response.status), pending.kind, &response);
     case RtspStepKind::setup:
         if (wanted[settingUp].optional) {
+            lastRefusal = failureOf(errorOf(response.status), pending.kind, &response);
             ++settingUp;
             return setupNextTrack();
         }
@@ -381,12 +394,7 @@ RtspClientSession::Step RtspClientSession::fail(RtspError error, RtspStepKind ki
         current = State::failed;
         pendings.clear();
     }
-    Failed failed{error, kind, 0, {}};
-    if (response != nullptr) {
-        failed.status = response->status;
-        failed.reason = printable(response->reason);
-    }
-    return failed;
+    return failureOf(error, kind, response);
 }
 
 RtspClientSession::Step RtspClientSession::onOptions(const RtspResponse& response)
@@ -418,10 +426,17 @@ RtspClientSession::Step RtspClientSession::onDescribe(const RtspResponse& respon
     return Described{};
 }
 
+/// The device's last refusal says more than that nothing is left.
+RtspClientSession::Step RtspClientSession::failWithoutTracks()
+{
+    Step step = fail(RtspError::noTracks, RtspStepKind::setup, nullptr);
+    return lastRefusal ? Step(*lastRefusal) : step;
+}
+
 RtspClientSession::Step RtspClientSession::setupNextTrack()
 {
     if (settingUp >= wanted.size())
-        return established.empty() ? fail(RtspError::noTracks, RtspStepKind::setup, nullptr) : sendPlay();
+        return established.empty() ? failWithoutTracks() : sendPlay();
     const SdpMedia& media = sdp.media[wanted[settingUp].mediaIndex];
     HeaderList extra;
     extra.add("Transport", write(transportFor(wanted[settingUp], settingUp)));

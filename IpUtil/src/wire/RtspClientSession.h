@@ -56,6 +56,7 @@ struct RtspSessionConfig {
     CnonceGenerator cnonce;  ///< needed for digest; see `CnonceGenerator`
     std::string userAgent;   ///< no header when empty
     std::string require;     ///< feature tag for the Require header of every request, none when empty
+    HeaderList headers;      ///< further headers of every request
     std::string range;       ///< Range of PLAY, for example "npt=0.000-", none when empty
     std::string scale;       ///< Scale of PLAY, none when empty
     RtspKeepAlive keepAlive = RtspKeepAlive::automatic;
@@ -156,6 +157,7 @@ private:
     Step onPlay(const RtspResponse& response);
     Step sendDescribe();
     Step setupNextTrack();
+    Step failWithoutTracks();
     Step sendPlay();
     void adoptSession(const RtspResponse& response);
     void adoptRtpInfo(std::string_view value);
@@ -175,7 +177,8 @@ private:
     SessionHeader session;
 
     std::vector<RtspTrackRequest> wanted;
-    std::size_t settingUp = 0;  ///< index in `wanted`
+    std::size_t settingUp = 0;          ///< index in `wanted`
+    std::optional<Failed> lastRefusal;  ///< of an optional track: the reason when no other is left
     std::vector<RtspTrack> established;
 };
 }  // namespace Tavro8::wire

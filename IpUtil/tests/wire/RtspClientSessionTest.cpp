@@ -350,7 +350,8 @@ TEST(RtspClientSession, leavesARefusedOptionalTrackOut)
     Talk nothingLeft;
     nothingLeft.toDescribed();
     nothingLeft.step = nothingLeft.session.setup({{1, true, {}}});
-    EXPECT_EQ(nothingLeft.answer(461).failure().error, RtspError::noTracks);
+    EXPECT_EQ(nothingLeft.answer(461).failure().error, RtspError::unsupportedTransport);
+    EXPECT_EQ(nothingLeft.failure().status, 461U);
 }
 
 TEST(RtspClientSession, keepsAliveAtHalfOfTheTimeoutAndThirtySecondsAtMost)
@@ -452,6 +453,7 @@ TEST(RtspClientSession, namesTheRequiredFeatureOnEveryRequest)
     const std::string tag = "www.onvif.org/ver20/backchannel";
     RtspSessionConfig config = plainConfig();
     config.require = tag;
+    config.headers.add("X-Viewer", "7");
     config.range = "npt=0.000-";
     config.scale = "2.0";
     Talk talk(config);
@@ -460,6 +462,7 @@ TEST(RtspClientSession, namesTheRequiredFeatureOnEveryRequest)
         const RtspRequest request = talk.request();
         methods.push_back(request.method);
         EXPECT_EQ(request.headers.all("Require"), std::vector<std::string_view>{tag}) << request.method;
+        EXPECT_EQ(header(request, "X-Viewer"), "7") << request.method;
     };
     note();
     talk.toDescribe();
