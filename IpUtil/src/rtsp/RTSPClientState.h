@@ -1,0 +1,123 @@
+#pragma once
+
+#include "rtsp/RtspConnection.h"
+#include "rtsp/RtspTrack.h"
+#include "rtsp/StreamContext.h"
+#include "wire/RtspClientSession.h"
+
+#include <IpUtil/LoggerHelper.h>
+#include <IpUtil/RTSPClient.h>
+#include <Tavro8/ResultCode.h>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Tavro8::Utility
+{
+/// The RTSP client: feeds the session with the connection's messages, sends what it wants sent, gives media to the
+/// tracks, and watches the time. All of it runs on the I/O context.
+struct RTSPClient::State final : private StreamContext::Client, private RtspConnection::Events {
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    enum class Phase : std::uint8_t {
+        idle,
+        connecting,
+        connected,    // until `performDefaultSteps`
+        negotiating,  // until PLAY was answered
+        playing,
+        closing,  // TEARDOWN is out
+        closed,
+    };
+
+    State(boost::asio::io_context& io, ILogger* hostLogger);
+    ~State() override;
+
+    void initialize(const std::shared_ptr<const asio::ConnectionInfo>& info, const std::string& path,
+                    Completion handleSession);
+    void performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay);
+    std::weak_ptr<RTSPTrack> addTrack(TrackInitializer initializer);
+    void sendPacket(const std::weak_ptr<RTSPTrack>& weakTrack, const std::vector<std::uint8_t>& payload,
+                    std::uint32_t timestamp, Completion handleWritePacket);
+    void teardown(Completion completion);
+
+    RTSPClient* owner = nullptr;  // set right after construction, holds this object
+    boost::asio::io_context& service;
+    LoggerHelper logger;
+
+    RtspTransport transport = RtspTransport::tcp;
+    std::chrono::milliseconds connectTimeout = DEFAULT_CONNECT_TIMEOUT;
+    std::chrono::milliseconds stallTimeout{5000};
+    std::optional<RtspMethod> keepAliveMethod;
+    VideoSinkParams videoSink;
+    AudioSinkParams audioSink;
+    Completion onClosed;
+
+private:
+    static constexpr std::size_t maxTracks = 8;
+    static constexpr std::uint8_t nobody = 0xFF;
+
+    // StreamContext::Client
+    void onTick(TimePoint now) override;
+    void onContextShutdown() noexcept override;
+
+    // RtspConnection::Events
+    void onConnected() override;
+    void onMessage(const wire::RtspMessage& message) override;
+    void onInterleaved(const wire::InterleavedFrame& frame, const media::ArrivalTime& arrival) override;
+    void onBroken(const error_code& ec, const std::string& reason) override;
+    std::shared_ptr<void> keepAlive() override;
+
+    void perform(wire::RtspClientSession::Step step);
+    void send(const wire::RtspClientSession::Send& out);
+    void onDescribed();
+    void onPlaying();
+    void onKeepAliveRefused(unsigned status);
+    void mapChannels();
+
+    void supervise(TimePoint now);
+    bool watchProgress(TimePoint now);
+    void sendReports(TimePoint now);
+    std::chrono::milliseconds keepAliveInterval() const;
+
+    void fail(const error_code& ec, const char* step, const std::string& reason);
+    void sayGoodBye();
+    void finishTeardown();
+    void close() noexcept;
+    void dropTracks();
+    void tell(const Completion& completion, const error_code& ec) const noexcept;
+    void postResult(Completion completion, ResultCode result);
+
+    const StreamTiming timing;
+    RtspConnection connection;
+    std::optional<wire::RtspClientSession> session;
+    Phase phase = Phase::idle;
+    std::string url;  // without credentials
+    wire::Credentials credentials;
+    error_code lastFailure;
+    wire::RtspStepKind waitingFor = wire::RtspStepKind::options;
+
+    // What is told next; each is taken out before it is called, since it may tear down or be replaced.
+    Completion onSession;
+    SdpHandler onSdp;
+    Completion onPlay;
+    std::vector<Completion> onTornDown;
+
+    std::vector<std::shared_ptr<RTSPTrack>> tracks;
+    std::array<std::uint8_t, 256> channelTable;  // interleaved channel -> 2 * track, + 1 for RTCP
+    bool addingTracks = false;
+    bool delivering = false;
+    std::uint32_t ownSource;  // SSRC of our receiver reports
+
+    TimePoint deadline;
+    TimePoint nextKeepAlive;
+    TimePoint nextReport;
+    TimePoint lastProgress;
+    std::uint64_t admittedBefore = 0;
+    bool refusalReported = false;
+    bool skipReported = false;
+};
+}  // namespace Tavro8::Utility

@@ -1,0 +1,105 @@
+#pragma once
+
+#include "media/RtpTime.h"
+#include "rtsp/StreamContext.h"
+#include "wire/InterleavedParser.h"
+
+#include <IpUtil/ErrorCode.h>
+#include <boost/asio/ip/tcp.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Tavro8::Utility
+{
+/// The TCP connection of one RTSP session: resolves, connects, cuts what arrives into messages and interleaved
+/// frames, and writes in order. Knows neither requests nor time.
+///
+/// It waits until bytes are there and reads them into the buffer of its I/O context; only an incomplete unit at the
+/// end of a read is kept here. All of it runs on the I/O context.
+class RtspConnection {
+public:
+    /// Takes what happens. Every operation may close the connection; none is called afterwards.
+    class Events {
+    public:
+        virtual void onConnected() = 0;
+        virtual void onMessage(const wire::RtspMessage& message) = 0;
+        virtual void onInterleaved(const wire::InterleavedFrame& frame, const media::ArrivalTime& arrival) = 0;
+        /// The connection could not be made, has ended or sends what cannot be read; it is closed already. `ec` is
+        /// in the host category, `reason` a part of a sentence.
+        virtual void onBroken(const error_code& ec, const std::string& reason) = 0;
+        /// What the handlers in flight hold, so that the connection and its owner stay alive.
+        virtual std::shared_ptr<void> keepAlive() = 0;
+
+    protected:
+        ~Events() = default;
+    };
+
+    using Written = std::function<void(const error_code& ec)>;
+
+    RtspConnection(boost::asio::io_context& service, StreamContext& context, Events& events);
+
+    /// Once. Names are resolved, numeric addresses at once; the addresses of a name are tried in turn.
+    void connect(const std::string& host, std::uint16_t port);
+
+    /// Queues bytes; `done` (may be empty) is told when they have been handed to the system. It is dropped when the
+    /// connection breaks or is closed.
+    void send(std::vector<std::uint8_t> bytes, Written done = {});
+    /// What waits to be written.
+    std::size_t queuedBytes() const noexcept { return queued; }
+    /// Says good-bye as far as that is possible without waiting; for a connection that is closed right afterwards.
+    void sendAtOnce(const std::string& bytes) noexcept;
+
+    void close() noexcept;
+    /// The I/O context is going: let go of everything that belongs to it.
+    void release() noexcept;
+
+    /// Gives back memory that a burst needed; called now and then.
+    void trim();
+
+    std::uint64_t skippedBytes() const noexcept { return parser.skippedBytes(); }
+    /// Of an unfinished unit, as held between two reads.
+    std::size_t heldBytes() const noexcept { return tail.capacity(); }
+
+private:
+    using tcp = boost::asio::ip::tcp;
+    struct Outgoing {
+        std::vector<std::uint8_t> bytes;
+        Written done;
+    };
+
+    void resolve(const std::string& host, std::uint16_t port);
+    void connectNext();
+    void onConnect(const error_code& ec);
+    void waitReadable();
+    void onReadable(const error_code& ec);
+    void readTurn();
+    bool readOnce(std::span<std::uint8_t> buffer, std::size_t& held);
+    void parse(wire::ByteView& input, const media::ArrivalTime& arrival);
+    void writeNext();
+    void onWritten(const error_code& ec);
+    void breakWith(const error_code& ec, const std::string& reason);
+
+    boost::asio::io_context& service;
+    StreamContext& context;
+    Events& events;
+
+    std::optional<tcp::resolver> resolver;  // only for a name
+    std::optional<tcp::socket> socket;
+    std::vector<tcp::endpoint> endpoints;
+    std::size_t nextEndpoint = 0;
+    bool open = false;
+
+    wire::InterleavedParser parser;
+    std::vector<std::uint8_t> tail;  // an incomplete unit, until the rest of it arrives
+    bool readSinceTrim = false;
+
+    std::deque<Outgoing> outgoing;  // the first one is being written
+    std::size_t queued = 0;
+};
+}  // namespace Tavro8::Utility

@@ -1,0 +1,148 @@
+#include "rtsp/RtspTrack.h"
+
+#include "wire/Rtcp.h"
+
+#include <random>
+#include <utility>
+
+namespace Tavro8::Utility
+{
+namespace
+{
+constexpr std::size_t rtpHeaderBytes = 12;
+constexpr std::size_t maxInterleavedBytes = 0xFFFF;  // the length field has 16 bits
+
+/// The header of an interleaved frame, RFC 2326 section 10.12.
+std::vector<std::uint8_t> beginInterleaved(std::uint8_t channel, std::size_t payloadBytes)
+{
+    std::vector<std::uint8_t> bytes;
+    bytes.reserve(4 + payloadBytes);
+    bytes.push_back('$');
+    bytes.push_back(channel);
+    wire::appendBe16(bytes, static_cast<std::uint16_t>(payloadBytes));
+    return bytes;
+}
+
+wire::RtcpReportBlock blockOf(const media::ReceptionReport& report)
+{
+    return {report.ssrc,
+            report.fractionLost,
+            report.cumulativeLost,
+            report.extendedHighestSequence,
+            report.jitter,
+            report.lastSenderReport,
+            report.delaySinceLastSenderReport};
+}
+}  // namespace
+
+RTSPTrack::RTSPTrack(TrackInitializer initializer, const LoggerHelper& logger)
+    : initializer(std::move(initializer)), logger(logger)
+{
+    // RFC 3550 section 5.1: source and first sequence number are random.
+    std::random_device random;
+    sendSource = random();
+    sendSequence = static_cast<std::uint16_t>(random());
+}
+
+const char* RTSPTrack::receive(const media::TrackFormat& format, const std::shared_ptr<media::FramePool>& pool,
+                               LossHandling lossHandling)
+{
+    if (const char* refusal = media::refusalOf(format))
+        return refusal;
+    media::TrackReceiver::Options options;
+    options.depacketiser.lossPolicy =
+        lossHandling == LossHandling::flag ? media::LossPolicy::flag : media::LossPolicy::dropUntilKeyFrame;
+    receiver = media::TrackReceiver::make(format, pool, *this, options);
+    return receiver == nullptr ? "the format of the track is not supported" : nullptr;
+}
+
+void RTSPTrack::establish(const wire::ChannelPair& agreed) noexcept
+{
+    channels = agreed;
+}
+
+void RTSPTrack::onRtcp(wire::ByteView packet, const media::ArrivalTime& arrival)
+{
+    const wire::RtcpCompound compound = wire::parseRtcp(packet);
+    for (const wire::RtcpSenderReport& report : compound.senderReports) {
+        if (receiver != nullptr)
+            receiver->onSenderReport({report.ssrc, report.ntpTime, report.rtpTimestamp}, arrival);
+    }
+    if (!compound.byes.empty())
+        packetsAtBye = statistics().packets;
+}
+
+void RTSPTrack::onFrame(const GDRV::MediaFrame& frame)
+try {
+    if (!muted)
+        initializer.onFrame(frame);
+} catch (const std::exception& e) {
+    if (!std::exchange(throwReported, true))
+        logger.error("Tavro8::Utility::RTSPTrack::onFrame", e.what());
+}
+
+std::vector<std::uint8_t> RTSPTrack::makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now)
+{
+    if (receiver == nullptr || !channels)
+        return {};
+    const auto report = receiver->makeReport(now);
+    if (!report)
+        return {};
+    lastJitter = report->jitter;
+    const wire::RtcpReportBlock block = blockOf(*report);
+    wire::Bytes packet;
+    wire::appendReceiverReport(packet, ownSource, {&block, 1});
+    wire::appendSourceName(packet, ownSource, "IpUtil");  // RFC 3550 section 6.1: each compound packet names its source
+    auto bytes = beginInterleaved(channels->rtcp, packet.size());
+    bytes.insert(bytes.end(), packet.begin(), packet.end());
+    return bytes;
+}
+
+std::vector<std::uint8_t> RTSPTrack::makePacket(const std::vector<std::uint8_t>& payload, std::uint32_t timestamp)
+{
+    const std::size_t packetBytes = rtpHeaderBytes + payload.size();
+    if (!channels || packetBytes > maxInterleavedBytes)
+        return {};
+    auto bytes = beginInterleaved(channels->rtp, packetBytes);
+    const unsigned marker = sentAny ? 0x00 : 0x80;  // RFC 3551 section 4.1: the first packet of a talk spurt
+    bytes.push_back(0x80);                          // version 2
+    bytes.push_back(static_cast<std::uint8_t>(marker | (static_cast<unsigned>(description().payloadType) & 0x7F)));
+    wire::appendBe16(bytes, sendSequence++);
+    wire::appendBe32(bytes, timestamp);
+    wire::appendBe32(bytes, sendSource);
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    sentAny = true;
+    return bytes;
+}
+
+media::TrackReceiver::Statistics RTSPTrack::statistics() const noexcept
+{
+    return receiver == nullptr ? media::TrackReceiver::Statistics{} : receiver->statistics();
+}
+
+bool RTSPTrack::sendsOnlyForeign(const media::TrackReceiver::Statistics& total,
+                                 std::chrono::steady_clock::time_point now, std::chrono::milliseconds limit) noexcept
+{
+    const bool own = std::exchange(packetsBefore, total.packets) != total.packets;
+    const bool foreign = std::exchange(foreignBefore, total.foreignPackets) != total.foreignPackets;
+    if (own || total.packets == 0)
+        foreignSince.reset();
+    else if (foreign && !foreignSince)
+        foreignSince = now;
+    return foreign && foreignSince && now - *foreignSince >= limit;
+}
+
+StreamCounters RTSPTrack::counters() const noexcept
+{
+    const media::TrackReceiver::Statistics total = statistics();
+    StreamCounters result;
+    result.frames = total.frames;
+    result.keyFrames = total.keyFrames;
+    result.bytes = total.frameBytes;
+    result.lostPackets = total.lostPackets;
+    result.malformedPackets = total.malformedPackets;
+    if (description().clockRate != 0)
+        result.jitterMs = static_cast<std::uint32_t>(std::uint64_t{lastJitter} * 1000 / description().clockRate);
+    return result;
+}
+}  // namespace Tavro8::Utility
