@@ -71,8 +71,10 @@ struct TrackInitializer {
 /// An RTSP connection to a device: RTP and RTSP on one TCP connection (RFC 2326 section 10.12), digest or basic
 /// authentication, keep-alive at no more than half of the session's time-out.
 ///
-/// One thread: the I/O context it was made with. Always held by shared ownership; keeps itself alive until it is
-/// torn down or has failed. Each completion runs once, never inside the call that takes it.
+/// One thread: the I/O context it was made with, which one thread runs. Always held by shared ownership; keeps itself
+/// alive until it is torn down or has failed. Each completion runs once, never inside the call that takes it, and not
+/// at all after `teardown` or when the context is destroyed first. Error codes are of the host category. Whoever is
+/// told a failure need not tear down: the connection is closed already, and one log line names request, URL and status.
 class IPUTIL_API RTSPClient : public std::enable_shared_from_this<RTSPClient> {
 public:
     using Completion = std::function<void(const error_code& ec)>;
@@ -102,14 +104,17 @@ public:
                     Completion handleSession);
 
     /// OPTIONS and DESCRIBE with `headers` on every request from now on; `handleSdp` is told the description and
-    /// adds the tracks it wants during the call; then SETUP of each and PLAY; `handlePlay` is told the outcome.
-    /// When `handleSdp` adds no track nothing is set up and `handlePlay` is told `noSuchStream`.
+    /// adds the tracks it wants during the call; then SETUP of each and PLAY; `handlePlay` is told the outcome. A
+    /// failure up to the description is told to `handleSdp` alone, a later one to `handlePlay` alone. When `handleSdp`
+    /// adds no track nothing is set up and `handlePlay` is told `noSuchStream`. Of several tracks those that the
+    /// device refuses are left out. Frames may come before `handlePlay`.
     void performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay);
 
-    /// Only inside `handleSdp`.
+    /// Only inside `handleSdp`. Nothing when the track cannot be received; the reason is logged.
     std::weak_ptr<RTSPTrack> addTrack(TrackInitializer initializer);
 
-    /// Sends one RTP payload on a track that plays; `timestamp` in the track's clock.
+    /// Sends one RTP payload on a track that plays; `timestamp` in the track's clock. Fails with `noResources` while
+    /// too much waits to be written, because the device does not read.
     void sendPacket(const std::weak_ptr<RTSPTrack>& track, std::vector<std::uint8_t> payload, std::uint32_t timestamp,
                     Completion handleWritePacket);
 

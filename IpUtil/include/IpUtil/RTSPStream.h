@@ -26,7 +26,8 @@ public:
 
     virtual MediaKind mediaKind() const noexcept = 0;
 
-    /// Called before each connection: the receiver puts its settings and sink parameters on the client.
+    /// Called before each connection (right after `onConnectionStart`), and for a receiver that comes while one is
+    /// being made: the receiver puts its settings and sink parameters on the client.
     virtual void initializeClient(RTSPClient& client) = 0;
 
     /// Called each time the client begins a connection.
@@ -40,7 +41,9 @@ public:
 };
 
 /// One RTSP stream of a device, shared by its receivers over one connection. It connects while it has a receiver,
-/// reconnects with back-off when the connection breaks or nothing arrives, and closes when the last one has gone.
+/// reconnects when the connection breaks, nothing arrives or the format changes (at once when it had played for a
+/// while, else with back-off), and closes when the last one has gone. Of several video or audio tracks it takes the
+/// first that can be received; tracks that the device marks `sendonly` are back channels and not for it.
 ///
 /// Public operations may be called on any thread; they are carried out on `service()`.
 class IPUTIL_API RTSPStream : public std::enable_shared_from_this<RTSPStream> {
@@ -65,7 +68,8 @@ public:
     virtual boost::asio::io_context& service() const noexcept;
 
     /// Adds a receiver; the stream connects when it has one. A stream that plays without this receiver's kind of
-    /// track is set up again with it.
+    /// track is set up again with it; one that shares a running video track sees it begin with a key frame that names
+    /// its parameter sets.
     virtual void regReceiver(const std::shared_ptr<RTSPReceiver>& receiver);
 
     /// Removes a receiver; `completion` (may be empty) runs on `service()` once nothing more reaches it.

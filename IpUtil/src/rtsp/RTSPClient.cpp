@@ -345,7 +345,14 @@ void RTSPClient::State::sendPacket(const std::weak_ptr<RTSPTrack>& weakTrack, co
 void RTSPClient::State::onTick(Clock::time_point now)
 {
     const auto self = keepAlive();
-    connection.trim();
+    guardedVoid(logger, "Tavro8::Utility::RTSPClient::onTick", [&] {
+        connection.trim();
+        judgeTime(now);
+    });
+}
+
+void RTSPClient::State::judgeTime(Clock::time_point now)
+{
     const bool late = now >= deadline;
     switch (phase) {
     case Phase::connecting:

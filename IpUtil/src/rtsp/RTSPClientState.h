@@ -78,6 +78,7 @@ private:
     void onKeepAliveRefused(unsigned status);
     void mapChannels();
 
+    void judgeTime(TimePoint now);
     void supervise(TimePoint now);
     bool watchProgress(TimePoint now);
     void sendReports(TimePoint now);

@@ -226,14 +226,16 @@ void RTSPStream::State::onPlay(const error_code& ec)
     played = true;
     lost = false;
     playingSince = std::chrono::steady_clock::now();
+    bool leftOut = false;
     for (const MediaKind kind : bothKinds) {
         if (isSetUp(kind))
             of(kind).missingReported = false;
-        tellState(kind, stateOf(kind));
+        if (!of(kind).requested && of(kind).described && wants(kind))
+            leftOut = true;  // somebody has come since the tracks were chosen
+        else
+            tellState(kind, stateOf(kind));
     }
-    // Somebody may have come since the tracks were chosen.
-    const auto isLeftOut = [this](MediaKind kind) { return wants(kind) && !of(kind).requested && of(kind).described; };
-    if (std::ranges::any_of(bothKinds, isLeftOut))
+    if (leftOut)
         reconnect();
 }
 

@@ -48,22 +48,23 @@ void RtspConnection::resolve(const std::string& host, std::uint16_t port)
     resolver->async_resolve(
         host, std::to_string(port), tcp::resolver::numeric_service,
         [this, alive = events.keepAlive()](const error_code& ec, const tcp::resolver::results_type& results) {
-            if (!open)
-                return;
-            if (ec || results.empty())
-                return breakWith(ResultCode::nameNotResolved, "the host name cannot be resolved");
-            endpoints.assign(results.begin(), results.end());
-            connectNext();
+            guard([&] { onResolved(ec, results); });
         });
+}
+
+void RtspConnection::onResolved(const error_code& ec, const tcp::resolver::results_type& results)
+{
+    if (ec || results.empty())
+        return breakWith(ResultCode::nameNotResolved, "the host name cannot be resolved");
+    endpoints.assign(results.begin(), results.end());
+    connectNext();
 }
 
 void RtspConnection::connectNext()
 {
     socket.emplace(service);
-    socket->async_connect(endpoints[nextEndpoint++], [this, alive = events.keepAlive()](const error_code& ec) {
-        if (open)
-            onConnect(ec);
-    });
+    socket->async_connect(endpoints[nextEndpoint++],
+                          [this, alive = events.keepAlive()](const error_code& ec) { guard([&] { onConnect(ec); }); });
 }
 
 void RtspConnection::onConnect(const error_code& ec)
@@ -82,21 +83,17 @@ void RtspConnection::onConnect(const error_code& ec)
 
 void RtspConnection::waitReadable()
 {
-    socket->async_wait(tcp::socket::wait_read, [this, alive = events.keepAlive()](const error_code& ec) {
-        if (open)
-            onReadable(ec);
-    });
+    socket->async_wait(tcp::socket::wait_read,
+                       [this, alive = events.keepAlive()](const error_code& ec) { guard([&] { onReadable(ec); }); });
 }
 
 void RtspConnection::onReadable(const error_code& ec)
-try {
+{
     if (ec)
         return breakWith(hostError(ec), ec.message());
     readTurn();
     if (open)
         waitReadable();
-} catch (const std::exception& e) {  // memory has run out: this stream ends, the others go on
-    breakWith(ResultCode::noResources, e.what());
 }
 
 void RtspConnection::readTurn()
@@ -174,17 +171,16 @@ void RtspConnection::send(std::vector<std::uint8_t> bytes, Written done)
 
 void RtspConnection::writeNext()
 {
-    boost::asio::async_write(*socket, boost::asio::buffer(outgoing.front().bytes),
-                             [this, alive = events.keepAlive()](const error_code& ec, std::size_t) { onWritten(ec); });
+    boost::asio::async_write(
+        *socket, boost::asio::buffer(outgoing.front().bytes),
+        [this, alive = events.keepAlive()](const error_code& ec, std::size_t) { guard([&] { onWritten(ec); }); });
 }
 
 void RtspConnection::onWritten(const error_code& ec)
 {
-    Outgoing written = std::move(outgoing.front());
+    const Outgoing written = std::move(outgoing.front());
     outgoing.pop_front();
     queued -= written.bytes.size();
-    if (!open)
-        return;
     if (ec)
         return breakWith(hostError(ec), "cannot send: " + ec.message());
     if (!outgoing.empty())
@@ -230,6 +226,17 @@ void RtspConnection::trim()
 {
     if (!std::exchange(readSinceTrim, false) && tail.capacity() > modestTailBytes && tail.size() <= modestTailBytes)
         tail.shrink_to_fit();
+}
+
+/// For handlers: nothing happens once the connection is closed, and when memory has run out this stream ends and the
+/// others go on.
+template <typename Body>
+void RtspConnection::guard(Body&& body)
+try {
+    if (open)
+        std::forward<Body>(body)();
+} catch (const std::exception& e) {
+    breakWith(ResultCode::noResources, e.what());
 }
 
 void RtspConnection::breakWith(const error_code& ec, const std::string& reason)

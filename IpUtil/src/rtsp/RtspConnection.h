@@ -74,6 +74,7 @@ private:
     };
 
     void resolve(const std::string& host, std::uint16_t port);
+    void onResolved(const error_code& ec, const tcp::resolver::results_type& results);
     void connectNext();
     void onConnect(const error_code& ec);
     void waitReadable();
@@ -83,6 +84,8 @@ private:
     void parse(wire::ByteView& input, const media::ArrivalTime& arrival);
     void writeNext();
     void onWritten(const error_code& ec);
+    template <typename Body>
+    void guard(Body&& body);
     void breakWith(const error_code& ec, const std::string& reason);
 
     boost::asio::io_context& service;
