@@ -62,9 +62,8 @@ public:
     /// Gives back memory that a burst needed; called now and then.
     void trim();
 
+    /// Stray bytes that belonged to no unit.
     std::uint64_t skippedBytes() const noexcept { return parser.skippedBytes(); }
-    /// Of an unfinished unit, as held between two reads.
-    std::size_t heldBytes() const noexcept { return tail.capacity(); }
 
 private:
     using tcp = boost::asio::ip::tcp;
