@@ -1,0 +1,351 @@
+#pragma once
+
+#include <IpUtil/GlobalService.h>
+#include <IpUtil/LoggerHelper.h>
+#include <IpUtil/ParametersContainer.h>
+#include <IpUtil/RTSPClient.h>
+#include <IpUtil/RTSPStream.h>
+#include <IpUtil/Statistics.h>
+#include <Tavro8/GDRV/ILiveSource.h>
+#include <atomic>
+#include <boost/any.hpp>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace Tavro8::Utility
+{
+/// Where a live source is made: what the host gave for it.
+struct LiveSourceContext {
+    GDRV::IMediaFrameHandler* frames = nullptr;  ///< not owned, may be null
+    ParameterMap parameters;                     ///< the channel's parameters
+    std::string objectName;                      ///< "vs 0.1", "chan 0"
+    std::uint32_t channel = 0;                   ///< counted from 0
+    std::uint32_t stream = 0;                    ///< counted from 0
+};
+
+/// What differs between the kinds of source: its kind of media, and the name of its host interface as log lines give
+/// it.
+template <typename I>
+struct LiveSourceTraits;
+
+template <>
+struct LiveSourceTraits<GDRV::IVideoSource> {
+    static constexpr MediaKind kind = MediaKind::video;
+    static constexpr const char* interfaceName = "struct Tavro8::GDRV::IVideoSource";
+};
+
+template <>
+struct LiveSourceTraits<GDRV::IAudioSource> {
+    static constexpr MediaKind kind = MediaKind::audio;
+    static constexpr const char* interfaceName = "struct Tavro8::GDRV::IAudioSource";
+};
+
+/// Life cycle of a live source towards the host: create, start, stop, report the stop, destroy; registration with
+/// the RTSP stream; statistics.
+///
+/// Threads: host threads call the `GDRV` operations; the stream's I/O thread calls the `RTSPReceiver` operations and
+/// `reportStop`. `steps` serialises starting and stopping, and guards `stream`, `reporter` and `connects`; the host is
+/// never called while it is held. `handler` and `frames` are the host's and are called through `gate`, which `Destroy`
+/// closes.
+template <typename I, typename Device>
+class RTSPReceiverBase : public I,
+                         public RTSPReceiver,
+                         public std::enable_shared_from_this<RTSPReceiverBase<I, Device>> {
+public:
+    /// `device` is not owned and outlives the source; `handler` is not owned and may be null; `parent` is only logged.
+    RTSPReceiverBase(Device* device, GDRV::IAsyncDeviceChannelHandler* handler, IContract* parent,
+                     LiveSourceContext context)
+        : device(device),
+          handler(handler),
+          context(std::move(context)),
+          parameters(this->context.parameters),
+          deviceLogger(device->getLogger()),
+          lifetime(device->getLifetimeToken()),
+          logger(deviceLogger.get(), "IpUtil/include/RTSPReceiverBase", this->context.objectName),
+          gate(std::make_shared<HandlerGate>())
+    {
+        logger.info(names().create.c_str(), "Create", "handler=", static_cast<const void*>(handler),
+                    ", parent=", static_cast<const void*>(parent));
+    }
+
+    /// Gives the host's ownership to the object itself; `Destroy` drops it. Once, right after construction.
+    void adopt() { self = this->shared_from_this(); }
+
+    void* FindContract(const char* name) noexcept override
+    {
+        return findContractIn<I, GDRV::IDeviceChannel, IContract>(static_cast<I*>(this), name);
+    }
+    std::uint32_t GetChannelIndex() const noexcept override { return context.channel; }
+
+    void Start() noexcept override
+    {
+        const auto keep = this->shared_from_this();  // the host may destroy the source from inside `Started`
+        guardedVoid(logger, names().start.c_str(), [this] {
+            logger.info(names().start.c_str(), "Starting...");
+            if (!startSteps()) {
+                logger.info(names().start.c_str(), "Skip Start as already started");
+                return;
+            }
+            if (handler != nullptr)
+                gate->call([this] { handler->Started(contract()); });
+            logger.info(names().start.c_str(), "Started");
+        });
+    }
+
+    void Stop() noexcept override
+    {
+        const auto keep = this->shared_from_this();
+        guardedVoid(logger, names().stop.c_str(), [this, &keep] {
+            logger.info(names().stop.c_str(), "Stopping...");
+            switch (stopSteps([keep] { keep->reportStop(); })) {
+            case StopOutcome::alreadyStopped:
+                logger.info(names().stop.c_str(), "Skip Stop as already stopped");
+                break;
+            case StopOutcome::withoutStream:
+                logger.info(names().stop.c_str(), "Stopping not started");
+                break;
+            case StopOutcome::unregistering:
+                break;
+            }
+        });
+    }
+
+    /// The stream has really stopped; on the stream's I/O thread.
+    void reportStop() noexcept
+    {
+        guardedVoid(logger, names().reportStop.c_str(), [this] {
+            logger.info(names().reportStop.c_str(), "Stopped.");
+            if (handler != nullptr)
+                gate->call([this] { handler->Stopped(contract()); });
+        });
+    }
+
+    void Destroy() noexcept override
+    {
+        const auto last = std::move(self);
+        guardedVoid(logger, names().destroy.c_str(), [this] {
+            logger.info(names().destroy.c_str(), "Destroy");
+            gate->close();
+            stopSteps({});
+        });
+    }
+
+    // RTSPReceiver; on the stream's I/O thread.
+    MediaKind mediaKind() const noexcept override { return LiveSourceTraits<I>::kind; }
+
+    void initializeClient(RTSPClient& client) override { initializeRTSPClientFromParams(client, parameters); }
+
+    void onConnectionStart() override
+    {
+        if (const auto statistic = currentConnects())
+            statistic->onConnectionStart();
+    }
+
+    void onFrame(const GDRV::MediaFrame& frame) noexcept override
+    {
+        if (context.frames != nullptr)
+            gate->call([this, &frame] { context.frames->OnFrame(contract(), frame); });
+    }
+
+    void onStreamState(const error_code& ec) override
+    {
+        if (ec)
+            logger.warning(names().start.c_str(), "No media: ", ec.message());
+    }
+
+protected:
+    /// The stream to receive from; may be null when there is none.
+    virtual std::shared_ptr<RTSPStream> getStream() = 0;
+
+    IContract* contract() noexcept { return static_cast<I*>(this); }
+
+    /// The stream that the source is registered with, or null.
+    std::shared_ptr<RTSPStream> currentStream() const
+    {
+        const std::lock_guard lock(steps);
+        return stream;
+    }
+
+    Device* const device;
+    GDRV::IAsyncDeviceChannelHandler* const handler;
+    const LiveSourceContext context;
+    ParametersContainer parameters;  // the channel's; thread-safe
+
+private:
+    enum class StopOutcome { alreadyStopped, withoutStream, unregistering };
+
+    /// Names of the operations as log lines give them; one set for each instantiation.
+    struct OperationNames {
+        std::string create, start, stop, reportStop, destroy;
+    };
+    static const OperationNames& names()
+    {
+        static const std::string prefix = std::string("Tavro8::Utility::RTSPReceiverBase<") +
+                                          LiveSourceTraits<I>::interfaceName + ",class Uniview::Device>::";
+        static const OperationNames all{prefix + "RTSPReceiverBase", prefix + "Start", prefix + "Stop",
+                                        prefix + "reportStop", prefix + "Destroy"};
+        return all;
+    }
+
+    bool startSteps()
+    {
+        const std::lock_guard lock(steps);
+        std::int32_t stopped = 0;
+        if (!started.compare_exchange_strong(stopped, 1))
+            return false;
+        auto wanted = getStream();
+        if (wanted == nullptr)
+            return true;
+        makeStatistics(*wanted);
+        if (wanted != stream) {
+            if (stream != nullptr)
+                stream->unregReceiver(this->shared_from_this(), {});
+            stream = std::move(wanted);
+            stream->regReceiver(this->shared_from_this());
+        }
+        return true;
+    }
+
+    StopOutcome stopSteps(std::function<void()> completion)
+    {
+        const std::lock_guard lock(steps);
+        std::int32_t running = 1;
+        if (!started.compare_exchange_strong(running, 0))
+            return StopOutcome::alreadyStopped;
+        reporter.reset();
+        if (stream == nullptr)
+            return StopOutcome::withoutStream;
+        std::exchange(stream, nullptr)->unregReceiver(this->shared_from_this(), std::move(completion));
+        return StopOutcome::unregistering;
+    }
+
+    void makeStatistics(RTSPStream& source)
+    {
+        reporter = std::make_shared<StatisticReporter>(deviceLogger.get(), handler, contract(), source.service());
+        // Both callbacks run on the I/O thread and may come when the source or the reporter has gone.
+        connects = std::make_shared<ConnectsStatistic>(
+            [weak = std::weak_ptr(reporter)](const std::string& name, const std::string& value) {
+                if (const auto target = weak.lock())
+                    target->updateStatistic(name, value);
+            });
+        reporter->start(gate, [weak = this->weak_from_this()] {
+            const auto receiver = weak.lock();
+            const auto from = receiver ? receiver->currentStream() : nullptr;
+            return from ? from->counters(*receiver) : StreamCounters{};
+        });
+    }
+
+    std::shared_ptr<ConnectsStatistic> currentConnects() const
+    {
+        const std::lock_guard lock(steps);
+        return connects;
+    }
+
+    // Shared with the device, so that a source whose last handler runs late needs the device no more.
+    const std::shared_ptr<ILogger> deviceLogger;
+    const std::shared_ptr<void> lifetime;
+
+protected:
+    const LoggerHelper logger;
+
+private:
+    const std::shared_ptr<HandlerGate> gate;
+    std::atomic<std::int32_t> started{0};  // changed by compare-and-swap alone
+    mutable std::mutex steps;
+    std::shared_ptr<RTSPStream> stream;           // what this source is registered with
+    std::shared_ptr<StatisticReporter> reporter;  // while started
+    std::shared_ptr<ConnectsStatistic> connects;
+    std::shared_ptr<RTSPReceiverBase> self;  // the host's reference
+};
+
+/// Binds the receiver to the live streams of its device.
+template <typename I, typename Device>
+class RTSPReceiverSource : public RTSPReceiverBase<I, Device> {
+public:
+    using RTSPReceiverBase<I, Device>::RTSPReceiverBase;
+
+protected:
+    std::shared_ptr<RTSPStream> getStream() override
+    {
+        return this->device->getSource().getStream(this->context.channel, this->context.stream);
+    }
+};
+
+/// Settings that can be changed while the source runs.
+template <typename I, typename Device>
+class RTSPReceiverAdjustable : public RTSPReceiverSource<I, Device> {
+public:
+    using RTSPReceiverSource<I, Device>::RTSPReceiverSource;
+
+protected:
+    /// Whether the new values take effect only with a new RTSP connection. Values that are what they were need none.
+    virtual bool parametersRequireRTSPClientReconnect(const ParameterMap& changed) const = 0;
+
+    /// Takes over new parameters and restarts the stream when they require it.
+    void adjust(const ParameterMap& changed)
+    {
+        const bool reconnect = parametersRequireRTSPClientReconnect(changed);
+        this->parameters.setPersistentParams(changed);
+        if (!reconnect)
+            return;
+        if (const auto running = this->currentStream())
+            running->restart();
+    }
+
+    /// True when `key` is among the new values and differs from the present one. Both are compared as `T`.
+    template <typename T>
+    bool changes(const ParameterMap& changed, const std::string& key) const
+    {
+        const auto found = changed.find(key);
+        if (found == changed.end())
+            return false;
+        const T* const wanted = boost::any_cast<T>(&found->second);
+        const auto stored = this->parameters.getPersistentParam(key);
+        const T* const present = stored ? boost::any_cast<T>(&*stored) : nullptr;
+        return wanted == nullptr || present == nullptr || *wanted != *present;
+    }
+};
+
+/// A live source of pictures.
+template <typename Device>
+class RTSPReceiverVideoSource : public RTSPReceiverAdjustable<GDRV::IVideoSource, Device> {
+public:
+    using RTSPReceiverAdjustable<GDRV::IVideoSource, Device>::RTSPReceiverAdjustable;
+
+protected:
+    bool parametersRequireRTSPClientReconnect(const ParameterMap& changed) const override
+    {
+        return this->template changes<std::string>(changed, "codec") ||
+               this->template changes<std::string>(changed, "resolution") ||
+               this->template changes<std::string>(changed, "transport");
+    }
+};
+
+/// A live source of sound.
+template <typename Device>
+class RTSPReceiverAudioSource : public RTSPReceiverAdjustable<GDRV::IAudioSource, Device> {
+public:
+    using RTSPReceiverAdjustable<GDRV::IAudioSource, Device>::RTSPReceiverAdjustable;
+
+    void initializeClient(RTSPClient& client) override
+    {
+        RTSPReceiverAdjustable<GDRV::IAudioSource, Device>::initializeClient(client);
+        initializeAudioFilter(client);
+    }
+
+protected:
+    /// Which sound is expected on the stream; the base takes whatever the device offers.
+    virtual void initializeAudioFilter(RTSPClient& client) { client.setAudioSinkParams({}); }
+
+    bool parametersRequireRTSPClientReconnect(const ParameterMap& changed) const override
+    {
+        return this->template changes<std::string>(changed, "encoding") ||
+               this->template changes<std::string>(changed, "algorithm") ||
+               this->template changes<int>(changed, "samplerate") ||
+               this->template changes<std::string>(changed, "transport");
+    }
+};
+}  // namespace Tavro8::Utility
