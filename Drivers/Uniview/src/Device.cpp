@@ -1,0 +1,311 @@
+#include "Device.h"
+
+#include "Lapi.h"
+#include "ModuleSettings.h"
+#include "RtspPort.h"
+
+#include <IpUtil/Numbers.h>
+#include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <cstring>
+#include <exception>
+#include <json/value.h>
+#include <locale>
+#include <sstream>
+#include <utility>
+
+namespace Uniview
+{
+namespace
+{
+using Tavro8::ParameterMap;
+using Tavro8::ResultCode;
+using Tavro8::GDRV::DeviceKind;
+
+constexpr const char* sourcePath = "Drivers/Uniview/src/ModuleDriver";
+constexpr const char* constructing = "Uniview::Device::Device";
+constexpr const char* connecting = "Uniview::Device::tryConnect";
+constexpr const char* identifying = "Uniview::Device::fillDeviceType";
+
+constexpr const char* portPath = "/LAPI/V1.0/Network/Port";
+constexpr const char* alternativePortPath = "/LAPI/V1.0/Network/Ports";
+constexpr const char* deviceInfoPath = "/LAPI/V1.0/System/DeviceInfo";
+
+constexpr const char* localServerIp = "localServerIP";
+constexpr const char* localServerPort = "localServerPort";
+
+/// The text of a property, or an empty one when it is not set or not a text.
+std::string textProperty(const ParameterMap& properties, const char* key)
+{
+    const auto found = properties.find(key);
+    const auto* const text = found == properties.end() ? nullptr : boost::any_cast<std::string>(&found->second);
+    return text == nullptr ? std::string() : *text;
+}
+}  // namespace
+
+DeviceTraits::DeviceTraits(const Tavro8::GDRV::IDeviceDescription& description, const ParameterMap& repository)
+    : name(description.GetName() == nullptr ? "" : description.GetName()),
+      videoChannelCount(description.GetVideoChannelCount()),
+      properties(description.GetProperties()),
+      modelParameters(description.GetModelParameters())
+{
+    properties.insert(repository.begin(), repository.end());  // keeps what the host has set
+    channelModelParameters.reserve(videoChannelCount);
+    for (std::uint32_t channel = 0; channel < videoChannelCount; ++channel)
+        channelModelParameters.push_back(description.GetChannelModelParameters(channel));
+}
+
+std::shared_ptr<Device> Device::create(Tavro8::GDRV::IDeviceHandler* handler, Tavro8::ILogger* logger,
+                                       std::shared_ptr<DeviceTraits> description,
+                                       Tavro8::Utility::GlobalService& globalService)
+{
+    const auto device = std::make_shared<Device>(handler, logger, std::move(description), globalService);
+    const std::weak_ptr<Device> weak = device;
+    Tavro8::Utility::RTSPSource::Hooks hooks;
+    hooks.connectionInfo = [weak]() -> ConnectionInfoPtr {
+        const auto self = weak.lock();
+        return self ? self->getRtspConnectionInfo() : nullptr;
+    };
+    hooks.path = [weak](std::uint32_t channel, std::uint32_t stream) {
+        const auto self = weak.lock();
+        return self ? self->getURL(channel, stream) : std::string();
+    };
+    hooks.onLost = [weak] {
+        if (const auto self = weak.lock())
+            self->reportStreamLost();
+    };
+    device->adopt(device, std::move(hooks));
+    return device;
+}
+
+Device::Device(Tavro8::GDRV::IDeviceHandler* handler, Tavro8::ILogger* logger,
+               std::shared_ptr<DeviceTraits> description, Tavro8::Utility::GlobalService& globalService)
+    : Base(handler, logger, std::move(description), globalService),
+      channelCount(getDescription()->videoChannelCount),
+      logger(getLogger().get(), sourcePath),
+      lifetime(ModuleSettings::lifetimeGate().enter())
+{
+    parameters.setPersistentParams(getDescription()->properties);
+    setParameters();
+}
+
+Device::~Device() = default;
+
+void Device::setParameters()
+{
+    const ParameterMap& properties = getDescription()->properties;
+    if (const std::string ip = textProperty(properties, localServerIp); !ip.empty()) {
+        parameters.setPersistentParam(localServerIp, ip);
+        logger.info(constructing, "Set listener IP from repository, value='", ip, "'");
+    }
+    const auto port = properties.find(localServerPort);
+    if (port != properties.end())
+        setListenerPort(port->second);
+}
+
+/// The port arrives as a text from the repository and as a text or an integer from the host; it is kept as the
+/// integer that the event listener reads.
+void Device::setListenerPort(const boost::any& value)
+{
+    int port = 0;
+    if (const auto* const number = boost::any_cast<int>(&value)) {
+        port = *number;
+    } else {
+        const auto* const text = boost::any_cast<std::string>(&value);
+        if (text == nullptr || text->empty()) {
+            parameters.setPersistentParam(localServerPort, {});
+            return;
+        }
+        const bool digitsOnly = text->find_first_not_of("0123456789") == std::string::npos && text->size() <= 5;
+        port = digitsOnly ? Tavro8::Utility::toInt(*text) : -1;
+    }
+    if (port < 0 || port > 65535) {
+        logger.error(constructing, "The value of localServerPort is no port and is ignored");
+        parameters.setPersistentParam(localServerPort, {});
+        return;
+    }
+    parameters.setPersistentParam(localServerPort, port);
+    logger.info(constructing, "Set listener port from repository, value='", port, "'");
+}
+
+void Device::tryConnect(const std::string& address)
+{
+    try {
+        connect(address);
+    } catch (const std::exception& e) {
+        logger.error(connecting, "Unknown exception while connecting to device. Error code:", e.what());
+        handleConnected(ResultCode::unexpected);
+    } catch (...) {  // Boost.Thread's interruption is no std::exception
+        logger.error(connecting, "Unknown exception while connecting to device. Error code:", "no description");
+        handleConnected(ResultCode::unexpected);
+    }
+}
+
+void Device::connect(const std::string& address)
+{
+    std::string reason;
+    const auto info = Tavro8::asio::parseConnectionInfo(address, &reason);
+    if (info == nullptr) {
+        logger.error(connecting, "The device address is unusable: ", reason);
+        return handleConnected(ResultCode::deviceUnreachable);
+    }
+    getLogger()->setValue(info);
+
+    const auto request = [this, &info](const char* path, std::vector<char>& body) {
+        return Tavro8::http::HttpSession(info, cancellation()).get(path, &body);
+    };
+    std::vector<char> body;
+    auto response = request(portPath, body);
+    if (response->status == fallbackStatus) {
+        info->mode = Tavro8::asio::ConnectionMode::alternative;
+        response = request(alternativePortPath, body);
+    }
+    {
+        const std::lock_guard lock(mutex);
+        httpConnectionInfo = info;
+    }
+    fillDeviceType();
+
+    if (!Tavro8::http::isAccepted(response->status)) {
+        logger.error(connecting, "Could not connect to the device. Error code:", response->status);
+        return handleConnected(ResultCode::deviceUnreachable);
+    }
+    const std::uint16_t port = findRtspPort(body);
+    {
+        const std::lock_guard lock(mutex);
+        rtspConnectionInfo = Tavro8::asio::changePort(httpConnectionInfo, port);
+    }
+    logger.info(connecting, "RTSP port is reachable");
+    handleConnected({});
+}
+
+std::uint16_t Device::findRtspPort(const std::vector<char>& portReply) const
+{
+    try {
+        const auto digits = findRtspPortDigits({portReply.data(), portReply.size()});
+        if (digits)
+            return Tavro8::Utility::toPort(Tavro8::Utility::toInt(*digits));
+        logger.warning(connecting, "Uniview", ": Can't get find rstp port info in device's answer, use default value");
+    } catch (const std::exception& e) {
+        logger.error(connecting, "Uniview", e.what());
+    }
+    return defaultRtspPort;
+}
+
+void Device::fillDeviceType()
+{
+    try {
+        std::vector<char> body;
+        const auto response =
+            Tavro8::http::HttpSession(getHttpConnectionInfo(), cancellation()).get(deviceInfoPath, &body);
+        const lapi::Reply reply = lapi::judge(*response, body, lapi::Expect::json);
+        if (reply.failure == lapi::Failure::malformed) {
+            logger.error(identifying, "Cannot parse device type data");
+            return;
+        }
+        if (!reply) {
+            logger.error(identifying, lapi::describe(reply, deviceInfoPath));
+            logger.error(identifying, "Can't get device type");
+            return;
+        }
+        if (!reply.data.isMember("DeviceType")) {
+            logger.error(identifying, "Unkwown device type");
+            return;
+        }
+        applyDeviceType(reply.data["DeviceType"].asInt());
+    } catch (const std::exception& e) {
+        logger.error(identifying, "std::exception during parsing device type data :", e.what());
+    }
+}
+
+void Device::applyDeviceType(int deviceType)
+{
+    if (deviceType == 0 && channelCount > 1) {
+        deviceKind = static_cast<std::uint32_t>(DeviceKind::multichannelCamera);
+        logger.info(identifying, "Device type is multichannel IPC");
+    } else if (deviceType == 1 || deviceType == 2) {
+        deviceKind = static_cast<std::uint32_t>(DeviceKind::recorder);
+        logger.info(identifying, "Device type is NVR");
+    } else {
+        logger.info(identifying, "Device type is IPC");
+    }
+}
+
+std::string Device::getURL(std::uint32_t channel, std::uint32_t stream) const
+{
+    // In 64 bits, so that the largest number does not wrap when it is counted from one.
+    const std::uint64_t channelFromOne = std::uint64_t{channel} + 1;
+    const std::uint64_t streamFromOne = std::uint64_t{stream} + 1;
+    std::ostringstream path;
+    path.imbue(std::locale::classic());
+    switch (static_cast<DeviceKind>(deviceKind.load())) {
+    case DeviceKind::recorder:
+        path << "/unicast/c" << channelFromOne << "/s" << stream << "/live";
+        break;
+    case DeviceKind::multichannelCamera:
+        path << "/media" << channelFromOne << "/video" << streamFromOne;
+        break;
+    case DeviceKind::camera:
+    default:
+        path << "/media/video" << streamFromOne;
+        break;
+    }
+    return path.str();
+}
+
+std::uint16_t Device::GetRtspPort() const noexcept
+{
+    const auto info = getRtspConnectionInfo();
+    return info == nullptr ? std::uint16_t{0} : info->port;
+}
+
+std::size_t Device::GetLivePath(std::uint32_t channel, std::uint32_t stream, char* path,
+                                std::size_t capacity) const noexcept
+try {
+    const std::string url = getURL(channel, stream);
+    if (path != nullptr && capacity > 0) {
+        const std::size_t length = std::min(url.size(), capacity - 1);
+        std::memcpy(path, url.data(), length);
+        path[length] = '\0';
+    }
+    return url.size();
+} catch (...) {  // no memory
+    if (path != nullptr && capacity > 0)
+        *path = '\0';
+    return 0;
+}
+
+std::int32_t Device::ApplySettings(const ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler) noexcept
+{
+    constexpr const char* operation = "Uniview::Device::ApplySettings";
+    return Tavro8::guarded(logger, operation, toResult(ResultCode::unexpected), [&] {
+        const std::int32_t result = adjuster.apply(changed);
+        if (actionHandler != nullptr && result == 0)
+            boost::asio::post(service(), [actionHandler] { actionHandler->Completed(0); });
+        return result;
+    });
+}
+
+Device::ConnectionInfoPtr Device::getHttpConnectionInfo() const
+{
+    const std::lock_guard lock(mutex);
+    return httpConnectionInfo;
+}
+
+Device::ConnectionInfoPtr Device::getRtspConnectionInfo() const
+{
+    const std::lock_guard lock(mutex);
+    return rtspConnectionInfo;
+}
+
+std::uint32_t Device::channelNumber(std::uint32_t channel) const
+{
+    const auto& model = getDescription()->modelParameters;
+    const auto found = model.find("channelNumbering");
+    const int* const given = found == model.end() ? nullptr : boost::any_cast<int>(&found->second);
+    const bool countsFromZero = given == nullptr || *given == 1;  // real cameras address their only channel as 0
+    const bool singleChannel = deviceKind == static_cast<std::uint32_t>(DeviceKind::camera);
+    return singleChannel && countsFromZero ? channel : channel + 1;
+}
+}  // namespace Uniview

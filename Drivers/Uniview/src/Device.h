@@ -1,0 +1,119 @@
+#pragma once
+
+#include <IpUtil/ConnectionInfo.h>
+#include <IpUtil/Device.h>
+#include <IpUtil/LoggerHelper.h>
+#include <IpUtil/ParametersContainer.h>
+#include <Tavro8/GDRV/IDeviceDescription.h>
+#include <Tavro8/ParameterMap.h>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#if defined(_WIN32)
+#define UNIVIEW_API __declspec(dllexport)
+#else
+#define UNIVIEW_API __attribute__((visibility("default")))
+#endif
+
+namespace Uniview
+{
+/// What the configuration says of one device: the host's description, with the properties of the settings repository
+/// beneath those of the host. Constant once it is made.
+struct DeviceTraits {
+    /// Copies what the host gives; `repository` fills in what the host does not set.
+    DeviceTraits(const Tavro8::GDRV::IDeviceDescription& description, const Tavro8::ParameterMap& repository);
+    DeviceTraits() = default;
+
+    std::string name;
+    std::uint32_t videoChannelCount = 0;
+    Tavro8::ParameterMap properties;
+    Tavro8::ParameterMap modelParameters;
+    std::vector<Tavro8::ParameterMap> channelModelParameters;  ///< one for each video channel
+};
+
+/// One camera or recorder.
+///
+/// Host threads call the `IDevice` operations; `tryConnect` runs on a blocking lane of the global service; everything
+/// asynchronous runs on `service()`. The connection descriptions are replaced whole under `mutex` and handed out as
+/// copies of the shared pointer; `deviceKind` is atomic.
+class Device final
+    : public Tavro8::Utility::Device<std::shared_ptr<DeviceTraits>, Tavro8::Utility::AsyncConnectionPolicyBase>,
+      public std::enable_shared_from_this<Device> {
+public:
+    using Base = Tavro8::Utility::Device<std::shared_ptr<DeviceTraits>, Tavro8::Utility::AsyncConnectionPolicyBase>;
+    using ConnectionInfoPtr = std::shared_ptr<const Tavro8::asio::ConnectionInfo>;
+
+    static constexpr std::uint16_t defaultRtspPort = 554;
+    static constexpr unsigned fallbackStatus = 599;  ///< the firmware knows only the other spelling of the path
+
+    /// Makes a device that the host releases with `Destroy`. `handler` and `logger` are not owned.
+    static std::shared_ptr<Device> create(Tavro8::GDRV::IDeviceHandler* handler, Tavro8::ILogger* logger,
+                                          std::shared_ptr<DeviceTraits> description,
+                                          Tavro8::Utility::GlobalService& globalService);
+
+    /// Used by `create`; an object made in another way has no streams.
+    Device(Tavro8::GDRV::IDeviceHandler* handler, Tavro8::ILogger* logger, std::shared_ptr<DeviceTraits> description,
+           Tavro8::Utility::GlobalService& globalService);
+    ~Device() override;
+
+    /// The RTSP path of a live stream; both numbers count from 0. The recorder's form numbers the stream from 0, the
+    /// cameras' forms from 1. Any thread.
+    UNIVIEW_API std::string getURL(std::uint32_t channel, std::uint32_t stream) const;
+
+    // IDeviceInformation
+    std::uint32_t GetDeviceKind() const noexcept override { return deviceKind; }
+    std::uint32_t GetChannelCount() const noexcept override { return channelCount; }
+    std::uint16_t GetRtspPort() const noexcept override;
+    std::size_t GetLivePath(std::uint32_t channel, std::uint32_t stream, char* path,
+                            std::size_t capacity) const noexcept override;
+
+    // IDevice
+    std::int32_t ApplySettings(const Tavro8::ParameterMap& changed,
+                               Tavro8::IAsyncActionHandler* actionHandler) noexcept override;
+    std::int32_t CreateVideoSource(std::uint32_t channel, std::uint32_t stream,
+                                   Tavro8::GDRV::IAsyncDeviceChannelHandler* channelHandler,
+                                   Tavro8::GDRV::IMediaFrameHandler* frames,
+                                   const Tavro8::ParameterMap& channelParameters, Tavro8::IContract* parent,
+                                   Tavro8::GDRV::IVideoSource** source) noexcept override;
+    std::int32_t CreateAudioSource(std::uint32_t channel, Tavro8::GDRV::IAsyncDeviceChannelHandler* channelHandler,
+                                   Tavro8::GDRV::IMediaFrameHandler* frames,
+                                   const Tavro8::ParameterMap& channelParameters, Tavro8::IContract* parent,
+                                   Tavro8::GDRV::IAudioSource** source) noexcept override;
+
+    // Offered to child objects. Any thread.
+    ConnectionInfoPtr getHttpConnectionInfo() const;  ///< null before the first attempt that understood its address
+    ConnectionInfoPtr getRtspConnectionInfo() const;  ///< null before the first successful connection
+    const Tavro8::Utility::ParametersContainer& getParameters() const noexcept { return parameters; }
+    /// Keeps `finiModule` waiting while it is held.
+    const std::shared_ptr<void>& getLifetimeToken() const noexcept { return lifetime; }
+    /// The number of a channel in management paths: the index itself on a single-channel camera whose
+    /// `channelNumbering` is 1, otherwise the index plus one.
+    std::uint32_t channelNumber(std::uint32_t channel) const;
+
+protected:
+    void tryConnect(const std::string& address) override;
+    std::shared_ptr<void> keepAlive() override { return shared_from_this(); }
+
+private:
+    void connect(const std::string& address);
+    void fillDeviceType();
+    void applyDeviceType(int deviceType);
+    std::uint16_t findRtspPort(const std::vector<char>& portReply) const;
+    void setParameters();
+    void setListenerPort(const boost::any& value);
+
+    Tavro8::Utility::ParametersContainer parameters;
+    Tavro8::Utility::SimpleAdjuster adjuster;
+    std::atomic<std::uint32_t> deviceKind{0};  // a GDRV::DeviceKind
+    const std::uint32_t channelCount;
+    ConnectionInfoPtr rtspConnectionInfo;  // guarded by `mutex`
+    ConnectionInfoPtr httpConnectionInfo;  // guarded by `mutex`
+    mutable std::mutex mutex;
+    const Tavro8::LoggerHelper logger;
+    const std::shared_ptr<void> lifetime;
+};
+}  // namespace Uniview

@@ -1,0 +1,248 @@
+#include "Lapi.h"
+
+#include <Tavro8/ResultCode.h>
+#include <charconv>
+#include <exception>
+#include <json/reader.h>
+#include <locale>
+#include <memory>
+#include <optional>
+#include <sstream>
+
+namespace Uniview::lapi
+{
+namespace
+{
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+
+/// Stands in front of a fraction that was made a text for the reader; no device sends this control character
+/// unescaped, and the reader would refuse it in a document of their own.
+constexpr char fractionMark = '\x01';
+
+bool isNumberCharacter(char c) noexcept
+{
+    return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
+}
+
+/// Makes each number with a fraction or exponent a marked text, because JsonCpp reads fractions through a stream
+/// that takes over the host's global locale. Gives nothing when there is no such number, which is the usual case.
+std::optional<std::string> quoteFractions(std::string_view text)
+{
+    std::string quoted;
+    bool inString = false;
+    std::size_t copied = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const char c = text[at];
+        if (inString) {
+            if (c == '\\')
+                ++at;
+            else if (c == '"')
+                inString = false;
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '-' || (c >= '0' && c <= '9')) {
+            std::size_t end = at;
+            while (end < text.size() && isNumberCharacter(text[end]))
+                ++end;
+            const std::string_view number = text.substr(at, end - at);
+            if (number.find_first_of(".eE") != std::string_view::npos) {
+                quoted.append(text.substr(copied, at - copied));
+                quoted.append(1, '"').append(1, fractionMark).append(number).append(1, '"');
+                copied = end;
+            }
+            at = end - 1;
+        }
+    }
+    if (copied == 0)
+        return {};
+    return quoted.append(text.substr(copied));
+}
+
+/// Turns the marked texts back into numbers; false when one is none.
+bool restoreFractions(Json::Value& value)
+{
+    if (value.isString()) {
+        const char* begin = nullptr;
+        const char* end = nullptr;
+        value.getString(&begin, &end);
+        if (begin == end || *begin != fractionMark)
+            return true;
+        double number = 0;
+        const auto read = std::from_chars(begin + 1, end, number);
+        if (read.ec != std::errc{} || read.ptr != end)
+            return false;
+        value = number;
+        return true;
+    }
+    for (Json::Value& member : value) {
+        if (!restoreFractions(member))
+            return false;
+    }
+    return true;
+}
+
+bool readDocument(std::string_view text, Json::Value& document, std::string& error)
+{
+    const Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    return reader->parse(text.data(), text.data() + text.size(), &document, &error);
+}
+
+Reply failed(Failure failure, std::int32_t result, int code, std::string message)
+{
+    Reply reply;
+    reply.failure = failure;
+    reply.result = result;
+    reply.code = code;
+    reply.message = std::move(message);
+    return reply;
+}
+
+Reply malformed(std::string message)
+{
+    return failed(Failure::malformed, toResult(ResultCode::malformedReply), 0, std::move(message));
+}
+
+/// A member as text, whatever a broken device made of it.
+std::string textOf(const Json::Value& object, const char* name)
+{
+    const Json::Value& member = object[name];
+    return member.isConvertibleTo(Json::stringValue) ? member.asString() : std::string();
+}
+
+Reply judgeEnvelope(Json::Value& document, Expect expect)
+{
+    if (!document.isObject())
+        return malformed("the reply is not a JSON object");
+    Json::Value& envelope = document["Response"];
+    if (!envelope.isNull() && !envelope.isObject())
+        return malformed("\"Response\" is not an object");
+    Reply reply;
+    if (expect == Expect::success) {
+        const Json::Value& code = envelope["ResponseCode"];
+        if (!code.isInt())
+            return malformed("\"ResponseCode\" is missing or not an integer");
+        if (code.asInt() != 0) {
+            reply =
+                failed(Failure::api, toResult(ResultCode::apiError), code.asInt(), textOf(envelope, "ResponseString"));
+            reply.statusString = textOf(envelope, "StatusString");
+            return reply;
+        }
+    }
+    if (envelope.isObject())
+        reply.data.swap(envelope["Data"]);
+    return reply;
+}
+
+/// How one family of calls words the failures.
+struct WordingTable {
+    const char* transport;  ///< in front of the transport failure
+    bool transportHasCode;  ///< value and message, or the message alone
+    const char* status;     ///< in front of the HTTP failure
+    bool statusHasCode;     ///< status and reason phrase, or the reason phrase alone
+    const char* message;
+    const char* reason;
+    const char* request;
+    const char* empty;
+};
+
+constexpr WordingTable wordings[] = {
+    {" HTTP request is finished with error:", true, " HTTP response has error code:", true,
+     ", message:", ", reason:", ", request:", " HTTP responce is empty, request:"},
+    {" HTTP request is finished with error: ", true, " HTTP response has error code: ", true,
+     ", message: ", ", reason: ", ", request: ", " HTTP responce is empty, request: "},
+    {"HTTP request is finished with error:", true, "HTTP response has error code:", true,
+     ", message:", ", reason:", ", request:", "HTTP responce is empty, request:"},
+    {" HTTP request is finished with error: ", false, " HTTP response has error: ", false,
+     ", message: ", ", reason: ", ", request: ", "HTTP responce is empty, request: "},
+};
+
+void describeApi(std::ostream& text, const Reply& reply, Wording wording, const WordingTable& words)
+{
+    if (wording == Wording::telemetry) {
+        text << "HTTP response has error code: " << reply.code << words.reason << reply.message << words.message
+             << reply.statusString;
+        return;
+    }
+    text << " Internal API error :" << reply.message << ", status :" << reply.statusString;
+}
+}  // namespace
+
+bool parseJson(std::string_view text, Json::Value& document, std::string& error)
+{
+    try {
+        const auto quoted = quoteFractions(text);
+        if (!readDocument(quoted ? *quoted : text, document, error))
+            return false;
+        if (!quoted || restoreFractions(document))
+            return true;
+        error = "a number cannot be read";
+    } catch (const std::exception& e) {  // nesting beyond the reader's limit
+        error = e.what();
+    }
+    return false;
+}
+
+Reply judge(const Tavro8::error_code& transportError, const Tavro8::http::HttpResponse& response,
+            const std::vector<char>& body, Expect expect)
+{
+    if (transportError) {
+        return failed(Failure::transport, Tavro8::Utility::translateSystemError(transportError), transportError.value(),
+                      transportError.message());
+    }
+    if (!Tavro8::http::isAccepted(response.status)) {
+        return failed(Failure::status, Tavro8::http::translateResponseError(response),
+                      static_cast<int>(response.status), response.reason);
+    }
+    if (expect == Expect::status)
+        return {};
+    if (body.empty())
+        return failed(Failure::empty, toResult(ResultCode::emptyReply), 0, {});
+    if (expect == Expect::body)
+        return {};
+    Json::Value document;
+    std::string error;
+    if (!parseJson({body.data(), body.size()}, document, error))
+        return malformed(std::move(error));
+    return judgeEnvelope(document, expect);
+}
+
+Reply judge(const Tavro8::http::HttpResponse& response, const std::vector<char>& body, Expect expect)
+{
+    return judge(response.transportError, response, body, expect);
+}
+
+std::string describe(const Reply& reply, std::string_view path, Wording wording)
+{
+    const WordingTable& words = wordings[static_cast<std::size_t>(wording)];
+    std::ostringstream text;
+    text.imbue(std::locale::classic());
+    switch (reply.failure) {
+    case Failure::none:
+    case Failure::malformed:
+        return {};
+    case Failure::transport:
+        text << words.transport;
+        if (words.transportHasCode)
+            text << reply.code << words.message;
+        text << reply.message << words.request << path;
+        break;
+    case Failure::status:
+        text << words.status;
+        if (words.statusHasCode)
+            text << reply.code << words.reason;
+        text << reply.message << words.request << path;
+        break;
+    case Failure::empty:
+        text << words.empty << path;
+        break;
+    case Failure::api:
+        describeApi(text, reply, wording, words);
+        break;
+    }
+    return text.str();
+}
+}  // namespace Uniview::lapi

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <IpUtil/Http.h>
+#include <cstdint>
+#include <json/value.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The devices' management interface: HTTP requests to paths under "/LAPI/V1.0/" with JSON bodies and replies.
+namespace Uniview::lapi
+{
+/// Which check a reply did not pass, in the order in which they are made.
+enum class Failure {
+    none,
+    transport,  ///< the exchange failed; status and body mean nothing
+    status,     ///< the HTTP status is not accepted
+    empty,      ///< no body where data are expected
+    malformed,  ///< the body is not JSON, or not of the shape of a reply
+    api,        ///< the device reports a failure of its own in "ResponseCode"
+};
+
+/// How far a caller wants its reply judged.
+enum class Expect {
+    status,   ///< transport and HTTP status
+    body,     ///< also that there is a body
+    json,     ///< also that the body is a JSON object
+    success,  ///< also that "ResponseCode" is 0
+};
+
+/// A judged reply. Converts to true when every check that was asked for has passed.
+struct Reply {
+    Failure failure = Failure::none;
+    std::int32_t result = 0;   ///< for the host; never 0 when a check failed
+    int code = 0;              ///< value of the transport error, HTTP status, or "ResponseCode"
+    std::string message;       ///< transport message, reason phrase, reader's error, or "ResponseString"
+    std::string statusString;  ///< "StatusString" of a failure that the device reports
+    Json::Value data;          ///< "Response"."Data"; null when it is missing
+
+    explicit operator bool() const noexcept { return failure == Failure::none; }
+};
+
+/// The one place that judges replies. Checks transport, status, body, JSON and envelope in this order, as far as
+/// `expect` says, and stops at the first that fails. Does not throw for anything that a device may send.
+Reply judge(const Tavro8::error_code& transportError, const Tavro8::http::HttpResponse& response,
+            const std::vector<char>& body, Expect expect = Expect::success);
+
+/// For blocking requests, whose transport error is part of the response.
+Reply judge(const Tavro8::http::HttpResponse& response, const std::vector<char>& body, Expect expect = Expect::success);
+
+/// The families of calls differ in the wording of the same failures.
+enum class Wording {
+    standard,      ///< " HTTP response has error code:404, reason:Not Found, request:/LAPI/..."
+    subscription,  ///< a blank behind each colon
+    io,            ///< no leading blank
+    telemetry,     ///< " HTTP response has error: Not Found, request: /LAPI/..."
+};
+
+/// The log line for a reply that failed. Empty for a malformed one: each caller has its own words for that.
+std::string describe(const Reply& reply, std::string_view path, Wording wording = Wording::standard);
+
+/// Reads one JSON document; gives false and the reader's words instead of throwing. Numbers are read alike under
+/// every global locale, and nesting is limited.
+bool parseJson(std::string_view text, Json::Value& document, std::string& error);
+}  // namespace Uniview::lapi

@@ -1,0 +1,219 @@
+#include "Lapi.h"
+
+#include <Tavro8/ResultCode.h>
+#include <gtest/gtest.h>
+#include <locale>
+#include <string>
+
+namespace
+{
+using namespace Uniview;
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+using Tavro8::http::HttpResponse;
+
+constexpr const char* path = "/LAPI/V1.0/System/DeviceInfo";
+constexpr const char* envelope =
+    "{\n\t\"Response\":\t{\n\t\t\"ResponseURL\":\t\"/LAPI/V1.0/System/DeviceInfo\",\n\t\t\"CreatedID\":\t-1,\n"
+    "\t\t\"ResponseCode\":\t0,\n\t\t\"SubResponseCode\":\t0,\n\t\t\"ResponseString\":\t\"Succeed\",\n"
+    "\t\t\"StatusCode\":\t0,\n\t\t\"StatusString\":\t\"Succeed\",\n\t\t\"Data\":\t{\"DeviceType\":\t2}\n\t}\n}";
+
+std::vector<char> bytes(const std::string& text)
+{
+    return {text.begin(), text.end()};
+}
+
+HttpResponse replyWith(unsigned status, const std::string& reason = "Reason")
+{
+    HttpResponse response;
+    response.status = status;
+    response.reason = reason;
+    return response;
+}
+
+lapi::Reply judged(const std::string& body, lapi::Expect expect = lapi::Expect::success)
+{
+    return lapi::judge({}, replyWith(200), bytes(body), expect);
+}
+
+/// What a host may do to its process: points between thousands, a comma in front of fractions.
+class GroupingLocale {
+public:
+    GroupingLocale() : before(std::locale::global(std::locale(std::locale::classic(), new Punctuation))) {}
+    ~GroupingLocale() { std::locale::global(before); }
+
+private:
+    class Punctuation final : public std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        char do_decimal_point() const override { return ','; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    std::locale before;
+};
+
+TEST(LapiReply, acceptsTwoHundredsAndThe302Redirect)
+{
+    const struct {
+        unsigned status;
+        bool accepted;
+    } cases[] = {
+        {199, false}, {200, true}, {299, true}, {300, false}, {301, false}, {302, true}, {303, false}, {404, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
+        const auto reply = lapi::judge({}, replyWith(c.status), bytes(envelope));
+        EXPECT_EQ(static_cast<bool>(reply), c.accepted);
+        EXPECT_EQ(reply.result == 0, c.accepted);
+    }
+}
+
+TEST(LapiReply, givesTheDataOfTheEnvelope)
+{
+    const auto reply = judged(envelope);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply.data["DeviceType"].asInt(), 2);
+    EXPECT_EQ(lapi::describe(reply, path), "");
+}
+
+TEST(LapiReply, transportFailureIsJudgedBeforeTheStatus)
+{
+    const auto failure = make_error_code(ResultCode::timedOut);
+    const auto reply = lapi::judge(failure, replyWith(404), bytes(envelope));
+    EXPECT_EQ(reply.failure, lapi::Failure::transport);
+    EXPECT_EQ(reply.result, toResult(ResultCode::timedOut));
+    EXPECT_EQ(lapi::describe(reply, path),
+              " HTTP request is finished with error:258, message:the device did not answer "
+              "in time, request:/LAPI/V1.0/System/DeviceInfo");
+}
+
+TEST(LapiReply, rejectedStatusNamesStatusReasonAndRequest)
+{
+    const auto reply = lapi::judge({}, replyWith(404, "Not Found"), bytes(envelope));
+    EXPECT_EQ(reply.failure, lapi::Failure::status);
+    EXPECT_EQ(lapi::describe(reply, path),
+              " HTTP response has error code:404, reason:Not Found, request:/LAPI/V1.0/System/DeviceInfo");
+}
+
+TEST(LapiReply, emptyBodyFailsWhereDataAreExpected)
+{
+    const auto reply = judged("");
+    EXPECT_EQ(reply.failure, lapi::Failure::empty);
+    EXPECT_NE(reply.result, 0);
+    EXPECT_EQ(lapi::describe(reply, path), " HTTP responce is empty, request:/LAPI/V1.0/System/DeviceInfo");
+    EXPECT_TRUE(judged("", lapi::Expect::status));
+}
+
+TEST(LapiReply, responseCodeOtherThanZeroFailsWithTheDevicesWords)
+{
+    const auto reply =
+        judged(R"({"Response":{"ResponseCode":1,"ResponseString":"Not Supported","StatusString":"Common Error"}})");
+    EXPECT_EQ(reply.failure, lapi::Failure::api);
+    EXPECT_EQ(reply.code, 1);
+    EXPECT_NE(reply.result, 0);
+    EXPECT_EQ(lapi::describe(reply, path), " Internal API error :Not Supported, status :Common Error");
+}
+
+TEST(LapiReply, emptyMalformedAndRefusedRepliesHaveResultsOfTheirOwn)
+{
+    const auto empty = judged("").result;
+    const auto malformed = judged("{").result;
+    const auto refused = judged(R"({"Response":{"ResponseCode":1}})").result;
+    EXPECT_NE(empty, malformed);
+    EXPECT_NE(empty, refused);
+    EXPECT_NE(malformed, refused);
+}
+
+TEST(LapiReply, wrongShapesAreMalformedAndNeverThrow)
+{
+    const char* const bodies[] = {
+        "{",
+        "not json",
+        "[]",
+        "3",
+        "\"text\"",
+        "null",
+        R"({"Response":3})",
+        R"({"Response":[1,2]})",
+        R"({"Response":{}})",
+        R"({"Response":{"ResponseCode":"0"}})",
+        R"({"Response":{"ResponseCode":[0]}})",
+        R"({"Response":{"ResponseCode":99999999999}})",
+        R"({"Response":{"ResponseCode":0,"Data":1.2.3}})",
+    };
+    for (const char* const body : bodies) {
+        SCOPED_TRACE(body);
+        const auto reply = judged(body);
+        EXPECT_EQ(reply.failure, lapi::Failure::malformed);
+        EXPECT_EQ(lapi::describe(reply, path), "");
+    }
+}
+
+TEST(LapiReply, deepNestingIsMalformed)
+{
+    EXPECT_EQ(judged(std::string(100000, '[')).failure, lapi::Failure::malformed);
+    EXPECT_EQ(judged(R"({"Response":)" + std::string(5000, '{')).failure, lapi::Failure::malformed);
+}
+
+TEST(LapiReply, failureTextsOfTheWrongTypeAreLeftOut)
+{
+    const auto reply = judged(R"({"Response":{"ResponseCode":5,"ResponseString":[1],"StatusString":{}}})");
+    EXPECT_EQ(reply.failure, lapi::Failure::api);
+    EXPECT_EQ(lapi::describe(reply, path), " Internal API error :, status :");
+}
+
+TEST(LapiReply, eachFamilyOfCallsHasItsOwnWording)
+{
+    const auto transport = lapi::judge(make_error_code(ResultCode::connectionLost), {}, {});
+    const auto status = lapi::judge({}, replyWith(500, "Oops"), {});
+    const auto empty = judged("");
+    const auto api = judged(R"({"Response":{"ResponseCode":7,"ResponseString":"R","StatusString":"S"}})");
+    using lapi::Wording;
+    const std::string lost = "the connection to the device was lost";
+
+    EXPECT_EQ(lapi::describe(transport, "/p", Wording::subscription),
+              " HTTP request is finished with error: 257, message: " + lost + ", request: /p");
+    EXPECT_EQ(lapi::describe(status, "/p", Wording::subscription),
+              " HTTP response has error code: 500, reason: Oops, request: /p");
+    EXPECT_EQ(lapi::describe(empty, "/p", Wording::subscription), " HTTP responce is empty, request: /p");
+
+    EXPECT_EQ(lapi::describe(transport, "/p", Wording::io),
+              "HTTP request is finished with error:257, message:" + lost + ", request:/p");
+    EXPECT_EQ(lapi::describe(status, "/p", Wording::io), "HTTP response has error code:500, reason:Oops, request:/p");
+    EXPECT_EQ(lapi::describe(empty, "/p", Wording::io), "HTTP responce is empty, request:/p");
+
+    EXPECT_EQ(lapi::describe(transport, "/p", Wording::telemetry),
+              " HTTP request is finished with error: " + lost + ", request: /p");
+    EXPECT_EQ(lapi::describe(status, "/p", Wording::telemetry), " HTTP response has error: Oops, request: /p");
+    EXPECT_EQ(lapi::describe(empty, "/p", Wording::telemetry), "HTTP responce is empty, request: /p");
+    EXPECT_EQ(lapi::describe(api, "/p", Wording::telemetry), "HTTP response has error code: 7, reason: R, message: S");
+}
+
+TEST(LapiReply, textsAreTheSameUnderAGroupingLocale)
+{
+    const GroupingLocale grouping;
+    EXPECT_EQ(lapi::describe(lapi::judge({}, replyWith(32000), {}), "/p"),
+              " HTTP response has error code:32000, reason:Reason, request:/p");
+}
+
+TEST(LapiJson, readsFractionsAlikeUnderEveryLocale)
+{
+    const GroupingLocale grouping;
+    const auto reply = judged(R"({"Response":{"ResponseCode":0,"Data":{"Longitude":359.999,"List":[-0.5,2e3,1],)"
+                              R"("Text":"1.5 \" 2.5","Key1.5":7}}})");
+    ASSERT_TRUE(reply);
+    EXPECT_DOUBLE_EQ(reply.data["Longitude"].asDouble(), 359.999);
+    EXPECT_DOUBLE_EQ(reply.data["List"][0].asDouble(), -0.5);
+    EXPECT_DOUBLE_EQ(reply.data["List"][1].asDouble(), 2000);
+    EXPECT_TRUE(reply.data["List"][2].isInt());
+    EXPECT_EQ(reply.data["Text"].asString(), "1.5 \" 2.5");
+    EXPECT_EQ(reply.data["Key1.5"].asInt(), 7);
+}
+
+TEST(LapiJson, reportsTheReadersWords)
+{
+    Json::Value document;
+    std::string error;
+    EXPECT_FALSE(lapi::parseJson("{\"a\" 1}", document, error));
+    EXPECT_NE(error.find("Missing ':'"), std::string::npos) << error;
+}
+}  // namespace

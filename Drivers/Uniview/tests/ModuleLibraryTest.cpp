@@ -1,0 +1,137 @@
+#include "HostFakes.h"
+#include "ScriptedHttpPeer.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <set>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+// The library that is shipped, loaded as a host loads it: through its entry points and the SDK alone.
+namespace
+{
+using namespace kelvo::test;
+using namespace Tavro8::GDRV;
+
+std::string modulePath()
+{
+    const char* const path = std::getenv("KELVO_MODULE");
+    return path == nullptr ? "" : path;
+}
+
+class ModuleLibrary : public ::testing::Test {
+protected:
+    ModuleLibrary()
+        : directory(std::filesystem::temp_directory_path() / ("kelvo-module-" + std::to_string(::getpid()))),
+          host(directory)
+    {
+        std::filesystem::create_directories(directory / "m");
+        std::ofstream(directory / "m" / "Kelvo.Uniview.rep") << "";
+        load();
+    }
+    ~ModuleLibrary() override
+    {
+        if (library != nullptr)
+            ::dlclose(library);
+        std::filesystem::remove_all(directory);
+    }
+
+    void load()
+    {
+        library = ::dlopen(modulePath().c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(library, nullptr) << ::dlerror();
+        init = reinterpret_cast<InitModule>(::dlsym(library, "initModule"));
+        get = reinterpret_cast<GetModule>(::dlsym(library, "getModule"));
+        fini = reinterpret_cast<FiniModule>(::dlsym(library, "finiModule"));
+        ASSERT_TRUE(init != nullptr && get != nullptr && fini != nullptr);
+    }
+    void unload()
+    {
+        ::dlclose(library);
+        library = nullptr;
+    }
+
+    std::filesystem::path directory;
+    HostContext host;
+    void* library = nullptr;
+    InitModule init = nullptr;
+    GetModule get = nullptr;
+    FiniModule fini = nullptr;
+};
+
+TEST_F(ModuleLibrary, exportsItsEntryPointsAndGetUrlAndNothingElse)
+{
+    const std::string command = "nm -D --defined-only '" + modulePath() + "'";
+    std::FILE* const pipe = ::popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::set<std::string> names;
+    std::array<char, 512> line{};
+    while (std::fgets(line.data(), static_cast<int>(line.size()), pipe) != nullptr) {
+        std::string text = line.data();
+        text.erase(text.find_last_not_of(" \n") + 1);
+        names.insert(text.substr(text.rfind(' ') + 1));
+    }
+    ASSERT_EQ(::pclose(pipe), 0);
+    EXPECT_EQ(names,
+              (std::set<std::string>{"initModule", "getModule", "finiModule", "_ZNK7Uniview6Device6getURLB5cxx11Ejj"}));
+}
+
+TEST_F(ModuleLibrary, canBeUnloadedAndLoadedAgainWhileADeviceWasConnecting)
+{
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE(round);
+        ScriptedHttpPeer peer;
+        peer.staySilent("/LAPI/V1.0/Network/Port");
+        DeviceHandler handler;
+        const Description description;
+        ASSERT_TRUE(init(&host, "m"));
+        IDevice* device = nullptr;
+        ASSERT_EQ(get()->CreateDevice(&description, &handler, &device), 0);
+        ASSERT_EQ(device->Open(peer.address().c_str()), 0);
+        ASSERT_TRUE(peer.waitForRequests(1));
+        device->Destroy();
+        fini();
+        unload();
+        load();
+    }
+}
+
+TEST_F(ModuleLibrary, manyThreadsMayUseItAtOnce)
+{
+    ScriptedHttpPeer peer;
+    peer.answer("/LAPI/V1.0/Network/Port", 200, "\"RTSPPort\":1");
+    peer.answer("/LAPI/V1.0/System/DeviceInfo", 200, "{\"Response\":{\"Data\":{\"DeviceType\":0}}}");
+    ASSERT_TRUE(init(&host, "m"));
+    std::vector<std::thread> threads;
+    for (int index = 0; index < 4; ++index) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 5; ++round) {
+                DeviceHandler handler;
+                ChannelHandler channel;
+                const Description description;
+                IDevice* device = nullptr;
+                ASSERT_EQ(get()->CreateDevice(&description, &handler, &device), 0);
+                ASSERT_EQ(device->Open(peer.address().c_str()), 0);
+                IVideoSource* source = nullptr;
+                ASSERT_EQ(device->CreateVideoSource(0, 0, &channel, &channel, {}, nullptr, &source), 0);
+                source->Start();
+                std::thread stopper([source] { source->Stop(); });
+                source->Start();
+                stopper.join();
+                ASSERT_TRUE(handler.waitConnected());
+                source->Destroy();
+                device->Destroy();
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    fini();
+}
+}  // namespace

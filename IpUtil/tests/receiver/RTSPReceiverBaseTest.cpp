@@ -1,0 +1,304 @@
+#include <IpUtil/RTSPReceiverBase.h>
+
+#include "HostFakes.h"
+
+#include <boost/asio/io_context.hpp>
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+#include <vector>
+
+namespace
+{
+using namespace Tavro8;
+using namespace Tavro8::Utility;
+using namespace kelvo::test;
+
+/// Records what receivers ask of their stream; the test says when an unregistration has completed.
+class FakeStream final : public RTSPStream {
+public:
+    FakeStream(boost::asio::io_context& context, ILogger* logger) : RTSPStream(context, logger, {}) {}
+
+    void regReceiver(const std::shared_ptr<RTSPReceiver>& receiver) override
+    {
+        const std::lock_guard lock(mutex);
+        registered.push_back(receiver);
+    }
+    void unregReceiver(const std::shared_ptr<RTSPReceiver>& receiver, std::function<void()> completion) override
+    {
+        const std::lock_guard lock(mutex);
+        const auto found = std::find(registered.begin(), registered.end(), receiver);
+        ASSERT_NE(found, registered.end()) << "unregistered without having been registered";
+        registered.erase(found);
+        if (completion)
+            completions.push_back(std::move(completion));
+    }
+    void restart() override { ++restarts; }
+    StreamCounters counters(const RTSPReceiver&) const override { return {}; }
+
+    /// Every unregistration so far has completed.
+    void complete()
+    {
+        std::vector<std::function<void()>> due;
+        {
+            const std::lock_guard lock(mutex);
+            due.swap(completions);
+        }
+        for (const auto& completion : due)
+            completion();
+    }
+    std::size_t registrations() const
+    {
+        const std::lock_guard lock(mutex);
+        return registered.size();
+    }
+
+    mutable std::mutex mutex;  // guards both lists
+    std::vector<std::shared_ptr<RTSPReceiver>> registered;
+    std::vector<std::function<void()>> completions;
+    int restarts = 0;
+};
+
+struct FakeDevice {
+    std::shared_ptr<ILogger> getLogger() const { return {std::shared_ptr<ILogger>(), &logger}; }
+    std::shared_ptr<void> getLifetimeToken() const { return std::make_shared<int>(); }
+
+    mutable RecordingLogger logger;
+};
+
+class VideoReceiver final : public RTSPReceiverBase<GDRV::IVideoSource, FakeDevice> {
+public:
+    using RTSPReceiverBase::RTSPReceiverBase;
+    std::int32_t ApplySettings(const ParameterMap&) noexcept override { return 8; }
+
+    std::shared_ptr<RTSPStream> offered;
+
+protected:
+    std::shared_ptr<RTSPStream> getStream() override { return offered; }
+};
+
+class RTSPReceiverBaseTest : public ::testing::Test {
+protected:
+    RTSPReceiverBaseTest()
+    {
+        LiveSourceContext live;
+        live.frames = &channel;
+        live.objectName = "vs 0.0";
+        source = std::make_shared<VideoReceiver>(&device, &channel, nullptr, live);
+        source->adopt();
+        source->offered = stream;
+    }
+    ~RTSPReceiverBaseTest() override
+    {
+        if (source != nullptr)
+            source->Destroy();
+    }
+
+    boost::asio::io_context context;
+    FakeDevice device;
+    ChannelHandler channel;
+    std::shared_ptr<FakeStream> stream = std::make_shared<FakeStream>(context, &device.logger);
+    std::shared_ptr<VideoReceiver> source;
+};
+
+TEST_F(RTSPReceiverBaseTest, startRegistersAndTellsTheHost)
+{
+    source->Start();
+    EXPECT_EQ(stream->registrations(), 1U);
+    EXPECT_EQ(channel.started(), 1U);
+    EXPECT_TRUE(device.logger.contains("vs 0.0: Starting..."));
+    EXPECT_TRUE(device.logger.contains("vs 0.0: Started"));
+}
+
+TEST_F(RTSPReceiverBaseTest, secondStartIsSkippedAndLeavesOneRegistration)
+{
+    source->Start();
+    source->Start();
+    EXPECT_TRUE(device.logger.contains("Skip Start as already started"));
+    EXPECT_EQ(stream->registrations(), 1U);
+    EXPECT_EQ(channel.started(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, stopBeforeAnyStartIsSkippedAndReportsNothing)
+{
+    source->Stop();
+    stream->complete();
+    EXPECT_TRUE(device.logger.contains("Skip Stop as already stopped"));
+    EXPECT_EQ(channel.stopped(), 0U);
+}
+
+TEST_F(RTSPReceiverBaseTest, theHostLearnsOfTheStopWhenTheUnregistrationHasCompleted)
+{
+    source->Start();
+    source->Stop();
+    EXPECT_EQ(stream->registrations(), 0U);
+    EXPECT_EQ(channel.stopped(), 0U);
+    stream->complete();
+    EXPECT_EQ(channel.stopped(), 1U);
+    EXPECT_TRUE(device.logger.contains("vs 0.0: Stopped."));
+}
+
+TEST_F(RTSPReceiverBaseTest, secondStopIsSkipped)
+{
+    source->Start();
+    source->Stop();
+    source->Stop();
+    stream->complete();
+    EXPECT_EQ(device.logger.count("Skip Stop as already stopped"), 1U);
+    EXPECT_EQ(channel.stopped(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, stopWithoutAStreamReportsNothing)
+{
+    source->offered = nullptr;
+    source->Start();
+    source->Stop();
+    stream->complete();
+    EXPECT_TRUE(device.logger.contains("Stopping not started"));
+    EXPECT_EQ(channel.stopped(), 0U);
+}
+
+TEST_F(RTSPReceiverBaseTest, startBeforeTheStopWasReportedIsNotLost)
+{
+    source->Start();
+    source->Stop();
+    source->Start();
+    EXPECT_EQ(stream->registrations(), 1U);
+    EXPECT_EQ(channel.started(), 2U);
+    stream->complete();
+    EXPECT_EQ(channel.stopped(), 1U);
+    EXPECT_EQ(stream->registrations(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, framesReachTheHostUntilDestroy)
+{
+    source->Start();
+    const std::shared_ptr<RTSPReceiver> receiver = source;
+    receiver->onFrame({});
+    EXPECT_EQ(channel.frameTotal(), 1U);
+    source->Destroy();
+    receiver->onFrame({});
+    EXPECT_EQ(channel.frameTotal(), 1U);
+    source = nullptr;
+}
+
+TEST_F(RTSPReceiverBaseTest, destroyWhileStartedUnregistersAndReportsNothing)
+{
+    source->Start();
+    source->Destroy();
+    EXPECT_EQ(stream->registrations(), 0U);
+    stream->complete();
+    EXPECT_EQ(channel.stopped(), 0U);
+    EXPECT_TRUE(device.logger.contains("vs 0.0: Destroy"));
+    source = nullptr;
+}
+
+TEST_F(RTSPReceiverBaseTest, destroyBeforeTheStopWasReportedSilencesTheReport)
+{
+    source->Start();
+    source->Stop();
+    source->Destroy();
+    stream->complete();
+    EXPECT_EQ(channel.stopped(), 0U);
+    source = nullptr;
+}
+
+TEST_F(RTSPReceiverBaseTest, mayBeDestroyedFromInsideItsCallbacks)
+{
+    channel.onStarted = [this](IContract*) {
+        auto* const raw = source.get();
+        source = nullptr;
+        raw->Destroy();
+    };
+    const std::weak_ptr<VideoReceiver> weak = source;
+    auto* const raw = source.get();
+    raw->Start();
+    EXPECT_TRUE(weak.expired());
+    EXPECT_EQ(stream->registrations(), 0U);
+}
+
+TEST_F(RTSPReceiverBaseTest, mayBeDestroyedFromInsideAFrame)
+{
+    source->Start();
+    const std::shared_ptr<RTSPReceiver> receiver = source;
+    channel.onFrame = [this](IContract*) {
+        source->Destroy();
+        source = nullptr;
+    };
+    receiver->onFrame({});
+    receiver->onFrame({});
+    EXPECT_EQ(channel.frameTotal(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, startAndStopFromManyThreadsLeaveTheRegistrationInStepWithTheFlag)
+{
+    std::vector<std::thread> threads;
+    for (int index = 0; index < 4; ++index) {
+        threads.emplace_back([this, index] {
+            for (int round = 0; round < 200; ++round)
+                (round + index) % 2 == 0 ? source->Start() : source->Stop();
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    source->Stop();
+    stream->complete();
+    EXPECT_EQ(stream->registrations(), 0U);
+    EXPECT_EQ(channel.started(), channel.stopped());
+    source->Start();
+    EXPECT_EQ(stream->registrations(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, changesOfTheStreamMoveTheRegistration)
+{
+    const auto second = std::make_shared<FakeStream>(context, &device.logger);
+    source->Start();
+    source->Stop();
+    source->offered = second;
+    source->Start();
+    EXPECT_EQ(stream->registrations(), 0U);
+    EXPECT_EQ(second->registrations(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, createNamesHandlerAndParent)
+{
+    EXPECT_TRUE(device.logger.contains("vs 0.0: Createhandler=0x"));
+    const auto line = device.logger.find("Createhandler");
+    EXPECT_EQ(line.file, "IpUtil/include/RTSPReceiverBase");
+}
+
+/// A source whose new parameters may need a new connection.
+class AdjustableReceiver final : public RTSPReceiverVideoSource<FakeDevice> {
+public:
+    using RTSPReceiverVideoSource::RTSPReceiverVideoSource;
+    std::int32_t ApplySettings(const ParameterMap& changed) noexcept override
+    {
+        adjust(changed);
+        return 0;
+    }
+    std::shared_ptr<RTSPStream> offered;
+
+protected:
+    std::shared_ptr<RTSPStream> getStream() override { return offered; }
+};
+
+TEST_F(RTSPReceiverBaseTest, onlyChangedValuesThatTheConnectionDependsOnRestartTheStream)
+{
+    LiveSourceContext live;
+    live.parameters = {{"codec", std::string("H.264")}};
+    const auto adjustable = std::make_shared<AdjustableReceiver>(&device, &channel, nullptr, live);
+    adjustable->adopt();
+    adjustable->offered = stream;
+    adjustable->Start();
+
+    adjustable->ApplySettings({{"brightness", 50}});
+    EXPECT_EQ(stream->restarts, 0);
+    adjustable->ApplySettings({{"codec", std::string("H.264")}});
+    EXPECT_EQ(stream->restarts, 0);
+    adjustable->ApplySettings({{"codec", std::string("H.265")}});
+    EXPECT_EQ(stream->restarts, 1);
+    adjustable->ApplySettings({{"codec", std::string("H.265")}, {"resolution", std::string("640x360")}});
+    EXPECT_EQ(stream->restarts, 2);
+    adjustable->Destroy();
+}
+}  // namespace
