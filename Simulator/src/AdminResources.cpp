@@ -1,0 +1,132 @@
+#include "AdminResources.h"
+
+#include "LapiEnvelope.h"
+#include "MediaServer.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+
+namespace simulator
+{
+namespace
+{
+
+constexpr unsigned defaultRebootMs = 2000;
+constexpr unsigned longestRebootMs = 600'000;
+
+Reply badRequest(const std::string& why)
+{
+    return {.status = 400, .code = 1, .text = why};
+}
+
+Reply withData(Json::Value data)
+{
+    return {.data = std::move(data)};
+}
+
+/// The text member `name` of a JSON body; nothing when there is none.
+std::optional<std::string> textMember(const std::string& body, const char* name)
+{
+    const auto json = parseJson(body);
+    if (!json || !json->isObject() || !(*json)[name].isString())
+        return std::nullopt;
+    return (*json)[name].asString();
+}
+
+Json::Value listFaults(const FaultTable& faults)
+{
+    Json::Value list(Json::arrayValue);
+    for (const Fault& fault : faults.list())
+        list.append(fault.text);
+    return list;
+}
+
+Reply addFault(FaultTable& faults, const Call& call)
+{
+    const auto text = textMember(call.body, "fault");
+    if (!text)
+        return badRequest("the body is not {\"fault\": \"NAME[:N][@TEXT]\"}");
+    auto fault = parseFault(*text);
+    if (const auto* why = std::get_if<std::string>(&fault))
+        return badRequest(*why);
+    faults.add(std::get<Fault>(std::move(fault)));
+    return withData(listFaults(faults));
+}
+
+Reply removeFaults(FaultTable& faults, const Call& call)
+{
+    if (call.body.empty()) {
+        faults.clear();
+        return withData(listFaults(faults));
+    }
+    const auto text = textMember(call.body, "fault");
+    if (!text || faults.remove(*text) == 0)
+        return badRequest("the body names no fault that is in force");
+    return withData(listFaults(faults));
+}
+
+Reply reboot(const std::function<void(std::chrono::milliseconds)>& action, const Call& call)
+{
+    unsigned milliseconds = defaultRebootMs;
+    if (!call.body.empty()) {
+        const auto json = parseJson(call.body);
+        if (!json || !json->isObject() || !(*json)["milliseconds"].isUInt() ||
+            (*json)["milliseconds"].asUInt() > longestRebootMs)
+            return badRequest("the body is not {\"milliseconds\": 0..600000}");
+        milliseconds = (*json)["milliseconds"].asUInt();
+    }
+    Reply reply;
+    reply.afterwards = [action, milliseconds] { action(std::chrono::milliseconds(milliseconds)); };
+    return reply;
+}
+
+void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
+{
+    router.add("GET", "/simulator/counters", [admin](const Call&) {
+        Json::Value data = admin->activity.counters();
+        data["rtsp"] = admin->media.counters();
+        return withData(std::move(data));
+    });
+    router.add("DELETE", "/simulator/counters", [admin](const Call&) {
+        admin->activity.clear();
+        admin->media.clearCounters();
+        return Reply{};
+    });
+    router.add("GET", "/simulator/requests", [admin](const Call&) { return withData(admin->activity.requests()); });
+}
+
+void addFaults(Router& router, const std::shared_ptr<Administered>& admin)
+{
+    router.add("GET", "/simulator/faults", [admin](const Call&) { return withData(listFaults(admin->faults)); });
+    router.add("POST", "/simulator/faults", [admin](const Call& call) { return addFault(admin->faults, call); });
+    router.add("DELETE", "/simulator/faults", [admin](const Call& call) { return removeFaults(admin->faults, call); });
+}
+
+void addOutages(Router& router, const std::shared_ptr<Administered>& admin)
+{
+    const auto command = [](const std::function<void()>& action) {
+        return [action](const Call&) {
+            action();
+            return Reply{};
+        };
+    };
+    router.add("POST", "/simulator/rtsp/drop", command([admin] { admin->media.closeAll(); }));
+    router.add("POST", "/simulator/rtsp/stop", command(admin->closeRtspPort));
+    router.add("POST", "/simulator/rtsp/start", command(admin->openRtspPort));
+    router.add("POST", "/simulator/reboot", [admin](const Call& call) { return reboot(admin->reboot, call); });
+}
+
+}  // namespace
+
+void addAdminResources(Router& router, Administered administered)
+{
+    const auto admin = std::make_shared<Administered>(std::move(administered));
+    addActivity(router, admin);
+    addFaults(router, admin);
+    addOutages(router, admin);
+}
+
+}  // namespace simulator

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "Activity.h"
+#include "Fault.h"
+#include "Router.h"
+
+#include <chrono>
+#include <functional>
+
+namespace simulator
+{
+
+class MediaServer;
+
+/// What the administration may do to the simulator. Nothing is owned; everything outlives the router.
+struct Administered {
+    Activity& activity;
+    FaultTable& faults;
+    MediaServer& media;
+    std::function<void()> openRtspPort;
+    std::function<void()> closeRtspPort;  ///< and its connections
+    std::function<void(std::chrono::milliseconds)> reboot;
+};
+
+/// Adds the administration's resources, which `--help` describes.
+void addAdminResources(Router& router, Administered administered);
+
+}  // namespace simulator

@@ -1,0 +1,127 @@
+#include "MediaPipeline.h"
+
+#include "Glib.h"
+
+#include <gst/gst.h>
+
+#include <sstream>
+#include <string_view>
+
+namespace simulator
+{
+namespace
+{
+
+/// One slice a frame and a single thread: as cheap as it gets, and how cameras encode.
+std::string encoderLaunch(const PictureSettings& settings)
+{
+    std::ostringstream out;
+    if (settings.codec == Codec::h264)
+        out << "x264enc name=encoder tune=zerolatency speed-preset=ultrafast threads=1";
+    else
+        out << "x265enc name=encoder tune=zerolatency speed-preset=ultrafast "
+               "option-string=\"pools=none:frame-threads=1:log-level=error\"";
+    out << " bitrate=" << settings.bitrateKbit << " key-int-max=" << settings.framesPerSecond << " ! ";
+    if (settings.codec == Codec::h264)
+        out << "video/x-h264,profile=main";
+    else
+        out << "video/x-h265,profile=main";
+    return out.str();
+}
+
+/// Parameter sets go in front of each key frame, as devices send them.
+std::string videoPayloader(Codec codec)
+{
+    return std::string(codec == Codec::h264 ? "h264parse ! rtph264pay" : "h265parse ! rtph265pay") +
+           " name=pay0 pt=96 config-interval=-1";
+}
+
+/// Packets of 40 ms, in the middle of what devices send.
+constexpr const char* audioPayloader = "rtppcmupay name=pay1 pt=0 min-ptime=40000000 max-ptime=40000000";
+
+struct NeededElement {
+    const char* name;
+    const char* package;
+};
+
+}  // namespace
+
+std::string testPictureLaunch(const PictureSettings& settings)
+{
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out << "( videotestsrc is-live=true pattern=smpte100 horizontal-speed=2 ! video/x-raw,format=I420,width="
+        << settings.size.width << ",height=" << settings.size.height << ",framerate=" << settings.framesPerSecond
+        << "/1 ! textoverlay text=\"" << settings.title
+        << "\" valignment=top halignment=left shaded-background=true"
+           " ! clockoverlay time-format=\"%Y-%m-%d %H:%M:%S\" valignment=top halignment=right shaded-background=true"
+           " ! timeoverlay valignment=bottom halignment=left shaded-background=true ! "
+        << encoderLaunch(settings) << " ! " << videoPayloader(settings.codec);
+    if (settings.audio)
+        out << " audiotestsrc is-live=true wave=sine volume=0.3 samplesperbuffer=320 freq=" << settings.toneHertz
+            << " ! audio/x-raw,format=S16LE,rate=8000,channels=1 ! mulawenc ! " << audioPayloader;
+    out << " )";
+    return out.str();
+}
+
+std::string fileLaunch(Codec codec, bool audio)
+{
+    // The sources are live, so that the server treats the file like a camera; clocksync gives them the pace.
+    const std::string source = " is-live=true format=time block=false ! clocksync ! ";
+    return "( appsrc name=video" + source + videoPayloader(codec) +
+           (audio ? " appsrc name=audio" + source + audioPayloader : "") + " )";
+}
+
+std::vector<std::string> missingElements(const Options& options)
+{
+    std::vector<NeededElement> needed{
+        {"rtpbin", "gstreamer1.0-plugins-good"},     {"udpsink", "gstreamer1.0-plugins-good"},
+        {"rtph264pay", "gstreamer1.0-plugins-good"}, {"appsink", "gstreamer1.0-plugins-base"},
+        {"appsrc", "gstreamer1.0-plugins-base"},     {"h264parse", "gstreamer1.0-plugins-bad"},
+    };
+    if (options.audio)
+        needed.insert(needed.end(),
+                      {{"mulawenc", "gstreamer1.0-plugins-good"}, {"rtppcmupay", "gstreamer1.0-plugins-good"}});
+    if (!options.mediaFile.empty()) {
+        needed.insert(needed.end(), {{"parsebin", "gstreamer1.0-plugins-base"},
+                                     {"clocksync", "libgstreamer1.0-0"},
+                                     {"audioresample", "gstreamer1.0-plugins-base"}});
+    } else {
+        needed.insert(needed.end(), {{"videotestsrc", "gstreamer1.0-plugins-base"},
+                                     {"audiotestsrc", "gstreamer1.0-plugins-base"},
+                                     {"textoverlay", "gstreamer1.0-x"}});
+        if (options.codec == Codec::h264)
+            needed.push_back({"x264enc", "gstreamer1.0-plugins-ugly"});
+        else
+            needed.push_back({"x265enc", "gstreamer1.0-plugins-bad"});
+    }
+
+    std::vector<std::string> missing;
+    for (const auto& [name, package] : needed) {
+        const GlibPointer<GstElementFactory> factory(gst_element_factory_find(name));
+        if (!factory)
+            missing.push_back(std::string("The GStreamer element '") + name +
+                              "' is missing; on Debian it is in the package " + package + ".");
+    }
+    return missing;
+}
+
+std::string livePath(Kind kind, unsigned channel, unsigned stream)
+{
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    switch (kind) {
+    case Kind::recorder:
+        out << "/unicast/c" << channel + 1 << "/s" << stream << "/live";
+        break;
+    case Kind::multichannel:
+        out << "/media" << channel + 1 << "/video" << stream + 1;
+        break;
+    case Kind::camera:
+        out << "/media/video" << stream + 1;
+        break;
+    }
+    return out.str();
+}
+
+}  // namespace simulator

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "Options.h"
+
+#include <string>
+#include <vector>
+
+namespace simulator
+{
+
+/// One live stream of the test picture.
+struct PictureSettings {
+    std::string title;  ///< written into the picture
+    Codec codec = Codec::h264;
+    Size size;
+    unsigned framesPerSecond = 25;
+    unsigned bitrateKbit = 2000;
+    bool audio = true;
+    unsigned toneHertz = 440;
+};
+
+/// The launch line for GStreamer's RTSP server: a moving test picture with a title and a running clock, and a tone.
+/// The encoder is called "encoder", the payloaders "pay0" (video) and "pay1" (audio).
+std::string testPictureLaunch(const PictureSettings& settings);
+
+/// The launch line for media from memory: application sources "video" and "audio" that a feeder fills.
+std::string fileLaunch(Codec codec, bool audio);
+
+/// A sentence for each GStreamer element that the launch line or the RTSP server needs and this machine lacks, with
+/// the Debian package that has it. Needs gst_init.
+std::vector<std::string> missingElements(const Options& options);
+
+/// The RTSP path of a live stream; both indexes count from 0. The recorder's form numbers streams from 0, the camera
+/// forms from 1.
+std::string livePath(Kind kind, unsigned channel, unsigned stream);
+
+}  // namespace simulator

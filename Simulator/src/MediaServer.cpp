@@ -1,0 +1,343 @@
+#include <utility>  // ahead of Asio, which forgets it
+
+#include "MediaServer.h"
+
+#include "Glib.h"
+#include "Log.h"
+#include "MediaFile.h"
+#include "MediaPipeline.h"
+#include "SimulatedMedia.h"
+
+#include <gst/rtsp-server/rtsp-server.h>
+#include <gst/video/video.h>
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+
+namespace simulator
+{
+namespace
+{
+
+constexpr const char* role = "user";
+constexpr unsigned streamsPerChannel = 2;
+/// Enough that one client's preparation does not hold up the others.
+constexpr gint clientThreads = 8;
+
+struct Method {
+    const char* name;
+    const char* beforeSignal;  ///< asks whether the request may go on
+};
+
+constexpr Method methods[] = {
+    {"OPTIONS", "pre-options-request"},
+    {"DESCRIBE", "pre-describe-request"},
+    {"SETUP", "pre-setup-request"},
+    {"PLAY", "pre-play-request"},
+    {"PAUSE", "pre-pause-request"},
+    {"TEARDOWN", "pre-teardown-request"},
+    {"GET_PARAMETER", "pre-get-parameter-request"},
+    {"SET_PARAMETER", "pre-set-parameter-request"},
+};
+
+void requireElements(const Options& options)
+{
+    std::string text;
+    for (const std::string& sentence : missingElements(options))
+        text += (text.empty() ? "" : "\n") + sentence;
+    if (!text.empty())
+        throw std::runtime_error(text);
+}
+
+GlibPointer<GstRTSPAuth> makeAuthentication(const Options& options, const std::string& realm)
+{
+    GlibPointer<GstRTSPAuth> auth(gst_rtsp_auth_new());
+    GstRTSPToken* const token = gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, role, nullptr);
+    gst_rtsp_auth_set_realm(auth.get(), realm.c_str());
+    int schemes = 0;
+    if (options.authentication != Authentication::basic) {
+        schemes |= GST_RTSP_AUTH_DIGEST;
+        gst_rtsp_auth_add_digest(auth.get(), options.user.c_str(), options.password.c_str(), token);
+    }
+    if (options.authentication != Authentication::digest) {
+        schemes |= GST_RTSP_AUTH_BASIC;
+        const GlibPointer<gchar> basic(gst_rtsp_auth_make_basic(options.user.c_str(), options.password.c_str()));
+        gst_rtsp_auth_add_basic(auth.get(), basic.get(), token);
+    }
+    gst_rtsp_auth_set_supported_methods(auth.get(), static_cast<GstRTSPAuthMethod>(schemes));
+    gst_rtsp_token_unref(token);
+    return auth;
+}
+
+PictureSettings pictureSettings(const Options& options, unsigned channel, unsigned stream)
+{
+    PictureSettings settings;
+    settings.title = "Channel " + std::to_string(channel + 1) + (stream == 0 ? " main" : " sub");
+    settings.codec = options.codec;
+    settings.size = stream == 0 ? options.size : options.subSize;
+    settings.framesPerSecond = options.framesPerSecond;
+    settings.bitrateKbit = stream == 0 ? options.bitrateKbit : std::max(options.bitrateKbit / 4, 32u);
+    settings.audio = options.audio;
+    settings.toneHertz = 440 + 110 * (channel % 8);  // channels can be told apart by ear
+    return settings;
+}
+
+/// A client that joins a running stream should not have to wait for the next key frame.
+void forceKeyFrame(GstRTSPMedia* media)
+{
+    const GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
+    const GlibPointer<GstElement> encoder(gst_bin_get_by_name(GST_BIN(pipeline.get()), "encoder"));
+    if (!encoder)
+        return;
+    const GlibPointer<GstPad> pad(gst_element_get_static_pad(encoder.get(), "src"));
+    gst_pad_send_event(pad.get(), gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
+}
+
+}  // namespace
+
+struct MediaServer::State {
+    /// What a request's signal handler needs to know; one for each method, as long-lived as the server.
+    struct Hook {
+        State* state;
+        const Method* method;
+    };
+
+    /// A path and what is needed to make its medium.
+    struct Stream {
+        StreamActivity activity;
+        std::shared_ptr<const MediaFile> file;  ///< null: the test picture
+    };
+
+    explicit State(const FaultTable& faultTable) : faults(faultTable)
+    {
+        for (const Method& method : methods)
+            hooks.push_back({this, &method});
+    }
+
+    const FaultTable& faults;
+    GlibPointer<GstRTSPServer> server;
+    std::deque<Stream> streams;  ///< addresses stay: signal handlers hold them
+    std::deque<Hook> hooks;
+
+    std::mutex mutex;  ///< guards what follows: the server's threads come here too
+    std::map<ConnectionId, GlibPointer<GSocket>> connections;
+    std::map<std::string, unsigned> requestCounts;
+    unsigned connectionCount = 0;
+    ConnectionId lastConnection = 0;
+
+    void addStream(const Options& options, unsigned channel, unsigned number,
+                   const std::shared_ptr<const MediaFile>& file);
+    static void onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer stream);
+    static void onClient(GstRTSPServer*, GstRTSPClient* client, gpointer self);
+    static GstRTSPStatusCode beforeRequest(GstRTSPClient*, GstRTSPContext* context, gpointer hook);
+    static void onPlay(GstRTSPClient*, GstRTSPContext* context, gpointer);
+    static void onClosed(GstRTSPClient* client, gpointer self);
+};
+
+namespace
+{
+
+constexpr const char* connectionKey = "simulator-connection";
+
+}  // namespace
+
+void MediaServer::State::addStream(const Options& options, unsigned channel, unsigned number,
+                                   const std::shared_ptr<const MediaFile>& file)
+{
+    Stream& stream = streams.emplace_back();
+    stream.activity.path = livePath(options.kind, channel, number);
+    stream.activity.faults = &faults;
+    stream.file = file;
+
+    GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
+    const std::string launch = file ? fileLaunch(file->codec, options.audio && !file->audio.units.empty())
+                                    : testPictureLaunch(pictureSettings(options, channel, number));
+    gst_rtsp_media_factory_set_launch(factory, launch.c_str());
+    gst_rtsp_media_factory_set_shared(factory, TRUE);
+    gst_rtsp_media_factory_set_media_gtype(factory, simulatedMediaType());
+    gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
+                                    GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
+    g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), &stream);
+
+    const GlibPointer<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server.get()));
+    gst_rtsp_mount_points_add_factory(mounts.get(), stream.activity.path.c_str(), factory);  // takes the factory
+}
+
+void MediaServer::State::onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data)
+{
+    Stream& stream = *static_cast<Stream*>(data);
+    attach(media, stream.activity);
+    if (!stream.file)
+        return;
+    const GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
+    feedFromFile(pipeline.get(), stream.file);
+}
+
+void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointer data)
+{
+    auto& self = *static_cast<State*>(data);
+    for (Hook& hook : self.hooks)
+        g_signal_connect(client, hook.method->beforeSignal, G_CALLBACK(beforeRequest), &hook);
+    g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
+    g_signal_connect(client, "closed", G_CALLBACK(onClosed), data);
+    // The signal comes from inside `serve`, which has just given out this number.
+    const std::lock_guard lock(self.mutex);
+    g_object_set_data(G_OBJECT(client), connectionKey, GSIZE_TO_POINTER(self.lastConnection));
+}
+
+GstRTSPStatusCode MediaServer::State::beforeRequest(GstRTSPClient*, GstRTSPContext* context, gpointer data)
+{
+    const Hook& hook = *static_cast<Hook*>(data);
+    {
+        const std::lock_guard lock(hook.state->mutex);
+        ++hook.state->requestCounts[hook.method->name];
+    }
+    const std::string path = context->uri != nullptr ? context->uri->abspath : "*";
+    const std::string request = std::string(hook.method->name) + ' ' + path;
+    const auto fault = hook.state->faults.find(FaultKind::rtspStatus, request);
+    logLine("RTSP " + request + (fault ? " (" + fault->text + ")" : ""));
+    return fault ? static_cast<GstRTSPStatusCode>(fault->argument) : GST_RTSP_STS_OK;
+}
+
+void MediaServer::State::onPlay(GstRTSPClient*, GstRTSPContext* context, gpointer)
+{
+    if (context->media != nullptr)
+        forceKeyFrame(context->media);
+}
+
+void MediaServer::State::onClosed(GstRTSPClient* client, gpointer data)
+{
+    auto& self = *static_cast<State*>(data);
+    const std::lock_guard lock(self.mutex);
+    self.connections.erase(GPOINTER_TO_SIZE(g_object_get_data(G_OBJECT(client), connectionKey)));
+}
+
+MediaServer::MediaServer(Options& options, const std::string& realm, const FaultTable& faults)
+    : state(std::make_unique<State>(faults))
+{
+    GError* error = nullptr;
+    if (!gst_init_check(nullptr, nullptr, &error)) {
+        const GlibPointer<GError> owned(error);
+        throw std::runtime_error(std::string("GStreamer cannot start: ") + owned->message);
+    }
+    requireElements(options);
+    std::shared_ptr<const MediaFile> file;
+    if (!options.mediaFile.empty()) {
+        file = MediaFile::load(options.mediaFile);
+        options.codec = file->codec;
+        options.size = options.subSize = file->size;
+        options.framesPerSecond = file->framesPerSecond;
+    }
+
+    state->server.reset(gst_rtsp_server_new());
+    if (options.authentication != Authentication::none)
+        gst_rtsp_server_set_auth(state->server.get(), makeAuthentication(options, realm).get());
+    const GlibPointer<GstRTSPThreadPool> threads(gst_rtsp_server_get_thread_pool(state->server.get()));
+    gst_rtsp_thread_pool_set_max_threads(threads.get(), clientThreads);
+    g_signal_connect(state->server.get(), "client-connected", G_CALLBACK(State::onClient), state.get());
+    for (unsigned channel = 0; channel < options.channels; ++channel)
+        for (unsigned stream = 0; stream < streamsPerChannel; ++stream)
+            state->addStream(options, channel, stream, file);
+}
+
+MediaServer::~MediaServer()
+{
+    const auto remove = [](GstRTSPServer*, GstRTSPClient*, gpointer) { return GST_RTSP_FILTER_REMOVE; };
+    g_list_free_full(gst_rtsp_server_client_filter(state->server.get(), remove, nullptr), g_object_unref);
+    state->server.reset();
+    gst_rtsp_thread_pool_cleanup();  // waits for the server's threads, whose handlers use `state`
+}
+
+std::vector<std::string> MediaServer::paths() const
+{
+    std::vector<std::string> paths;
+    for (const State::Stream& stream : state->streams)
+        paths.push_back(stream.activity.path);
+    return paths;
+}
+
+std::optional<MediaServer::ConnectionId> MediaServer::serve(boost::asio::ip::tcp::socket socket)
+{
+    boost::system::error_code error;
+    const auto peer = socket.remote_endpoint(error);
+    if (!error)
+        socket.set_option(boost::asio::ip::tcp::no_delay(true), error);
+    if (error)
+        return std::nullopt;
+    GSocket* const shared = g_socket_new_from_fd(static_cast<gint>(socket.release()), nullptr);
+    if (shared == nullptr)
+        return std::nullopt;
+
+    ConnectionId connection = 0;
+    {
+        const std::lock_guard lock(state->mutex);
+        connection = ++state->lastConnection;
+        ++state->connectionCount;
+        state->connections.emplace(connection, share(shared));
+    }
+    // Takes the reference to the socket.
+    gst_rtsp_server_transfer_connection(state->server.get(), shared, peer.address().to_string().c_str(), peer.port(),
+                                        nullptr);
+    return connection;
+}
+
+void MediaServer::close(ConnectionId connection)
+{
+    const std::lock_guard lock(state->mutex);
+    const auto found = state->connections.find(connection);
+    if (found != state->connections.end())
+        g_socket_shutdown(found->second.get(), TRUE, TRUE, nullptr);  // its thread sees the end and cleans up
+}
+
+void MediaServer::closeAll()
+{
+    const std::lock_guard lock(state->mutex);
+    for (const auto& [id, socket] : state->connections)
+        g_socket_shutdown(socket.get(), TRUE, TRUE, nullptr);
+}
+
+void MediaServer::expireSessions()
+{
+    const GlibPointer<GstRTSPSessionPool> pool(gst_rtsp_server_get_session_pool(state->server.get()));
+    gst_rtsp_session_pool_cleanup(pool.get());
+}
+
+Json::Value MediaServer::counters() const
+{
+    Json::Value out(Json::objectValue);
+    {
+        const std::lock_guard lock(state->mutex);
+        out["connections"] = state->connectionCount;
+        out["openConnections"] = static_cast<Json::UInt64>(state->connections.size());
+        out["requests"] = Json::Value(Json::objectValue);
+        for (const auto& [method, count] : state->requestCounts)
+            out["requests"][method] = count;
+    }
+    out["streams"] = Json::Value(Json::arrayValue);
+    for (const auto& [activity, file] : state->streams) {
+        Json::Value stream(Json::objectValue);
+        stream["path"] = activity.path;
+        stream["frames"] = static_cast<Json::UInt64>(activity.frames);
+        stream["keyFrames"] = static_cast<Json::UInt64>(activity.keyFrames);
+        stream["videoPackets"] = static_cast<Json::UInt64>(activity.videoPackets);
+        stream["videoBytes"] = static_cast<Json::UInt64>(activity.videoBytes);
+        stream["audioPackets"] = static_cast<Json::UInt64>(activity.audioPackets);
+        stream["audioBytes"] = static_cast<Json::UInt64>(activity.audioBytes);
+        out["streams"].append(stream);
+    }
+    return out;
+}
+
+void MediaServer::clearCounters()
+{
+    for (State::Stream& stream : state->streams)
+        stream.activity.clear();
+    const std::lock_guard lock(state->mutex);
+    state->requestCounts.clear();
+    state->connectionCount = 0;
+}
+
+}  // namespace simulator

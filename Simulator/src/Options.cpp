@@ -1,0 +1,193 @@
+#include "Options.h"
+
+#include <CLI/CLI.hpp>
+
+#include <map>
+
+namespace simulator
+{
+namespace
+{
+
+const std::map<std::string, Kind> kinds{
+    {"camera", Kind::camera}, {"multichannel", Kind::multichannel}, {"recorder", Kind::recorder}};
+const std::map<std::string, Authentication> authentications{{"digest", Authentication::digest},
+                                                            {"basic", Authentication::basic},
+                                                            {"both", Authentication::both},
+                                                            {"none", Authentication::none}};
+const std::map<std::string, Codec> codecs{{"h264", Codec::h264}, {"h265", Codec::h265}};
+const std::map<std::string, bool> portForms{{"singular", false}, {"plural", true}};
+
+constexpr int usageStatus = 2;
+
+constexpr const char* footer = R"(
+When ready, one JSON line on standard output names the ports. Everything else goes to standard error.
+
+Faults (repeatable; @TEXT restricts one to requests whose "METHOD path" contains TEXT):
+)";
+
+constexpr const char* adminFooter = R"(
+Administration, for tests; real devices have nothing like it. Plain JSON without authentication, on the port that the
+ready line calls adminPort (faults and restarts never touch it) and, for loopback peers, on the HTTP port as well:
+  GET    /simulator/counters       requests, connections, frames and bytes served for each stream
+  DELETE /simulator/counters       sets them to zero and empties the request log
+  GET    /simulator/requests       the last 1000 LAPI requests, oldest first
+  GET    /simulator/faults         the faults in force
+  POST   /simulator/faults         {"fault": "status:503@Port"} adds one
+  DELETE /simulator/faults         {"fault": "status:503@Port"} removes one; without a body, all
+  POST   /simulator/rtsp/drop      closes all RTSP connections
+  POST   /simulator/rtsp/stop      closes the RTSP port and all its connections
+  POST   /simulator/rtsp/start     opens it again
+  POST   /simulator/reboot         {"milliseconds": 2000} closes every port and connection for so long
+
+Exit status: 0 stopped by a signal or the end of its input, 1 could not start, 2 wrong command line.
+)";
+
+std::string formatSize(const Size& size)
+{
+    return std::to_string(size.width) + "x" + std::to_string(size.height);
+}
+
+/// Encoders want even sides; the upper limit keeps one picture below a hundred megabytes.
+Size readSize(const std::string& text)
+{
+    Size size;
+    char by = 0;
+    std::istringstream in(text);
+    in.imbue(std::locale::classic());
+    in >> size.width >> by >> size.height;
+    const auto fits = [](unsigned side) { return side >= 64 && side <= 8192 && side % 2 == 0; };
+    if (in.fail() || !in.eof() || by != 'x' || !fits(size.width) || !fits(size.height))
+        throw CLI::ValidationError("'" + text + "' is no picture size; an example is 1280x720 (even, 64..8192)");
+    return size;
+}
+
+std::vector<Fault> readFaults(const std::vector<std::string>& texts)
+{
+    std::vector<Fault> faults;
+    for (const std::string& text : texts) {
+        auto parsed = parseFault(text);
+        if (const auto* why = std::get_if<std::string>(&parsed))
+            throw CLI::ValidationError("--fault", *why);
+        faults.push_back(std::get<Fault>(std::move(parsed)));
+    }
+    return faults;
+}
+
+std::chrono::milliseconds readSeconds(double seconds)
+{
+    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+}
+
+template <typename Enum>
+void addChoice(CLI::App& app, const char* name, Enum& value, const std::map<std::string, Enum>& choices,
+               const char* help)
+{
+    std::string words;
+    for (const auto& choice : choices)
+        words += (words.empty() ? "" : "|") + choice.first;
+    app.add_option_function<std::string>(
+           name,
+           [&value, &choices, name, words](const std::string& word) {
+               const auto found = choices.find(word);
+               if (found == choices.end())
+                   throw CLI::ValidationError(name, "'" + word + "' is none of " + words);
+               value = found->second;
+           },
+           help)
+        ->type_name(words);
+}
+
+}  // namespace
+
+std::variant<Options, Usage> parseOptions(const std::vector<std::string>& arguments,
+                                          const std::string& environmentPassword)
+{
+    Options options;
+    if (!environmentPassword.empty())
+        options.password = environmentPassword;
+    std::string size = formatSize(options.size);
+    std::string subSize = formatSize(options.subSize);
+    std::uint16_t httpsPort = 0;
+    double nonceLifetime = 60;
+    double idleTimeout = 5;
+    std::vector<std::string> faults;
+
+    CLI::App app{"A simulated camera or recorder: LAPI over HTTP, live media over RTSP, faults on demand.",
+                 "uniview-simulator"};
+    app.footer(footer + describeFaults() + adminFooter);
+    addChoice(app, "--kind", options.kind, kinds, "what to simulate [camera]");
+    auto* channels = app.add_option("--channels", options.channels, "video channels [1, or 4 unless a camera]")
+                         ->check(CLI::Range(1u, 64u));
+    app.add_option("--bind", options.bindAddress, "address to listen on")->capture_default_str();
+    app.add_option("--http-port", options.httpPort, "LAPI port, 0 for any free one")->capture_default_str();
+    app.add_option("--rtsp-port", options.rtspPort, "RTSP port, 0 for any free one")->capture_default_str();
+    auto* https = app.add_option("--https-port", httpsPort, "LAPI over TLS with a self-signed certificate [off]");
+    app.add_option("--admin-port", options.adminPort, "port of the administration, 0 for any free one")
+        ->capture_default_str();
+
+    app.add_option("--user", options.user, "user name")->capture_default_str();
+    app.add_option("--password", options.password, "password; better given in KELVO_SIMULATOR_PASSWORD [admin-123]");
+    addChoice(app, "--auth", options.authentication, authentications, "schemes offered [digest]");
+    app.add_option("--nonce-lifetime", nonceLifetime, "seconds after which a nonce is stale")
+        ->check(CLI::Range(0.05, 86'400.0))
+        ->capture_default_str();
+    app.add_option("--idle-timeout", idleTimeout, "seconds after which an idle connection is closed")
+        ->check(CLI::Range(0.05, 86'400.0))
+        ->capture_default_str();
+    app.add_option("--max-connections", options.maxConnections, "LAPI connections at once; further ones are reset")
+        ->check(CLI::Range(1u, 10'000u))
+        ->capture_default_str();
+    addChoice(app, "--ports-form", options.pluralPorts, portForms,
+              "whether Network/Port or Network/Ports exists [singular]");
+
+    addChoice(app, "--codec", options.codec, codecs, "codec of the test picture [h264]");
+    app.add_option("--size", size, "size of the main stream")->capture_default_str();
+    app.add_option("--sub-size", subSize, "size of the second stream")->capture_default_str();
+    app.add_option("--fps", options.framesPerSecond, "frames per second")
+        ->check(CLI::Range(1u, 120u))
+        ->capture_default_str();
+    app.add_option("--bitrate", options.bitrateKbit, "kbit/s of the main stream")
+        ->check(CLI::Range(32u, 100'000u))
+        ->capture_default_str();
+    app.add_flag("--audio,!--no-audio", options.audio, "a tone as G.711 u-law [on]");
+    app.add_option("--media", options.mediaFile, "serve this MP4, MKV or TS file in a loop instead of the test picture")
+        ->check(CLI::ExistingFile);
+
+    app.add_option("--fault", faults, "NAME[:N][@TEXT], see below")->take_all();
+    app.add_flag("--exit-with-stdin", options.exitWithStdin, "end when standard input is closed");
+
+    try {
+        // CLI11 takes its words from the end of the vector.
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+        options.size = readSize(size);
+        options.subSize = readSize(subSize);
+        options.faults = readFaults(faults);
+        if (options.kind == Kind::camera && options.channels != 1)
+            throw CLI::ValidationError("--channels", "a camera has one channel; --kind multichannel has several");
+        if (options.user.empty() || options.user.find(':') != std::string::npos)
+            throw CLI::ValidationError("--user", "a user name is not empty and has no colon");
+    } catch (const CLI::CallForHelp&) {
+        return Usage{0, app.help()};
+    } catch (const CLI::ParseError& error) {
+        return Usage{usageStatus, std::string(error.what()) + "\nuniview-simulator --help explains the options.\n"};
+    }
+
+    if (options.kind != Kind::camera && channels->count() == 0)
+        options.channels = 4;
+    if (https->count() != 0)
+        options.httpsPort = httpsPort;
+    options.nonceLifetime = readSeconds(nonceLifetime);
+    options.idleTimeout = readSeconds(idleTimeout);
+    return options;
+}
+
+const char* kindName(Kind kind)
+{
+    for (const auto& [name, value] : kinds)
+        if (value == kind)
+            return name.c_str();
+    return "";
+}
+
+}  // namespace simulator

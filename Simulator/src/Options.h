@@ -1,0 +1,74 @@
+#pragma once
+
+#include "Fault.h"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace simulator
+{
+
+/// What the program pretends to be. It decides "DeviceType", the channel numbers in LAPI paths and the RTSP paths.
+enum class Kind { camera, multichannel, recorder };
+
+/// Which schemes LAPI and RTSP offer and accept.
+enum class Authentication { digest, basic, both, none };
+
+enum class Codec { h264, h265 };
+
+struct Size {
+    unsigned width = 0;
+    unsigned height = 0;
+    bool operator==(const Size&) const = default;
+};
+
+/// The command line, checked. Port 0 means any free port.
+struct Options {
+    Kind kind = Kind::camera;
+    unsigned channels = 1;
+
+    std::string bindAddress = "127.0.0.1";
+    std::uint16_t httpPort = 8080;
+    std::uint16_t rtspPort = 8554;
+    std::optional<std::uint16_t> httpsPort;  ///< no HTTPS without it
+    std::uint16_t adminPort = 0;             ///< always on the loopback interface
+
+    std::string user = "admin";
+    std::string password = "admin-123";
+    Authentication authentication = Authentication::digest;
+    std::chrono::milliseconds nonceLifetime{60'000};
+    std::chrono::milliseconds idleTimeout{5'000};
+    unsigned maxConnections = 8;
+    bool pluralPorts = false;  ///< the port list is found under "Network/Ports" only
+
+    Codec codec = Codec::h264;
+    Size size{1280, 720};
+    Size subSize{640, 360};
+    unsigned framesPerSecond = 25;
+    unsigned bitrateKbit = 2000;
+    bool audio = true;
+    std::string mediaFile;  ///< empty: the test picture
+
+    std::vector<Fault> faults;
+    bool exitWithStdin = false;
+};
+
+/// The program ends at once: help was asked for (status 0) or the command line is wrong (status 2).
+struct Usage {
+    int exitStatus = 0;
+    std::string text;
+};
+
+/// Reads the command line (without the program's name). `environmentPassword` is the value of
+/// KELVO_SIMULATOR_PASSWORD, empty when unset; `--password` outranks it.
+std::variant<Options, Usage> parseOptions(const std::vector<std::string>& arguments,
+                                          const std::string& environmentPassword);
+
+/// The word that the command line and the ready line use for a kind.
+const char* kindName(Kind kind);
+
+}  // namespace simulator

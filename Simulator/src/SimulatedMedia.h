@@ -1,0 +1,36 @@
+#pragma once
+
+#include "Fault.h"
+
+#include <gst/rtsp-server/rtsp-server.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace simulator
+{
+
+/// A stream as the server counts it. GStreamer's threads write, the I/O context reads.
+struct StreamActivity {
+    std::string path;
+    const FaultTable* faults = nullptr;       ///< not owned
+    std::atomic<std::uint64_t> frames{0};     ///< video frames sent towards clients
+    std::atomic<std::uint64_t> keyFrames{0};  ///< those of `frames` that can be decoded alone
+    std::atomic<std::uint64_t> videoPackets{0};
+    std::atomic<std::uint64_t> videoBytes{0};  ///< RTP packets with their headers
+    std::atomic<std::uint64_t> audioPackets{0};
+    std::atomic<std::uint64_t> audioBytes{0};
+    std::atomic<bool> inKeyFrame{false};  ///< the packets now passing belong to a key frame
+
+    void clear();
+};
+
+/// The type of media that the factories make: sender reports carry the time of day, packets are counted, and the
+/// description may be made to lack its tracks.
+GType simulatedMediaType();
+
+/// Ties a new medium to its stream, which outlives it.
+void attach(GstRTSPMedia* media, StreamActivity& stream);
+
+}  // namespace simulator

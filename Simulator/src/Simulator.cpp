@@ -1,0 +1,225 @@
+#include <utility>  // ahead of Asio, which forgets it
+
+#include "Simulator.h"
+
+#include "Activity.h"
+#include "AdminResources.h"
+#include "Authentication.h"
+#include "Certificate.h"
+#include "DeviceState.h"
+#include "HttpServer.h"
+#include "LapiResources.h"
+#include "LapiService.h"
+#include "Listener.h"
+#include "Log.h"
+#include "MediaServer.h"
+#include "RtspPort.h"
+
+#include <json/writer.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <optional>
+#include <stdexcept>
+
+namespace simulator
+{
+namespace
+{
+
+using boost::asio::ip::tcp;
+using boost::system::error_code;
+
+constexpr auto sessionCheckInterval = std::chrono::seconds(2);
+constexpr std::string_view adminPrefix = "/simulator/";
+
+tcp::endpoint endpointFor(const std::string& address, std::uint16_t port)
+{
+    error_code error;
+    const auto parsed = boost::asio::ip::make_address(address, error);
+    if (error)
+        throw std::runtime_error("'" + address + "' is no address to listen on");
+    return {parsed, port};
+}
+
+Authenticator::Settings authenticatorSettings(const Options& options, const std::string& realm)
+{
+    const Authentication scheme = options.authentication;
+    return {options.user,
+            options.password,
+            realm,
+            scheme == Authentication::digest || scheme == Authentication::both,
+            scheme == Authentication::basic || scheme == Authentication::both,
+            options.nonceLifetime};
+}
+
+/// An address as it stands in a URL.
+std::string hostForUrl(const std::string& address)
+{
+    return address.find(':') == std::string::npos ? address : '[' + address + ']';
+}
+
+}  // namespace
+
+struct Simulator::State {
+    State(boost::asio::io_context& context, Options given);
+
+    HttpAnswer answerLapi(const HttpQuestion& question);
+    void openPorts();
+    void closePorts();
+    void reboot(std::chrono::milliseconds duration);
+    void watchSessions();
+    void acceptLapi(tcp::socket socket, boost::asio::ssl::context* tls);
+
+    Options options;
+    FaultTable faults;
+    MediaServer media;   ///< changes `options` to what a media file holds,
+    DeviceState device;  ///< which the device then reports
+    Activity activity;
+    Authenticator authenticator;
+
+    Router lapiRoutes;
+    Router adminRoutes;
+    LapiService lapi;
+    std::optional<boost::asio::ssl::context> tls;
+    HttpServer lapiServer;
+    HttpServer adminServer;
+    boost::asio::steady_timer rebootTimer;
+    boost::asio::steady_timer sessionTimer;
+
+    Listener httpPort;
+    std::optional<Listener> httpsPort;
+    Listener adminPort;
+    RtspPort rtspPort;
+};
+
+Simulator::State::State(boost::asio::io_context& context, Options given)
+    : options(std::move(given)),
+      faults(options.faults),
+      media(options, macAddress, faults),
+      device(options),
+      authenticator(authenticatorSettings(options, macAddress), randomNonce),
+      lapi(lapiRoutes, authenticator, faults, activity),
+      lapiServer({options.idleTimeout, options.maxConnections},
+                 [this](const HttpQuestion& question) { return answerLapi(question); }),
+      adminServer({std::chrono::minutes(1), 100},
+                  [this](const HttpQuestion& question) { return answerAdministration(adminRoutes, question); }),
+      rebootTimer(context),
+      sessionTimer(context),
+      httpPort(context, endpointFor(options.bindAddress, options.httpPort),
+               [this](tcp::socket socket) { acceptLapi(std::move(socket), nullptr); }),
+      adminPort(context, {boost::asio::ip::address_v4::loopback(), options.adminPort},
+                [this](tcp::socket socket) { adminServer.serve(std::move(socket)); }),
+      rtspPort(context, endpointFor(options.bindAddress, options.rtspPort), faults, media)
+{
+    if (options.httpsPort) {
+        tls.emplace(selfSignedContext(options.bindAddress));
+        httpsPort.emplace(context, endpointFor(options.bindAddress, *options.httpsPort),
+                          [this](tcp::socket socket) { acceptLapi(std::move(socket), &*tls); });
+    }
+    device.setPorts({httpPort.port(), httpsPort ? httpsPort->port() : 0u, rtspPort.port()});
+    addLapiResources(lapiRoutes, device, options.pluralPorts);
+    addAdminResources(adminRoutes, {activity, faults, media, [this] { rtspPort.open(); }, [this] { rtspPort.close(); },
+                                    [this](std::chrono::milliseconds duration) { reboot(duration); }});
+    watchSessions();
+}
+
+void Simulator::State::acceptLapi(tcp::socket socket, boost::asio::ssl::context* tlsContext)
+{
+    if (faults.find(FaultKind::refuse))
+        return reset(socket);
+    if (lapiServer.serve(std::move(socket), tlsContext))
+        activity.countConnection();
+    else
+        activity.countRejectedConnection();
+}
+
+HttpAnswer Simulator::State::answerLapi(const HttpQuestion& question)
+{
+    if (question.fromLoopback && question.target.starts_with(adminPrefix))
+        return answerAdministration(adminRoutes, question);
+    return lapi.answer(question, Authenticator::Clock::now());
+}
+
+void Simulator::State::openPorts()
+{
+    httpPort.open();
+    if (httpsPort)
+        httpsPort->open();
+    rtspPort.open();
+}
+
+void Simulator::State::closePorts()
+{
+    httpPort.close();
+    if (httpsPort)
+        httpsPort->close();
+    rtspPort.close();
+    lapiServer.closeConnections();
+}
+
+void Simulator::State::reboot(std::chrono::milliseconds duration)
+{
+    logLine("restarting");
+    closePorts();
+    authenticator.forgetNonces();
+    rebootTimer.expires_after(duration);
+    rebootTimer.async_wait([this](const error_code& cancelled) {
+        if (cancelled)
+            return;
+        openPorts();
+        logLine("restarted");
+    });
+}
+
+void Simulator::State::watchSessions()
+{
+    sessionTimer.expires_after(sessionCheckInterval);
+    sessionTimer.async_wait([this](const error_code& cancelled) {
+        if (cancelled)
+            return;
+        media.expireSessions();
+        watchSessions();
+    });
+}
+
+Simulator::Simulator(boost::asio::io_context& context, Options options)
+    : state(std::make_unique<State>(context, std::move(options)))
+{}
+
+Simulator::~Simulator() = default;
+
+std::string Simulator::readyLine() const
+{
+    Json::Value line(Json::objectValue);
+    line["event"] = "ready";
+    line["kind"] = kindName(state->options.kind);
+    line["channels"] = state->options.channels;
+    line["user"] = state->options.user;
+    line["httpPort"] = state->httpPort.port();
+    line["httpsPort"] = state->httpsPort ? Json::Value(state->httpsPort->port()) : Json::Value();
+    line["rtspPort"] = state->rtspPort.port();
+    line["adminPort"] = state->adminPort.port();
+    line["urls"] = Json::Value(Json::arrayValue);
+    const std::string base =
+        "rtsp://" + hostForUrl(state->options.bindAddress) + ':' + std::to_string(state->rtspPort.port());
+    for (const std::string& path : state->media.paths())
+        line["urls"].append(base + path);
+
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, line);
+}
+
+void Simulator::stop()
+{
+    state->closePorts();
+    state->adminPort.close();
+    state->adminServer.closeConnections();
+    state->rebootTimer.cancel();
+    state->sessionTimer.cancel();
+}
+
+}  // namespace simulator
