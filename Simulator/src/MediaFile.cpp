@@ -20,15 +20,17 @@ namespace
 
 constexpr std::uintmax_t maximumFileBytes = std::uintmax_t{1} << 30;
 
-constexpr const char* audioConversion =
-    "decodebin ! audioconvert ! audioresample ! audio/x-raw,format=S16LE,rate=8000,channels=1,layout=interleaved ! "
-    "mulawenc ! appsink name=sink sync=false async=false";
+constexpr const char* audioConversion = "decodebin name=entry ! audioconvert ! audioresample ! "
+                                        "audio/x-raw,format=S16LE,rate=8000,channels=1,layout=interleaved ! "
+                                        "mulawenc ! appsink name=sink sync=false async=false";
+
+constexpr const char* nowhere = "fakesink name=entry sync=false async=false";
 
 const char* videoConversion(Codec codec)
 {
-    return codec == Codec::h264 ? "h264parse ! video/x-h264,stream-format=byte-stream,alignment=au ! "
+    return codec == Codec::h264 ? "h264parse name=entry ! video/x-h264,stream-format=byte-stream,alignment=au ! "
                                   "appsink name=sink sync=false async=false"
-                                : "h265parse ! video/x-h265,stream-format=byte-stream,alignment=au ! "
+                                : "h265parse name=entry ! video/x-h265,stream-format=byte-stream,alignment=au ! "
                                   "appsink name=sink sync=false async=false";
 }
 
@@ -50,6 +52,7 @@ public:
             fail(problem);
         if (file->video.units.empty())
             fail("has no video");
+        readFormat();
         normaliseTimes();
         return file;
     }
@@ -89,38 +92,37 @@ private:
 
     static void onPad(GstElement*, GstPad* pad, gpointer self) { static_cast<Loader*>(self)->connect(pad); }
 
+    /// What flows through a pad; parsers do not all know it yet when their pad appears.
+    static GlibPointer<GstCaps> capsOf(GstPad* pad)
+    {
+        GlibPointer<GstCaps> caps(gst_pad_get_current_caps(pad));
+        return caps ? std::move(caps) : GlibPointer<GstCaps>(gst_pad_query_caps(pad, nullptr));
+    }
+
     /// Leads a track of the file to where its frames are collected, or to nowhere.
     void connect(GstPad* pad)
     {
-        const GlibPointer<GstCaps> caps(gst_pad_get_current_caps(pad));
-        const GstStructure* const format = gst_caps_get_structure(caps.get(), 0);
-        const std::string_view name = gst_structure_get_name(format);
+        const auto caps = capsOf(pad);
+        const bool known = !gst_caps_is_any(caps.get()) && !gst_caps_is_empty(caps.get());
+        const std::string_view name = known ? gst_structure_get_name(gst_caps_get_structure(caps.get(), 0)) : "";
         const std::lock_guard lock(mutex);
-        if (name.starts_with("video/") && !videoFound)
-            connectVideo(pad, name, format);
+        if ((name.starts_with("video/") || name.starts_with("image/")) && !videoFound)
+            connectVideo(pad, name);
         else if (name.starts_with("audio/") && !audioFound && canDecode(caps.get()))
             connectAudio(pad);
         else
-            link(pad, "fakesink sync=false async=false", nullptr);
+            link(pad, nowhere, nullptr);
     }
 
-    void connectVideo(GstPad* pad, std::string_view name, const GstStructure* format)
+    void connectVideo(GstPad* pad, std::string_view name)
     {
         videoFound = true;
         if (name != "video/x-h264" && name != "video/x-h265") {
             problem = "has video in the format '" + std::string(name) + "'; H.264 and H.265 can be served";
-            link(pad, "fakesink sync=false async=false", nullptr);
+            link(pad, nowhere, nullptr);
             return;
         }
         file->codec = name == "video/x-h264" ? Codec::h264 : Codec::h265;
-        gint width = 0;
-        gint height = 0;
-        gint numerator = 0;
-        gint denominator = 0;
-        if (gst_structure_get_int(format, "width", &width) && gst_structure_get_int(format, "height", &height))
-            file->size = {static_cast<unsigned>(width), static_cast<unsigned>(height)};
-        if (gst_structure_get_fraction(format, "framerate", &numerator, &denominator) && numerator > 0)
-            file->framesPerSecond = static_cast<unsigned>((numerator + denominator / 2) / denominator);
         link(pad, videoConversion(file->codec), &file->video);
     }
 
@@ -146,7 +148,7 @@ private:
     void link(GstPad* pad, const char* description, MediaFile::Track* track)
     {
         GError* error = nullptr;
-        GstElement* const bin = gst_parse_bin_from_description(description, TRUE, &error);
+        GstElement* const bin = gst_parse_bin_from_description(description, FALSE, &error);
         if (bin == nullptr) {
             const GlibPointer<GError> owned(error);
             problem = std::string("cannot be served: ") + owned->message;
@@ -159,8 +161,12 @@ private:
             callbacks.new_sample = onSample;
             gst_app_sink_set_callbacks(GST_APP_SINK(sink.get()), &callbacks, track, nullptr);
         }
-        const GlibPointer<GstPad> entry(gst_element_get_static_pad(bin, "sink"));
-        gst_pad_link(pad, entry.get());
+        // Not left to the parser of descriptions, which may take the loose end behind a decodebin for the entry.
+        const GlibPointer<GstElement> entry(gst_bin_get_by_name(GST_BIN(bin), "entry"));
+        const GlibPointer<GstPad> target(gst_element_get_static_pad(entry.get(), "sink"));
+        GstPad* const outside = gst_ghost_pad_new("sink", target.get());
+        gst_element_add_pad(bin, outside);
+        gst_pad_link(pad, outside);
         gst_element_sync_state_with_parent(bin);
     }
 
@@ -194,6 +200,20 @@ private:
         if (sign == 0)
             return std::nullopt;
         return sign * static_cast<std::int64_t>(running);
+    }
+
+    /// Size and frame rate, as the parser found them in the parameter sets.
+    void readFormat()
+    {
+        const GstStructure* const format = gst_caps_get_structure(file->video.caps.get(), 0);
+        gint width = 0;
+        gint height = 0;
+        gint numerator = 0;
+        gint denominator = 1;
+        if (gst_structure_get_int(format, "width", &width) && gst_structure_get_int(format, "height", &height))
+            file->size = {static_cast<unsigned>(width), static_cast<unsigned>(height)};
+        if (gst_structure_get_fraction(format, "framerate", &numerator, &denominator) && numerator > 0)
+            file->framesPerSecond = static_cast<unsigned>(std::max((numerator + denominator / 2) / denominator, 1));
     }
 
     /// Counts from the earliest time of either track and finds where the loop begins again.

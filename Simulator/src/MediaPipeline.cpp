@@ -48,15 +48,15 @@ struct NeededElement {
 
 std::string testPictureLaunch(const PictureSettings& settings)
 {
+    constexpr const char* font = " shaded-background=true font-desc=\"Monospace 18\"";
     std::ostringstream out;
     out.imbue(std::locale::classic());
     out << "( videotestsrc is-live=true pattern=smpte100 horizontal-speed=2 ! video/x-raw,format=I420,width="
         << settings.size.width << ",height=" << settings.size.height << ",framerate=" << settings.framesPerSecond
-        << "/1 ! textoverlay text=\"" << settings.title
-        << "\" valignment=top halignment=left shaded-background=true"
-           " ! clockoverlay time-format=\"%Y-%m-%d %H:%M:%S\" valignment=top halignment=right shaded-background=true"
-           " ! timeoverlay valignment=bottom halignment=left shaded-background=true ! "
-        << encoderLaunch(settings) << " ! " << videoPayloader(settings.codec);
+        << "/1 ! textoverlay valignment=top halignment=left text=\"" << settings.title << '"' << font
+        << " ! clockoverlay valignment=top halignment=right time-format=\"%Y-%m-%d %H:%M:%S\"" << font
+        << " ! timeoverlay valignment=bottom halignment=left" << font << " ! " << encoderLaunch(settings) << " ! "
+        << videoPayloader(settings.codec);
     if (settings.audio)
         out << " audiotestsrc is-live=true wave=sine volume=0.3 samplesperbuffer=320 freq=" << settings.toneHertz
             << " ! audio/x-raw,format=S16LE,rate=8000,channels=1 ! mulawenc ! " << audioPayloader;
