@@ -10,11 +10,11 @@ namespace simulator
 
 /// An HTTP request as the services see it.
 struct HttpQuestion {
-    std::string method;
-    std::string target;
-    std::string authorization;
-    std::string body;
-    std::string peer;           ///< address and port
+    std::string method{};
+    std::string target{};
+    std::string authorization{};
+    std::string body{};
+    std::string peer{};         ///< address and port
     bool fromLoopback = false;  ///< the peer runs on this machine
 };
 

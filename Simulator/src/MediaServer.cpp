@@ -132,8 +132,10 @@ struct MediaServer::State {
                    const std::shared_ptr<const MediaFile>& file);
     static void onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer stream);
     static void onClient(GstRTSPServer*, GstRTSPClient* client, gpointer self);
-    static GstRTSPStatusCode beforeRequest(GstRTSPClient*, GstRTSPContext* context, gpointer hook);
-    static void onPlay(GstRTSPClient*, GstRTSPContext* context, gpointer);
+    std::optional<GstRTSPStatusCode> faultFor(const char* method, const GstRTSPContext* context) const;
+    static GstRTSPStatusCode beforeRequest(GstRTSPClient* client, GstRTSPContext* context, gpointer hook);
+    static void onMessage(GstRTSPClient*, GstRTSPContext* context, GstRTSPMessage* message, gpointer self);
+    static void onPlay(GstRTSPClient* client, GstRTSPContext* context, gpointer);
     static void onClosed(GstRTSPClient* client, gpointer self);
 };
 
@@ -141,6 +143,20 @@ namespace
 {
 
 constexpr const char* connectionKey = "simulator-connection";
+constexpr const char* joiningKey = "simulator-joining";  ///< set when a client's stream was running before its PLAY
+
+/// Whether the stream that a PLAY is for has clients already.
+bool isSending(const GstRTSPContext* context)
+{
+    GstRTSPSession* const session = context->session;
+    if (session == nullptr || context->uri == nullptr)
+        return false;
+    gint matched = 0;
+    const GlibPointer<GstRTSPSessionMedia> sessionMedia(
+        gst_rtsp_session_dup_media(session, context->uri->abspath, &matched));
+    GstRTSPMedia* const media = sessionMedia ? gst_rtsp_session_media_get_media(sessionMedia.get()) : nullptr;
+    return media != nullptr && simulator::isSending(media);
+}
 
 }  // namespace
 
@@ -152,12 +168,11 @@ void MediaServer::State::addStream(const Options& options, unsigned channel, uns
     stream.activity.faults = &faults;
     stream.file = file;
 
-    GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
+    GstRTSPMediaFactory* const factory = newSimulatedFactory(stream.activity);
     const std::string launch = file ? fileLaunch(file->codec, options.audio && !file->audio.units.empty())
                                     : testPictureLaunch(pictureSettings(options, channel, number));
     gst_rtsp_media_factory_set_launch(factory, launch.c_str());
     gst_rtsp_media_factory_set_shared(factory, TRUE);
-    gst_rtsp_media_factory_set_media_gtype(factory, simulatedMediaType());
     gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
                                     GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
     g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), &stream);
@@ -181,6 +196,7 @@ void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointe
     auto& self = *static_cast<State*>(data);
     for (Hook& hook : self.hooks)
         g_signal_connect(client, hook.method->beforeSignal, G_CALLBACK(beforeRequest), &hook);
+    g_signal_connect(client, "send-message", G_CALLBACK(onMessage), data);
     g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
     g_signal_connect(client, "closed", G_CALLBACK(onClosed), data);
     // The signal comes from inside `serve`, which has just given out this number.
@@ -188,23 +204,50 @@ void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointe
     g_object_set_data(G_OBJECT(client), connectionKey, GSIZE_TO_POINTER(self.lastConnection));
 }
 
-GstRTSPStatusCode MediaServer::State::beforeRequest(GstRTSPClient*, GstRTSPContext* context, gpointer data)
+std::optional<GstRTSPStatusCode> MediaServer::State::faultFor(const char* method, const GstRTSPContext* context) const
+{
+    const std::string path = context->uri != nullptr ? context->uri->abspath : "*";
+    const auto fault = faults.find(FaultKind::rtspStatus, method + (' ' + path));
+    if (!fault)
+        return std::nullopt;
+    logLine("RTSP fault " + fault->text);
+    return static_cast<GstRTSPStatusCode>(fault->argument);
+}
+
+GstRTSPStatusCode MediaServer::State::beforeRequest(GstRTSPClient* client, GstRTSPContext* context, gpointer data)
 {
     const Hook& hook = *static_cast<Hook*>(data);
     {
         const std::lock_guard lock(hook.state->mutex);
         ++hook.state->requestCounts[hook.method->name];
     }
-    const std::string path = context->uri != nullptr ? context->uri->abspath : "*";
-    const std::string request = std::string(hook.method->name) + ' ' + path;
-    const auto fault = hook.state->faults.find(FaultKind::rtspStatus, request);
-    logLine("RTSP " + request + (fault ? " (" + fault->text + ")" : ""));
-    return fault ? static_cast<GstRTSPStatusCode>(fault->argument) : GST_RTSP_STS_OK;
+    logLine(std::string("RTSP ") + hook.method->name + ' ' + (context->uri != nullptr ? context->uri->abspath : "*"));
+    if (context->method == GST_RTSP_OPTIONS)
+        return GST_RTSP_STS_OK;  // see onMessage
+    if (context->method == GST_RTSP_PLAY)
+        g_object_set_data(G_OBJECT(client), joiningKey, GINT_TO_POINTER(isSending(context)));
+    return hook.state->faultFor(hook.method->name, context).value_or(GST_RTSP_STS_OK);
 }
 
-void MediaServer::State::onPlay(GstRTSPClient*, GstRTSPContext* context, gpointer)
+/// The library (1.22) frees what it has not allocated when OPTIONS is refused beforehand, so that answer is changed on
+/// its way out.
+void MediaServer::State::onMessage(GstRTSPClient*, GstRTSPContext* context, GstRTSPMessage* message, gpointer data)
 {
-    if (context->media != nullptr)
+    if (context == nullptr || context->method != GST_RTSP_OPTIONS || message->type != GST_RTSP_MESSAGE_RESPONSE)
+        return;
+    const auto status = static_cast<State*>(data)->faultFor("OPTIONS", context);
+    if (!status)
+        return;
+    auto& response = message->type_data.response;
+    response.code = *status;
+    g_free(response.reason);
+    response.reason = g_strdup(gst_rtsp_status_as_text(*status));
+}
+
+void MediaServer::State::onPlay(GstRTSPClient* client, GstRTSPContext* context, gpointer)
+{
+    // The first client of a stream gets its first frame anyhow.
+    if (context->media != nullptr && g_object_get_data(G_OBJECT(client), joiningKey) != nullptr)
         forceKeyFrame(context->media);
 }
 

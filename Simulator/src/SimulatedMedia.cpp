@@ -4,6 +4,8 @@
 
 #include <gst/rtp/rtp.h>
 
+#include <chrono>
+
 namespace simulator
 {
 namespace
@@ -25,11 +27,20 @@ struct SimulatedMediaClass {
     GstRTSPMediaClass parent;
 };
 
-GstRTSPMediaClass* parentClass = nullptr;
+struct SimulatedFactory {
+    GstRTSPMediaFactory parent;
+};
+struct SimulatedFactoryClass {
+    GstRTSPMediaFactoryClass parent;
+};
 
-StreamActivity* streamOf(GstRTSPMedia* media)
+GstRTSPMediaClass* parentClass = nullptr;
+GstRTSPMediaFactoryClass* factoryParentClass = nullptr;
+
+/// The stream that a factory or one of its media belongs to.
+StreamActivity* streamOf(gpointer object)
 {
-    return static_cast<StreamActivity*>(g_object_get_data(G_OBJECT(media), streamKey));
+    return static_cast<StreamActivity*>(g_object_get_data(G_OBJECT(object), streamKey));
 }
 
 void countVideoPacket(StreamActivity& stream, GstBuffer* buffer)
@@ -43,6 +54,7 @@ void countVideoPacket(StreamActivity& stream, GstBuffer* buffer)
     if (gst_buffer_extract(buffer, 1, &flags, 1) != 1 || (flags & markerBit) == 0)
         return;
     stream.frames += 1;
+    stream.sending = true;
     if (stream.inKeyFrame.exchange(false))
         stream.keyFrames += 1;
 }
@@ -54,8 +66,11 @@ void countAudioPacket(StreamActivity& stream, GstBuffer* buffer)
 }
 
 template <void (*count)(StreamActivity&, GstBuffer*)>
-GstPadProbeReturn onPackets(GstPad*, GstPadProbeInfo* info, gpointer stream)
+GstPadProbeReturn onPackets(GstPad* pad, GstPadProbeInfo* info, gpointer stream)
 {
+    // A track that no client has set up leads nowhere. Left to itself it would fail, and the whole medium with it.
+    if (!gst_pad_is_linked(pad))
+        return GST_PAD_PROBE_DROP;
     auto& activity = *static_cast<StreamActivity*>(stream);
     if (GST_IS_BUFFER(info->data)) {
         count(activity, GST_PAD_PROBE_INFO_BUFFER(info));
@@ -92,6 +107,27 @@ void onPrepared(GstRTSPMedia* media, gpointer)
         countPackets(media, *stream);
 }
 
+void setTakingDown(StreamActivity& stream, bool takingDown)
+{
+    {
+        const std::lock_guard lock(stream.mutex);
+        stream.takingDown = takingDown;
+    }
+    stream.takenDown.notify_all();
+}
+
+void onTargetState(GstRTSPMedia* media, gint state, gpointer)
+{
+    if (state == GST_STATE_NULL)
+        setTakingDown(*streamOf(media), true);
+}
+
+/// Comes after the factory has forgotten the medium.
+void onUnprepared(GstRTSPMedia* media, gpointer)
+{
+    setTakingDown(*streamOf(media), false);
+}
+
 gboolean setupRtpbin(GstRTSPMedia* media, GstElement* rtpbin)
 {
     g_object_set(rtpbin, "ntp-time-source", ntpTimeSourceNtp, nullptr);
@@ -107,12 +143,41 @@ gboolean setupSdp(GstRTSPMedia* media, GstSDPMessage* sdp, GstSDPInfo* info)
     return parentClass->setup_sdp(media, sdp, info);
 }
 
-void initialiseClass(gpointer type, gpointer)
+/// Comes right before the factory looks for a running medium.
+gchar* generateKey(GstRTSPMediaFactory* factory, const GstRTSPUrl* url)
+{
+    streamOf(factory)->waitForTakeDown();
+    return factoryParentClass->gen_key(factory, url);
+}
+
+void initialiseMediaClass(gpointer type, gpointer)
 {
     parentClass = GST_RTSP_MEDIA_CLASS(g_type_class_peek_parent(type));
     GstRTSPMediaClass* const mediaClass = GST_RTSP_MEDIA_CLASS(type);
     mediaClass->setup_rtpbin = setupRtpbin;
     mediaClass->setup_sdp = setupSdp;
+}
+
+void initialiseFactoryClass(gpointer type, gpointer)
+{
+    factoryParentClass = GST_RTSP_MEDIA_FACTORY_CLASS(g_type_class_peek_parent(type));
+    GST_RTSP_MEDIA_FACTORY_CLASS(type)->gen_key = generateKey;
+}
+
+GType simulatedMediaType()
+{
+    static const GType type =
+        g_type_register_static_simple(GST_TYPE_RTSP_MEDIA, "SimulatedMedia", sizeof(SimulatedMediaClass),
+                                      initialiseMediaClass, sizeof(SimulatedMedia), nullptr, GTypeFlags{});
+    return type;
+}
+
+GType simulatedFactoryType()
+{
+    static const GType type =
+        g_type_register_static_simple(GST_TYPE_RTSP_MEDIA_FACTORY, "SimulatedFactory", sizeof(SimulatedFactoryClass),
+                                      initialiseFactoryClass, sizeof(SimulatedFactory), nullptr, GTypeFlags{});
+    return type;
 }
 
 }  // namespace
@@ -123,18 +188,34 @@ void StreamActivity::clear()
         *counter = 0;
 }
 
-GType simulatedMediaType()
+void StreamActivity::waitForTakeDown()
 {
-    static const GType type =
-        g_type_register_static_simple(GST_TYPE_RTSP_MEDIA, "SimulatedMedia", sizeof(SimulatedMediaClass),
-                                      initialiseClass, sizeof(SimulatedMedia), nullptr, GTypeFlags{});
-    return type;
+    constexpr auto patience = std::chrono::seconds(3);
+    std::unique_lock lock(mutex);
+    takenDown.wait_for(lock, patience, [this] { return !takingDown; });
+}
+
+GstRTSPMediaFactory* newSimulatedFactory(StreamActivity& stream)
+{
+    auto* const factory = GST_RTSP_MEDIA_FACTORY(g_object_new(simulatedFactoryType(), nullptr));
+    g_object_set_data(G_OBJECT(factory), streamKey, &stream);
+    gst_rtsp_media_factory_set_media_gtype(factory, simulatedMediaType());
+    return factory;
 }
 
 void attach(GstRTSPMedia* media, StreamActivity& stream)
 {
+    stream.sending = false;
     g_object_set_data(G_OBJECT(media), streamKey, &stream);
     g_signal_connect(media, "prepared", G_CALLBACK(onPrepared), nullptr);
+    g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), nullptr);
+    g_signal_connect_after(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
+}
+
+bool isSending(GstRTSPMedia* media)
+{
+    const StreamActivity* const stream = streamOf(media);
+    return stream != nullptr && stream->sending;
 }
 
 }  // namespace simulator

@@ -5,7 +5,9 @@
 #include <gst/rtsp-server/rtsp-server.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 namespace simulator
@@ -21,16 +23,28 @@ struct StreamActivity {
     std::atomic<std::uint64_t> videoBytes{0};  ///< RTP packets with their headers
     std::atomic<std::uint64_t> audioPackets{0};
     std::atomic<std::uint64_t> audioBytes{0};
+    std::atomic<bool> sending{false};     ///< the medium of the moment has sent frames
     std::atomic<bool> inKeyFrame{false};  ///< the packets now passing belong to a key frame
 
     void clear();
+
+    /// The server refuses clients that come while it takes a medium down behind its last client. Waits until that is
+    /// done, no longer than a few seconds.
+    void waitForTakeDown();
+
+    std::mutex mutex;  ///< guards `takingDown`
+    std::condition_variable takenDown;
+    bool takingDown = false;
 };
 
-/// The type of media that the factories make: sender reports carry the time of day, packets are counted, and the
-/// description may be made to lack its tracks.
-GType simulatedMediaType();
+/// A factory for the media of one stream, which outlives it. In its media, sender reports carry the time of day,
+/// packets are counted, tracks that no client wants do no harm, and the description may be made to lack its tracks.
+GstRTSPMediaFactory* newSimulatedFactory(StreamActivity& stream);
 
 /// Ties a new medium to its stream, which outlives it.
 void attach(GstRTSPMedia* media, StreamActivity& stream);
+
+/// Whether frames have left the medium towards a client.
+bool isSending(GstRTSPMedia* media);
 
 }  // namespace simulator

@@ -1,0 +1,39 @@
+#include "MediaPipeline.h"
+
+#include <gtest/gtest.h>
+
+namespace simulator
+{
+namespace
+{
+
+TEST(LivePath, dependsOnTheKind)
+{
+    EXPECT_EQ(livePath(Kind::recorder, 0, 0), "/unicast/c1/s0/live");
+    EXPECT_EQ(livePath(Kind::recorder, 11, 1), "/unicast/c12/s1/live");
+    EXPECT_EQ(livePath(Kind::multichannel, 0, 0), "/media1/video1");
+    EXPECT_EQ(livePath(Kind::multichannel, 2, 1), "/media3/video2");
+    EXPECT_EQ(livePath(Kind::camera, 0, 0), "/media/video1");
+    EXPECT_EQ(livePath(Kind::camera, 0, 1), "/media/video2");
+}
+
+TEST(TestPicture, carriesTitleClockAndToneAsAsked)
+{
+    PictureSettings settings;
+    settings.title = "Channel 3 main";
+    settings.size = {640, 480};
+    settings.framesPerSecond = 10;
+    const std::string launch = testPictureLaunch(settings);
+    for (const char* part : {"Channel 3 main", "clockoverlay", "width=640,height=480,framerate=10/1", "key-int-max=10",
+                             "name=encoder", "x264enc", "name=pay0", "name=pay1"})
+        EXPECT_NE(launch.find(part), std::string::npos) << part;
+
+    settings.audio = false;
+    settings.codec = Codec::h265;
+    const std::string silent = testPictureLaunch(settings);
+    EXPECT_EQ(silent.find("pay1"), std::string::npos);
+    EXPECT_NE(silent.find("rtph265pay"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace simulator
