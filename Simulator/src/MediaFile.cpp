@@ -235,7 +235,7 @@ private:
         }
     }
 
-    GstClockTime frameLength() const { return GST_SECOND / std::max(file->framesPerSecond, 1u); }
+    GstClockTime frameLength() const { return static_cast<GstClockTime>(GST_SECOND) / std::max(file->framesPerSecond, 1u); }
 
     std::string path;
     GlibPointer<GstElement> pipeline;

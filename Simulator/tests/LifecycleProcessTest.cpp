@@ -128,6 +128,18 @@ TEST(Lifecycle, saysWhyItCannotStart)
     }
 }
 
+TEST(Lifecycle, namesThePackageOfWhatGStreamerLacks)
+{
+    const ProgramResult result =
+        runProgram({"env", "GST_PLUGIN_SYSTEM_PATH_1_0=/there/is/no/such", "GST_REGISTRY_1_0=/dev/null",
+                    simulatorProgram(), "--http-port", "0", "--rtsp-port", "0"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.errors.find("The GStreamer element 'x264enc' is missing; on Debian it is in the package "
+                                 "gstreamer1.0-plugins-ugly."),
+              std::string::npos)
+        << result.errors;
+}
+
 TEST(Lifecycle, allowsAHandfulOfConnections)
 {
     const SimulatorProcess simulator({"--auth", "none", "--max-connections", "2"});

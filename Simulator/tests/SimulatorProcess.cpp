@@ -38,6 +38,12 @@ SimulatorProcess::SimulatorProcess(const std::vector<std::string>& arguments) : 
     readyLine = parseJson(*line);
 }
 
+SimulatorProcess::~SimulatorProcess()
+{
+    child.closeInput();
+    EXPECT_EQ(waitForExit(), 0) << child.errors();
+}
+
 ProgramResult SimulatorProcess::lapi(const std::string& path, const std::vector<std::string>& arguments) const
 {
     std::vector<std::string> command{"curl",          "--silent", "--max-time",      "10",

@@ -13,10 +13,14 @@ namespace simulator::test
 /// The path of the program under test.
 std::string simulatorProgram();
 
-/// The simulator, running on ports of its own until this object goes. Throws when it does not become ready.
+/// The simulator, running on ports of its own until this object goes. Throws when it does not become ready; one that
+/// does not end by itself, with status 0, fails the test.
 class SimulatorProcess {
 public:
     explicit SimulatorProcess(const std::vector<std::string>& arguments = {});
+    ~SimulatorProcess();
+    SimulatorProcess(const SimulatorProcess&) = delete;
+    SimulatorProcess& operator=(const SimulatorProcess&) = delete;
 
     const Json::Value& ready() const { return readyLine; }
     std::string port(const char* name) const { return std::to_string(readyLine[name].asUInt()); }
