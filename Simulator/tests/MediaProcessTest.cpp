@@ -316,15 +316,23 @@ TEST(MediaFault, describesNoTracks)
 
 TEST(MediaFault, dropsConnectionsAfterAWhile)
 {
-    const SimulatorProcess simulator(small({"--auth", "none", "--fault", "rtsp-drop:1.0"}));
+    const SimulatorProcess simulator(small({"--auth", "none"}));
+    const std::string url = simulator.rtspUrl("/media/video1", "");
+    // It keeps the stream running, so that the next client has its first frame at once.
+    RtspPeer earlier(rtspPort(simulator));
+    earlier.play(url, 1);
+    ASSERT_TRUE(earlier.nextFrame());
+
+    simulator.admin("POST", "faults", R"({"fault": "rtsp-drop:1.0"})");
     const auto begin = std::chrono::steady_clock::now();
     RtspPeer peer(rtspPort(simulator));
-    peer.play(simulator.rtspUrl("/media/video1", ""), 1);
+    peer.play(url, 1);
     unsigned frames = 0;
     while (peer.nextFrame())
         ++frames;
     EXPECT_GT(frames, 0u);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(900));
+    EXPECT_TRUE(earlier.nextFrame()) << "connections from before the fault stay";
 }
 
 TEST(MediaFault, dropsConnectionsOnCommandAndServesNewOnes)
