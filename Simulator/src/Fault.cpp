@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <sstream>
 
 namespace simulator
@@ -84,7 +85,7 @@ std::optional<unsigned> readSecondsAsMilliseconds(std::string_view text)
     double seconds = 0;
     if (!(in >> seconds) || !in.eof() || !(seconds >= 0.001 && seconds <= 86'400))
         return std::nullopt;
-    return static_cast<unsigned>(seconds * 1000 + 0.5);
+    return static_cast<unsigned>(std::lround(seconds * 1000));
 }
 
 std::optional<unsigned> readArgument(Argument argument, std::string_view text)

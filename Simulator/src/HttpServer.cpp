@@ -33,7 +33,7 @@ using boost::system::error_code;
 
 using HttpRequest = http::request<http::string_body>;
 
-constexpr std::uint64_t maximumBodyBytes = 4 * 1024 * 1024;
+constexpr std::uint64_t maximumBodyBytes = std::uint64_t{4} * 1024 * 1024;
 /// The longest that a client is made to wait by a fault before the simulator gives up on it.
 constexpr auto maximumSilence = std::chrono::minutes(10);
 

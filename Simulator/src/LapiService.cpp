@@ -113,7 +113,7 @@ LapiService::Draft LapiService::resource(const HttpQuestion& question, const std
     Reply reply = dispatch(router, makeCall(question));
     std::string remark;
     const auto strikes = [&](FaultKind kind) {
-        const auto fault = faults.find(kind, request);
+        auto fault = faults.find(kind, request);
         if (fault)
             remark = fault->text;
         return fault;

@@ -235,7 +235,10 @@ private:
         }
     }
 
-    GstClockTime frameLength() const { return static_cast<GstClockTime>(GST_SECOND) / std::max(file->framesPerSecond, 1u); }
+    GstClockTime frameLength() const
+    {
+        return static_cast<GstClockTime>(GST_SECOND) / std::max(file->framesPerSecond, 1u);
+    }
 
     std::string path;
     GlibPointer<GstElement> pipeline;
@@ -291,7 +294,7 @@ std::shared_ptr<const MediaFile> MediaFile::load(const std::string& path)
     return Loader(path).load();
 }
 
-void feedFromFile(GstElement* pipeline, std::shared_ptr<const MediaFile> file)
+void feedFromFile(GstElement* pipeline, const std::shared_ptr<const MediaFile>& file)
 {
     feed(pipeline, "video", file, file->video);
     if (!file->audio.units.empty())

@@ -41,6 +41,6 @@ public:
 
 /// Fills the application sources "video" and "audio" of one pipeline from the file, for as long as the pipeline
 /// lives.
-void feedFromFile(GstElement* pipeline, std::shared_ptr<const MediaFile> file);
+void feedFromFile(GstElement* pipeline, const std::shared_ptr<const MediaFile>& file);
 
 }  // namespace simulator

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <ostream>
 
 namespace simulator::test
 {
@@ -68,35 +69,44 @@ private:
     std::filesystem::path path;
 };
 
-TEST(Media, isSeenByFfprobeOnThePathsOfEachKind)
-{
-    const struct {
-        const char* kind;
-        const char* mainPath;
-        const char* subPath;
-        const char* foreignPath;
-    } cases[] = {
-        {"camera", "/media/video1", "/media/video2", "/media1/video1"},
-        {"multichannel", "/media4/video1", "/media2/video2", "/unicast/c1/s0/live"},
-        {"recorder", "/unicast/c4/s0/live", "/unicast/c1/s1/live", "/media/video1"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.kind);
-        const SimulatorProcess simulator(small({"--kind", c.kind}));
-        const Json::Value main = streamsOf(probe(simulator.rtspUrl(c.mainPath)));
-        ASSERT_EQ(main.size(), 2u);
-        EXPECT_EQ(main[0]["codec_name"], "h264");
-        EXPECT_EQ(main[0]["width"], 320);
-        EXPECT_EQ(main[0]["height"], 240);
-        EXPECT_EQ(main[1]["codec_name"], "pcm_mulaw");
-        EXPECT_EQ(main[1]["sample_rate"], "8000");
-        EXPECT_EQ(main[1]["channels"], 1);
-        EXPECT_EQ(streamsOf(probe(simulator.rtspUrl(c.subPath)))[0]["width"], 160);
+struct KindPaths {
+    const char* kind;
+    const char* mainPath;
+    const char* subPath;
+    const char* foreignPath;
+};
 
-        const ProgramResult foreign = probe(simulator.rtspUrl(c.foreignPath));
-        EXPECT_NE(foreign.status, 0);
-        EXPECT_NE(foreign.errors.find("404"), std::string::npos) << foreign.errors;
-    }
+/// GoogleTest would print the addresses, which make up new test names in each run.
+void PrintTo(const KindPaths& paths, std::ostream* out)
+{
+    *out << paths.kind;
+}
+
+class MediaOfEachKind : public testing::TestWithParam<KindPaths> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, MediaOfEachKind,
+    testing::Values(KindPaths{"camera", "/media/video1", "/media/video2", "/media1/video1"},
+                    KindPaths{"multichannel", "/media4/video1", "/media2/video2", "/unicast/c1/s0/live"},
+                    KindPaths{"recorder", "/unicast/c4/s0/live", "/unicast/c1/s1/live", "/media/video1"}),
+    [](const auto& test) { return std::string(test.param.kind); });
+
+TEST_P(MediaOfEachKind, isSeenByFfprobe)
+{
+    const SimulatorProcess simulator(small({"--kind", GetParam().kind}));
+    const Json::Value main = streamsOf(probe(simulator.rtspUrl(GetParam().mainPath)));
+    ASSERT_EQ(main.size(), 2u);
+    EXPECT_EQ(main[0]["codec_name"], "h264");
+    EXPECT_EQ(main[0]["width"], 320);
+    EXPECT_EQ(main[0]["height"], 240);
+    EXPECT_EQ(main[1]["codec_name"], "pcm_mulaw");
+    EXPECT_EQ(main[1]["sample_rate"], "8000");
+    EXPECT_EQ(main[1]["channels"], 1);
+    EXPECT_EQ(streamsOf(probe(simulator.rtspUrl(GetParam().subPath)))[0]["width"], 160);
+
+    const ProgramResult foreign = probe(simulator.rtspUrl(GetParam().foreignPath));
+    EXPECT_NE(foreign.status, 0);
+    EXPECT_NE(foreign.errors.find("404"), std::string::npos) << foreign.errors;
 }
 
 TEST(Media, hasTheDefaultSizeAndTravelsByUdpToo)
