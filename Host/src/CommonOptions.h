@@ -1,0 +1,44 @@
+#pragma once
+
+#include <Tavro8/ILogger.h>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace CLI
+{
+class App;
+}
+
+namespace Host
+{
+class DeviceAddress;
+class DeviceDescription;
+
+/// The options that every command takes.
+struct CommonOptions {
+    std::string device;
+    std::filesystem::path passwordFile;
+    std::uint32_t channels = 1;
+    std::filesystem::path model;
+    std::vector<std::string> properties;  ///< "KEY=VALUE"
+    std::filesystem::path module;
+    std::filesystem::path repository;
+    std::filesystem::path logFile;
+    Tavro8::LogSeverity logLevel = Tavro8::LogSeverity::warning;
+    double timeout = 15;  ///< seconds
+    bool wait = false;
+    bool json = false;
+};
+
+/// Makes the option parser fill `options`, which outlives it.
+void describeCommonOptions(CLI::App& app, CommonOptions& options);
+
+/// The device's address with the password from the address itself, from `--password-file` or from the
+/// environment variable KELVO_DEVICE_PASSWORD. Throws `Failure` (usage).
+DeviceAddress deviceAddress(const CommonOptions& options);
+
+/// What the options and the model file say of the device. Throws `Failure` (usage).
+DeviceDescription deviceDescription(const CommonOptions& options);
+}  // namespace Host

@@ -1,0 +1,91 @@
+#include "FrameRecorder.h"
+
+#include "Console.h"
+#include "ExitStatus.h"
+#include "Monitor.h"
+#include "PathText.h"
+#include "media/MediaWriter.h"
+#include "media/Picture.h"
+
+#include <utility>
+
+namespace Host
+{
+using Tavro8::GDRV::FrameReference;
+using Tavro8::GDRV::MediaFrame;
+
+FrameRecorder::FrameRecorder(Wishes userWishes, Monitor& sharedMonitor, Console& userConsole)
+    : wishes(std::move(userWishes)), monitor(sharedMonitor), console(userConsole), queue(FrameQueue::Limits{})
+{
+    if (!wishes.recording.empty())
+        writer = std::make_unique<MediaWriter>(wishes.recording, wishes.sound,
+                                               [this](const std::string& text) { console.line(text); });
+    thread = std::thread([this] { run(); });
+}
+
+FrameRecorder::~FrameRecorder()
+{
+    queue.close();
+    if (thread.joinable())
+        thread.join();
+}
+
+void FrameRecorder::run()
+{
+    try {
+        while (const auto frame = queue.pop())
+            take(*frame);
+        complete();
+    } catch (const std::exception& e) {
+        failure = e.what();
+        queue.close();
+        while (queue.pop()) {  // gives the frames back to the module
+        }
+        monitor.change([this] { failed = true; });
+    }
+}
+
+void FrameRecorder::take(const FrameReference& frame)
+{
+    if (wishes.onFrame)
+        wishes.onFrame(*frame);
+    if (!wishes.picture.empty() && !pictureSaved && frame->keyFrame && !frame->damaged && isVideo(frame->codec))
+        savePictureOf(*frame);
+    if (writer) {
+        writer->write(frame);
+        recordings = writer->getFiles();
+    }
+}
+
+void FrameRecorder::savePictureOf(const MediaFrame& frame)
+{
+    const FramePtr picture = decodePicture(frame);
+    if (!picture)
+        return;  // the next key frame may be better
+    savePicture(*picture, wishes.picture);
+    pictureSaved = true;
+}
+
+void FrameRecorder::complete()
+{
+    if (!writer)
+        return;
+    writer->finish();
+    recordings = writer->getFiles();
+}
+
+void FrameRecorder::finish()
+{
+    queue.close();
+    if (thread.joinable())
+        thread.join();
+    if (!failure.empty())
+        throw Failure(ExitStatus::failed, failure);
+    if (!wishes.recording.empty() && recordings.empty())
+        throw Failure(ExitStatus::failed,
+                      "nothing was recorded to " + pathText(wishes.recording) + ": no complete key frame arrived");
+    if (!wishes.picture.empty() && !pictureSaved)
+        throw Failure(ExitStatus::failed, "no picture was saved to " + pathText(wishes.picture) +
+                                              ": no key frame arrived that can be decoded");
+}
+}  // namespace Host

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "FrameQueue.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Host
+{
+class Console;
+class MediaWriter;
+class Monitor;
+
+/// Does with received frames what the user wishes, on a thread of its own: records them, saves a picture,
+/// looks at each. Frames come in through `getQueue()`.
+class FrameRecorder {
+public:
+    struct Wishes {
+        std::filesystem::path recording;  ///< MP4 or Matroska file; empty for none
+        bool sound = false;               ///< the recording is expected to have sound
+        std::filesystem::path picture;    ///< PNG or JPEG file of the first picture; empty for none
+        std::function<void(const Tavro8::GDRV::MediaFrame&)> onFrame;  ///< may be empty
+
+        bool any() const { return !recording.empty() || !picture.empty() || onFrame; }
+    };
+
+    /// `console` is told what the user should know; `monitor` wakes when the recorder has failed.
+    FrameRecorder(Wishes userWishes, Monitor& sharedMonitor, Console& userConsole);
+
+    /// Finishes, and keeps silent about failures.
+    ~FrameRecorder();
+
+    FrameQueue& getQueue() noexcept { return queue; }
+
+    /// True once writing has failed; call under the monitor's lock.
+    bool hasFailed() const noexcept { return failed; }
+
+    /// Waits until every queued frame is written and completes the files. Call after the sources have stopped.
+    /// Throws `Failure` when something that was wished for is missing, with the reason.
+    void finish();
+
+    const std::vector<std::filesystem::path>& getRecordings() const noexcept { return recordings; }
+    bool hasPicture() const noexcept { return pictureSaved; }
+
+private:
+    void run();
+    void take(const Tavro8::GDRV::FrameReference& frame);
+    void savePictureOf(const Tavro8::GDRV::MediaFrame& frame);
+    void complete();
+
+    const Wishes wishes;
+    Monitor& monitor;
+    Console& console;
+    FrameQueue queue;
+
+    // The recorder's thread, and whoever has joined it.
+    std::unique_ptr<MediaWriter> writer;
+    std::vector<std::filesystem::path> recordings;
+    std::string failure;
+    bool pictureSaved = false;
+
+    bool failed = false;  // guarded by the monitor
+    std::thread thread;   // last: it uses all of the above
+};
+}  // namespace Host

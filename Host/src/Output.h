@@ -1,0 +1,28 @@
+#pragma once
+
+#include <iosfwd>
+#include <json/forwards.h>
+#include <mutex>
+#include <string_view>
+
+namespace Host
+{
+/// Standard output: the results of a command, for people or, one JSON object a line, for programs.
+/// The one place that knows which of the two is wanted. Any thread.
+class Output {
+public:
+    Output(std::ostream& resultStream, bool writeJson) : stream(resultStream), json(writeJson) {}
+
+    /// Writes the object `fields` with a first member `"event": name`, or `readable`, a text of whole lines;
+    /// an empty text writes nothing.
+    void event(std::string_view name, const Json::Value& fields, std::string_view readable);
+
+    /// True when results could not be written, for example to a full disk or a pipe without a reader.
+    bool hasFailed() const;
+
+private:
+    std::ostream& stream;
+    const bool json;
+    mutable std::mutex mutex;  // guards stream
+};
+}  // namespace Host

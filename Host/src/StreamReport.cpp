@@ -1,0 +1,194 @@
+#include "StreamReport.h"
+
+#include "Output.h"
+#include "PathText.h"
+#include "TimeText.h"
+#include "media/MediaNames.h"
+
+#include <algorithm>
+#include <json/value.h>
+
+namespace Host
+{
+using Tavro8::GDRV::MediaFrame;
+using Tavro8::GDRV::StreamStatistics;
+namespace
+{
+Json::Value number(std::uint64_t value)
+{
+    return {static_cast<Json::UInt64>(value)};
+}
+
+void addUp(StreamStatistics& sum, const StreamStatistics& one)
+{
+    sum.bitsPerSecond += one.bitsPerSecond;
+    sum.framesPerSecond += one.framesPerSecond;
+    sum.frames += one.frames;
+    sum.keyFrames += one.keyFrames;
+    sum.bytes += one.bytes;
+    sum.lostPackets += one.lostPackets;
+    sum.malformedPackets += one.malformedPackets;
+    sum.connects += one.connects;
+    sum.reconnects += one.reconnects;
+    sum.jitterMs = std::max(sum.jitterMs, one.jitterMs);
+    sum.named.insert(sum.named.end(), one.named.begin(), one.named.end());
+}
+
+std::string sizeOf(const ReceivedMedia& video)
+{
+    return std::to_string(video.width) + 'x' + std::to_string(video.height);
+}
+
+std::string pictureLine(const StreamSummary& summary)
+{
+    const ReceivedMedia& video = summary.video;
+    const double seconds = summary.elapsed.count();
+    const double perSecond = seconds > 0 ? 1 / seconds : 0;
+    std::string line = "Received  " + std::to_string(video.frames) + " frames, " + std::to_string(video.keyFrames) +
+                       " of them key frames, in " + decimalText(seconds, 1) + " s";
+    if (summary.streams > 1)
+        line += " on " + std::to_string(summary.streams) + " streams";
+    line += "\nVideo     " + std::string(codecName(video.codec)) + ' ' + sizeOf(video) + ", " +
+            decimalText(static_cast<double>(video.frames) * perSecond, 1) + " frames/s, " +
+            bitRateText(static_cast<double>(video.bytes) * 8 * perSecond) + ", " +
+            std::to_string(video.statistics.lostPackets) + " packets lost";
+    if (video.statistics.reconnects > 0)
+        line += ", " + std::to_string(video.statistics.reconnects) + " reconnections";
+    return line + '\n';
+}
+
+std::string readableSummary(const StreamSummary& summary)
+{
+    std::string text = pictureLine(summary);
+    if (summary.audio && summary.audio->frames > 0)
+        text += "Sound     " + std::string(codecName(summary.audio->codec)) + ", " +
+                std::to_string(summary.audio->frames) + " frames\n";
+    else if (summary.audio)
+        text += "Sound     none arrived\n";
+    if (summary.droppedFrames > 0)
+        text += "Dropped   " + std::to_string(summary.droppedFrames) + " frames, because writing did not keep up\n";
+    text += "Load      " + decimalText(summary.cpuSeconds, 2) + " s of CPU, " +
+            sizeText(static_cast<double>(summary.residentBytes)) + " of memory\n";
+    for (const auto& file : summary.recordings)
+        text += "File      " + pathText(file) + '\n';
+    if (!summary.picture.empty())
+        text += "Picture   " + pathText(summary.picture) + '\n';
+    return text;
+}
+
+void addFiles(Json::Value& fields, const StreamSummary& summary)
+{
+    if (!summary.recordings.empty())
+        fields["output"] = pathText(summary.recordings.front());
+    if (summary.recordings.size() > 1)
+        for (const auto& file : summary.recordings)
+            fields["parts"].append(pathText(file));
+    if (!summary.picture.empty())
+        fields["snapshot"] = pathText(summary.picture);
+}
+}  // namespace
+
+ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams)
+{
+    ReceivedMedia sum;
+    for (const ReceivedMedia& one : streams) {
+        if (sum.firstFrame == std::nullopt || (one.firstFrame && *one.firstFrame < *sum.firstFrame))
+            sum.firstFrame = one.firstFrame;
+        if (sum.frames == 0) {
+            sum.codec = one.codec;
+            sum.width = one.width;
+            sum.height = one.height;
+        }
+        sum.frames += one.frames;
+        sum.keyFrames += one.keyFrames;
+        sum.bytes += one.bytes;
+        sum.damagedFrames += one.damagedFrames;
+        addUp(sum.statistics, one.statistics);
+    }
+    // The first stream's reports set the pace for all.
+    sum.statisticsCount = streams.empty() ? 0 : streams.front().statisticsCount;
+    return sum;
+}
+
+void reportStatistics(Output& output, const ReceivedMedia& video)
+{
+    const StreamStatistics& statistics = video.statistics;
+    Json::Value fields(Json::objectValue);
+    fields["bitsPerSecond"] = number(statistics.bitsPerSecond);
+    fields["framesPerSecond"] = statistics.framesPerSecond;
+    fields["frames"] = number(statistics.frames);
+    fields["keyFrames"] = number(statistics.keyFrames);
+    fields["bytes"] = number(statistics.bytes);
+    fields["lost"] = number(statistics.lostPackets);
+    fields["malformed"] = number(statistics.malformedPackets);
+    fields["connects"] = statistics.connects;
+    fields["reconnects"] = statistics.reconnects;
+    fields["jitterMs"] = statistics.jitterMs;
+    for (const auto& [name, value] : statistics.named)
+        fields["named"][name] = value;
+    output.event("statistics", fields, {});
+}
+
+void reportFrame(Output& output, std::uint64_t index, const MediaFrame& frame)
+{
+    const bool video = isVideo(frame.codec);
+    Json::Value fields(Json::objectValue);
+    fields["index"] = number(index);
+    fields["media"] = video ? "video" : "audio";
+    fields["codec"] = codecToken(frame.codec);
+    fields["keyFrame"] = frame.keyFrame;
+    fields["timestampMs"] = static_cast<Json::Int64>(frame.timestampMs);
+    fields["durationMs"] = frame.durationMs;
+    fields["bytes"] = number(frame.data.size());
+    fields["lostPacketsBefore"] = frame.lostPacketsBefore;
+    fields["damaged"] = frame.damaged;
+    if (video) {
+        fields["width"] = frame.width;
+        fields["height"] = frame.height;
+    } else {
+        fields["sampleCount"] = frame.sampleCount;
+        fields["sampleRate"] = frame.sampleRate;
+        fields["channelCount"] = frame.channelCount;
+    }
+    const std::string readable = std::to_string(index) + "  " + codecName(frame.codec) + "  " +
+                                 std::to_string(frame.timestampMs) + " ms  " + std::to_string(frame.data.size()) +
+                                 " bytes" + (video && frame.keyFrame ? "  key frame" : "") +
+                                 (frame.damaged ? "  damaged" : "") + '\n';
+    output.event("frame", fields, readable);
+}
+
+std::string progressText(const ReceivedMedia& video, std::chrono::duration<double> elapsed)
+{
+    return std::string(codecName(video.codec)) + ' ' + sizeOf(video) + "  " +
+           decimalText(video.statistics.framesPerSecond, 1) + " frames/s  " +
+           bitRateText(static_cast<double>(video.statistics.bitsPerSecond)) + "  " +
+           std::to_string(video.statistics.lostPackets) + " lost  " + durationText(elapsed);
+}
+
+void reportSummary(Output& output, const StreamSummary& summary)
+{
+    const ReceivedMedia& video = summary.video;
+    Json::Value fields(Json::objectValue);
+    fields["streams"] = number(summary.streams);
+    fields["frames"] = number(video.frames);
+    fields["keyFrames"] = number(video.keyFrames);
+    fields["damagedFrames"] = number(video.damagedFrames);
+    fields["droppedFrames"] = number(summary.droppedFrames);
+    fields["codec"] = codecToken(video.codec);
+    fields["width"] = video.width;
+    fields["height"] = video.height;
+    fields["bytes"] = number(video.bytes);
+    fields["lost"] = number(video.statistics.lostPackets);
+    fields["reconnects"] = video.statistics.reconnects;
+    fields["seconds"] = summary.elapsed.count();
+    fields["cpuSeconds"] = summary.cpuSeconds;
+    fields["residentBytes"] = number(summary.residentBytes);
+    if (summary.audio) {
+        fields["audioFrames"] = number(summary.audio->frames);
+        fields["audioBytes"] = number(summary.audio->bytes);
+        fields["audioCodec"] = codecToken(summary.audio->codec);
+    }
+    addFiles(fields, summary);
+    output.event("summary", fields, readableSummary(summary));
+}
+}  // namespace Host

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "MediaReceiver.h"
+
+#include <chrono>
+#include <filesystem>
+#include <json/forwards.h>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Host
+{
+class Output;
+
+/// What a receiving command has to tell, in the words and members that are the same for live and recorded media.
+
+/// The received media of several streams, counted together; format and size are the first stream's.
+ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams);
+
+/// Writes the event `statistics`. It has no readable form: people watch the progress line.
+void reportStatistics(Output& output, const ReceivedMedia& video);
+
+/// Writes the event `frame`. `index` counts all frames of the command from 0.
+void reportFrame(Output& output, std::uint64_t index, const Tavro8::GDRV::MediaFrame& frame);
+
+/// "H.264 1920x1080  25.0 frames/s  4.1 Mbit/s  0 lost  00:07".
+std::string progressText(const ReceivedMedia& video, std::chrono::duration<double> elapsed);
+
+/// All that the event `summary` says.
+struct StreamSummary {
+    std::size_t streams = 1;
+    ReceivedMedia video;
+    std::optional<ReceivedMedia> audio;
+    std::chrono::duration<double> elapsed{0};  ///< since the first frame
+    double cpuSeconds = 0;                     ///< of the whole program in that time
+    std::uint64_t residentBytes = 0;           ///< of the whole program at its end
+    std::uint64_t droppedFrames = 0;           ///< received, but the disk or the decoder did not keep up
+    std::vector<std::filesystem::path> recordings;
+    std::filesystem::path picture;  ///< empty when none was saved
+};
+
+void reportSummary(Output& output, const StreamSummary& summary);
+}  // namespace Host

@@ -1,0 +1,62 @@
+#include "TimeText.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <iterator>
+
+namespace Host
+{
+namespace
+{
+std::string padded(std::int64_t value, std::size_t digits)
+{
+    const std::string text = std::to_string(value);
+    return text.size() < digits ? std::string(digits - text.size(), '0') + text : text;
+}
+
+/// `value` in the largest of the units that leaves at least 1 before the point; the first unit has no decimals.
+template <std::size_t count>
+std::string scaledText(double value, double step, const char* const (&units)[count])
+{
+    std::size_t unit = 0;
+    for (; value >= step && unit + 1 < count; ++unit)
+        value /= step;
+    return decimalText(value, unit == 0 ? 0 : 1) + ' ' + units[unit];
+}
+}  // namespace
+
+std::string clockText(std::chrono::system_clock::time_point time)
+{
+    using namespace std::chrono;
+    const auto sinceMidnight = floor<milliseconds>(time - floor<days>(time));
+    const hh_mm_ss<milliseconds> clock(sinceMidnight);
+    return padded(clock.hours().count(), 2) + ':' + padded(clock.minutes().count(), 2) + ':' +
+           padded(clock.seconds().count(), 2) + '.' + padded(clock.subseconds().count(), 3);
+}
+
+std::string durationText(std::chrono::duration<double> duration)
+{
+    const auto seconds = static_cast<std::int64_t>(std::max(duration.count(), 0.0));
+    const std::string rest = padded(seconds / 60 % 60, 2) + ':' + padded(seconds % 60, 2);
+    return seconds < 3600 ? rest : std::to_string(seconds / 3600) + ':' + rest;
+}
+
+std::string decimalText(double value, int decimals)
+{
+    char buffer[400];  // the largest double has 309 digits before the point
+    const auto [end, error] =
+        std::to_chars(std::begin(buffer), std::end(buffer), value, std::chars_format::fixed, decimals);
+    return error == std::errc{} ? std::string(buffer, end) : std::string("?");
+}
+
+std::string bitRateText(double bitsPerSecond)
+{
+    return scaledText(bitsPerSecond, 1000, {"bit/s", "kbit/s", "Mbit/s", "Gbit/s"});
+}
+
+std::string sizeText(double bytes)
+{
+    return scaledText(bytes, 1024, {"bytes", "KiB", "MiB", "GiB", "TiB"});
+}
+}  // namespace Host

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace Host
+{
+/// Time of day in UTC, "23:59:07.042".
+std::string clockText(std::chrono::system_clock::time_point time);
+
+/// A length of time: "07:03", from one hour on "1:07:03". Parts of a second are cut off; below 0 counts as 0.
+std::string durationText(std::chrono::duration<double> duration);
+
+/// "3.25" with the given number of decimals, whatever the locale.
+std::string decimalText(double value, int decimals);
+
+/// "640 bit/s", "4.1 kbit/s", "12.0 Mbit/s".
+std::string bitRateText(double bitsPerSecond);
+
+/// "640 bytes", "4.1 KiB", "12.0 MiB".
+std::string sizeText(double bytes);
+}  // namespace Host

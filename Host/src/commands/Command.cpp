@@ -1,0 +1,54 @@
+#include "commands/Command.h"
+
+#include "Console.h"
+#include "SettingsRepository.h"
+
+namespace Host
+{
+namespace
+{
+HostContext contextFor(const CommonOptions& options, ConsoleLogger& logger)
+{
+    provideSettingsRepository(options.repository);
+    return {logger, options.repository, options.logFile};
+}
+
+std::string nameOf(const DeviceAddress& address, std::size_t index, std::size_t count)
+{
+    return count == 1 ? address.masked() : address.masked() + " #" + std::to_string(index);
+}
+}  // namespace
+
+HostedModule::HostedModule(const Surroundings& surroundings)
+    : logger(surroundings.console, surroundings.options.logLevel),
+      context(contextFor(surroundings.options, logger)),
+      module(surroundings.options.module, context, moduleIdentifier)
+{}
+
+ConnectedDevices::ConnectedDevices(const Surroundings& surroundings, std::size_t count)
+    : address(deviceAddress(surroundings.options)),
+      description(deviceDescription(surroundings.options)),
+      module(surroundings)
+{
+    surroundings.console.progress("connecting to " + address.masked() + " ...");
+    const auto deadline = surroundings.timeoutFromNow();
+    for (std::size_t index = 0; index < count; ++index) {
+        const std::string name = nameOf(address, index, count);
+        description.setName(name);
+        sessions.push_back(std::make_unique<DeviceSession>(
+            *module, description, DeviceSession::Surroundings{surroundings.monitor, surroundings.console, name}));
+        sessions.back()->open(address);
+    }
+    for (const auto& session : sessions)
+        session->awaitConnection(surroundings.interrupted, deadline, surroundings.options.wait);
+    surroundings.console.clearProgress();
+}
+
+std::vector<std::unique_ptr<Command>> makeCommands()
+{
+    std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(makeInfoCommand());
+    commands.push_back(makeLiveCommand());
+    return commands;
+}
+}  // namespace Host

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "CommonOptions.h"
+#include "ConsoleLogger.h"
+#include "DeviceAddress.h"
+#include "DeviceDescription.h"
+#include "DeviceSession.h"
+#include "ExitStatus.h"
+#include "HostContext.h"
+#include "LoadedModule.h"
+#include "Monitor.h"
+
+#include <memory>
+#include <stop_token>
+#include <vector>
+
+namespace CLI
+{
+class App;
+}
+
+namespace Host
+{
+class Console;
+class Output;
+
+/// What every command works with. Made after the options were parsed.
+struct Surroundings {
+    const CommonOptions& options;
+    Console& console;
+    Output& output;
+    std::stop_token interrupted;
+    Monitor& monitor;
+
+    Monitor::Clock::time_point timeoutFromNow() const
+    {
+        return Monitor::Clock::now() +
+               std::chrono::duration_cast<Monitor::Clock::duration>(std::chrono::duration<double>(options.timeout));
+    }
+};
+
+/// The module and what it needs of the host, as the options say. Made by each command that talks to a device.
+class HostedModule {
+public:
+    explicit HostedModule(const Surroundings& surroundings);
+
+    Tavro8::GDRV::IModule& operator*() const noexcept { return *module; }
+
+private:
+    ConsoleLogger logger;
+    HostContext context;
+    LoadedModule module;
+};
+
+/// The device that the options name: loads the module and connects. Read the options that can be wrong before
+/// the module is loaded, so that a slip of the pen is answered at once.
+class ConnectedDevices {
+public:
+    /// Connects to the device `count` times, each over connections of its own. Throws `Failure`.
+    explicit ConnectedDevices(const Surroundings& surroundings, std::size_t count = 1);
+
+    const DeviceAddress& getAddress() const noexcept { return address; }
+    const std::vector<std::unique_ptr<DeviceSession>>& getSessions() const noexcept { return sessions; }
+    DeviceSession& getFirst() const noexcept { return *sessions.front(); }
+
+private:
+    DeviceAddress address;
+    DeviceDescription description;
+    HostedModule module;
+    std::vector<std::unique_ptr<DeviceSession>> sessions;
+};
+
+/// One command of the program. Each lives in a file of its own and is made by a function that
+/// `makeCommands` calls.
+class Command {
+public:
+    virtual ~Command() = default;
+
+    virtual const char* getName() const = 0;
+    virtual const char* getSummary() const = 0;  ///< one line for the help
+
+    /// Adds the command's options to its part of the option parser.
+    virtual void describeOptions(CLI::App& app) = 0;
+
+    /// Does it. Throws `Failure` for what the user must know.
+    virtual ExitStatus run(const Surroundings& surroundings) = 0;
+};
+
+std::unique_ptr<Command> makeInfoCommand();
+std::unique_ptr<Command> makeLiveCommand();
+
+/// All commands in the order of the help.
+std::vector<std::unique_ptr<Command>> makeCommands();
+}  // namespace Host

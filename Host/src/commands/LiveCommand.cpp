@@ -1,0 +1,270 @@
+#include "Console.h"
+#include "FrameRecorder.h"
+#include "LiveStream.h"
+#include "Output.h"
+#include "PathText.h"
+#include "StreamReport.h"
+#include "commands/Command.h"
+#include "media/MediaFile.h"
+#include "media/Picture.h"
+#include "platform/ProcessUsage.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <optional>
+
+namespace Host
+{
+namespace
+{
+using Clock = Monitor::Clock;
+
+struct LiveOptions {
+    LiveStream::Request request;
+    double seconds = 10;  ///< 0: until interrupted
+    std::filesystem::path output;
+    std::filesystem::path snapshot;
+    std::size_t count = 1;
+    bool discard = false;
+    bool frames = false;
+};
+
+/// One run of the command. The members are in the order in which they are needed, so that they go away in the
+/// order that the module asks for: streams, then the recorder with the frames it holds, then the devices, and
+/// last the module.
+class LiveRun {
+public:
+    LiveRun(const Surroundings& runSurroundings, const LiveOptions& liveOptions)
+        : surroundings(runSurroundings), options(liveOptions), devices(runSurroundings, liveOptions.count)
+    {
+        if (const FrameRecorder::Wishes wishes = recorderWishes(); wishes.any())
+            recorder.emplace(wishes, surroundings.monitor, surroundings.console);
+        for (const auto& session : devices.getSessions())
+            streams.push_back(std::make_unique<LiveStream>(session->getDevice(), options.request, surroundings.monitor,
+                                                           surroundings.console,
+                                                           recorder ? &recorder->getQueue() : nullptr));
+    }
+
+    ExitStatus run()
+    {
+        cpuAtStart = processCpuSeconds();
+        for (const auto& stream : streams)
+            stream->start();
+        awaitFirstFrames();
+        receive();
+        summary.elapsed = elapsed();
+        summary.cpuSeconds = processCpuSeconds() - cpuAtStart;
+        summary.residentBytes = processResidentBytes();
+        stop();
+        return finish();
+    }
+
+private:
+    FrameRecorder::Wishes recorderWishes()
+    {
+        FrameRecorder::Wishes wishes;
+        wishes.recording = options.output;
+        wishes.sound = options.request.sound;
+        wishes.picture = options.snapshot;
+        if (options.frames)
+            wishes.onFrame = [this](const Tavro8::GDRV::MediaFrame& frame) {
+                reportFrame(surroundings.output, frameIndex++, frame);
+            };
+        return wishes;
+    }
+
+    ReceivedMedia received() const
+    {
+        std::vector<ReceivedMedia> all;
+        for (const auto& stream : streams)
+            all.push_back(stream->getVideo());
+        return addUp(all);
+    }
+
+    std::size_t silentStreams() const
+    {
+        return static_cast<std::size_t>(std::count_if(
+            streams.begin(), streams.end(), [](const auto& stream) { return !stream->getVideo().firstFrame; }));
+    }
+
+    std::chrono::duration<double> elapsed() const
+    {
+        return firstFrame ? Clock::now() - *firstFrame : std::chrono::duration<double>(0);
+    }
+
+    bool recorderFailed() const { return recorder && recorder->hasFailed(); }
+
+    void awaitFirstFrames()
+    {
+        surroundings.console.progress("waiting for the first picture ...");
+        const bool ready = surroundings.monitor.wait(surroundings.interrupted, surroundings.timeoutFromNow(),
+                                                     [this] { return silentStreams() == 0 || recorderFailed(); });
+        firstFrame = received().firstFrame;
+        if (ready || surroundings.interrupted.stop_requested())
+            return;
+        throw Failure(ExitStatus::failed, silenceSentence());
+    }
+
+    std::string silenceSentence() const
+    {
+        const std::string which = streams.size() == 1 ? std::string("no picture arrived")
+                                                      : "no picture arrived on " + std::to_string(silentStreams()) +
+                                                            " of " + std::to_string(streams.size()) + " streams";
+        const std::string trouble = devices.getFirst().describeTrouble();
+        return which + " in time; " +
+               (trouble.empty() ? "check that the device has this channel and stream and that it is enabled; the log "
+                                  "(--log-level info) may say more"
+                                : trouble);
+    }
+
+    /// Reports until the time is over, the user interrupts or the recorder fails.
+    void receive()
+    {
+        // People want to see the clock tick; programs get an event when there is news.
+        const auto tick = surroundings.console.showsProgress() ? Clock::duration(std::chrono::milliseconds(250))
+                                                               : Clock::duration(std::chrono::hours(1));
+        const auto end = options.seconds > 0 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                                  std::chrono::duration<double>(options.seconds))
+                                             : Clock::time_point::max();
+        std::uint64_t reported = 0;
+        const auto news = [&] { return recorderFailed() || streams.front()->getVideo().statisticsCount != reported; };
+        while (!surroundings.interrupted.stop_requested() && Clock::now() < end) {
+            surroundings.monitor.wait(surroundings.interrupted, std::min(end, Clock::now() + tick), news);
+            if (surroundings.monitor.read([this] { return recorderFailed(); }))
+                return;
+            const ReceivedMedia now = received();
+            if (std::exchange(reported, now.statisticsCount) != now.statisticsCount)
+                reportStatistics(surroundings.output, now);
+            surroundings.console.progress(progressText(now, elapsed()));
+        }
+    }
+
+    void stop()
+    {
+        surroundings.console.progress("stopping ...");
+        for (const auto& stream : streams)
+            stream->requestStop();
+        for (const auto& stream : streams)
+            stream->awaitStop();
+        surroundings.console.clearProgress();
+    }
+
+    /// Completes the files and tells what was received, even when writing went wrong.
+    ExitStatus finish()
+    {
+        std::optional<Failure> failure;
+        if (recorder) {
+            try {
+                recorder->finish();
+            } catch (const Failure& e) {
+                failure = e;
+            }
+            summary.droppedFrames = recorder->getQueue().getDropped();
+            summary.recordings = recorder->getRecordings();
+            if (recorder->hasPicture())
+                summary.picture = options.snapshot;
+        }
+        summary.streams = streams.size();
+        summary.video = received();
+        if (options.request.sound)
+            summary.audio = receivedSound();
+        reportSummary(surroundings.output, summary);
+        const bool interrupted = surroundings.interrupted.stop_requested();
+        if (failure && !(interrupted && !firstFrame))
+            throw Failure(*failure);
+        return interrupted ? ExitStatus::interrupted : ExitStatus::done;
+    }
+
+    ReceivedMedia receivedSound() const
+    {
+        std::vector<ReceivedMedia> all;
+        for (const auto& stream : streams)
+            all.push_back(stream->getAudio());
+        return addUp(all);
+    }
+
+    const Surroundings& surroundings;
+    const LiveOptions& options;
+    double cpuAtStart = 0;
+    std::uint64_t frameIndex = 0;  // used by the recorder's thread
+    std::optional<Clock::time_point> firstFrame;
+    StreamSummary summary;
+
+    ConnectedDevices devices;
+    std::optional<FrameRecorder> recorder;
+    std::vector<std::unique_ptr<LiveStream>> streams;
+};
+
+class LiveCommand final : public Command {
+public:
+    const char* getName() const override { return "live"; }
+    const char* getSummary() const override { return "Receive live video and sound"; }
+
+    void describeOptions(CLI::App& app) override
+    {
+        LiveStream::Request& request = options.request;
+        app.add_option("--channel", request.channel, "Channel, counted from 0")->type_name("N")->capture_default_str();
+        app.add_option("--stream", request.stream, "Stream of the channel, counted from 0")
+            ->check(CLI::Range(0U, 15U).description(""))
+            ->type_name("N")
+            ->capture_default_str();
+        app.add_option("--seconds", options.seconds, "How long, counted from the first picture; 0: until Ctrl-C")
+            ->check(CLI::Range(0.0, 1e7).description(""))
+            ->type_name("S")
+            ->capture_default_str();
+        app.add_flag("--audio", request.sound, "Receive the channel's sound too");
+        app.add_option("--transport", request.transport, "How media travels: tcp or udp")
+            ->check(CLI::IsMember({"tcp", "udp"}).description(""))
+            ->type_name("HOW")
+            ->capture_default_str();
+        app.add_option("--output", options.output, "Record to FILE.mp4 or FILE.mkv, pictures as received")
+            ->check(CLI::Validator(checkRecording, "", "recording"))
+            ->type_name("FILE");
+        app.add_option("--snapshot", options.snapshot, "Save the first picture as FILE.png or FILE.jpg")
+            ->check(CLI::Validator(checkPicture, "", "picture"))
+            ->type_name("FILE");
+        app.add_flag("--frames", options.frames, "Tell of each frame");
+        describeMeasuring(app);
+    }
+
+    ExitStatus run(const Surroundings& surroundings) override
+    {
+        for (const auto& file : {options.output, options.snapshot})
+            if (!file.empty())
+                requireWritable(file);
+        return LiveRun(surroundings, options).run();
+    }
+
+private:
+    void describeMeasuring(CLI::App& app)
+    {
+        constexpr const char* what =
+            "Create N devices at the same address and receive a stream from each, to find out what a machine can take";
+        app.add_option("--count", options.count, what)
+            ->check(CLI::Range(std::size_t{1}, std::size_t{10000}).description(""))
+            ->type_name("N")
+            ->excludes("--output", "--snapshot", "--frames")
+            ->capture_default_str();
+        app.add_flag("--discard", options.discard, "Only count what arrives")
+            ->excludes("--output", "--snapshot", "--frames");
+    }
+
+    static std::string checkRecording(std::string& file)
+    {
+        return isMediaFile(file) ? "" : "the file's name must end in .mp4 or .mkv";
+    }
+
+    static std::string checkPicture(std::string& file)
+    {
+        return isPictureFile(file) ? "" : "the file's name must end in .png, .jpg or .jpeg";
+    }
+
+    LiveOptions options;
+};
+}  // namespace
+
+std::unique_ptr<Command> makeLiveCommand()
+{
+    return std::make_unique<LiveCommand>();
+}
+}  // namespace Host

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "media/MediaFile.h"
+#include "media/MediaFormat.h"
+
+#include <Tavro8/GDRV/MediaFrame.h>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Host
+{
+/// Records a stream whose format is not known beforehand and may change.
+///
+/// A file begins at a key frame; frames before the first one are left out. When codec or picture size change,
+/// the recording goes on in a new part beside the first: name-2.mp4, name-3.mp4. One thread; operations throw
+/// `std::runtime_error` when a file cannot be written.
+class MediaWriter {
+public:
+    /// With `expectSound` the first file waits up to two seconds for sound, since a file cannot gain a track
+    /// later. `noticeUser` is told what the user should know, such as the beginning of a new part.
+    MediaWriter(std::filesystem::path firstFile, bool expectSound, std::function<void(const std::string&)> noticeUser);
+    ~MediaWriter();
+
+    void write(const Tavro8::GDRV::FrameReference& frame);
+
+    /// Completes the last file.
+    void finish();
+
+    /// The files written so far; empty as long as no key frame has come.
+    const std::vector<std::filesystem::path>& getFiles() const noexcept { return files; }
+
+private:
+    void writeVideo(const Tavro8::GDRV::FrameReference& frame);
+    void writeAudio(const Tavro8::GDRV::FrameReference& frame);
+    void considerKeyFrame(const Tavro8::GDRV::FrameReference& frame);
+    bool mayBegin() const;
+    void begin();
+    void beginPart(std::int64_t originMs);
+
+    const std::filesystem::path path;
+    const bool soundExpected;
+    const std::function<void(const std::string&)> notice;
+
+    std::vector<Tavro8::GDRV::FrameReference> pending;  // from the first key frame on, until sound is known
+    std::optional<VideoFormat> video;                   // of the newest key frame
+    std::optional<AudioFormat> audio;                   // of the newest sound
+    std::optional<AudioFormat> audioInFile;             // what the open file was begun with
+    std::unique_ptr<MediaFile> file;
+    std::vector<std::filesystem::path> files;
+};
+}  // namespace Host
