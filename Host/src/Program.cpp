@@ -41,17 +41,26 @@ void describe(CLI::App& app, CommonOptions& options, const std::vector<std::uniq
     app.description(about);
     app.footer(footer);
     app.set_version_flag("--version", std::string("kelvo-host ") + KELVO_HOST_VERSION);
-    app.fallthrough();  // the common options may also follow the command
-    app.require_subcommand(1);
+    app.fallthrough();             // the common options may also follow the command
+    app.require_subcommand(0, 1);  // none is refused with the list of them
     describeCommonOptions(app, options);
-    for (const auto& command : commands)
-        command->describeOptions(*app.add_subcommand(command->getName(), command->getSummary()));
+    for (const auto& command : commands) {
+        CLI::App& part = *app.add_subcommand(command->getName(), command->getSummary());
+        part.footer("`kelvo-host --help` tells the options that all commands have, such as --device.");
+        command->describeOptions(part);
+    }
 }
 
+/// Throws the parser's error when the command line names none.
 Command& chosenCommand(const CLI::App& app, const std::vector<std::unique_ptr<Command>>& commands)
 {
-    const auto isChosen = [&](const auto& command) { return app.got_subcommand(command->getName()); };
-    return **std::find_if(commands.begin(), commands.end(), isChosen);
+    std::string names;
+    for (const auto& command : commands) {
+        if (app.got_subcommand(command->getName()))
+            return *command;
+        names.append(names.empty() ? "" : ", ").append(command->getName());
+    }
+    throw CLI::ValidationError("name a command: " + names);
 }
 
 /// Help and version are successes that the parser reports like failures.
@@ -92,16 +101,18 @@ ExitStatus run(int argc, const char* const* argv)
     const auto commands = makeCommands();
     CommonOptions options;
     CLI::App app;
+    Command* command = nullptr;
     try {
         describe(app, options, commands);
         app.parse(argc, argv);
+        command = &chosenCommand(app, commands);
     } catch (const CLI::ParseError& error) {
         return explainParseError(app, error, console);
     }
     // FFmpeg prints to standard error by itself; what matters reaches the user as a result of its functions.
     av_log_set_level(AV_LOG_QUIET);
     const Interrupt interrupt;
-    return runCommand(chosenCommand(app, commands), options, console, interrupt);
+    return runCommand(*command, options, console, interrupt);
 }
 }  // namespace
 

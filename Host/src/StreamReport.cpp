@@ -159,10 +159,12 @@ void reportFrame(Output& output, std::uint64_t index, const MediaFrame& frame)
 
 std::string progressText(const ReceivedMedia& video, std::chrono::duration<double> elapsed)
 {
-    return std::string(codecName(video.codec)) + ' ' + sizeOf(video) + "  " +
-           decimalText(video.statistics.framesPerSecond, 1) + " frames/s  " +
-           bitRateText(static_cast<double>(video.statistics.bitsPerSecond)) + "  " +
-           std::to_string(video.statistics.lostPackets) + " lost  " + durationText(elapsed);
+    std::string text = std::string(codecName(video.codec)) + ' ' + sizeOf(video) + "  ";
+    if (video.statisticsCount > 0)
+        text += decimalText(video.statistics.framesPerSecond, 1) + " frames/s  " +
+                bitRateText(static_cast<double>(video.statistics.bitsPerSecond)) + "  " +
+                std::to_string(video.statistics.lostPackets) + " lost  ";
+    return text + durationText(elapsed);
 }
 
 void reportSummary(Output& output, const StreamSummary& summary)

@@ -24,7 +24,7 @@ void reportStatistics(Output& output, const ReceivedMedia& video);
 /// Writes the event `frame`. `index` counts all frames of the command from 0.
 void reportFrame(Output& output, std::uint64_t index, const Tavro8::GDRV::MediaFrame& frame);
 
-/// "H.264 1920x1080  25.0 frames/s  4.1 Mbit/s  0 lost  00:07".
+/// "H.264 1920x1080  25.0 frames/s  4.1 Mbit/s  0 lost  00:07"; without rates until the module has reported some.
 std::string progressText(const ReceivedMedia& video, std::chrono::duration<double> elapsed);
 
 /// All that the event `summary` says.

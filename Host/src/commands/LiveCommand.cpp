@@ -129,13 +129,13 @@ private:
         std::uint64_t reported = 0;
         const auto news = [&] { return recorderFailed() || streams.front()->getVideo().statisticsCount != reported; };
         while (!surroundings.interrupted.stop_requested() && Clock::now() < end) {
+            surroundings.console.progress(progressText(received(), elapsed()));
             surroundings.monitor.wait(surroundings.interrupted, std::min(end, Clock::now() + tick), news);
             if (surroundings.monitor.read([this] { return recorderFailed(); }))
                 return;
             const ReceivedMedia now = received();
             if (std::exchange(reported, now.statisticsCount) != now.statisticsCount)
                 reportStatistics(surroundings.output, now);
-            surroundings.console.progress(progressText(now, elapsed()));
         }
     }
 
@@ -160,7 +160,8 @@ private:
                 failure = e;
             }
             summary.droppedFrames = recorder->getQueue().getDropped();
-            summary.recordings = recorder->getRecordings();
+            if (!failure)
+                summary.recordings = recorder->getRecordings();
             if (recorder->hasPicture())
                 summary.picture = options.snapshot;
         }
@@ -229,6 +230,7 @@ public:
 
     ExitStatus run(const Surroundings& surroundings) override
     {
+        refuseContradictions();
         for (const auto& file : {options.output, options.snapshot})
             if (!file.empty())
                 requireWritable(file);
@@ -238,15 +240,21 @@ public:
 private:
     void describeMeasuring(CLI::App& app)
     {
-        constexpr const char* what =
-            "Create N devices at the same address and receive a stream from each, to find out what a machine can take";
+        constexpr const char* what = "Create N devices at the same address and receive a stream from each,\n"
+                                     "to find out what a machine can take";
         app.add_option("--count", options.count, what)
             ->check(CLI::Range(std::size_t{1}, std::size_t{10000}).description(""))
             ->type_name("N")
-            ->excludes("--output", "--snapshot", "--frames")
             ->capture_default_str();
-        app.add_flag("--discard", options.discard, "Only count what arrives")
-            ->excludes("--output", "--snapshot", "--frames");
+        app.add_flag("--discard", options.discard, "Only count what arrives");
+    }
+
+    void refuseContradictions() const
+    {
+        const bool looksAtFrames = !options.output.empty() || !options.snapshot.empty() || options.frames;
+        if (looksAtFrames && (options.discard || options.count > 1))
+            throw Failure(ExitStatus::usage, "--discard and --count above 1 only count what arrives; they go together "
+                                             "with none of --output, --snapshot and --frames");
     }
 
     static std::string checkRecording(std::string& file)

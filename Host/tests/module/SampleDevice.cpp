@@ -1,0 +1,206 @@
+#include "SampleDevice.h"
+
+#include "Sources.h"
+
+#include <Tavro8/ResultCode.h>
+#include <algorithm>
+#include <cstring>
+
+namespace Sample
+{
+namespace GDRV = Tavro8::GDRV;
+using Tavro8::ParameterMap;
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+namespace
+{
+constexpr std::chrono::milliseconds retryDelay{20};
+
+template <typename Object>
+std::int32_t notSupported(Object** object) noexcept
+{
+    *object = nullptr;
+    return toResult(ResultCode::notSupported);
+}
+
+/// What every factory operation does around the making: no exception leaves the module.
+template <typename Object, typename Make>
+std::int32_t create(Object** object, Make&& make) noexcept
+try {
+    *object = make();
+    return toResult(ResultCode::success);
+} catch (const std::exception&) {
+    *object = nullptr;
+    return toResult(ResultCode::noResources);
+}
+}  // namespace
+
+SampleDevice::SampleDevice(const GDRV::IDeviceDescription& description, GDRV::IDeviceHandler* hostHandler)
+    : handler(hostHandler), channels(description.GetVideoChannelCount())
+{}
+
+void* SampleDevice::FindContract(const char* name) noexcept
+{
+    // Both bases are contracts, so each is named through the pointer to exactly that base.
+    if (void* device =
+            Tavro8::findContractIn<GDRV::IDevice, Tavro8::IContract>(static_cast<GDRV::IDevice*>(this), name))
+        return device;
+    return Tavro8::findContractIn<GDRV::IDeviceInformation>(static_cast<GDRV::IDeviceInformation*>(this), name);
+}
+
+void SampleDevice::Destroy() noexcept
+{
+    loop->forget(this);
+    retire(std::move(loop));
+    delete this;
+}
+
+std::int32_t SampleDevice::Open(const char* address) noexcept
+try {
+    std::string rest = address;
+    if (const auto scheme = rest.find("://"); scheme != std::string::npos)
+        rest.erase(0, scheme + 3);
+    if (const auto at = rest.rfind('@'); at != std::string::npos) {
+        userInfo = rest.substr(0, at);
+        rest.erase(0, at + 1);
+    }
+    hostName = rest.substr(0, rest.find_first_of(":/"));
+    loop->post(this, [this] { attempt(); });
+    return toResult(ResultCode::success);
+} catch (const std::exception&) {
+    return toResult(ResultCode::noResources);
+}
+
+void SampleDevice::Close() noexcept
+{
+    loop->forget(this);  // no attempt follows
+    loop->post(this, [this] {
+        if (handler != nullptr && hostName != "stuck")
+            handler->Closed(this);
+    });
+}
+
+std::int32_t SampleDevice::resultOfAttempt()
+{
+    const char* const working[] = {"camera", "recorder", "multichannel", "dark", "mute", "growing", "flaky", "stuck"};
+    const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
+    const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
+    const bool atLast = hostName == "late" && attempts > 2;
+    if (works || admitted || atLast)
+        return toResult(ResultCode::success);
+    const bool denied = hostName == "guarded" || hostName == "refusing";
+    return toResult(denied ? ResultCode::accessDenied : ResultCode::deviceUnreachable);
+}
+
+void SampleDevice::attempt()
+{
+    ++attempts;
+    if (hostName == "silent" || handler == nullptr)
+        return;
+    const std::int32_t result = resultOfAttempt();
+    if (result != 0)
+        loop->post(
+            this, [this] { attempt(); }, Loop::Clock::now() + retryDelay);
+    else if (hostName == "flaky" && attempts == 1)
+        loop->post(
+            this, [this] { loseConnection(); }, Loop::Clock::now() + 5 * retryDelay);
+
+    if (result != 0)
+        handler->ConnectFailed(this, result);
+    else
+        handler->Connected(this);
+}
+
+void SampleDevice::loseConnection()
+{
+    loop->post(
+        this, [this] { attempt(); }, Loop::Clock::now() + retryDelay);
+    handler->ConnectionLost(this, toResult(ResultCode::connectionLost));
+}
+
+std::int32_t SampleDevice::ApplySettings(const ParameterMap&, Tavro8::IAsyncActionHandler*) noexcept
+{
+    return toResult(ResultCode::notSupported);
+}
+
+std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_t,
+                                             GDRV::IAsyncDeviceChannelHandler* channelHandler,
+                                             GDRV::IMediaFrameHandler* frames, const ParameterMap&, Tavro8::IContract*,
+                                             GDRV::IVideoSource** source) noexcept
+{
+    *source = nullptr;
+    if (channel >= channels)
+        return toResult(ResultCode::notFound);
+    return create(source, [&] {
+        auto produce = hostName == "dark" ? nothing() : testPicture(hostName == "growing");
+        return new Source<GDRV::IVideoSource>(
+            channel, std::make_shared<Stream>(*loop, channelHandler, frames, std::move(produce)));
+    });
+}
+
+std::int32_t SampleDevice::CreateAudioSource(std::uint32_t channel, GDRV::IAsyncDeviceChannelHandler* channelHandler,
+                                             GDRV::IMediaFrameHandler* frames, const ParameterMap&, Tavro8::IContract*,
+                                             GDRV::IAudioSource** source) noexcept
+{
+    if (hostName == "mute")
+        return notSupported(source);
+    return create(source, [&] {
+        return new Source<GDRV::IAudioSource>(channel,
+                                              std::make_shared<Stream>(*loop, channelHandler, frames, testTone()));
+    });
+}
+
+std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t, GDRV::IAsyncDeviceChannelHandler*, const ParameterMap&,
+                                                  GDRV::IAudioDestination** destination) noexcept
+{
+    return notSupported(destination);
+}
+
+std::int32_t SampleDevice::CreateIODevice(std::uint32_t, GDRV::IIODeviceHandler*, GDRV::IIODevice** ioDevice) noexcept
+{
+    return notSupported(ioDevice);
+}
+
+std::int32_t SampleDevice::CreateTelemetry(std::uint32_t, GDRV::ITelemetry** telemetry) noexcept
+{
+    return notSupported(telemetry);
+}
+
+std::int32_t SampleDevice::CreateDetector(std::uint32_t, const ParameterMap&, GDRV::IDetectorHandler*,
+                                          GDRV::IDetector** detector) noexcept
+{
+    return notSupported(detector);
+}
+
+std::int32_t SampleDevice::CreateRecordingSearch(GDRV::IRecordingSearch** search) noexcept
+{
+    return notSupported(search);
+}
+
+std::int32_t SampleDevice::CreateRecordingPlayback(std::uint32_t, GDRV::IRecordingPlaybackHandler*,
+                                                   GDRV::IMediaFrameHandler*, const ParameterMap&,
+                                                   GDRV::IRecordingPlayback** playback) noexcept
+{
+    return notSupported(playback);
+}
+
+std::uint32_t SampleDevice::GetDeviceKind() const noexcept
+{
+    const auto kind = hostName == "recorder"       ? GDRV::DeviceKind::recorder
+                      : hostName == "multichannel" ? GDRV::DeviceKind::multichannelCamera
+                                                   : GDRV::DeviceKind::camera;
+    return static_cast<std::uint32_t>(kind);
+}
+
+std::size_t SampleDevice::GetLivePath(std::uint32_t channel, std::uint32_t stream, char* path,
+                                      std::size_t capacity) const noexcept
+{
+    const std::string text = "/channel" + std::to_string(channel) + "/stream" + std::to_string(stream);
+    if (path != nullptr && capacity > 0) {
+        const std::size_t length = std::min(text.size(), capacity - 1);
+        std::memcpy(path, text.c_str(), length);
+        path[length] = '\0';
+    }
+    return text.size();
+}
+}  // namespace Sample

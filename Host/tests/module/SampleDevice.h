@@ -1,0 +1,80 @@
+#pragma once
+
+#include "Loop.h"
+
+#include <Tavro8/GDRV/IModule.h>
+#include <memory>
+#include <string>
+
+namespace Sample
+{
+/// A device that exists only in the module. The host name in its address says what it is and how it behaves:
+///
+/// | host name | behaviour |
+/// |---|---|
+/// | camera, recorder, multichannel | connects, sends a test picture and a tone |
+/// | guarded | connects with user "admin" and password "p@ss:%" only |
+/// | refusing, unreachable | every attempt fails with 513, 256 |
+/// | late | the first two attempts fail, the third connects |
+/// | silent | never answers |
+/// | dark | connects but sends nothing |
+/// | mute | connects; makes no audio source |
+/// | growing | the picture becomes larger after a second |
+/// | stuck | works, but never reports that it was closed |
+/// | flaky | the connection is lost and comes back while the pictures go on |
+///
+/// Any other name is unreachable too.
+class SampleDevice final : public Tavro8::GDRV::IDevice, private Tavro8::GDRV::IDeviceInformation {
+public:
+    SampleDevice(const Tavro8::GDRV::IDeviceDescription& description, Tavro8::GDRV::IDeviceHandler* hostHandler);
+
+    void* FindContract(const char* name) noexcept override;
+
+    void Destroy() noexcept override;
+    std::int32_t Open(const char* address) noexcept override;
+    void Close() noexcept override;
+    std::int32_t ApplySettings(const Tavro8::ParameterMap& parameters,
+                               Tavro8::IAsyncActionHandler* handler) noexcept override;
+    std::int32_t CreateVideoSource(std::uint32_t channel, std::uint32_t stream,
+                                   Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
+                                   Tavro8::GDRV::IMediaFrameHandler* frames, const Tavro8::ParameterMap& parameters,
+                                   Tavro8::IContract* parent, Tavro8::GDRV::IVideoSource** source) noexcept override;
+    std::int32_t CreateAudioSource(std::uint32_t channel, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
+                                   Tavro8::GDRV::IMediaFrameHandler* frames, const Tavro8::ParameterMap& parameters,
+                                   Tavro8::IContract* parent, Tavro8::GDRV::IAudioSource** source) noexcept override;
+    std::int32_t CreateAudioDestination(std::uint32_t channel, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
+                                        const Tavro8::ParameterMap& parameters,
+                                        Tavro8::GDRV::IAudioDestination** destination) noexcept override;
+    std::int32_t CreateIODevice(std::uint32_t channel, Tavro8::GDRV::IIODeviceHandler* handler,
+                                Tavro8::GDRV::IIODevice** ioDevice) noexcept override;
+    std::int32_t CreateTelemetry(std::uint32_t channel, Tavro8::GDRV::ITelemetry** telemetry) noexcept override;
+    std::int32_t CreateDetector(std::uint32_t channel, const Tavro8::ParameterMap& parameters,
+                                Tavro8::GDRV::IDetectorHandler* handler,
+                                Tavro8::GDRV::IDetector** detector) noexcept override;
+    std::int32_t CreateRecordingSearch(Tavro8::GDRV::IRecordingSearch** search) noexcept override;
+    std::int32_t CreateRecordingPlayback(std::uint32_t channel, Tavro8::GDRV::IRecordingPlaybackHandler* handler,
+                                         Tavro8::GDRV::IMediaFrameHandler* frames,
+                                         const Tavro8::ParameterMap& parameters,
+                                         Tavro8::GDRV::IRecordingPlayback** playback) noexcept override;
+
+private:
+    ~SampleDevice() override = default;
+
+    std::uint32_t GetDeviceKind() const noexcept override;
+    std::uint32_t GetChannelCount() const noexcept override { return channels; }
+    std::uint16_t GetRtspPort() const noexcept override { return 554; }
+    std::size_t GetLivePath(std::uint32_t channel, std::uint32_t stream, char* path,
+                            std::size_t capacity) const noexcept override;
+
+    void attempt();
+    std::int32_t resultOfAttempt();
+    void loseConnection();
+
+    Tavro8::GDRV::IDeviceHandler* const handler;  // the host's, may be null
+    const std::uint32_t channels;
+    std::unique_ptr<Loop> loop = std::make_unique<Loop>();
+    std::string userInfo;  // written by Open, before the loop reads it
+    std::string hostName;
+    unsigned attempts = 0;
+};
+}  // namespace Sample

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "Loop.h"
+
+#include <Tavro8/GDRV/ILiveSource.h>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace Sample
+{
+/// The life of a live source, the same for pictures and sound: a frame every 40 ms while it runs.
+///
+/// Waiting tasks keep the stream alive, so that a source may be destroyed while one is under way.
+class Stream : public std::enable_shared_from_this<Stream> {
+public:
+    /// Fills in frame number `index`; the second part is its payload.
+    using Produce = std::function<std::vector<std::uint8_t>(std::uint64_t index, Tavro8::GDRV::MediaFrame& frame)>;
+
+    Stream(Loop& deviceLoop, Tavro8::GDRV::IAsyncDeviceChannelHandler* channelHandler,
+           Tavro8::GDRV::IMediaFrameHandler* frameHandler, Produce produceFrame)
+        : loop(deviceLoop), handler(channelHandler), frames(frameHandler), produce(std::move(produceFrame))
+    {}
+
+    void start(Tavro8::IContract* asSource);
+    void stop();
+    void end() { loop.forget(this); }  ///< afterwards nothing reaches the handlers
+
+private:
+    using Clock = Loop::Clock;
+
+    void tick(unsigned run, Clock::time_point due);
+    void deliver(const Tavro8::GDRV::MediaFrame& frame, std::size_t bytes);
+
+    Loop& loop;                                               // the device's, which outlives its sources
+    Tavro8::GDRV::IAsyncDeviceChannelHandler* const handler;  // the host's, may be null
+    Tavro8::GDRV::IMediaFrameHandler* const frames;           // likewise
+    const Produce produce;
+    Tavro8::IContract* source = nullptr;  ///< what the host knows as the source
+    std::atomic<bool> started{false};
+    std::atomic<unsigned> runs{0};  ///< a tick of an earlier run does nothing
+
+    // The loop's thread.
+    std::uint64_t index = 0;
+    Tavro8::GDRV::StreamStatistics statistics;
+};
+
+/// A source of the SDK around a stream. `Interface` is `IVideoSource` or `IAudioSource`.
+template <typename Interface>
+class Source final : public Interface {
+public:
+    Source(std::uint32_t channelIndex, std::shared_ptr<Stream> sourceStream)
+        : channel(channelIndex), stream(std::move(sourceStream))
+    {}
+
+    void* FindContract(const char* name) noexcept override
+    {
+        return Tavro8::findContractIn<Interface, Tavro8::GDRV::IDeviceChannel, Tavro8::IContract>(this, name);
+    }
+    void Destroy() noexcept override
+    {
+        stream->end();
+        delete this;
+    }
+    std::uint32_t GetChannelIndex() const noexcept override { return channel; }
+    void Start() noexcept override { stream->start(this); }
+    void Stop() noexcept override { stream->stop(); }
+    std::int32_t ApplySettings(const Tavro8::ParameterMap&) noexcept override { return 8; }
+
+private:
+    ~Source() override = default;
+
+    const std::uint32_t channel;
+    const std::shared_ptr<Stream> stream;
+};
+
+Stream::Produce testPicture(bool changesSize);  ///< `changesSize`: the picture is larger from the second second on
+Stream::Produce testTone();
+Stream::Produce nothing();  ///< frames without payload are not delivered
+}  // namespace Sample
