@@ -4,6 +4,7 @@
 #include "media/AacEncoder.h"
 #include "media/AudioClock.h"
 #include "media/Picture.h"
+#include "media/VideoClock.h"
 
 #include <cstring>
 #include <new>
@@ -116,7 +117,7 @@ struct MediaFile::State {
     void addAudio(const AudioFormat& format)
     {
         sampleRate = static_cast<int>(format.sampleRate);
-        clock.emplace(format.sampleRate);
+        audioClock.emplace(format.sampleRate);
         if (format.codec == MediaCodec::aac || std::strcmp(output->oformat->name, "mp4") != 0) {
             audio = &addAudioAsReceived(*output, format);
             return;
@@ -141,11 +142,11 @@ struct MediaFile::State {
     const std::string name;
     const OutputPtr output;
     const std::int64_t originMs;
-    std::int64_t lastVideoMs = -1;
+    VideoClock videoClock;
     AVStream& video;                    // belongs to output
     AVStream* audio = nullptr;          // belongs to output; null in a file without sound
     std::optional<AacEncoder> encoder;  // empty when the sound is kept as received
-    std::optional<AudioClock> clock;
+    std::optional<AudioClock> audioClock;
     int sampleRate = 0;
 };
 
@@ -158,10 +159,8 @@ MediaFile::~MediaFile() = default;
 
 void MediaFile::writeVideo(const MediaFrame& frame)
 {
-    // Two pictures in one millisecond happen when a burst of them is stamped on arrival; files want order.
-    state->lastVideoMs = std::max(frame.timestampMs - state->originMs, state->lastVideoMs + 1);
     const PacketPtr packet = makePacket(frame.data);
-    packet->pts = packet->dts = state->lastVideoMs;
+    packet->pts = packet->dts = state->videoClock.advance(frame.timestampMs - state->originMs, frame.durationMs);
     packet->duration = frame.durationMs;
     if (frame.keyFrame)
         packet->flags |= AV_PKT_FLAG_KEY;
@@ -173,7 +172,7 @@ void MediaFile::writeAudio(const MediaFrame& frame)
     const std::int64_t timeMs = frame.timestampMs - state->originMs;
     if (state->audio == nullptr || timeMs < 0)
         return;
-    const std::int64_t begin = state->clock->advance(timeMs, frame.sampleCount);
+    const std::int64_t begin = state->audioClock->advance(timeMs, frame.sampleCount);
     if (state->encoder) {
         state->encoder->encode(frame.data, begin, [this](AVPacket& packet) { state->writeSound(packet); });
         return;
