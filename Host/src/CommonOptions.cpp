@@ -3,9 +3,11 @@
 #include "DeviceAddress.h"
 #include "DeviceDescription.h"
 #include "ExitStatus.h"
+#include "TimeText.h"
 #include "platform/KnownPaths.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -44,7 +46,7 @@ void describeDevice(CLI::App& app, CommonOptions& options)
         ->type_name("KEY=VALUE")
         ->group(group);
     app.add_option("--timeout", options.timeout, "Longest wait for the connection, and for the first picture")
-        ->check(CLI::Range(0.001, 86400.0).description(""))
+        ->check(CLI::Validator([](std::string& text) { return checkSeconds(text, 0.001, 86400); }, "", "seconds"))
         ->type_name("SECONDS")
         ->capture_default_str()
         ->group(group);
@@ -98,6 +100,18 @@ void describeCommonOptions(CLI::App& app, CommonOptions& options)
     options.repository = userStateDirectory();
     describeDevice(app, options);
     describeHost(app, options);
+}
+
+std::string checkSeconds(const std::string& text, double least, double most)
+{
+    double value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    // Written so that "nan", which is a number to every parser, is refused too.
+    if (error == std::errc{} && stop == end && value >= least && value <= most)
+        return {};
+    return "\"" + text + "\" is no number of seconds from " + decimalText(least, least < 1 && least > 0 ? 3 : 0) +
+           " to " + decimalText(most, 0);
 }
 
 DeviceAddress deviceAddress(const CommonOptions& options)

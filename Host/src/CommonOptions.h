@@ -35,6 +35,9 @@ struct CommonOptions {
 /// Makes the option parser fill `options`, which outlives it.
 void describeCommonOptions(CLI::App& app, CommonOptions& options);
 
+/// For the option parser: why `text` is no number of seconds within the limits; empty when it is one.
+std::string checkSeconds(const std::string& text, double least, double most);
+
 /// The device's address with the password from the address itself, from `--password-file` or from the
 /// environment variable KELVO_DEVICE_PASSWORD. Throws `Failure` (usage).
 DeviceAddress deviceAddress(const CommonOptions& options);

@@ -52,13 +52,18 @@ DeviceSession::DeviceSession(GDRV::IModule& module, const GDRV::IDeviceDescripti
 
 DeviceSession::~DeviceSession()
 {
-    if (opened) {
-        device->Close();
-        const auto deadline = Monitor::Clock::now() + closeTimeout;
-        if (!surroundings.monitor.wait({}, deadline, [this] { return closed; }))
-            surroundings.console.line(surroundings.name + ": the module did not report the connection as closed");
-    }
+    requestClose();
+    if (closeDeadline && !surroundings.monitor.wait({}, *closeDeadline, [this] { return closed; }))
+        surroundings.console.line(surroundings.name + ": the module did not report the connection as closed");
     device->Destroy();
+}
+
+void DeviceSession::requestClose()
+{
+    if (!opened || closeDeadline)
+        return;
+    closeDeadline = Monitor::Clock::now() + closeTimeout;
+    device->Close();
 }
 
 void DeviceSession::open(const DeviceAddress& address)

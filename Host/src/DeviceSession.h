@@ -41,6 +41,10 @@ public:
 
     Tavro8::GDRV::IDevice& getDevice() const noexcept { return *device; }
 
+    /// Begins to close the connection; several devices close faster when all are asked before the first is
+    /// destroyed.
+    void requestClose();
+
     /// Null when the module does not tell.
     Tavro8::GDRV::IDeviceInformation* getInformation() const noexcept;
 
@@ -57,6 +61,7 @@ private:
 
     Surroundings surroundings;
     Tavro8::GDRV::IDevice* device = nullptr;
+    std::optional<Monitor::Clock::time_point> closeDeadline;  // set when closing has begun
     bool opened = false;
 
     // Guarded by the monitor.

@@ -1,5 +1,7 @@
 #include "Output.h"
 
+#include "Console.h"
+
 #include <json/value.h>
 #include <json/writer.h>
 #include <ostream>
@@ -31,6 +33,8 @@ void Output::event(std::string_view name, const Json::Value& fields, std::string
     if (text.empty())
         return;
     const std::lock_guard lock(mutex);
+    if (console != nullptr)
+        console->clearProgress();
     stream << text << std::flush;
 }
 

@@ -7,11 +7,16 @@
 
 namespace Host
 {
+class Console;
+
 /// Standard output: the results of a command, for people or, one JSON object a line, for programs.
 /// The one place that knows which of the two is wanted. Any thread.
 class Output {
 public:
-    Output(std::ostream& resultStream, bool writeJson) : stream(resultStream), json(writeJson) {}
+    /// `sharedConsole` (may be null) removes its progress line before a result appears on the same terminal.
+    Output(std::ostream& resultStream, bool writeJson, Console* sharedConsole)
+        : stream(resultStream), json(writeJson), console(sharedConsole)
+    {}
 
     /// Writes the object `fields` with a first member `"event": name`, or `readable`, a text of whole lines;
     /// an empty text writes nothing.
@@ -23,6 +28,7 @@ public:
 private:
     std::ostream& stream;
     const bool json;
+    Console* const console;
     mutable std::mutex mutex;  // guards stream
 };
 }  // namespace Host

@@ -5,6 +5,7 @@
 #include "commands/Command.h"
 #include "media/Ffmpeg.h"
 #include "platform/Interrupt.h"
+#include "platform/Terminal.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -77,7 +78,7 @@ ExitStatus explainParseError(const CLI::App& app, const CLI::ParseError& error, 
 
 ExitStatus runCommand(Command& command, const CommonOptions& options, Console& console, const Interrupt& interrupt)
 {
-    Output output(std::cout, options.json);
+    Output output(std::cout, options.json, isTerminal(stdout) ? &console : nullptr);
     Monitor monitor;
     try {
         const ExitStatus status = command.run({options, console, output, interrupt.token(), monitor});

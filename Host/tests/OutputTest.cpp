@@ -11,7 +11,7 @@ namespace
 TEST(Output, writesOneJsonObjectALineWithTheEventInFront)
 {
     std::ostringstream stream;
-    Output output(stream, true);
+    Output output(stream, true, nullptr);
     Json::Value fields(Json::objectValue);
     fields["name"] = "J\xC3\xBCrgen \"x\"";
     fields["a"] = 25.4;
@@ -25,7 +25,7 @@ TEST(Output, writesOneJsonObjectALineWithTheEventInFront)
 TEST(Output, writesTheReadableFormOtherwise)
 {
     std::ostringstream stream;
-    Output output(stream, false);
+    Output output(stream, false, nullptr);
     output.event("one", Json::Value(Json::objectValue), "readable\n");
     output.event("two", Json::Value(Json::objectValue), {});
     EXPECT_EQ(stream.str(), "readable\n");
@@ -34,7 +34,7 @@ TEST(Output, writesTheReadableFormOtherwise)
 TEST(Output, remembersThatWritingFailed)
 {
     std::ostringstream stream;
-    Output output(stream, false);
+    Output output(stream, false, nullptr);
     stream.setstate(std::ios::badbit);
     output.event("one", Json::Value(Json::objectValue), "readable\n");
     EXPECT_TRUE(output.hasFailed());

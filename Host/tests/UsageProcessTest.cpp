@@ -39,6 +39,7 @@ TEST_F(Usage, refusesACommandLineThatItCannotUse)
         {{"--device", "camera", "--set", "port", "info"}, "KEY=VALUE"},
         {{"--device", "camera", "--model", "absent.json", "info"}, "absent.json"},
         {{"--device", "camera", "live", "--seconds", "-1"}, "--seconds"},
+        {{"--device", "camera", "live", "--seconds", "nan"}, "--seconds"},
         {{"--device", "camera", "live", "--transport", "sctp"}, "sctp"},
         {{"--device", "camera", "live", "--output", "a.avi"}, ".mp4 or .mkv"},
         {{"--device", "camera", "live", "--snapshot", "a.gif"}, ".png"},

@@ -25,6 +25,12 @@ HostedModule::HostedModule(const Surroundings& surroundings)
       module(surroundings.options.module, context, moduleIdentifier)
 {}
 
+ConnectedDevices::Sessions::~Sessions()
+{
+    for (const auto& session : list)
+        session->requestClose();
+}
+
 ConnectedDevices::ConnectedDevices(const Surroundings& surroundings, std::size_t count)
     : address(deviceAddress(surroundings.options)),
       description(deviceDescription(surroundings.options)),
@@ -35,11 +41,11 @@ ConnectedDevices::ConnectedDevices(const Surroundings& surroundings, std::size_t
     for (std::size_t index = 0; index < count; ++index) {
         const std::string name = nameOf(address, index, count);
         description.setName(name);
-        sessions.push_back(std::make_unique<DeviceSession>(
+        sessions.list.push_back(std::make_unique<DeviceSession>(
             *module, description, DeviceSession::Surroundings{surroundings.monitor, surroundings.console, name}));
-        sessions.back()->open(address);
+        sessions.list.back()->open(address);
     }
-    for (const auto& session : sessions)
+    for (const auto& session : sessions.list)
         session->awaitConnection(surroundings.interrupted, deadline, surroundings.options.wait);
     surroundings.console.clearProgress();
 }

@@ -60,14 +60,24 @@ public:
     explicit ConnectedDevices(const Surroundings& surroundings, std::size_t count = 1);
 
     const DeviceAddress& getAddress() const noexcept { return address; }
-    const std::vector<std::unique_ptr<DeviceSession>>& getSessions() const noexcept { return sessions; }
-    DeviceSession& getFirst() const noexcept { return *sessions.front(); }
+    const std::vector<std::unique_ptr<DeviceSession>>& getSessions() const noexcept { return sessions.list; }
+    DeviceSession& getFirst() const noexcept { return *sessions.list.front(); }
 
 private:
+    /// Closes all its sessions at once when it goes, also when connecting fails half-way.
+    struct Sessions {
+        Sessions() = default;
+        ~Sessions();
+        Sessions(const Sessions&) = delete;
+        Sessions& operator=(const Sessions&) = delete;
+
+        std::vector<std::unique_ptr<DeviceSession>> list;
+    };
+
     DeviceAddress address;
     DeviceDescription description;
     HostedModule module;
-    std::vector<std::unique_ptr<DeviceSession>> sessions;
+    Sessions sessions;
 };
 
 /// One command of the program. Each lives in a file of its own and is made by a function that

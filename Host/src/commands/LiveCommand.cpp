@@ -45,6 +45,15 @@ public:
                                                            recorder ? &recorder->getQueue() : nullptr));
     }
 
+    /// When the run ends early: all streams stop at once rather than one after the other.
+    ~LiveRun()
+    {
+        for (const auto& stream : streams)
+            stream->requestStop();
+    }
+    LiveRun(const LiveRun&) = delete;
+    LiveRun& operator=(const LiveRun&) = delete;
+
     ExitStatus run()
     {
         cpuAtStart = processCpuSeconds();
@@ -210,7 +219,7 @@ public:
             ->type_name("N")
             ->capture_default_str();
         app.add_option("--seconds", options.seconds, "How long, counted from the first picture; 0: until Ctrl-C")
-            ->check(CLI::Range(0.0, 1e7).description(""))
+            ->check(CLI::Validator([](std::string& text) { return checkSeconds(text, 0, 1e7); }, "", "seconds"))
             ->type_name("S")
             ->capture_default_str();
         app.add_flag("--audio", request.sound, "Receive the channel's sound too");
