@@ -20,8 +20,10 @@ const char* whatToCheck(std::int32_t result) noexcept
 {
     switch (static_cast<ResultCode>(result)) {
     case ResultCode::deviceUnreachable:
+        // Modules also report this when the device answers but refuses to tell its ports.
+        return "; check address, port, user name and password, and that the device is switched on";
     case ResultCode::timedOut:
-        return "; check the address and port, and that the device is switched on and in reach";
+        return "; check address and port, and that the device is switched on and in reach";
     case ResultCode::secureChannelFailed:
         return "; check that the device offers https on this port";
     case ResultCode::malformedResponse:
