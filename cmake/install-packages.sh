@@ -30,8 +30,8 @@ if [ "$(id -u)" -ne 0 ]; then
     fi
     as_root=(sudo)
 fi
+as_root+=(env DEBIAN_FRONTEND=noninteractive)
 echo "Installing: ${missing[*]}" >&2
-export DEBIAN_FRONTEND=noninteractive
 # A fresh machine has no package lists yet; a machine with lists need not fetch them again.
 if ! "${as_root[@]}" apt-get install -y --no-install-recommends "${missing[@]}" >&2; then
     "${as_root[@]}" apt-get update >&2

@@ -5,6 +5,7 @@
 #include <boost/asio/io_context.hpp>
 #include <functional>
 #include <gtest/gtest.h>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -62,6 +63,7 @@ public:
 struct FakeDevice {
     std::shared_ptr<ILogger> getLogger() const { return {std::shared_ptr<ILogger>(), &logger}; }
     std::shared_ptr<void> getLifetimeToken() const { return std::make_shared<int>(); }
+    RTSPSource& getSource() const { throw std::logic_error("the receivers of this test bring their own stream"); }
 
     mutable RecordingLogger logger;
 };
