@@ -23,10 +23,10 @@ std::vector<std::string> commandLine(const std::vector<std::string>& arguments)
 
 std::string simulatorProgram()
 {
-    const char* const path = std::getenv("KELVO_SIMULATOR");
-    if (path == nullptr)
-        throw std::runtime_error("KELVO_SIMULATOR does not name the program; run the tests with ctest");
-    return path;
+    const char* const folder = std::getenv("KELVO_BIN");
+    if (folder == nullptr)
+        throw std::runtime_error("KELVO_BIN is not set; run the tests with ctest");
+    return std::string(folder) + "/uniview-simulator";
 }
 
 SimulatorProcess::SimulatorProcess(const std::vector<std::string>& arguments) : child(commandLine(arguments))

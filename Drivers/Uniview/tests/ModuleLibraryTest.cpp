@@ -21,8 +21,8 @@ using namespace Tavro8::GDRV;
 
 std::string modulePath()
 {
-    const char* const path = std::getenv("KELVO_MODULE");
-    return path == nullptr ? "" : path;
+    const char* const folder = std::getenv("KELVO_BIN");
+    return folder == nullptr ? "" : std::string(folder) + "/Kelvo.Uniview.ipd";
 }
 
 class ModuleLibrary : public ::testing::Test {

@@ -1,0 +1,75 @@
+#include "EndToEnd.h"
+
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace kelvo::test
+{
+ScratchFolder::ScratchFolder()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "kelvo-e2e-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("no scratch folder can be made");
+    folder = pattern;
+}
+
+ScratchFolder::~ScratchFolder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
+std::vector<std::string> smallPictures(std::vector<std::string> further)
+{
+    std::vector<std::string> arguments{"--size", "320x240", "--sub-size", "160x120", "--bitrate", "300"};
+    arguments.insert(arguments.end(), further.begin(), further.end());
+    return arguments;
+}
+
+std::string deviceAddress(const SimulatorProcess& device, const std::string& credentials)
+{
+    return "http://" + credentials + "127.0.0.1:" + device.port("httpPort");
+}
+
+Json::Value HostRun::event(const std::string& name) const
+{
+    for (auto last = events.rbegin(); last != events.rend(); ++last) {
+        if ((*last)["event"].asString() == name)
+            return *last;
+    }
+    return {};
+}
+
+std::vector<std::string> hostCommand(const ScratchFolder& folder, const std::string& address)
+{
+    return {programUnderTest("kelvo-host"), "--json", "--repository", folder.file("repository"), "--device", address};
+}
+
+HostRun runHost(const ScratchFolder& folder, const std::string& address, const std::vector<std::string>& arguments)
+{
+    auto command = hostCommand(folder, address);
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return hostRun(simulator::test::runProgram(command, std::chrono::seconds(40)));
+}
+
+HostRun hostRun(const ProgramResult& result)
+{
+    HostRun run{result.status, result.output, result.errors, {}};
+    std::istringstream lines(result.output);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty())
+            run.events.push_back(simulator::test::parseJson(line));
+    }
+    return run;
+}
+
+std::string programUnderTest(const std::string& name)
+{
+    const char* const folder = std::getenv("KELVO_BIN");
+    if (folder == nullptr)
+        throw std::runtime_error("KELVO_BIN is not set; run the tests with ctest");
+    return (std::filesystem::path(folder) / name).string();
+}
+}  // namespace kelvo::test

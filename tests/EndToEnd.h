@@ -1,0 +1,59 @@
+#pragma once
+
+#include "Programs.h"
+#include "SimulatorProcess.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <string>
+#include <vector>
+
+// Whole programs against each other: the reference host with the module it ships with, and the simulated device.
+namespace kelvo::test
+{
+using simulator::test::ProgramResult;
+using simulator::test::SimulatorProcess;
+
+/// A folder of its own, removed with the object.
+class ScratchFolder {
+public:
+    ScratchFolder();
+    ~ScratchFolder();
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    std::string file(const std::string& name) const { return (folder / name).string(); }
+    const std::filesystem::path& path() const { return folder; }
+
+private:
+    std::filesystem::path folder;
+};
+
+/// Options that keep the simulated encoders cheap, so that several tests fit on a small machine at once.
+std::vector<std::string> smallPictures(std::vector<std::string> further = {});
+
+/// Where the host finds the simulator, credentials included.
+std::string deviceAddress(const SimulatorProcess& device, const std::string& credentials = "admin:admin-123@");
+
+/// What a run of kelvo-host left behind.
+struct HostRun {
+    int status = -1;
+    std::string output;
+    std::string errors;
+    std::vector<Json::Value> events;
+
+    /// The last event of that name; null when there is none.
+    Json::Value event(const std::string& name) const;
+    std::string all() const { return output + errors; }
+};
+
+/// Arguments of kelvo-host up to the command: JSON, an own repository, the device.
+std::vector<std::string> hostCommand(const ScratchFolder& folder, const std::string& address);
+
+/// Runs kelvo-host to its end with JSON output.
+HostRun runHost(const ScratchFolder& folder, const std::string& address, const std::vector<std::string>& arguments);
+HostRun hostRun(const ProgramResult& result);
+
+/// The path of a program or library of the build.
+std::string programUnderTest(const std::string& name);
+}  // namespace kelvo::test

@@ -1,0 +1,252 @@
+#include "EndToEnd.h"
+
+#include <chrono>
+#include <fstream>
+#include <gmock/gmock.h>
+
+namespace
+{
+using namespace kelvo::test;
+using simulator::test::ChildProcess;
+using simulator::test::runProgram;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr double framesPerSecond = 25;
+
+/// What ffprobe says of a file: one "codec_name" line for each stream.
+std::string codecsOf(const std::string& file)
+{
+    return runProgram({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height", "-of",
+                       "default=noprint_wrappers=1", file})
+        .output;
+}
+
+/// What ffmpeg complains about while it decodes the whole file.
+std::string decodeErrorsOf(const std::string& file)
+{
+    const auto result = runProgram({"ffmpeg", "-v", "error", "-i", file, "-f", "null", "-"});
+    return result.status == 0 ? result.errors : "ffmpeg failed: " + result.errors;
+}
+
+TEST(InfoEndToEnd, identifiesEachKindOfDevice)
+{
+    const struct {
+        const char* kind;
+        const char* channels;
+        unsigned deviceKind;
+        const char* lastUrl;
+    } cases[] = {
+        {"camera", "1", 0, "/media/video3"},
+        {"recorder", "4", 1, "/unicast/c4/s2/live"},
+        {"multichannel", "4", 1000, "/media4/video3"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.kind);
+        const SimulatorProcess device(smallPictures({"--kind", c.kind, "--channels", c.channels}));
+        const ScratchFolder folder;
+        const auto run = runHost(folder, deviceAddress(device), {"--channels", c.channels, "info"});
+        EXPECT_EQ(run.status, 0) << run.errors;
+        const auto connected = run.event("connected");
+        EXPECT_EQ(connected["deviceKind"].asUInt(), c.deviceKind);
+        EXPECT_EQ(std::to_string(connected["channelCount"].asUInt()), c.channels);
+        EXPECT_EQ(std::to_string(connected["rtspPort"].asUInt()), device.port("rtspPort"));
+        const auto urls = connected["urls"];
+        ASSERT_FALSE(urls.empty());
+        EXPECT_THAT(urls[urls.size() - 1].asString(), HasSubstr(c.lastUrl));
+    }
+}
+
+TEST(InfoEndToEnd, worksWithEverySchemeOfAuthentication)
+{
+    for (const std::string scheme : {"digest", "basic", "both", "none"}) {
+        SCOPED_TRACE(scheme);
+        const SimulatorProcess device(smallPictures({"--auth", scheme}));
+        const ScratchFolder folder;
+        EXPECT_EQ(runHost(folder, deviceAddress(device), {"info"}).status, 0);
+    }
+}
+
+TEST(InfoEndToEnd, findsThePortsUnderTheOtherSpelling)
+{
+    const SimulatorProcess device(smallPictures({"--ports-form", "plural"}));
+    const ScratchFolder folder;
+    const auto run = runHost(folder, deviceAddress(device), {"info"});
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(std::to_string(run.event("connected")["rtspPort"].asUInt()), device.port("rtspPort"));
+}
+
+TEST(InfoEndToEnd, devicesThatCannotBeUsedEndWithStatusThreeAndASentence)
+{
+    const struct {
+        const char* fault;
+        const char* credentials;
+    } cases[] = {
+        {"refuse", "admin:admin-123@"},     {"close", "admin:admin-123@"},    {"garbage", "admin:admin-123@"},
+        {"status:500", "admin:admin-123@"}, {"truncate", "admin:admin-123@"}, {nullptr, "admin:wrong-secret@"},
+        {"hang", "admin:admin-123@"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fault == nullptr ? "wrong password" : c.fault);
+        auto arguments = smallPictures();
+        if (c.fault != nullptr)
+            arguments.insert(arguments.end(), {"--fault", c.fault});
+        const SimulatorProcess device(arguments);
+        const ScratchFolder folder;
+        const auto run = runHost(folder, deviceAddress(device, c.credentials), {"--timeout", "2", "info"});
+        EXPECT_EQ(run.status, 3);
+        EXPECT_FALSE(run.errors.empty());
+        EXPECT_THAT(run.all(), Not(HasSubstr("secret")));
+        EXPECT_THAT(run.all(), Not(HasSubstr("admin-123")));
+    }
+}
+
+TEST(InfoEndToEnd, aDeviceWithBrokenDeviceInformationStillConnects)
+{
+    const SimulatorProcess device(smallPictures({"--kind", "recorder", "--fault", "brokenjson@DeviceInfo"}));
+    const ScratchFolder folder;
+    const auto run = runHost(folder, deviceAddress(device), {"--channels", "4", "--log-level", "info", "info"});
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(run.event("connected")["deviceKind"].asUInt(), 0U);
+    EXPECT_THAT(run.errors, HasSubstr("Cannot parse device type data"));
+}
+
+/// Receives with sound for three seconds and checks the file with programs that know nothing of us.
+void receivesPlayableMedia(const std::vector<std::string>& deviceArguments,
+                           const std::vector<std::string>& hostArguments, const char* videoCodec)
+{
+    const SimulatorProcess device(smallPictures(deviceArguments));
+    const ScratchFolder folder;
+    auto arguments = hostArguments;
+    const auto file = folder.file("live.mp4");
+    const auto picture = folder.file("live.png");
+    arguments.insert(arguments.end(), {"live", "--seconds", "3", "--audio", "--output", file, "--snapshot", picture});
+    const auto run = runHost(folder, deviceAddress(device), arguments);
+    ASSERT_EQ(run.status, 0) << run.errors;
+
+    const auto summary = run.event("summary");
+    EXPECT_NEAR(summary["frames"].asDouble(), framesPerSecond * summary["seconds"].asDouble(), framesPerSecond / 2);
+    EXPECT_GE(summary["keyFrames"].asUInt(), 1U);
+    EXPECT_EQ(summary["lost"].asUInt(), 0U);
+    EXPECT_EQ(summary["reconnects"].asUInt(), 0U);
+    EXPECT_EQ(summary["width"].asUInt(), 320U);
+    EXPECT_EQ(summary["height"].asUInt(), 240U);
+
+    EXPECT_THAT(codecsOf(file), HasSubstr(std::string("codec_name=") + videoCodec + "\nwidth=320\nheight=240"));
+    EXPECT_THAT(codecsOf(file), HasSubstr("codec_name=aac"));
+    EXPECT_EQ(decodeErrorsOf(file), "");
+    EXPECT_THAT(codecsOf(picture), HasSubstr("codec_name=png\nwidth=320\nheight=240"));
+}
+
+TEST(LiveEndToEnd, receivesFromACamera)
+{
+    receivesPlayableMedia({}, {}, "h264");
+}
+
+TEST(LiveEndToEnd, receivesH265FromACamera)
+{
+    receivesPlayableMedia({"--codec", "h265"}, {}, "hevc");
+}
+
+TEST(LiveEndToEnd, receivesFromARecordersChannel)
+{
+    receivesPlayableMedia({"--kind", "recorder", "--channels", "2", "--auth", "both"}, {"--channels", "2"}, "h264");
+}
+
+TEST(LiveEndToEnd, receivesFromAMultichannelCamera)
+{
+    receivesPlayableMedia({"--kind", "multichannel", "--channels", "2", "--auth", "basic"}, {"--channels", "2"},
+                          "h264");
+}
+
+TEST(LiveEndToEnd, deliversEveryFrameThatTheDeviceSent)
+{
+    const SimulatorProcess device(smallPictures({"--no-audio"}));
+    const ScratchFolder folder;
+    const auto run = runHost(folder, deviceAddress(device), {"live", "--seconds", "3", "--frames"});
+    ASSERT_EQ(run.status, 0) << run.errors;
+    std::vector<Json::Int64> times;
+    for (const auto& event : run.events) {
+        if (event["event"].asString() == "frame")
+            times.push_back(event["timestampMs"].asInt64());
+    }
+    ASSERT_GT(times.size(), 50U);
+    // The encoder gives one frame every 40 ms; a frame that was lost on the way would leave a gap of two.
+    for (std::size_t at = 1; at < times.size(); ++at)
+        EXPECT_NEAR(static_cast<double>(times[at] - times[at - 1]), 40, 25) << "behind frame " << at;
+}
+
+TEST(LiveEndToEnd, comesBackAfterTheDeviceDroppedItsClients)
+{
+    const SimulatorProcess device(smallPictures({"--no-audio"}));
+    const ScratchFolder folder;
+    auto command = hostCommand(folder, deviceAddress(device));
+    command.insert(command.end(), {"live", "--seconds", "6", "--frames"});
+    ChildProcess host(command);
+    const auto deadline = ChildProcess::Clock::now() + std::chrono::seconds(40);
+    const auto nextFrame = [&] {
+        while (const auto line = host.readLine(deadline)) {
+            if (line->find("\"frame\"") != std::string::npos)
+                return true;
+        }
+        return false;
+    };
+    ASSERT_TRUE(nextFrame());
+    device.admin("POST", "rtsp/drop");
+    const auto status = host.wait(deadline);
+    ASSERT_EQ(status, 0) << host.errors();
+    const auto summary = hostRun({*status, host.output(), host.errors()}).event("summary");
+    EXPECT_GE(summary["reconnects"].asUInt(), 1U);
+    EXPECT_GT(summary["frames"].asUInt(), 60U);
+}
+
+TEST(LiveEndToEnd, streamsThatAreRefusedEndWithStatusFourAndASentence)
+{
+    for (const std::string fault :
+         {"rtsp-status:404", "rtsp-status:454", "rtsp-status:461", "rtsp-status:503", "rtsp-refuse", "rtsp-notracks"}) {
+        SCOPED_TRACE(fault);
+        const SimulatorProcess device(smallPictures({"--fault", fault}));
+        const ScratchFolder folder;
+        const auto run = runHost(folder, deviceAddress(device), {"--timeout", "2", "live", "--seconds", "1"});
+        EXPECT_EQ(run.status, 4) << run.errors;
+        EXPECT_FALSE(run.errors.empty());
+        EXPECT_THAT(run.all(), Not(HasSubstr("admin-123")));
+    }
+}
+
+TEST(LiveEndToEnd, receivesSeveralStreamsAtOnce)
+{
+    const SimulatorProcess device(smallPictures({"--no-audio"}));
+    const ScratchFolder folder;
+    const auto run = runHost(folder, deviceAddress(device), {"live", "--seconds", "2", "--count", "5", "--discard"});
+    ASSERT_EQ(run.status, 0) << run.errors;
+    EXPECT_GT(run.event("summary")["frames"].asUInt(), 5 * 30U);
+}
+
+TEST(LiveEndToEnd, neverWritesThePassword)
+{
+    const SimulatorProcess device(smallPictures({"--fault", "rtsp-drop:1"}));
+    const ScratchFolder folder;
+    const auto log = folder.file("module.log");
+    const auto run = runHost(folder, deviceAddress(device),
+                             {"--log-level", "debug", "--log", log, "live", "--seconds", "2", "--discard"});
+    std::ifstream stream(log);
+    const std::string lines{std::istreambuf_iterator<char>(stream), {}};
+    EXPECT_FALSE(lines.empty());
+    EXPECT_THAT(lines, Not(HasSubstr("admin-123")));
+    EXPECT_THAT(run.all(), Not(HasSubstr("admin-123")));
+}
+
+TEST(ExampleEndToEnd, theExampleOfTheSdkPagePrintsItsFirstFrame)
+{
+    const SimulatorProcess device(smallPictures());
+    const ScratchFolder folder;
+    std::filesystem::create_directories(folder.path() / "Kelvo.Uniview");
+    std::ofstream(folder.path() / "Kelvo.Uniview" / "Kelvo.Uniview.rep") << "";
+    const auto result = runProgram({programUnderTest("first-frame"), programUnderTest("Kelvo.Uniview.ipd"),
+                                    folder.path().string(), deviceAddress(device)});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_THAT(result.output, HasSubstr("first frame: 320 x 240"));
+    EXPECT_THAT(result.output, HasSubstr("key frame"));
+}
+}  // namespace

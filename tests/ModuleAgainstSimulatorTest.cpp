@@ -1,0 +1,231 @@
+#include "EndToEnd.h"
+#include "HostFakes.h"
+
+#include <atomic>
+#include <dlfcn.h>
+#include <fstream>
+#include <thread>
+
+// The shipped library against a device that streams, driven through the SDK alone.
+namespace
+{
+using namespace kelvo::test;
+using namespace Tavro8::GDRV;
+
+class ModuleAgainstSimulator : public ::testing::Test {
+protected:
+    ModuleAgainstSimulator() : host(folder.path())
+    {
+        std::filesystem::create_directories(folder.path() / "m");
+        std::ofstream(folder.path() / "m" / "Kelvo.Uniview.rep") << "";
+        load();
+    }
+    ~ModuleAgainstSimulator() override { unload(); }
+
+    void load()
+    {
+        library = ::dlopen(programUnderTest("Kelvo.Uniview.ipd").c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(library, nullptr) << ::dlerror();
+        ASSERT_TRUE(reinterpret_cast<InitModule>(::dlsym(library, "initModule"))(&host, "m"));
+        module = reinterpret_cast<GetModule>(::dlsym(library, "getModule"))();
+    }
+    void unload()
+    {
+        if (library == nullptr)
+            return;
+        reinterpret_cast<FiniModule>(::dlsym(library, "finiModule"))();
+        ::dlclose(library);
+        library = nullptr;
+    }
+
+    IDevice* connect(DeviceHandler& handler, std::uint32_t channels = 1)
+    {
+        Description description;
+        description.channels = channels;
+        IDevice* device = nullptr;
+        EXPECT_EQ(module->CreateDevice(&description, &handler, &device), 0);
+        EXPECT_EQ(device->Open(deviceAddress(camera).c_str()), 0);
+        EXPECT_TRUE(handler.waitConnected());
+        return device;
+    }
+
+    const ScratchFolder folder;
+    const SimulatorProcess camera{smallPictures()};
+    HostContext host;
+    void* library = nullptr;
+    IModule* module = nullptr;
+};
+
+TEST_F(ModuleAgainstSimulator, pictureAndSoundShareOneConnection)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    ChannelHandler sound;
+    pictures.keepFrames = sound.keepFrames = true;
+    IVideoSource* video = nullptr;
+    IAudioSource* audio = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
+    ASSERT_EQ(device->CreateAudioSource(0, &sound, &sound, {}, nullptr, &audio), 0);
+    video->Start();
+    audio->Start();
+    EXPECT_TRUE(pictures.waitFrames(30));
+    EXPECT_TRUE(sound.waitFrames(30));
+
+    const auto frames = pictures.takeFrames();
+    ASSERT_FALSE(frames.empty());
+    EXPECT_TRUE(frames.front()->keyFrame);
+    EXPECT_FALSE(frames.front()->parameterSets.empty());
+    EXPECT_EQ(frames.front()->codec, MediaCodec::h264);
+    EXPECT_EQ(frames.front()->width, 320U);
+    const auto samples = sound.takeFrames();
+    ASSERT_FALSE(samples.empty());
+    EXPECT_EQ(samples.front()->codec, MediaCodec::g711U);
+    EXPECT_EQ(samples.front()->sampleRate, 8000U);
+    EXPECT_EQ(samples.front()->sampleCount, samples.front()->data.size());
+
+    video->Stop();
+    EXPECT_TRUE(pictures.waitStopped());
+    audio->Destroy();
+    video->Destroy();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, timesAreThoseOfTheDevicesClockAndNeverRunBackwards)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    pictures.keepFrames = true;
+    IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
+    video->Start();
+    ASSERT_TRUE(pictures.waitFrames(50));
+    video->Destroy();
+    device->Destroy();
+    const auto frames = pictures.takeFrames();
+    const auto now =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    for (std::size_t at = 1; at < frames.size(); ++at)
+        EXPECT_GE(frames[at]->timestampMs, frames[at - 1]->timestampMs);
+    EXPECT_LT(std::abs(now - frames.back()->timestampMs), 10000);
+}
+
+TEST_F(ModuleAgainstSimulator, statisticsTellWhatIsReceived)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
+    video->Start();
+    EXPECT_TRUE(pictures.waitStatistics([](const StreamStatistics& s) {
+        return s.frames > 20 && s.keyFrames > 0 && s.framesPerSecond > 15 && s.bitsPerSecond > 10000 &&
+               s.connects == 1 && s.reconnects == 0 && s.lostPackets == 0;
+    }));
+    video->Destroy();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, aSourceStartedBeforeTheConnectionReceivesOnceItStands)
+{
+    DeviceHandler handler;
+    const Description description;
+    IDevice* device = nullptr;
+    ASSERT_EQ(module->CreateDevice(&description, &handler, &device), 0);
+    ChannelHandler pictures;
+    IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
+    video->Start();
+    ASSERT_EQ(device->Open(deviceAddress(camera).c_str()), 0);
+    EXPECT_TRUE(pictures.waitFrames(5));
+    video->Destroy();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, aRebootedDeviceIsLostAndFoundAgain)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
+    video->Start();
+    ASSERT_TRUE(pictures.waitFrames(5));
+    camera.admin("POST", "reboot", R"({"milliseconds": 1500})");
+    EXPECT_TRUE(handler.waitLost());
+    EXPECT_TRUE(handler.waitConnected(2));
+    EXPECT_TRUE(pictures.waitFrames(pictures.frameTotal() + 10));
+    video->Destroy();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, sourcesMayBeStartedStoppedAndDestroyedFromManyThreads)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    std::vector<std::thread> threads;
+    for (int index = 0; index < 4; ++index) {
+        threads.emplace_back([device] {
+            for (int round = 0; round < 6; ++round) {
+                ChannelHandler channel;
+                IVideoSource* video = nullptr;
+                ASSERT_EQ(device->CreateVideoSource(0, 0, &channel, &channel, {}, nullptr, &video), 0);
+                std::thread second([video] {
+                    video->Start();
+                    video->Stop();
+                });
+                video->Start();
+                second.join();
+                video->Start();
+                if (round % 2 == 0) {
+                    EXPECT_TRUE(channel.waitFrames(1));
+                }
+                video->Destroy();
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, mayBeUnloadedInTheMiddleOfEverything)
+{
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
+        DeviceHandler handler;
+        ChannelHandler channel;
+        IDevice* const device = connect(handler);
+        IVideoSource* video = nullptr;
+        ASSERT_EQ(device->CreateVideoSource(0, 0, &channel, &channel, {}, nullptr, &video), 0);
+        video->Start();
+        if (round % 2 == 0) {
+            ASSERT_TRUE(channel.waitFrames(3));
+        }
+        video->Destroy();
+        device->Destroy();
+        unload();
+        load();
+    }
+}
+
+TEST_F(ModuleAgainstSimulator, aSourceMayBeDestroyedFromInsideItsFrame)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler channel;
+    IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &channel, &channel, {}, nullptr, &video), 0);
+    std::atomic<bool> destroyed{false};
+    channel.onFrame = [&](Tavro8::IContract*) {
+        if (!destroyed.exchange(true))
+            video->Destroy();
+    };
+    video->Start();
+    ASSERT_TRUE(channel.waitFrames(1));
+    device->Destroy();
+    EXPECT_EQ(channel.frameTotal(), 1U);
+}
+}  // namespace
