@@ -8,7 +8,9 @@
 #include <IpUtil/ModuleDriver.h>
 #include <IpUtil/RepositoryReader.h>
 #include <IpUtil/Version.h>
+#include <cstddef>
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace Uniview
@@ -33,11 +35,19 @@ struct ModuleHolder {
     std::shared_ptr<GlobalService> globalService;  // the shared worker threads live as long as the module
 };
 
-/// Made at the first use and never destroyed: the order of destruction at the end of the process is nobody's.
+/// A record of the process, made at the first use and never destroyed, since the order of destruction at the end of a
+/// process is nobody's. It lies in static memory, so that unloading the library leaves nothing behind.
+template <typename Record>
+Record& processRecord()
+{
+    alignas(Record) static std::byte memory[sizeof(Record)];
+    static Record* const record = new (memory) Record;
+    return *record;
+}
+
 ModuleHolder& moduleHolder()
 {
-    static auto* const holder = new ModuleHolder;  // NOLINT(cppcoreguidelines-owning-memory)
-    return *holder;
+    return processRecord<ModuleHolder>();
 }
 
 void describeVersion(std::ostream& text, std::uint32_t version)
@@ -120,14 +130,13 @@ void finish()
 
 ModuleSettings::LoggerHolder& ModuleSettings::loggerHolder()
 {
-    static auto* const holder = new LoggerHolder;  // NOLINT(cppcoreguidelines-owning-memory)
-    return *holder;
+    return processRecord<LoggerHolder>();
 }
 
 Tavro8::Utility::LifetimeGate& ModuleSettings::lifetimeGate()
 {
-    static auto* const gate = new Tavro8::Utility::LifetimeGate;  // NOLINT(cppcoreguidelines-owning-memory)
-    return *gate;
+    static Tavro8::Utility::LifetimeGate gate;
+    return gate;
 }
 
 std::int32_t ModuleSettings::createDevice(const Tavro8::GDRV::IDeviceDescription& description,

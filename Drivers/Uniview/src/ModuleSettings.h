@@ -4,7 +4,7 @@
 #include <IpUtil/Logger.h>
 #include <Tavro8/GDRV/IModule.h>
 #include <Tavro8/ParameterMap.h>
-#include <memory>
+#include <cstdint>
 
 namespace Uniview
 {
