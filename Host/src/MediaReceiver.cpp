@@ -41,6 +41,12 @@ void MediaReceiver::StatisticsUpdated(Tavro8::IContract*, const GDRV::StreamStat
 
 void MediaReceiver::SettingsApplied(Tavro8::IContract*, const char*, std::int32_t) noexcept {}
 
+void MediaReceiver::OnStreamState(Tavro8::IContract*, std::int32_t result) noexcept
+{
+    const std::lock_guard lock(mutex);
+    received.streamState = result;
+}
+
 void MediaReceiver::OnFrame(Tavro8::IContract*, const GDRV::MediaFrame& frame) noexcept
 {
     bool first = false;

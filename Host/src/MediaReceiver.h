@@ -24,6 +24,7 @@ struct ReceivedMedia {
     std::optional<Monitor::Clock::time_point> firstFrame;  ///< when it arrived
     Tavro8::GDRV::StreamStatistics statistics;             ///< the module's own, as last reported
     std::uint64_t statisticsCount = 0;                     ///< how often it has reported them
+    std::int32_t streamState = 0;  ///< the last that the module told: why nothing comes, 0 while it plays
 };
 
 /// The host's ear at one source: counts what comes, passes it on, and knows whether the source runs.
@@ -48,6 +49,7 @@ private:
                            const Tavro8::GDRV::StreamStatistics& statistics) noexcept override;
     void SettingsApplied(Tavro8::IContract* source, const char* resource, std::int32_t result) noexcept override;
     void OnFrame(Tavro8::IContract* source, const Tavro8::GDRV::MediaFrame& frame) noexcept override;
+    void OnStreamState(Tavro8::IContract* source, std::int32_t result) noexcept override;
 
     Monitor& monitor;
     FrameQueue* const queue;

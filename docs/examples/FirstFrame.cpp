@@ -107,6 +107,12 @@ public:
             first.set_value(FrameReference(frame));
     }
 
+    void OnStreamState(IContract*, std::int32_t result) noexcept override
+    {
+        if (result != 0)
+            std::fprintf(stderr, "no media yet: %s\n", describeResult(result));
+    }
+
     std::future<FrameReference> frame() { return first.get_future(); }
 
 private:

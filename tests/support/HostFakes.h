@@ -185,6 +185,15 @@ public:
             onFrame(source);
     }
 
+    void OnStreamState(Tavro8::IContract*, std::int32_t result) noexcept override
+    {
+        change([&] { states.push_back(result); });
+    }
+
+    bool waitState(std::int32_t result)
+    {
+        return wait([&] { return std::find(states.begin(), states.end(), result) != states.end(); });
+    }
     bool waitFrames(std::size_t times)
     {
         return wait([&] { return frameCount >= times; });
@@ -239,5 +248,6 @@ private:
     Tavro8::GDRV::StreamStatistics lastStatistics;
     std::vector<Tavro8::GDRV::FrameReference> frames;
     std::vector<std::pair<std::string, std::int32_t>> settings;
+    std::vector<std::int32_t> states;
 };
 }  // namespace kelvo::test

@@ -6,12 +6,17 @@
 
 namespace Tavro8::GDRV
 {
-/// Receives the frames of one source.
+/// Receives the frames of one source, and hears how its stream stands.
 class IMediaFrameHandler : public IContract {
 public:
     /// Slot 3. One frame, on the device's I/O thread: do no more here than to keep a `FrameReference` or to
     /// copy; every other stream of that thread waits meanwhile. `source` is the object that delivers.
     virtual void OnFrame(IContract* source, const MediaFrame& frame) noexcept = 0;
+
+    /// Slot 4. How the stream stands: 0 when the device plays it, else why no media comes (no such stream, refused,
+    /// connection lost, ...). Told at each change and after each failed attempt, on the device's I/O thread; the module
+    /// goes on trying by itself.
+    virtual void OnStreamState(IContract* source, std::int32_t result) noexcept = 0;
 };
 
 /// A live stream of pictures of one channel.
