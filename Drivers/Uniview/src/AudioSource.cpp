@@ -3,6 +3,7 @@
 #include <Tavro8/ResultCode.h>
 #include <boost/format.hpp>
 #include <locale>
+#include <stdexcept>
 #include <utility>
 
 template class Tavro8::Utility::RTSPReceiverBase<Tavro8::GDRV::IAudioSource, Uniview::Device>;
@@ -18,8 +19,12 @@ namespace
 std::uint32_t sharedStream(const Tavro8::ParameterMap& parameters)
 {
     const auto found = parameters.find("stream");
-    const int* const stream = found == parameters.end() ? nullptr : boost::any_cast<int>(&found->second);
-    return stream == nullptr || *stream < 0 ? 0U : static_cast<std::uint32_t>(*stream);
+    if (found == parameters.end())
+        return 0;
+    const int stream = boost::any_cast<int>(found->second);
+    if (stream < 0)
+        throw std::out_of_range("the parameter \"stream\" is negative");
+    return static_cast<std::uint32_t>(stream);
 }
 }  // namespace
 

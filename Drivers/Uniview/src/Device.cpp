@@ -6,8 +6,6 @@
 
 #include <IpUtil/Numbers.h>
 #include <algorithm>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <cstring>
 #include <exception>
 #include <json/value.h>
@@ -65,7 +63,7 @@ std::shared_ptr<Device> Device::create(Tavro8::GDRV::IDeviceHandler* handler, Ta
     Tavro8::Utility::RTSPSource::Hooks hooks;
     hooks.connectionInfo = [weak]() -> ConnectionInfoPtr {
         const auto self = weak.lock();
-        return self ? self->getRtspConnectionInfo() : nullptr;
+        return self && self->isConnected() ? self->getRtspConnectionInfo() : nullptr;
     };
     hooks.path = [weak](std::uint32_t channel, std::uint32_t stream) {
         const auto self = weak.lock();
@@ -75,6 +73,9 @@ std::shared_ptr<Device> Device::create(Tavro8::GDRV::IDeviceHandler* handler, Ta
         if (const auto self = weak.lock())
             self->reportStreamLost();
     };
+    // A connection that says goodbye outlives its device: it keeps the logger, and `finiModule` waits for it.
+    hooks.keepAlive = std::make_shared<std::pair<std::shared_ptr<void>, std::shared_ptr<void>>>(device->getLogger(),
+                                                                                                device->lifetime);
     device->adopt(device, std::move(hooks));
     return device;
 }
@@ -84,6 +85,7 @@ Device::Device(Tavro8::GDRV::IDeviceHandler* handler, Tavro8::ILogger* logger,
     : Base(handler, logger, std::move(description), globalService),
       channelCount(getDescription()->videoChannelCount),
       logger(getLogger().get(), sourcePath),
+      moduleLogger(getModuleLogger(), sourcePath),
       lifetime(ModuleSettings::lifetimeGate().enter())
 {
     parameters.setPersistentParams(getDescription()->properties);
@@ -161,13 +163,18 @@ void Device::connect(const std::string& address)
         info->mode = Tavro8::asio::ConnectionMode::alternative;
         response = request(alternativePortPath, body);
     }
+    if (cancellation().isCancelled())
+        return handleConnected(ResultCode::cancelled);
     {
         const std::lock_guard lock(mutex);
         httpConnectionInfo = info;
     }
     fillDeviceType();
 
-    if (!Tavro8::http::isAccepted(response->status)) {
+    const lapi::Reply reply = lapi::judge(*response, body, lapi::Expect::status);
+    if (!reply) {
+        const bool alternative = info->mode == Tavro8::asio::ConnectionMode::alternative;
+        logger.error(connecting, lapi::describe(reply, alternative ? alternativePortPath : portPath));
         logger.error(connecting, "Could not connect to the device. Error code:", response->status);
         return handleConnected(ResultCode::deviceUnreachable);
     }
@@ -186,9 +193,10 @@ std::uint16_t Device::findRtspPort(const std::vector<char>& portReply) const
         const auto digits = findRtspPortDigits({portReply.data(), portReply.size()});
         if (digits)
             return Tavro8::Utility::toPort(Tavro8::Utility::toInt(*digits));
-        logger.warning(connecting, "Uniview", ": Can't get find rstp port info in device's answer, use default value");
+        moduleLogger.warning(connecting, "Uniview",
+                             ": Can't get find rstp port info in device's answer, use default value");
     } catch (const std::exception& e) {
-        logger.error(connecting, "Uniview", e.what());
+        moduleLogger.error(connecting, "Uniview", e.what());
     }
     return defaultRtspPort;
 }
@@ -276,15 +284,10 @@ try {
     return 0;
 }
 
-std::int32_t Device::ApplySettings(const ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler) noexcept
+std::int32_t Device::ApplySettings(const ParameterMap& changed, Tavro8::IAsyncActionHandler*) noexcept
 {
-    constexpr const char* operation = "Uniview::Device::ApplySettings";
-    return Tavro8::guarded(logger, operation, toResult(ResultCode::unexpected), [&] {
-        const std::int32_t result = adjuster.apply(changed);
-        if (actionHandler != nullptr && result == 0)
-            boost::asio::post(service(), [actionHandler] { actionHandler->Completed(0); });
-        return result;
-    });
+    // Nothing can be adjusted yet, so nothing is ever left to tell the handler.
+    return adjuster.isEmpty() ? toResult(ResultCode::notSupported) : adjuster.apply(changed);
 }
 
 Device::ConnectionInfoPtr Device::getHttpConnectionInfo() const

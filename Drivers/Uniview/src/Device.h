@@ -47,6 +47,8 @@ public:
     using Base = Tavro8::Utility::Device<std::shared_ptr<DeviceTraits>, Tavro8::Utility::AsyncConnectionPolicyBase>;
     using ConnectionInfoPtr = std::shared_ptr<const Tavro8::asio::ConnectionInfo>;
 
+    static constexpr const char* logName = "class Uniview::Device";  ///< in the names of template operations
+
     static constexpr std::uint16_t defaultRtspPort = 554;
     static constexpr unsigned fallbackStatus = 599;  ///< the firmware knows only the other spelling of the path
 
@@ -114,6 +116,7 @@ private:
     ConnectionInfoPtr httpConnectionInfo;  // guarded by `mutex`
     mutable std::mutex mutex;
     const Tavro8::LoggerHelper logger;
+    const Tavro8::LoggerHelper moduleLogger;
     const std::shared_ptr<void> lifetime;
 };
 }  // namespace Uniview

@@ -16,9 +16,9 @@ namespace
 using Tavro8::ResultCode;
 using Tavro8::toResult;
 
-/// Stands in front of a fraction that was made a text for the reader; no device sends this control character
-/// unescaped, and the reader would refuse it in a document of their own.
+/// Stands in front of a fraction that was made a text for the reader.
 constexpr char fractionMark = '\x01';
+constexpr std::string_view fractionMarkEscaped = "\\u0001";
 
 bool isNumberCharacter(char c) noexcept
 {
@@ -29,6 +29,9 @@ bool isNumberCharacter(char c) noexcept
 /// that takes over the host's global locale. Gives nothing when there is no such number, which is the usual case.
 std::optional<std::string> quoteFractions(std::string_view text)
 {
+    // A text that begins with the mark would be taken for a number; such a document is read as it is.
+    if (text.find(fractionMark) != std::string_view::npos || text.find(fractionMarkEscaped) != std::string_view::npos)
+        return {};
     std::string quoted;
     bool inString = false;
     std::size_t copied = 0;

@@ -1,6 +1,7 @@
 #include "AudioSource.h"
 #include "Device.h"
 #include "ModuleSettings.h"
+#include "ProcessRecord.h"
 #include "VideoSource.h"
 
 #include <IpUtil/GlobalService.h>
@@ -8,9 +9,7 @@
 #include <IpUtil/ModuleDriver.h>
 #include <IpUtil/RepositoryReader.h>
 #include <IpUtil/Version.h>
-#include <cstddef>
 #include <exception>
-#include <new>
 #include <utility>
 
 namespace Uniview
@@ -34,16 +33,6 @@ struct ModuleHolder {
     std::unique_ptr<Tavro8::GDRV::IModule> module;
     std::shared_ptr<GlobalService> globalService;  // the shared worker threads live as long as the module
 };
-
-/// A record of the process, made at the first use and never destroyed, since the order of destruction at the end of a
-/// process is nobody's. It lies in static memory, so that unloading the library leaves nothing behind.
-template <typename Record>
-Record& processRecord()
-{
-    alignas(Record) static std::byte memory[sizeof(Record)];
-    static Record* const record = new (memory) Record;
-    return *record;
-}
 
 ModuleHolder& moduleHolder()
 {
@@ -97,14 +86,16 @@ bool start(IModuleContext* host, const char* moduleIdentifier)
     if (reader.load(path, settings->properties) != 0)
         return false;
 
+    // What may fail comes first, so that a start that fails leaves nothing behind.
     auto module = std::make_unique<Module>(settings);
+    auto service = GlobalService::instance();
     auto& loggers = ModuleSettings::loggerHolder();
     loggers.host = host;
     loggers.loggingContext = host->GetLoggingContext();
     loggers.fileLogger = {Tavro8::LoggerDetail::initFileLogger(loggers.loggingContext),
                           Tavro8::LoggerOwner::Ownership::owned};
+    holder.globalService = std::move(service);
     holder.module = std::move(module);
-    holder.globalService = GlobalService::instance();
     return true;
 }
 
@@ -127,17 +118,6 @@ void finish()
     loggers.host = nullptr;
 }
 }  // namespace
-
-ModuleSettings::LoggerHolder& ModuleSettings::loggerHolder()
-{
-    return processRecord<LoggerHolder>();
-}
-
-Tavro8::Utility::LifetimeGate& ModuleSettings::lifetimeGate()
-{
-    static Tavro8::Utility::LifetimeGate gate;
-    return gate;
-}
 
 std::int32_t ModuleSettings::createDevice(const Tavro8::GDRV::IDeviceDescription& description,
                                           Tavro8::GDRV::IDeviceHandler* handler, Tavro8::GDRV::IDevice** device) const

@@ -21,7 +21,6 @@ public:
         Tavro8::GDRV::ILoggingContext* loggingContext = nullptr;  ///< the host's logging context
         Tavro8::LoggerOwner fileLogger;                           ///< the logger that every part of the module uses
     };
-    /// Made at the first use and never destroyed.
     static LoggerHolder& loggerHolder();
 
     /// Counts the module's objects that are still in use; `finiModule` waits for it.
@@ -32,6 +31,7 @@ public:
 
     const char* getModuleName() const noexcept { return "Uniview"; }
 
+    // The makers of the module's objects are defined with the module, above the objects themselves.
     std::int32_t createDevice(const Tavro8::GDRV::IDeviceDescription& description,
                               Tavro8::GDRV::IDeviceHandler* handler, Tavro8::GDRV::IDevice** device) const;
 

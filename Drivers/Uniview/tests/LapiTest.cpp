@@ -209,6 +209,15 @@ TEST(LapiJson, readsFractionsAlikeUnderEveryLocale)
     EXPECT_EQ(reply.data["Key1.5"].asInt(), 7);
 }
 
+TEST(LapiJson, leavesTextsWithControlCharactersAlone)
+{
+    const auto reply = judged(R"({"Response":{"ResponseCode":0,"Data":{"Text":"\u00011.5","Number":2.5}}})");
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply.data["Text"].asString(), "\x01"
+                                             "1.5");
+    EXPECT_DOUBLE_EQ(reply.data["Number"].asDouble(), 2.5);
+}
+
 TEST(LapiJson, reportsTheReadersWords)
 {
     Json::Value document;

@@ -20,12 +20,15 @@ public:
 
     /// Children keep the decorator beyond the device's own life.
     const std::shared_ptr<Decorator>& getLogger() const noexcept { return decorator; }
+    /// The module's logger, without the endpoint in front; may be null.
+    ILogger* getModuleLogger() const noexcept { return moduleLogger; }
 
 protected:
-    explicit DeviceLogger(ILogger* logger) : decorator(std::make_shared<Decorator>(logger)) {}
+    explicit DeviceLogger(ILogger* logger) : moduleLogger(logger), decorator(std::make_shared<Decorator>(logger)) {}
     ~DeviceLogger() = default;
 
 private:
+    ILogger* const moduleLogger;
     std::shared_ptr<Decorator> decorator;
 };
 
@@ -55,6 +58,7 @@ public:
     try {
         if (address == nullptr)
             return toResult(ResultCode::invalidArgument);
+        source->deviceClosed();  // streams of an earlier address end; they wait for the new connection
         Policy::openConnection(address);
         return toResult(ResultCode::success);
     } catch (...) {
@@ -64,6 +68,7 @@ public:
     void Close() noexcept override
     try {
         Policy::closeConnection();
+        source->deviceClosed();
     } catch (...) {  // no memory to schedule the end: `Destroy` still ends it
     }
 

@@ -101,6 +101,9 @@ public:
     /// this time included: 1 the first time, `count` afterwards.
     std::uint32_t collapse(std::string_view message, std::uint32_t count);
 
+    /// Forgets everything: what comes next is new again.
+    void forget();
+
 private:
     struct Entry {
         std::uint32_t pending = 0;
@@ -109,6 +112,32 @@ private:
     std::mutex mutex;  // guards all below
     std::unordered_map<std::string, Entry> entries;
     std::uint64_t clock = 0;
+};
+
+/// Passes lines on and folds the warnings and errors that repeat: the first passes as it is, then every fiftieth with
+/// "[collapsed 50]" in front. For what is tried again and again against a device that is down. Thread-safe.
+class IPUTIL_API CollapsingLogger final : public ILogger, public LoggerDetail::LoggerDecoratorMarker {
+public:
+    static constexpr std::uint32_t collapseCount = 50;
+
+    /// `keep` is held as long as the logger: whatever must outlive its lines, such as the owner of `wrapped`.
+    explicit CollapsingLogger(ILogger* wrapped, std::shared_ptr<void> keep = {}) noexcept
+        : wrapped(wrapped), keep(std::move(keep))
+    {}
+
+    /// What repeated has ended: a failure that comes next is logged again.
+    void forget() { collapser.forget(); }
+
+    void* FindContract(const char* name) noexcept override { return findContractIn<ILogger, IContract>(this, name); }
+    LogSeverity GetLevel() const noexcept override;
+    void Log(LogSeverity severity, const char* function, const char* file, int line,
+             const char* message) noexcept override;
+    void Destroy() noexcept override {}  // shared ownership decides
+
+private:
+    ILogger* const wrapped;
+    const std::shared_ptr<void> keep;
+    LogCollapserMaker collapser;
 };
 
 /// Size of the log file at which a new one is begun, and how many old ones are kept.

@@ -81,7 +81,10 @@ public:
     using SdpHandler = std::function<void(const error_code& ec, const SessionDescription& description)>;
     using Headers = std::map<std::string, std::string>;
 
+    /// `logger` may be null and must outlive the client, which may live for another second after `teardown`.
     static std::shared_ptr<RTSPClient> create(boost::asio::io_context& service, ILogger* logger);
+    /// Keeps the logger as long as it needs it.
+    static std::shared_ptr<RTSPClient> create(boost::asio::io_context& service, std::shared_ptr<ILogger> logger);
     ~RTSPClient();
     RTSPClient(const RTSPClient&) = delete;
     RTSPClient& operator=(const RTSPClient&) = delete;
@@ -133,7 +136,12 @@ private:
     std::unique_ptr<State> state;
 };
 
-/// Loads `transport` ("tcp", "udp", "auto"), `stallTimeout` (seconds, default 5) and `lossPolicy` ("flag", "drop")
-/// of a channel's parameters into the client. A value that cannot be used is logged and leaves the default.
+/// Loads `transport` ("tcp", "udp", "auto") and `stallTimeout` (seconds, default 5) of a channel's parameters into the
+/// client. A value that cannot be used is logged and leaves the default. Where several receivers share a connection
+/// the values of the last one that names any hold.
 IPUTIL_API void initializeRTSPClientFromParams(RTSPClient& client, const ParametersContainer& parameters);
+
+/// What a channel's parameters say about pictures: `lossPolicy` ("flag", "drop"). A value that cannot be used is logged
+/// and gives the default.
+IPUTIL_API VideoSinkParams readVideoSinkParams(const ParametersContainer& parameters, ILogger* logger);
 }  // namespace Tavro8::Utility

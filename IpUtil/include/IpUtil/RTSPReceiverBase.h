@@ -152,8 +152,8 @@ public:
 
     void onStreamState(const error_code& ec) override
     {
-        if (ec)
-            logger.warning(names().start.c_str(), "No media: ", ec.message());
+        if (context.frames != nullptr)
+            gate->call([this, &ec] { context.frames->OnStreamState(contract(), translateSystemError(ec)); });
     }
 
 protected:
@@ -184,7 +184,7 @@ private:
     static const OperationNames& names()
     {
         static const std::string prefix = std::string("Tavro8::Utility::RTSPReceiverBase<") +
-                                          LiveSourceTraits<I>::interfaceName + ",class Uniview::Device>::";
+                                          LiveSourceTraits<I>::interfaceName + ',' + Device::logName + ">::";
         static const OperationNames all{prefix + "RTSPReceiverBase", prefix + "Start", prefix + "Stop",
                                         prefix + "reportStop", prefix + "Destroy"};
         return all;
@@ -196,45 +196,58 @@ private:
         std::int32_t stopped = 0;
         if (!started.compare_exchange_strong(stopped, 1))
             return false;
-        auto wanted = getStream();
-        if (wanted == nullptr)
-            return true;
-        makeStatistics(*wanted);
-        if (wanted != stream) {
-            if (stream != nullptr)
-                stream->unregReceiver(this->shared_from_this(), {});
-            stream = std::move(wanted);
-            stream->regReceiver(this->shared_from_this());
+        try {
+            registerWithStream();
+        } catch (...) {
+            std::int32_t failed = 1;
+            started.compare_exchange_strong(failed, 0);  // or no later start would be taken
+            throw;
         }
         return true;
     }
 
+    void registerWithStream()
+    {
+        auto wanted = getStream();
+        if (wanted == nullptr)
+            return;
+        makeStatistics(wanted);
+        if (wanted == stream)
+            return;
+        if (stream != nullptr)
+            stream->unregReceiver(this->shared_from_this(), {});
+        stream = std::move(wanted);
+        stream->regReceiver(this->shared_from_this());
+    }
+
     StopOutcome stopSteps(std::function<void()> completion)
     {
+        std::shared_ptr<StatisticReporter> last;  // goes after the lock: its end waits for a report that is under way
         const std::lock_guard lock(steps);
         std::int32_t running = 1;
         if (!started.compare_exchange_strong(running, 0))
             return StopOutcome::alreadyStopped;
-        reporter.reset();
+        last.swap(reporter);
         if (stream == nullptr)
             return StopOutcome::withoutStream;
         std::exchange(stream, nullptr)->unregReceiver(this->shared_from_this(), std::move(completion));
         return StopOutcome::unregistering;
     }
 
-    void makeStatistics(RTSPStream& source)
+    void makeStatistics(const std::shared_ptr<RTSPStream>& source)
     {
-        reporter = std::make_shared<StatisticReporter>(deviceLogger.get(), handler, contract(), source.service());
+        reporter = std::make_shared<StatisticReporter>(deviceLogger.get(), handler, contract(), source->service());
         // Both callbacks run on the I/O thread and may come when the source or the reporter has gone.
         connects = std::make_shared<ConnectsStatistic>(
             [weak = std::weak_ptr(reporter)](const std::string& name, const std::string& value) {
                 if (const auto target = weak.lock())
                     target->updateStatistic(name, value);
             });
-        reporter->start(gate, [weak = this->weak_from_this()] {
+        // Takes no lock of ours: whoever stops the source may be waiting for this very report.
+        reporter->start(gate, [weak = this->weak_from_this(), weakSource = std::weak_ptr(source)] {
             const auto receiver = weak.lock();
-            const auto from = receiver ? receiver->currentStream() : nullptr;
-            return from ? from->counters(*receiver) : StreamCounters{};
+            const auto from = weakSource.lock();
+            return receiver && from ? from->counters(*receiver) : StreamCounters{};
         });
     }
 
@@ -314,6 +327,12 @@ template <typename Device>
 class RTSPReceiverVideoSource : public RTSPReceiverAdjustable<GDRV::IVideoSource, Device> {
 public:
     using RTSPReceiverAdjustable<GDRV::IVideoSource, Device>::RTSPReceiverAdjustable;
+
+    void initializeClient(RTSPClient& client) override
+    {
+        RTSPReceiverAdjustable<GDRV::IVideoSource, Device>::initializeClient(client);
+        client.setVideoSinkParams(readVideoSinkParams(this->parameters, client.logger()));
+    }
 
 protected:
     bool parametersRequireRTSPClientReconnect(const ParameterMap& changed) const override

@@ -57,6 +57,8 @@ public:
         std::function<std::string()> path;
         /// The stream was lost and the first attempt to re-establish it failed.
         std::function<void()> onLost;
+        /// Held until the last connection of the stream has said goodbye; keeps the logger's owner, for example.
+        std::shared_ptr<void> keepAlive = {};
     };
 
     RTSPStream(boost::asio::io_context& service, ILogger* logger, Hooks hooks);
@@ -81,6 +83,9 @@ public:
     /// Connects now if it is waiting, because the device has just become reachable.
     virtual void deviceConnected();
 
+    /// Ends the connection and waits for `deviceConnected`, because the device is not to be used any more.
+    virtual void deviceClosed();
+
     /// Counters of one receiver since it was registered; only on `service()`.
     virtual StreamCounters counters(const RTSPReceiver& receiver) const;
 
@@ -97,6 +102,7 @@ public:
         std::function<std::shared_ptr<const asio::ConnectionInfo>()> connectionInfo;
         std::function<std::string(std::uint32_t channel, std::uint32_t stream)> path;
         std::function<void()> onLost;
+        std::shared_ptr<void> keepAlive = {};
     };
 
     RTSPSource(boost::asio::io_context& service, ILogger* logger, Hooks hooks);
@@ -109,6 +115,9 @@ public:
 
     /// Tells all streams that the device has become reachable. Any thread.
     void deviceConnected();
+
+    /// Tells all streams that the device is closed. Any thread.
+    void deviceClosed();
 
 private:
     struct State;

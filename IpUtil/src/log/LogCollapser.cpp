@@ -1,5 +1,6 @@
 #include <IpUtil/Logger.h>
 #include <algorithm>
+#include <string>
 #include <utility>
 
 namespace Tavro8::LoggerDetail
@@ -29,5 +30,30 @@ std::uint32_t LogCollapserMaker::collapse(std::string_view message, std::uint32_
     if (++entry.pending < count)
         return 0;
     return std::exchange(entry.pending, 0U);
+}
+
+void LogCollapserMaker::forget()
+{
+    const std::lock_guard lock(mutex);
+    entries.clear();
+}
+
+LogSeverity CollapsingLogger::GetLevel() const noexcept
+{
+    return wrapped != nullptr ? wrapped->GetLevel() : LogSeverity::error;
+}
+
+void CollapsingLogger::Log(LogSeverity severity, const char* function, const char* file, int line,
+                           const char* message) noexcept
+try {
+    if (wrapped == nullptr)
+        return;
+    const std::uint32_t times = severity < LogSeverity::warning ? 1 : collapser.collapse(message, collapseCount);
+    if (times == 1)
+        wrapped->Log(severity, function, file, line, message);
+    else if (times > 1)
+        wrapped->Log(severity, function, file, line, ("[collapsed " + std::to_string(times) + "]" + message).c_str());
+} catch (...) {  // no memory to remember it: better twice than never
+    wrapped->Log(severity, function, file, line, message);
 }
 }  // namespace Tavro8::LoggerDetail

@@ -127,10 +127,11 @@ std::string listTracks(const SessionDescription& description)
 }
 }  // namespace
 
-RTSPClient::State::State(boost::asio::io_context& io, ILogger* hostLogger)
+RTSPClient::State::State(boost::asio::io_context& io, std::shared_ptr<ILogger> hostLogger)
     : Client(io),
       service(io),
-      logger(hostLogger, sourcePath),
+      loggerOwner(std::move(hostLogger)),
+      logger(loggerOwner.get(), sourcePath),
       timing(context->timing),
       connection(io, *context, *this),
       ownSource(std::random_device{}())
@@ -574,7 +575,12 @@ void RTSPClient::State::postResult(Completion completion, ResultCode result)
 
 std::shared_ptr<RTSPClient> RTSPClient::create(boost::asio::io_context& service, ILogger* logger)
 {
-    const std::shared_ptr<RTSPClient> client(new RTSPClient(std::make_unique<State>(service, logger)));
+    return create(service, std::shared_ptr<ILogger>(std::shared_ptr<void>(), logger));
+}
+
+std::shared_ptr<RTSPClient> RTSPClient::create(boost::asio::io_context& service, std::shared_ptr<ILogger> logger)
+{
+    const std::shared_ptr<RTSPClient> client(new RTSPClient(std::make_unique<State>(service, std::move(logger))));
     client->state->owner = client.get();
     return client;
 }

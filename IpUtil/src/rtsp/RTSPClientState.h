@@ -33,7 +33,7 @@ struct RTSPClient::State final : private StreamContext::Client, private RtspConn
         closed,
     };
 
-    State(boost::asio::io_context& io, ILogger* hostLogger);
+    State(boost::asio::io_context& io, std::shared_ptr<ILogger> hostLogger);
     ~State() override;
 
     void initialize(const std::shared_ptr<const asio::ConnectionInfo>& info, const std::string& path,
@@ -46,6 +46,7 @@ struct RTSPClient::State final : private StreamContext::Client, private RtspConn
 
     RTSPClient* owner = nullptr;  // set right after construction, holds this object
     boost::asio::io_context& service;
+    const std::shared_ptr<ILogger> loggerOwner;
     LoggerHelper logger;
 
     RtspTransport transport = RtspTransport::tcp;

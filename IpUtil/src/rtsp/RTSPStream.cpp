@@ -48,7 +48,8 @@ StreamCounters difference(StreamCounters a, const StreamCounters& b) noexcept
 RTSPStream::State::State(boost::asio::io_context& io, ILogger* hostLogger, Hooks deviceHooks)
     : Client(io),
       service(io),
-      logger(hostLogger, sourcePath),
+      failures(std::make_shared<LoggerDetail::CollapsingLogger>(hostLogger, deviceHooks.keepAlive)),
+      logger(failures.get(), sourcePath),
       timing(context->timing),
       hooks(std::move(deviceHooks)),
       backoff(timing.firstRetry, timing.longestRetry),
@@ -113,6 +114,15 @@ void RTSPStream::State::onDeviceConnected()
         connect();
 }
 
+void RTSPStream::State::onDeviceClosed()
+{
+    if (phase == Phase::idle)
+        return;
+    endConnection();
+    phase = Phase::waitingForDevice;
+    played = lost = false;
+}
+
 void RTSPStream::State::shutDown()
 {
     endConnection();
@@ -156,7 +166,7 @@ void RTSPStream::State::prepareClient()
     framesFlowed = false;
     for (Kind& kind : kinds)
         kind.described = kind.requested = false;
-    client = RTSPClient::create(service, logger.getLogger());
+    client = RTSPClient::create(service, failures);
     client->setClosedHandler(bound(&State::onClosed));
     for (const Registration& registration : registrations)
         introduce(*registration.receiver);
@@ -225,6 +235,7 @@ void RTSPStream::State::onPlay(const error_code& ec)
     phase = Phase::playing;
     played = true;
     lost = false;
+    failures->forget();
     playingSince = std::chrono::steady_clock::now();
     bool leftOut = false;
     for (const MediaKind kind : bothKinds) {
@@ -449,6 +460,13 @@ void RTSPStream::deviceConnected()
     });
 }
 
+void RTSPStream::deviceClosed()
+{
+    boost::asio::post(state->service, [state = state] {
+        guardedVoid(state->logger, "Tavro8::Utility::RTSPStream::deviceClosed", [&] { state->onDeviceClosed(); });
+    });
+}
+
 StreamCounters RTSPStream::counters(const RTSPReceiver& receiver) const
 {
     return state->counters(receiver);
@@ -462,6 +480,17 @@ struct RTSPSource::State {
     Hooks hooks;
     std::mutex mutex;  // guards `streams`; nothing is called while it is held
     std::map<std::pair<std::uint32_t, std::uint32_t>, std::weak_ptr<RTSPStream>> streams;
+
+    std::vector<std::shared_ptr<RTSPStream>> present()
+    {
+        std::vector<std::shared_ptr<RTSPStream>> result;
+        const std::lock_guard lock(mutex);
+        for (const auto& [place, weak] : streams) {
+            if (auto stream = weak.lock())
+                result.push_back(std::move(stream));
+        }
+        return result;
+    }
 };
 
 RTSPSource::RTSPSource(boost::asio::io_context& service, ILogger* logger, Hooks hooks)
@@ -472,7 +501,7 @@ RTSPSource::~RTSPSource() = default;
 
 std::shared_ptr<RTSPStream> RTSPSource::getStream(std::uint32_t channel, std::uint32_t stream)
 {
-    RTSPStream::Hooks hooks{state->hooks.connectionInfo, {}, state->hooks.onLost};
+    RTSPStream::Hooks hooks{state->hooks.connectionInfo, {}, state->hooks.onLost, state->hooks.keepAlive};
     if (state->hooks.path)
         hooks.path = [path = state->hooks.path, channel, stream] { return path(channel, stream); };
 
@@ -489,15 +518,13 @@ std::shared_ptr<RTSPStream> RTSPSource::getStream(std::uint32_t channel, std::ui
 
 void RTSPSource::deviceConnected()
 {
-    std::vector<std::shared_ptr<RTSPStream>> present;
-    {
-        const std::lock_guard lock(state->mutex);
-        for (const auto& [place, weak] : state->streams) {
-            if (auto stream = weak.lock())
-                present.push_back(std::move(stream));
-        }
-    }
-    for (const auto& stream : present)
+    for (const auto& stream : state->present())
         stream->deviceConnected();
+}
+
+void RTSPSource::deviceClosed()
+{
+    for (const auto& stream : state->present())
+        stream->deviceClosed();
 }
 }  // namespace Tavro8::Utility

@@ -4,6 +4,7 @@
 #include "rtsp/StreamContext.h"
 
 #include <IpUtil/ConnectionPolicy.h>
+#include <IpUtil/Logger.h>
 #include <IpUtil/LoggerHelper.h>
 #include <IpUtil/RTSPClient.h>
 #include <IpUtil/RTSPStream.h>
@@ -26,6 +27,7 @@ struct RTSPStream::State final : private StreamContext::Client, public std::enab
     ~State() override;
 
     boost::asio::io_context& service;
+    const std::shared_ptr<LoggerDetail::CollapsingLogger> failures;  // attempts repeat, their failures too
     LoggerHelper logger;
     /// Nothing may be posted any more. Set when the context is destroyed, read by the destructor of the stream.
     std::atomic<bool> contextGone{false};
@@ -34,6 +36,7 @@ struct RTSPStream::State final : private StreamContext::Client, public std::enab
     void remove(const std::shared_ptr<RTSPReceiver>& receiver);
     void restart();
     void onDeviceConnected();
+    void onDeviceClosed();
     /// The public object has gone.
     void shutDown();
     StreamCounters counters(const RTSPReceiver& receiver) const;

@@ -57,38 +57,42 @@ bool applyStallTimeout(RTSPClient& client, const boost::any& value)
     return true;
 }
 
-bool applyLossPolicy(RTSPClient& client, const boost::any& value)
+bool applyLossPolicy(VideoSinkParams& params, const boost::any& value)
 {
     const auto text = textOf(value);
-    VideoSinkParams params = client.getVideoSinkParams();
     if (text == "flag")
         params.lossHandling = LossHandling::flag;
     else if (text == "drop")
         params.lossHandling = LossHandling::dropUntilKeyFrame;
     else
         return false;
-    client.setVideoSinkParams(params);
     return true;
+}
+
+/// Hands the value of `key`, if there is one, to `apply`.
+template <typename Target>
+void applyParameter(const ParametersContainer& parameters, const char* key, Target& target,
+                    bool (*apply)(Target&, const boost::any&), const LoggerHelper& logger)
+{
+    auto value = parameters.getPersistentParam(key);
+    if (!value)
+        value = parameters.getDefaultValue(key);
+    if (value && !apply(target, *value))
+        logger.warning(operation, "the parameter \"", key, "\" has no usable value and is left alone");
 }
 }  // namespace
 
 void initializeRTSPClientFromParams(RTSPClient& client, const ParametersContainer& parameters)
 {
-    constexpr struct {
-        const char* key;
-        bool (*apply)(RTSPClient&, const boost::any&);
-    } settings[] = {
-        {"transport", applyTransport},
-        {"stallTimeout", applyStallTimeout},
-        {"lossPolicy", applyLossPolicy},
-    };
     const LoggerHelper logger(client.logger(), sourcePath);
-    for (const auto& setting : settings) {
-        auto value = parameters.getPersistentParam(setting.key);
-        if (!value)
-            value = parameters.getDefaultValue(setting.key);
-        if (value && !setting.apply(client, *value))
-            logger.warning(operation, "the parameter \"", setting.key, "\" has no usable value and is left alone");
-    }
+    applyParameter(parameters, "transport", client, applyTransport, logger);
+    applyParameter(parameters, "stallTimeout", client, applyStallTimeout, logger);
+}
+
+VideoSinkParams readVideoSinkParams(const ParametersContainer& parameters, ILogger* hostLogger)
+{
+    VideoSinkParams params;
+    applyParameter(parameters, "lossPolicy", params, applyLossPolicy, LoggerHelper(hostLogger, sourcePath));
+    return params;
 }
 }  // namespace Tavro8::Utility

@@ -14,7 +14,7 @@ namespace
 constexpr std::size_t maxReasonBytes = 64;
 constexpr std::size_t maxTracks = 64;  ///< two channels each fit into the one byte of a frame header
 constexpr std::chrono::milliseconds longestKeepAliveInterval{30'000};
-constexpr std::chrono::milliseconds shortestKeepAliveInterval{1'000};
+constexpr std::chrono::milliseconds shortestKeepAliveInterval{500};
 constexpr std::string_view methodsWeAnswer = "OPTIONS, GET_PARAMETER, SET_PARAMETER";
 
 bool isSuccess(unsigned status)

@@ -61,6 +61,8 @@ public:
 };
 
 struct FakeDevice {
+    static constexpr const char* logName = "class Fake::Device";
+
     std::shared_ptr<ILogger> getLogger() const { return {std::shared_ptr<ILogger>(), &logger}; }
     std::shared_ptr<void> getLifetimeToken() const { return std::make_shared<int>(); }
     RTSPSource& getSource() const { throw std::logic_error("the receivers of this test bring their own stream"); }

@@ -361,7 +361,7 @@ TEST(RtspClientSession, keepsAliveAtHalfOfTheTimeoutAndThirtySecondsAtMost)
         int milliseconds;
     } cases[] = {
         {"Session: 88;timeout=20", 10000},         {"Session: 88", 30000},          {"Session: 88;timeout=600", 30000},
-        {"Session: 88;timeout=1", 1000},           {"Session: 88;timeout=3", 1500}, {"Session: 88;timeout=0", 30000},
+        {"Session: 88;timeout=1", 500},           {"Session: 88;timeout=3", 1500}, {"Session: 88;timeout=0", 30000},
         {"Session: 88;timeout=4294967295", 30000},
     };
     for (const auto& c : cases) {

@@ -13,7 +13,8 @@ class IDeviceChannel : public IContract {
 public:
     /// Slot 3. Releases the object. Legal at any time, also from inside a callback and before a stop was
     /// reported; after it has returned nothing more reaches the object's handlers (when called from inside
-    /// a callback: after that callback has returned).
+    /// a callback: after that callback has returned). It waits for a callback that is under way on another
+    /// thread, so do not hold a lock that a handler needs.
     virtual void Destroy() noexcept = 0;
 
     /// Slot 4. The host's channel number, counted from 0. Any thread.
@@ -41,7 +42,8 @@ struct StreamStatistics {
 /// otherwise, never under a lock. The object must live until `Destroy` of the channel object has returned.
 class IAsyncDeviceChannelHandler : public IContract {
 public:
-    /// Slot 3. The source runs; media follows when the device delivers it. Called on the thread of `Start`.
+    /// Slot 3. The source runs; media follows when the device delivers it. Called on the thread of `Start`; when
+    /// `Stop` is called meanwhile on another thread, `Stopped` may overtake it.
     virtual void Started(IContract* source) noexcept = 0;
 
     /// Slot 4. The source has really stopped: no frame follows.
