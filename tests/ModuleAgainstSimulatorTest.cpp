@@ -144,6 +144,44 @@ TEST_F(ModuleAgainstSimulator, aSourceStartedBeforeTheConnectionReceivesOnceItSt
     device->Destroy();
 }
 
+TEST_F(ModuleAgainstSimulator, aClosedDeviceSendsNothingAndANewAddressIsFollowed)
+{
+    const SimulatorProcess other({"--size", "160x128", "--no-audio"});
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    pictures.keepFrames = true;
+    IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
+    video->Start();
+    ASSERT_TRUE(pictures.waitFrames(3));
+    device->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    ASSERT_EQ(device->Open(deviceAddress(other).c_str()), 0);
+    ASSERT_TRUE(handler.waitConnected(2));
+    pictures.takeFrames();
+    const auto before = pictures.frameTotal();
+    ASSERT_TRUE(pictures.waitFrames(before + 3));
+    const auto frames = pictures.takeFrames();
+    EXPECT_EQ(frames.back()->width, 160U);
+    EXPECT_EQ(frames.back()->height, 128U);
+    video->Destroy();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, aStreamThatTheDeviceDoesNotHaveIsReported)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 7, &pictures, &pictures, {}, nullptr, &video), 0);
+    video->Start();
+    EXPECT_TRUE(pictures.waitState(Tavro8::toResult(Tavro8::ResultCode::resourceNotFound)));
+    video->Destroy();
+    device->Destroy();
+}
+
 TEST_F(ModuleAgainstSimulator, aRebootedDeviceIsLostAndFoundAgain)
 {
     DeviceHandler handler;

@@ -164,6 +164,30 @@ TEST_F(DeviceTest, nullAddressIsRefused)
     EXPECT_EQ(device->Open(nullptr), toResult(ResultCode::invalidArgument));
 }
 
+TEST_F(DeviceTest, prescribedLinesHaveTheirSeverity)
+{
+    using Tavro8::LogSeverity;
+    make();
+    peer.answer(portPath, 404, "");
+    peer.answer(infoPath, 500, "");
+    failToConnect();
+    EXPECT_EQ(logger.find("Could not connect to the device. Error code:404").severity, LogSeverity::error);
+    EXPECT_EQ(logger.find("Can't get device type").severity, LogSeverity::error);
+    EXPECT_EQ(
+        logger.find(" HTTP response has error code:404, reason:Scripted, request:/LAPI/V1.0/Network/Port").severity,
+        LogSeverity::error);
+    EXPECT_EQ(logger.find(" HTTP response has error code:500").severity, LogSeverity::error);
+}
+
+TEST_F(DeviceTest, thePortFallbackIsLoggedByTheModuleWithoutTheEndpoint)
+{
+    make();
+    peer.answer(portPath, 200, "{}");
+    connect();
+    EXPECT_EQ(logger.find("Can't get find rstp port").message,
+              "Uniview: Can't get find rstp port info in device's answer, use default value");
+}
+
 TEST_F(DeviceTest, closedPortIs256)
 {
     make();
@@ -175,6 +199,7 @@ TEST_F(DeviceTest, closedPortIs256)
     ASSERT_EQ(device->Open(address.c_str()), 0);
     ASSERT_TRUE(handler.waitFailed());
     EXPECT_EQ(handler.result(), 256);
+    EXPECT_TRUE(logger.contains(" HTTP request is finished with error:256"));
     EXPECT_TRUE(logger.contains("Could not connect to the device. Error code:0"));
 }
 

@@ -2,6 +2,7 @@
 
 #include "HostFakes.h"
 
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <functional>
 #include <gtest/gtest.h>
@@ -76,9 +77,13 @@ public:
     std::int32_t ApplySettings(const ParameterMap&) noexcept override { return 8; }
 
     std::shared_ptr<RTSPStream> offered;
+    bool refuse = false;
 
 protected:
-    std::shared_ptr<RTSPStream> getStream() override { return offered; }
+    std::shared_ptr<RTSPStream> getStream() override
+    {
+        return refuse ? throw std::runtime_error("no stream today") : offered;
+    }
 };
 
 class RTSPReceiverBaseTest : public ::testing::Test {
@@ -251,6 +256,60 @@ TEST_F(RTSPReceiverBaseTest, startAndStopFromManyThreadsLeaveTheRegistrationInSt
     EXPECT_EQ(channel.started(), channel.stopped());
     source->Start();
     EXPECT_EQ(stream->registrations(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, stoppingWhileStatisticsAreReadDoesNotLockUp)
+{
+    // The stream's thread reads the counters while host threads start and stop; a lock taken in both orders would hang.
+    auto work = boost::asio::make_work_guard(context);
+    std::thread io([this] { context.run(); });
+    std::vector<std::thread> hosts;
+    for (int index = 0; index < 3; ++index) {
+        hosts.emplace_back([this] {
+            for (int round = 0; round < 300; ++round) {
+                source->Start();
+                std::static_pointer_cast<RTSPReceiver>(source)->onConnectionStart();  // publishes at once
+                source->Stop();
+            }
+        });
+    }
+    for (auto& host : hosts)
+        host.join();
+    work.reset();
+    context.stop();
+    io.join();
+    EXPECT_EQ(stream->registrations(), 0U);
+}
+
+TEST_F(RTSPReceiverBaseTest, aStartThatFailsMayBeRepeated)
+{
+    source->refuse = true;
+    source->Start();
+    EXPECT_EQ(channel.started(), 0U);
+    EXPECT_TRUE(device.logger.contains("no stream today"));
+    source->refuse = false;
+    source->Start();
+    EXPECT_EQ(channel.started(), 1U);
+    EXPECT_EQ(stream->registrations(), 1U);
+}
+
+TEST_F(RTSPReceiverBaseTest, theHostHearsHowTheStreamStands)
+{
+    source->Start();
+    const std::shared_ptr<RTSPReceiver> receiver = source;
+    receiver->onStreamState(make_error_code(ResultCode::noSuchStream));
+    receiver->onStreamState({});
+    EXPECT_TRUE(channel.waitState(toResult(ResultCode::noSuchStream)));
+    EXPECT_TRUE(channel.waitState(0));
+}
+
+TEST_F(RTSPReceiverBaseTest, everyStepIsLoggedAsInformation)
+{
+    source->Start();
+    source->Stop();
+    stream->complete();
+    for (const char* const text : {"vs 0.0: Starting...", "vs 0.0: Started", "vs 0.0: Stopping...", "vs 0.0: Stopped."})
+        EXPECT_EQ(device.logger.find(text).severity, LogSeverity::info) << text;
 }
 
 TEST_F(RTSPReceiverBaseTest, changesOfTheStreamMoveTheRegistration)

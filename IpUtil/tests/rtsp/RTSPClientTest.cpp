@@ -783,7 +783,7 @@ TEST(RTSPClient, takesItsSettingsFromParameters)
     parameters.setPersistentParam("stallTimeout", 7);
     parameters.setPersistentParam("lossPolicy", std::string("Flag"));
     initializeRTSPClientFromParams(*client, parameters);
-    EXPECT_EQ(client->getVideoSinkParams().lossHandling, LossHandling::flag);
+    EXPECT_EQ(readVideoSinkParams(parameters, &log).lossHandling, LossHandling::flag);
     EXPECT_EQ(log.text(), "");
 }
 
@@ -797,7 +797,7 @@ TEST(RTSPClient, leavesSettingsAloneThatCannotBeUsed)
     parameters.setPersistentParam("stallTimeout", std::string("soon"));
     parameters.setPersistentParam("lossPolicy", 3);
     initializeRTSPClientFromParams(*client, parameters);
-    EXPECT_EQ(client->getVideoSinkParams().lossHandling, LossHandling::dropUntilKeyFrame);
+    EXPECT_EQ(readVideoSinkParams(parameters, &log).lossHandling, LossHandling::dropUntilKeyFrame);
     for (const char* key : {"transport", "stallTimeout", "lossPolicy"})
         EXPECT_THAT(log.text(), HasSubstr(key));
 }
