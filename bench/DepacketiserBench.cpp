@@ -190,10 +190,10 @@ void receiveTrack(benchmark::State& state, const Syntax& syntax)
     for (int i = 0; i < 3; ++i)
         round();
     sink.frames = 0;
-    const std::size_t before = kelvo::bench::allocationCount();
+    const std::size_t before = kelvo::test::allocationCount();
     for (auto _ : state)
         round();
-    report(state, recording, sink, kelvo::bench::allocationCount() - before);
+    report(state, recording, sink, kelvo::test::allocationCount() - before);
 }
 
 void depacketise(benchmark::State& state, const Syntax& syntax)
@@ -212,10 +212,10 @@ void depacketise(benchmark::State& state, const Syntax& syntax)
     for (int i = 0; i < 3; ++i)
         round();
     sink.frames = 0;
-    const std::size_t before = kelvo::bench::allocationCount();
+    const std::size_t before = kelvo::test::allocationCount();
     for (auto _ : state)
         round();
-    report(state, recording, sink, kelvo::bench::allocationCount() - before);
+    report(state, recording, sink, kelvo::test::allocationCount() - before);
 }
 
 /// The bare copy of the same bytes, for comparison.

@@ -48,7 +48,7 @@ void parse(benchmark::State& state, const Bytes& bytes)
 {
     InterleavedParser parser;
     std::size_t units = 0;
-    const std::size_t allocationsBefore = kelvo::bench::allocationCount();
+    const std::size_t allocationsBefore = kelvo::test::allocationCount();
     for (auto _ : state) {
         ByteView input(bytes);
         for (;;) {
@@ -66,7 +66,7 @@ void parse(benchmark::State& state, const Bytes& bytes)
     }
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes.size()));
     state.SetItemsProcessed(static_cast<std::int64_t>(units));
-    state.counters["allocations/unit"] = static_cast<double>(kelvo::bench::allocationCount() - allocationsBefore) /
+    state.counters["allocations/unit"] = static_cast<double>(kelvo::test::allocationCount() - allocationsBefore) /
                                          static_cast<double>(units == 0 ? 1 : units);
 }
 

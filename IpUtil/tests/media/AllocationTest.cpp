@@ -8,6 +8,7 @@
 namespace Tavro8::media
 {
 using namespace testkit;
+using kelvo::test::allocationCount;
 
 namespace
 {

@@ -1,112 +1,18 @@
 #include <utility>
 
+#include "AllocationCounter.h"
 #include "Player.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <future>
 #include <gtest/gtest.h>
-#include <malloc.h>
-#include <new>
-
-// What this thread takes from the heap is counted; the peer's threads are not of interest.
-namespace
-{
-thread_local std::size_t allocations = 0;
-thread_local std::ptrdiff_t heldBytes = 0;
-
-void* allocate(std::size_t bytes, std::size_t alignment) noexcept
-{
-    void* const memory = std::aligned_alloc(alignment, (bytes + alignment) / alignment * alignment);
-    ++allocations;
-    heldBytes += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
-    return memory;
-}
-
-void release(void* memory) noexcept
-{
-    heldBytes -= static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
-    std::free(memory);
-}
-
-void* allocateOrThrow(std::size_t bytes, std::size_t alignment)
-{
-    if (void* const memory = allocate(bytes, alignment))
-        return memory;
-    throw std::bad_alloc();
-}
-}  // namespace
-
-void* operator new(std::size_t bytes)
-{
-    return allocateOrThrow(bytes, alignof(std::max_align_t));
-}
-void* operator new[](std::size_t bytes)
-{
-    return allocateOrThrow(bytes, alignof(std::max_align_t));
-}
-void* operator new(std::size_t bytes, std::align_val_t alignment)
-{
-    return allocateOrThrow(bytes, static_cast<std::size_t>(alignment));
-}
-void* operator new[](std::size_t bytes, std::align_val_t alignment)
-{
-    return allocateOrThrow(bytes, static_cast<std::size_t>(alignment));
-}
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, alignof(std::max_align_t));
-}
-void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, alignof(std::max_align_t));
-}
-void* operator new(std::size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, static_cast<std::size_t>(alignment));
-}
-void* operator new[](std::size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept
-{
-    return allocate(bytes, static_cast<std::size_t>(alignment));
-}
-void operator delete(void* memory) noexcept
-{
-    release(memory);
-}
-void operator delete[](void* memory) noexcept
-{
-    release(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept
-{
-    release(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    release(memory);
-}
-void operator delete(void* memory, std::align_val_t) noexcept
-{
-    release(memory);
-}
-void operator delete[](void* memory, std::align_val_t) noexcept
-{
-    release(memory);
-}
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept
-{
-    release(memory);
-}
-void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept
-{
-    release(memory);
-}
 
 namespace Tavro8::Utility
 {
 namespace
 {
 using namespace testkit;
+using kelvo::test::heapUseOfThisThread;
 
 struct CountingPlayer {
     CountingPlayer(Loop& loop, const ScriptedPeer& peer) : client(RTSPClient::create(*loop.io, nullptr))
@@ -136,10 +42,10 @@ TEST(RTSPReceiving, allocatesNothingForAPacketOrAFrame)
     Loop loop;
     CountingPlayer player(loop, peer);
     ASSERT_TRUE(loop.runUntil([&] { return player.frames > 1000; }));
-    const std::size_t before = allocations;
+    const std::size_t before = heapUseOfThisThread().allocations;
     const std::size_t framesBefore = player.frames;
     ASSERT_TRUE(loop.runUntil([&] { return player.frames > framesBefore + 5000; }));
-    EXPECT_LT(allocations - before, 10U) << "a buffer may grow once or twice";
+    EXPECT_LT(heapUseOfThisThread().allocations - before, 10U) << "a buffer may grow once or twice";
 }
 
 TEST(RTSPReceiving, holdsLittleForAnIdleConnection)
@@ -161,7 +67,7 @@ TEST(RTSPReceiving, holdsLittleForAnIdleConnection)
     };
     ScriptedPeer peer(camera.script());
     Loop loop;
-    const std::ptrdiff_t before = heldBytes;
+    const std::ptrdiff_t before = heapUseOfThisThread().heldBytes;
     std::vector<std::unique_ptr<CountingPlayer>> players;
     for (std::size_t i = 0; i < count; ++i)
         players.push_back(std::make_unique<CountingPlayer>(loop, peer));
@@ -170,11 +76,11 @@ TEST(RTSPReceiving, holdsLittleForAnIdleConnection)
     second.set_value();
     ASSERT_TRUE(loop.runUntil([&] { return all([](const auto& player) { return player->frames == 1; }); }));
     const std::ptrdiff_t shared = 256 * 1024 + 64 * 1024;  // receive buffer and frame pool of the context
-    EXPECT_TRUE(loop.runUntil([&] {
-        return heldBytes - before < shared + static_cast<std::ptrdiff_t>(count) * mostBytes;
-    })) << (heldBytes - before - shared) / static_cast<std::ptrdiff_t>(count)
-        << " bytes each";
-    RecordProperty("bytesEach", std::to_string((heldBytes - before - shared) / static_cast<std::ptrdiff_t>(count)));
+    const auto bytesEach = [&] {
+        return (heapUseOfThisThread().heldBytes - before - shared) / static_cast<std::ptrdiff_t>(count);
+    };
+    EXPECT_TRUE(loop.runUntil([&] { return bytesEach() < mostBytes; })) << bytesEach() << " bytes each";
+    RecordProperty("bytesEach", std::to_string(bytesEach()));
 }
 }  // namespace
 }  // namespace Tavro8::Utility
