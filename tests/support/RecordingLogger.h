@@ -12,33 +12,49 @@
 namespace kelvo::test
 {
 struct LogLine {
-    Tavro8::LogSeverity severity;
+    Tavro8::LogSeverity severity{};
     std::string function;
     std::string file;
+    int line = 0;
     std::string message;
 };
 
-/// Keeps every log line for a test to look at, and lets it wait for one.
+/// Keeps every log line for a test to look at, and lets it wait for one. Any thread.
 class RecordingLogger final : public Tavro8::ILogger {
 public:
     void* FindContract(const char* name) noexcept override
     {
         return Tavro8::findContractIn<Tavro8::ILogger, Tavro8::IContract>(this, name);
     }
-    Tavro8::LogSeverity GetLevel() const noexcept override { return Tavro8::LogSeverity::debug; }
-    void Log(Tavro8::LogSeverity severity, const char* function, const char* file, int,
+    Tavro8::LogSeverity GetLevel() const noexcept override { return level; }
+    void Log(Tavro8::LogSeverity severity, const char* function, const char* file, int line,
              const char* message) noexcept override
     {
         const std::lock_guard lock(mutex);
-        recorded.push_back({severity, function, file, message});
+        recorded.push_back({severity, function, file, line, message});
         changed.notify_all();
     }
-    void Destroy() noexcept override {}
+    void Destroy() noexcept override { ++destroyed; }
 
     std::vector<LogLine> lines() const
     {
         const std::lock_guard lock(mutex);
         return recorded;
+    }
+
+    /// All messages, each with a line end.
+    std::string text() const
+    {
+        std::string all;
+        for (const LogLine& line : lines())
+            all += line.message + '\n';
+        return all;
+    }
+
+    std::size_t errorCount() const
+    {
+        const std::lock_guard lock(mutex);
+        return static_cast<std::size_t>(std::ranges::count(recorded, Tavro8::LogSeverity::error, &LogLine::severity));
     }
 
     /// How many lines contain `text`.
@@ -63,6 +79,9 @@ public:
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] { return countLocked(text) >= times; });
     }
+
+    Tavro8::LogSeverity level = Tavro8::LogSeverity::debug;  ///< set before the logger is used
+    int destroyed = 0;                                       ///< read after the logger's last use
 
 private:
     struct Holds {

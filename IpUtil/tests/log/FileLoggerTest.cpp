@@ -9,6 +9,7 @@
 #include <random>
 
 using namespace Tavro8;
+using kelvo::test::RecordingLogger;
 namespace fs = std::filesystem;
 
 namespace
@@ -90,8 +91,8 @@ TEST_F(FileLogger, passesLinesToTheHostToo)
     host.level = LogSeverity::warning;
     EXPECT_EQ(logger.get()->GetLevel(), LogSeverity::warning);
     logger.get()->Log(LogSeverity::error, "f", "s", 3, "m");
-    ASSERT_EQ(host.all().size(), 1U);
-    EXPECT_EQ(host.all()[0].message, "m");
+    ASSERT_EQ(host.lines().size(), 1U);
+    EXPECT_EQ(host.lines()[0].message, "m");
     EXPECT_EQ(host.destroyed, 0);
 }
 
@@ -108,7 +109,7 @@ TEST_F(FileLogger, worksWithoutAFileAndWithoutAContext)
 {
     context.file.clear();
     make().get()->Log(LogSeverity::error, "f", "s", 3, "m");
-    EXPECT_EQ(host.all().size(), 1U);
+    EXPECT_EQ(host.lines().size(), 1U);
 
     const LoggerOwner nothing(LoggerDetail::initFileLogger(nullptr), LoggerOwner::Ownership::owned);
     ASSERT_NE(nothing.get(), nullptr);
@@ -142,9 +143,9 @@ TEST_F(FileLogger, reportsAFileThatCannotBeOpenedAndGoesOn)
     std::ofstream(directory / "plain") << "a file, no directory";
     context.file = Utility::toWide((directory / "plain" / "module.log").string());
     const LoggerOwner logger = make();
-    EXPECT_EQ(host.countContaining("Cannot open log file: "), 1U);
+    EXPECT_EQ(host.count("Cannot open log file: "), 1U);
     logger.get()->Log(LogSeverity::error, "f", "s", 3, "still heard");
-    EXPECT_EQ(host.countContaining("still heard"), 1U);
+    EXPECT_EQ(host.count("still heard"), 1U);
 }
 
 TEST_F(FileLogger, twoOnTheSameFileDoNotClash)
@@ -163,7 +164,7 @@ TEST_F(FileLogger, reportsAFullDiskOnceAndGoesOn)
     const LoggerOwner logger = make();
     for (int i = 0; i < 3; ++i)
         logger.get()->Log(LogSeverity::error, "f", "s", 3, "still heard");
-    EXPECT_EQ(host.countContaining("Cannot write log file: "), 1U);
-    EXPECT_EQ(host.countContaining("still heard"), 3U);
+    EXPECT_EQ(host.count("Cannot write log file: "), 1U);
+    EXPECT_EQ(host.count("still heard"), 3U);
 }
 #endif

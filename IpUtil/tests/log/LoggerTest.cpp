@@ -6,6 +6,7 @@
 #include <thread>
 
 using namespace Tavro8;
+using kelvo::test::RecordingLogger;
 using LoggerDetail::LogCollapserMaker;
 using Decorator = LoggerDetail::LoggerDecorator<LoggerDetail::TraitsConnectionInfo>;
 
@@ -69,10 +70,10 @@ TEST(LoggerDecorator, putsTheEndpointInFrontAndNeverCredentials)
     Decorator decorator(&logger);
     decorator.setValue(endpoint("192.0.2.10", 80));
     decorator.Log(LogSeverity::info, "f", "s", 7, " HTTP request");
-    ASSERT_EQ(logger.all().size(), 1U);
-    EXPECT_EQ(logger.all()[0].message, "[192.0.2.10:80]  HTTP request");
-    EXPECT_EQ(logger.all()[0].function, "f");
-    EXPECT_EQ(logger.all()[0].line, 7);
+    ASSERT_EQ(logger.lines().size(), 1U);
+    EXPECT_EQ(logger.lines()[0].message, "[192.0.2.10:80]  HTTP request");
+    EXPECT_EQ(logger.lines()[0].function, "f");
+    EXPECT_EQ(logger.lines()[0].line, 7);
 }
 
 TEST(LoggerDecorator, passesTheMessageAloneBeforeAnEndpointIsKnown)
@@ -83,8 +84,8 @@ TEST(LoggerDecorator, passesTheMessageAloneBeforeAnEndpointIsKnown)
     decorator.setValue(endpoint("192.0.2.10", 80));
     decorator.setValue(nullptr);
     decorator.Log(LogSeverity::info, "f", "s", 1, "second");
-    EXPECT_EQ(logger.all()[0].message, "first");
-    EXPECT_EQ(logger.all()[1].message, "second");
+    EXPECT_EQ(logger.lines()[0].message, "first");
+    EXPECT_EQ(logger.lines()[1].message, "second");
 }
 
 TEST(LoggerDecorator, hasTheLevelOfTheWrappedLogger)
@@ -109,7 +110,7 @@ TEST(LoggerDecorator, mayChangeWhileOthersLog)
         decorator.Log(LogSeverity::info, "f", "s", 1, "text");
     changer.join();
     decorator.Log(LogSeverity::info, "f", "s", 1, "text");
-    EXPECT_EQ(logger.all().back().message, "[h:199] text");
+    EXPECT_EQ(logger.lines().back().message, "[h:199] text");
 }
 
 TEST(LogCollapser, letsTheFirstPassAndThenEveryCountth)
@@ -157,5 +158,5 @@ TEST(LoggerHelper, writesNumbersInTheClassicLocale)
     const std::locale before = std::locale::global(std::locale(std::locale::classic(), new GroupingDigits));
     LoggerHelper(&logger, "path", "vs 1").info("f", "port ", 32000);
     std::locale::global(before);
-    EXPECT_EQ(logger.all().at(0).message, "vs 1: port 32000");
+    EXPECT_EQ(logger.lines().at(0).message, "vs 1: port 32000");
 }

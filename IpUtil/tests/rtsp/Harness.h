@@ -1,5 +1,6 @@
 #pragma once
 
+#include "RecordingLogger.h"
 #include "ScriptedPeer.h"
 
 #include "rtsp/StreamContext.h"
@@ -7,47 +8,16 @@
 #include <IpUtil/ConnectionInfo.h>
 #include <IpUtil/RTSPClient.h>
 #include <Tavro8/GDRV/MediaFrame.h>
-#include <Tavro8/ILogger.h>
 #include <Tavro8/ResultCode.h>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 namespace Tavro8::Utility::testkit
 {
-/// Keeps every line; any thread.
-class LineLog final : public ILogger {
-public:
-    void* FindContract(const char*) noexcept override { return nullptr; }
-    LogSeverity GetLevel() const noexcept override { return LogSeverity::debug; }
-    void Log(LogSeverity severity, const char*, const char*, int, const char* message) noexcept override
-    {
-        const std::lock_guard lock(mutex);
-        all += std::string(message) + '\n';
-        if (severity == LogSeverity::error)
-            ++errors;
-    }
-    void Destroy() noexcept override {}
-
-    std::string text() const
-    {
-        const std::lock_guard lock(mutex);
-        return all;
-    }
-    std::size_t errorCount() const
-    {
-        const std::lock_guard lock(mutex);
-        return errors;
-    }
-
-private:
-    mutable std::mutex mutex;
-    std::string all;
-    std::size_t errors = 0;
-};
+using kelvo::test::RecordingLogger;
 
 /// An I/O context that the test itself runs, with waiting times fit for tests.
 class Loop {

@@ -58,7 +58,7 @@ struct Player {
     }
     bool isPlaying() const { return play && !*play; }
 
-    LineLog log;
+    RecordingLogger log;
     std::shared_ptr<RTSPClient> client;
     RTSPClient::Headers headers;
     bool wantsVideo = true;

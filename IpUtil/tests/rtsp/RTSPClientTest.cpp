@@ -707,7 +707,7 @@ TEST(RTSPClient, mayBeTornDownInsideEachOfItsCallbacks)
         };
         ScriptedPeer peer(camera.script());
         Loop loop;
-        LineLog log;
+        RecordingLogger log;
         auto client = RTSPClient::create(*loop.io, &log);
         bool done = false;
         int after = 0;
@@ -776,7 +776,7 @@ TEST(RTSPClient, letsItsContextRunOutOfWorkAfterTeardown)
 TEST(RTSPClient, takesItsSettingsFromParameters)
 {
     Loop loop;
-    LineLog log;
+    RecordingLogger log;
     const auto client = RTSPClient::create(*loop.io, &log);
     ParametersContainer parameters;
     parameters.setPersistentParam("transport", std::string("tcp"));
@@ -790,7 +790,7 @@ TEST(RTSPClient, takesItsSettingsFromParameters)
 TEST(RTSPClient, leavesSettingsAloneThatCannotBeUsed)
 {
     Loop loop;
-    LineLog log;
+    RecordingLogger log;
     const auto client = RTSPClient::create(*loop.io, &log);
     ParametersContainer parameters;
     parameters.setPersistentParam("transport", std::string("pigeon"));

@@ -103,7 +103,7 @@ struct Fixture {
 
     ScriptedPeer peer;
     Loop loop;
-    LineLog log;
+    RecordingLogger log;
     std::shared_ptr<asio::ConnectionInfo> info;
     int paths = 0;
     int losses = 0;

@@ -1,6 +1,6 @@
 #include <utility>
 
-#include "../log/RecordingLogger.h"
+#include "RecordingLogger.h"
 #include <IpUtil/Statistics.h>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -10,6 +10,7 @@
 #include <thread>
 
 using namespace Tavro8;
+using kelvo::test::RecordingLogger;
 using Utility::ConnectsStatistic;
 using Utility::HandlerGate;
 using Utility::StatisticReporter;
@@ -172,7 +173,7 @@ TEST_F(Statistics, goOnAfterCountersHaveThrown)
     context.run_one();
     fail = false;
     context.run_one();
-    EXPECT_EQ(logger.countContaining("no numbers"), 1U);
+    EXPECT_EQ(logger.count("no numbers"), 1U);
     EXPECT_EQ(handler.reports.size(), 1U);
 }
 

@@ -1,4 +1,4 @@
-#include "../log/RecordingLogger.h"
+#include "RecordingLogger.h"
 #include "settings/Path.h"
 #include <IpUtil/RepositoryReader.h>
 #include <filesystem>
@@ -8,6 +8,7 @@
 #include <random>
 
 using namespace Tavro8;
+using kelvo::test::RecordingLogger;
 using Utility::RepositoryReader;
 using Utility::toNarrow;
 using Utility::toWide;
@@ -121,7 +122,7 @@ TEST_F(Repository, loadsKeysAsTexts)
     EXPECT_EQ(text("localServerPort"), "32000");
     EXPECT_EQ(text("empty"), "");
     EXPECT_EQ(text("name"), "caf\xC3\xA9 = yes");
-    EXPECT_TRUE(context.logger.all().empty());
+    EXPECT_TRUE(context.logger.lines().empty());
 }
 
 TEST_F(Repository, loadsAnEmptyFile)
@@ -173,11 +174,11 @@ TEST_F(Repository, refusesBadFilesWithAReasonAndTouchesNothing)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const auto before = context.logger.all().size();
+        const auto before = context.logger.lines().size();
         EXPECT_NE(load(c.content), 0);
         EXPECT_TRUE(target.empty());
-        ASSERT_EQ(context.logger.all().size(), before + 1);
-        const auto line = context.logger.all().back();
+        ASSERT_EQ(context.logger.lines().size(), before + 1);
+        const auto line = context.logger.lines().back();
         EXPECT_EQ(line.severity, LogSeverity::error);
         EXPECT_NE(line.message.find("Kelvo.Uniview.rep"), std::string::npos) << line.message;
         EXPECT_NE(line.message.find(c.reason), std::string::npos) << line.message;
@@ -188,8 +189,8 @@ TEST_F(Repository, refusesAMissingFileAndADirectory)
 {
     EXPECT_NE(reader.load(reader.join(L"module", L"missing"), target), 0);
     EXPECT_NE(reader.load(toWide(directory.string()), target), 0);
-    EXPECT_EQ(context.logger.countContaining("Cannot load settings repository '"), 2U);
-    EXPECT_EQ(context.logger.countContaining("kelvo r\xC3\xA9p "), 2U);
+    EXPECT_EQ(context.logger.count("Cannot load settings repository '"), 2U);
+    EXPECT_EQ(context.logger.count("kelvo r\xC3\xA9p "), 2U);
 }
 
 TEST_F(Repository, survivesAMissingContext)
@@ -208,5 +209,5 @@ TEST_F(Repository, isReadWithoutTheGlobalLocale)
     EXPECT_EQ(result, 0);
     EXPECT_EQ(text("localServerPort"), "32000");
     EXPECT_NE(refused, 0);
-    EXPECT_EQ(context.logger.countContaining("line 5001: "), 1U);
+    EXPECT_EQ(context.logger.count("line 5001: "), 1U);
 }
