@@ -65,8 +65,42 @@ public:
     Tavro8::ParameterMap channelModelParameters;
 };
 
+/// Values that a module's threads change and a test reads or waits for.
+class Observations {
+protected:
+    Observations() = default;
+    ~Observations() = default;
+    Observations(const Observations&) = delete;
+    Observations& operator=(const Observations&) = delete;
+
+    template <typename Body>
+    void change(Body&& body)
+    {
+        const std::lock_guard lock(mutex);
+        body();
+        changed.notify_all();
+    }
+    /// False when the condition has not come true within `patience`.
+    template <typename Condition>
+    bool wait(Condition&& condition)
+    {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, patience, condition);
+    }
+    template <typename Value>
+    Value read(const Value& value) const
+    {
+        const std::lock_guard lock(mutex);
+        return value;
+    }
+
+private:
+    mutable std::mutex mutex;  // guards the members of the derived class
+    std::condition_variable changed;
+};
+
 /// Counts what a device reports and lets a test wait for it.
-class DeviceHandler final : public Tavro8::GDRV::IDeviceHandler {
+class DeviceHandler final : public Tavro8::GDRV::IDeviceHandler, private Observations {
 public:
     void* FindContract(const char* name) noexcept override
     {
@@ -113,29 +147,12 @@ public:
     {
         return wait([&] { return closed >= times; });
     }
-    std::int32_t result() const
-    {
-        const std::lock_guard lock(mutex);
-        return lastResult;
-    }
+    std::int32_t result() const { return read(lastResult); }
 
     std::function<void(Tavro8::GDRV::IDevice*)> onConnected;  ///< set before the device is opened
 
 private:
-    void change(const std::function<void()>& body)
-    {
-        const std::lock_guard lock(mutex);
-        body();
-        changed.notify_all();
-    }
-    bool wait(const std::function<bool()>& condition)
-    {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, patience, condition);
-    }
-
-    mutable std::mutex mutex;  // guards all below
-    std::condition_variable changed;
+    // All below only within change, wait and read.
     int connected = 0;
     int failed = 0;
     int lost = 0;
@@ -144,7 +161,9 @@ private:
 };
 
 /// Channel and frame handler of a live source in one.
-class ChannelHandler final : public Tavro8::GDRV::IAsyncDeviceChannelHandler, public Tavro8::GDRV::IMediaFrameHandler {
+class ChannelHandler final : public Tavro8::GDRV::IAsyncDeviceChannelHandler,
+                             public Tavro8::GDRV::IMediaFrameHandler,
+                             private Observations {
 public:
     void* FindContract(const char* name) noexcept override
     {
@@ -211,8 +230,9 @@ public:
     std::size_t frameTotal() const { return read(frameCount); }
     std::vector<Tavro8::GDRV::FrameReference> takeFrames()
     {
-        const std::lock_guard lock(mutex);
-        return std::exchange(frames, {});
+        std::vector<Tavro8::GDRV::FrameReference> taken;
+        change([&] { taken.swap(frames); });
+        return taken;
     }
 
     // Set before the source is started.
@@ -222,25 +242,7 @@ public:
     std::function<void(Tavro8::IContract*)> onFrame;
 
 private:
-    void change(const std::function<void()>& body)
-    {
-        const std::lock_guard lock(mutex);
-        body();
-        changed.notify_all();
-    }
-    bool wait(const std::function<bool()>& condition)
-    {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, patience, condition);
-    }
-    std::size_t read(const std::size_t& value) const
-    {
-        const std::lock_guard lock(mutex);
-        return value;
-    }
-
-    mutable std::mutex mutex;  // guards all below
-    std::condition_variable changed;
+    // All below only within change, wait and read.
     std::size_t startedCount = 0;
     std::size_t stoppedCount = 0;
     std::size_t statisticsCount = 0;
