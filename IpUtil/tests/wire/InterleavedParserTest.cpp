@@ -102,9 +102,11 @@ Bytes bytesOf(std::string_view text)
 
 Bytes frameOf(std::uint8_t channel, std::size_t payloadBytes)
 {
-    Bytes frame = {'$', channel};
-    appendBe16(frame, static_cast<std::uint16_t>(payloadBytes));
-    frame.resize(frame.size() + payloadBytes, 0x80);
+    Bytes frame(4 + payloadBytes, 0x80);
+    frame[0] = '$';
+    frame[1] = channel;
+    frame[2] = static_cast<std::uint8_t>(payloadBytes >> 8);
+    frame[3] = static_cast<std::uint8_t>(payloadBytes);
     return frame;
 }
 
