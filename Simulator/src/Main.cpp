@@ -4,10 +4,12 @@
 #include "Options.h"
 #include "Simulator.h"
 #include "StdinWatch.h"
+#include "StopDeadline.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -18,16 +20,19 @@ namespace
 {
 
 constexpr int couldNotStart = 1;
+constexpr auto stopPatience = std::chrono::seconds(2);
 
 void runUntilToldToStop(simulator::Options options)
 {
     const bool exitWithStdin = options.exitWithStdin;
+    std::optional<simulator::StopDeadline> deadline;  // the last to go
     boost::asio::io_context context(1);
     simulator::Simulator simulator(context, std::move(options));
 
     boost::asio::signal_set signals(context, SIGINT, SIGTERM);
     std::optional<simulator::StdinWatch> stdinWatch;
     const auto stop = [&] {
+        deadline.emplace(stopPatience);
         simulator.stop();
         signals.cancel();
         if (stdinWatch)

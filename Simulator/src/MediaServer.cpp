@@ -6,6 +6,7 @@
 #include "Log.h"
 #include "MediaFile.h"
 #include "MediaPipeline.h"
+#include "RtspThread.h"
 #include "SimulatedMedia.h"
 
 #include <gst/rtsp-server/rtsp-server.h>
@@ -24,8 +25,6 @@ namespace
 
 constexpr const char* role = "user";
 constexpr unsigned streamsPerChannel = 2;
-/// Enough that one client's preparation does not hold up the others.
-constexpr gint clientThreads = 8;
 
 struct Method {
     const char* name;
@@ -119,10 +118,12 @@ struct MediaServer::State {
 
     const FaultTable& faults;
     GlibPointer<GstRTSPServer> server;
+    std::optional<RtspThread> thread;
+    ConnectionId arriving = 0;   ///< the connection whose client is being made; used on `thread` only
     std::deque<Stream> streams;  ///< addresses stay: signal handlers hold them
     std::deque<Hook> hooks;
 
-    std::mutex mutex;  ///< guards what follows: the server's threads come here too
+    std::mutex mutex;  ///< guards what follows: the I/O context and `thread` come here
     std::map<ConnectionId, GlibPointer<GSocket>> connections;
     std::map<std::string, unsigned> requestCounts;
     unsigned connectionCount = 0;
@@ -168,7 +169,7 @@ void MediaServer::State::addStream(const Options& options, unsigned channel, uns
     stream.activity.faults = &faults;
     stream.file = file;
 
-    GstRTSPMediaFactory* const factory = newSimulatedFactory(stream.activity);
+    GstRTSPMediaFactory* const factory = newSimulatedFactory();
     const std::string launch = file ? fileLaunch(file->codec, options.audio && !file->audio.units.empty())
                                     : testPictureLaunch(pictureSettings(options, channel, number));
     gst_rtsp_media_factory_set_launch(factory, launch.c_str());
@@ -199,9 +200,7 @@ void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointe
     g_signal_connect(client, "send-message", G_CALLBACK(onMessage), data);
     g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
     g_signal_connect(client, "closed", G_CALLBACK(onClosed), data);
-    // The signal comes from inside `serve`, which has just given out this number.
-    const std::lock_guard lock(self.mutex);
-    g_object_set_data(G_OBJECT(client), connectionKey, GSIZE_TO_POINTER(self.lastConnection));
+    g_object_set_data(G_OBJECT(client), connectionKey, GSIZE_TO_POINTER(self.arriving));
 }
 
 std::optional<GstRTSPStatusCode> MediaServer::State::faultFor(const char* method, const GstRTSPContext* context) const
@@ -278,8 +277,7 @@ MediaServer::MediaServer(Options& options, const std::string& realm, const Fault
     state->server.reset(gst_rtsp_server_new());
     if (options.authentication != Authentication::none)
         gst_rtsp_server_set_auth(state->server.get(), makeAuthentication(options, realm).get());
-    const GlibPointer<GstRTSPThreadPool> threads(gst_rtsp_server_get_thread_pool(state->server.get()));
-    gst_rtsp_thread_pool_set_max_threads(threads.get(), clientThreads);
+    state->thread.emplace(state->server.get());
     g_signal_connect(state->server.get(), "client-connected", G_CALLBACK(State::onClient), state.get());
     for (unsigned channel = 0; channel < options.channels; ++channel)
         for (unsigned stream = 0; stream < streamsPerChannel; ++stream)
@@ -289,7 +287,10 @@ MediaServer::MediaServer(Options& options, const std::string& realm, const Fault
 MediaServer::~MediaServer()
 {
     const auto remove = [](GstRTSPServer*, GstRTSPClient*, gpointer) { return GST_RTSP_FILTER_REMOVE; };
-    g_list_free_full(gst_rtsp_server_client_filter(state->server.get(), remove, nullptr), g_object_unref);
+    state->thread->run([this, remove] {
+        g_list_free_full(gst_rtsp_server_client_filter(state->server.get(), remove, nullptr), g_object_unref);
+    });
+    state->thread.reset();
     state->server.reset();
     gst_rtsp_thread_pool_cleanup();  // waits for the server's threads, whose handlers use `state`
 }
@@ -321,9 +322,11 @@ std::optional<MediaServer::ConnectionId> MediaServer::serve(boost::asio::ip::tcp
         ++state->connectionCount;
         state->connections.emplace(connection, share(shared));
     }
-    // Takes the reference to the socket.
-    gst_rtsp_server_transfer_connection(state->server.get(), shared, peer.address().to_string().c_str(), peer.port(),
-                                        nullptr);
+    state->thread->post([state = state.get(), shared, connection, ip = peer.address().to_string(), port = peer.port()] {
+        state->arriving = connection;
+        // Takes the reference to the socket.
+        gst_rtsp_server_transfer_connection(state->server.get(), shared, ip.c_str(), port, nullptr);
+    });
     return connection;
 }
 
@@ -344,8 +347,10 @@ void MediaServer::closeAll()
 
 void MediaServer::expireSessions()
 {
-    const GlibPointer<GstRTSPSessionPool> pool(gst_rtsp_server_get_session_pool(state->server.get()));
-    gst_rtsp_session_pool_cleanup(pool.get());
+    state->thread->post([server = state->server.get()] {
+        const GlibPointer<GstRTSPSessionPool> pool(gst_rtsp_server_get_session_pool(server));
+        gst_rtsp_session_pool_cleanup(pool.get());
+    });
 }
 
 Json::Value MediaServer::counters() const

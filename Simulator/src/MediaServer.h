@@ -17,8 +17,8 @@ namespace simulator
 {
 
 /// Live media over RTSP by GStreamer's server, on connections that others have accepted. Each stream is encoded once,
-/// while anyone watches it, and shared by its clients. The operations are called on the I/O context; GStreamer works
-/// on threads of its own.
+/// while anyone watches it, and shared by its clients. The operations are called on the I/O context; clients are
+/// handled on a thread of their own, and GStreamer encodes on further ones.
 class MediaServer {
 public:
     /// Throws std::runtime_error with a sentence when GStreamer lacks something or the media file cannot be served.

@@ -4,8 +4,6 @@
 
 #include <gst/rtp/rtp.h>
 
-#include <chrono>
-
 namespace simulator
 {
 namespace
@@ -27,20 +25,12 @@ struct SimulatedMediaClass {
     GstRTSPMediaClass parent;
 };
 
-struct SimulatedFactory {
-    GstRTSPMediaFactory parent;
-};
-struct SimulatedFactoryClass {
-    GstRTSPMediaFactoryClass parent;
-};
-
 GstRTSPMediaClass* parentClass = nullptr;
-GstRTSPMediaFactoryClass* factoryParentClass = nullptr;
 
-/// The stream that a factory or one of its media belongs to.
-StreamActivity* streamOf(gpointer object)
+/// The stream that a medium belongs to.
+StreamActivity* streamOf(GstRTSPMedia* media)
 {
-    return static_cast<StreamActivity*>(g_object_get_data(G_OBJECT(object), streamKey));
+    return static_cast<StreamActivity*>(g_object_get_data(G_OBJECT(media), streamKey));
 }
 
 void countVideoPacket(StreamActivity& stream, GstBuffer* buffer)
@@ -107,27 +97,6 @@ void onPrepared(GstRTSPMedia* media, gpointer)
         countPackets(media, *stream);
 }
 
-void setTakingDown(StreamActivity& stream, bool takingDown)
-{
-    {
-        const std::lock_guard lock(stream.mutex);
-        stream.takingDown = takingDown;
-    }
-    stream.takenDown.notify_all();
-}
-
-void onTargetState(GstRTSPMedia* media, gint state, gpointer)
-{
-    if (state == GST_STATE_NULL)
-        setTakingDown(*streamOf(media), true);
-}
-
-/// Comes after the factory has forgotten the medium.
-void onUnprepared(GstRTSPMedia* media, gpointer)
-{
-    setTakingDown(*streamOf(media), false);
-}
-
 gboolean setupRtpbin(GstRTSPMedia* media, GstElement* rtpbin)
 {
     g_object_set(rtpbin, "ntp-time-source", ntpTimeSourceNtp, nullptr);
@@ -143,13 +112,6 @@ gboolean setupSdp(GstRTSPMedia* media, GstSDPMessage* sdp, GstSDPInfo* info)
     return parentClass->setup_sdp(media, sdp, info);
 }
 
-/// Comes right before the factory looks for a running medium.
-gchar* generateKey(GstRTSPMediaFactory* factory, const GstRTSPUrl* url)
-{
-    streamOf(factory)->waitForTakeDown();
-    return factoryParentClass->gen_key(factory, url);
-}
-
 void initialiseMediaClass(gpointer type, gpointer)
 {
     parentClass = GST_RTSP_MEDIA_CLASS(g_type_class_peek_parent(type));
@@ -158,25 +120,11 @@ void initialiseMediaClass(gpointer type, gpointer)
     mediaClass->setup_sdp = setupSdp;
 }
 
-void initialiseFactoryClass(gpointer type, gpointer)
-{
-    factoryParentClass = GST_RTSP_MEDIA_FACTORY_CLASS(g_type_class_peek_parent(type));
-    GST_RTSP_MEDIA_FACTORY_CLASS(type)->gen_key = generateKey;
-}
-
 GType simulatedMediaType()
 {
     static const GType type =
         g_type_register_static_simple(GST_TYPE_RTSP_MEDIA, "SimulatedMedia", sizeof(SimulatedMediaClass),
                                       initialiseMediaClass, sizeof(SimulatedMedia), nullptr, GTypeFlags{});
-    return type;
-}
-
-GType simulatedFactoryType()
-{
-    static const GType type =
-        g_type_register_static_simple(GST_TYPE_RTSP_MEDIA_FACTORY, "SimulatedFactory", sizeof(SimulatedFactoryClass),
-                                      initialiseFactoryClass, sizeof(SimulatedFactory), nullptr, GTypeFlags{});
     return type;
 }
 
@@ -188,17 +136,9 @@ void StreamActivity::clear()
         *counter = 0;
 }
 
-void StreamActivity::waitForTakeDown()
+GstRTSPMediaFactory* newSimulatedFactory()
 {
-    constexpr auto patience = std::chrono::seconds(3);
-    std::unique_lock lock(mutex);
-    takenDown.wait_for(lock, patience, [this] { return !takingDown; });
-}
-
-GstRTSPMediaFactory* newSimulatedFactory(StreamActivity& stream)
-{
-    auto* const factory = GST_RTSP_MEDIA_FACTORY(g_object_new(simulatedFactoryType(), nullptr));
-    g_object_set_data(G_OBJECT(factory), streamKey, &stream);
+    GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
     gst_rtsp_media_factory_set_media_gtype(factory, simulatedMediaType());
     return factory;
 }
@@ -208,8 +148,6 @@ void attach(GstRTSPMedia* media, StreamActivity& stream)
     stream.sending = false;
     g_object_set_data(G_OBJECT(media), streamKey, &stream);
     g_signal_connect(media, "prepared", G_CALLBACK(onPrepared), nullptr);
-    g_signal_connect(media, "target-state", G_CALLBACK(onTargetState), nullptr);
-    g_signal_connect_after(media, "unprepared", G_CALLBACK(onUnprepared), nullptr);
 }
 
 bool isSending(GstRTSPMedia* media)

@@ -5,9 +5,7 @@
 #include <gst/rtsp-server/rtsp-server.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 namespace simulator
@@ -27,19 +25,11 @@ struct StreamActivity {
     std::atomic<bool> inKeyFrame{false};  ///< the packets now passing belong to a key frame
 
     void clear();
-
-    /// The server refuses clients that come while it takes a medium down behind its last client. Waits until that is
-    /// done, no longer than a few seconds.
-    void waitForTakeDown();
-
-    std::mutex mutex;  ///< guards `takingDown`
-    std::condition_variable takenDown;
-    bool takingDown = false;
 };
 
-/// A factory for the media of one stream, which outlives it. In its media, sender reports carry the time of day,
-/// packets are counted, tracks that no client wants do no harm, and the description may be made to lack its tracks.
-GstRTSPMediaFactory* newSimulatedFactory(StreamActivity& stream);
+/// A factory of media in which sender reports carry the time of day, packets are counted, tracks that no client wants
+/// do no harm, and the description may be made to lack its tracks.
+GstRTSPMediaFactory* newSimulatedFactory();
 
 /// Ties a new medium to its stream, which outlives it.
 void attach(GstRTSPMedia* media, StreamActivity& stream);

@@ -1,6 +1,7 @@
 #include <utility>  // ahead of Asio, which forgets it
 
 #include "Programs.h"
+#include "RtspPeer.h"
 #include "SimulatorProcess.h"
 
 #include <boost/asio/io_context.hpp>
@@ -10,6 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <future>
+#include <thread>
+#include <vector>
 
 namespace simulator::test
 {
@@ -74,6 +78,48 @@ TEST(Lifecycle, endsWhileAnAnswerIsStillDelayed)
     EXPECT_EQ(waiting.read(std::chrono::milliseconds(200)), boost::asio::error::timed_out);
     simulator.process().signal(SIGTERM);
     EXPECT_EQ(simulator.waitForExit(), 0);
+}
+
+/// Plays, again and again, until the simulator has gone.
+void playToTheEnd(std::uint16_t port, const std::string& url, std::promise<void>& playing)
+{
+    bool told = false;
+    const auto tell = [&] {
+        if (!std::exchange(told, true))
+            playing.set_value();
+    };
+    try {
+        for (;;) {
+            RtspPeer peer(port);
+            peer.play(url, 1);
+            peer.nextFrame();
+            tell();
+        }
+    } catch (const std::exception&) {
+        tell();
+    }
+}
+
+TEST(Lifecycle, endsWhileRtspClientsComeAndGo)
+{
+    for (int round = 0; round < 8; ++round) {
+        SCOPED_TRACE(round);
+        SimulatorProcess simulator({"--auth", "none", "--no-audio", "--size", "320x240"});
+        const auto port = static_cast<std::uint16_t>(simulator.ready()["rtspPort"].asUInt());
+        const std::string url = simulator.rtspUrl("/media/video1", "");
+        RtspPeer staying(port);  // and never reading
+        staying.play(url, 1);
+        std::vector<std::thread> clients;
+        std::vector<std::promise<void>> playing(4);
+        for (std::promise<void>& plays : playing)
+            clients.emplace_back([&] { playToTheEnd(port, url, plays); });
+        for (std::promise<void>& plays : playing)
+            plays.get_future().wait();
+        simulator.process().signal(SIGTERM);
+        EXPECT_EQ(simulator.waitForExit(), 0) << simulator.process().errors();
+        for (std::thread& client : clients)
+            client.join();
+    }
 }
 
 TEST(Lifecycle, printsOneLineAndNoPassword)

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <ostream>
+#include <thread>
 
 namespace simulator::test
 {
@@ -194,6 +195,37 @@ TEST(Media, givesEachClientTheTracksItWants)
     constexpr std::uint8_t pcmuType = 0;
     EXPECT_EQ(frame->bytes.at(1) & 0x7f, pcmuType);
     EXPECT_TRUE(videoOnly.nextFrame());
+}
+
+/// Comes and goes again and again. Each time, a picture must arrive.
+void comeAndGo(const SimulatorProcess& simulator, const std::string& url, int times)
+{
+    for (int round = 0; round < times; ++round) {
+        SCOPED_TRACE(round);
+        RtspPeer peer(rtspPort(simulator));
+        ASSERT_NO_THROW({
+            ASSERT_EQ(peer.request("DESCRIBE", url).substr(0, 12), "RTSP/1.0 200");
+            peer.play(url, 1);
+            std::optional<RtspPeer::Frame> frame;
+            do {
+                frame = peer.nextFrame();
+                ASSERT_TRUE(frame);
+            } while (frame->channel != 0);
+            if (round % 3 != 0)
+                peer.request("TEARDOWN", url);
+        });
+    }
+}
+
+TEST(Media, reachesEveryClientHoweverQuicklyTheyComeAndGo)
+{
+    const SimulatorProcess simulator(small({"--auth", "none", "--no-audio"}));
+    const std::string url = simulator.rtspUrl("/media/video1", "");
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 4; ++i)
+        clients.emplace_back([&] { comeAndGo(simulator, url, 25); });
+    for (std::thread& client : clients)
+        client.join();
 }
 
 TEST(Media, countsTheFramesThatItSends)

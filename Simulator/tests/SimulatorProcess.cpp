@@ -42,6 +42,8 @@ SimulatorProcess::~SimulatorProcess()
 {
     child.closeInput();
     EXPECT_EQ(waitForExit(), 0) << child.errors();
+    // GLib's word for a call that should never have been made.
+    EXPECT_EQ(child.errors().find("CRITICAL"), std::string::npos) << child.errors();
 }
 
 ProgramResult SimulatorProcess::lapi(const std::string& path, const std::vector<std::string>& arguments) const

@@ -14,7 +14,7 @@ namespace simulator::test
 std::string simulatorProgram();
 
 /// The simulator, running on ports of its own until this object goes. Throws when it does not become ready; one that
-/// does not end by itself, with status 0, fails the test.
+/// does not end by itself, with status 0, or complains of itself fails the test.
 class SimulatorProcess {
 public:
     explicit SimulatorProcess(const std::vector<std::string>& arguments = {});
