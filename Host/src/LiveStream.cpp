@@ -5,6 +5,7 @@
 #include "ExitStatus.h"
 
 #include <Tavro8/ResultCode.h>
+#include <utility>
 
 namespace Host
 {
@@ -68,6 +69,7 @@ LiveStream::~LiveStream()
 
 void LiveStream::start()
 {
+    running = true;
     // Sound first, so that it is there when the first picture comes.
     if (audio != nullptr)
         audio->Start();
@@ -76,6 +78,8 @@ void LiveStream::start()
 
 void LiveStream::requestStop()
 {
+    if (!std::exchange(running, false))
+        return;
     video->Stop();
     if (audio != nullptr)
         audio->Stop();

@@ -33,7 +33,8 @@ public:
 
     void start();
 
-    /// Asks the sources to stop; several streams stop faster when all are asked first.
+    /// Asks the sources to stop if they run and were not asked before; several streams stop faster when all
+    /// are asked first.
     void requestStop();
 
     /// Waits until the sources have reported that they stopped; no frame follows.
@@ -52,5 +53,6 @@ private:
     MediaReceiver audioReceiver;
     Tavro8::GDRV::IVideoSource* video = nullptr;  // released with Destroy
     Tavro8::GDRV::IAudioSource* audio = nullptr;  // likewise; null without sound
+    bool running = false;                         // the sources were started and not yet asked to stop
 };
 }  // namespace Host
