@@ -16,6 +16,8 @@ namespace Host
 class DeviceAddress;
 class DeviceDescription;
 
+inline constexpr const char* passwordVariable = "KELVO_DEVICE_PASSWORD";
+
 /// The options that every command takes.
 struct CommonOptions {
     std::string device;
@@ -39,7 +41,7 @@ void describeCommonOptions(CLI::App& app, CommonOptions& options);
 std::string checkSeconds(const std::string& text, double least, double most);
 
 /// The device's address with the password from the address itself, from `--password-file` or from the
-/// environment variable KELVO_DEVICE_PASSWORD. Throws `Failure` (usage).
+/// environment variable `passwordVariable`. Throws `Failure` (usage).
 DeviceAddress deviceAddress(const CommonOptions& options);
 
 /// What the options and the model file say of the device. Throws `Failure` (usage).

@@ -1,6 +1,5 @@
 #include "Console.h"
 
-#include "DeviceAddress.h"
 #include "platform/Terminal.h"
 
 namespace Host
@@ -22,13 +21,38 @@ Console::~Console()
     clearProgress();
 }
 
+void Console::hide(std::string_view secret)
+{
+    const std::lock_guard lock(mutex);
+    secrets.add(secret);
+}
+
+void Console::hideIn(std::string_view argument)
+{
+    const std::lock_guard lock(mutex);
+    secrets.addFrom(argument);
+}
+
+std::string Console::masked(std::string_view text) const
+{
+    const std::lock_guard lock(mutex);
+    return secrets.mask(text);
+}
+
+void Console::foreignLine(std::string_view text) noexcept
+try {
+    // Known passwords first: the pattern cuts an address where its password holds a blank.
+    line(maskAddresses(masked(text)));
+} catch (...) {  // out of memory: a message less
+}
+
 void Console::line(std::string_view text) noexcept
 try {
-    const std::string masked = maskPasswords(text) + '\n';
     const std::lock_guard lock(mutex);
+    const std::string shown = secrets.mask(text) + '\n';
     if (!shownProgress.empty())
         put(stream, eraseLine);
-    put(stream, masked);
+    put(stream, shown);
     put(stream, shownProgress);
     std::fflush(stream);
 } catch (...) {  // out of memory: a message less
@@ -42,7 +66,7 @@ try {
     if (text.empty() && shownProgress.empty())
         return;
     // A line as wide as the terminal would wrap on some of them.
-    shownProgress = text.substr(0, terminalWidth(stream) - 1);
+    shownProgress = secrets.mask(text).substr(0, terminalWidth(stream) - 1);
     put(stream, eraseLine);
     put(stream, shownProgress);
     std::fflush(stream);

@@ -40,7 +40,7 @@ try {
     text.append(" ").append(severityText(severity)).append(" ");
     if (function != nullptr && *function != '\0')
         text.append(function).append(": ");
-    console.line(text.append(message != nullptr ? message : ""));
+    console.foreignLine(text.append(message != nullptr ? message : ""));
 } catch (...) {  // out of memory: a log line less
 }
 }  // namespace Host

@@ -1,51 +1,44 @@
 #include "DeviceAddress.h"
 
+#include "PercentEncoding.h"
+#include "Secrets.h"
+
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
+#include <cstdint>
 
 namespace Host
 {
 namespace
 {
 constexpr std::string_view schemeMark = "://";
-constexpr std::string_view stars = "***";
 
-/// RFC 3986 section 2.3: characters that never need encoding.
-bool isUnreserved(char c) noexcept
+bool isPort(std::string_view text) noexcept
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-           c == '_' || c == '~';
+    std::uint16_t port = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, port);
+    return error == std::errc{} && stop == end && port != 0;
 }
 
-std::string percentEncode(std::string_view plain)
+/// An IPv6 address without brackets, which leaves no room for a port (RFC 4291 section 2.2). Counts the groups,
+/// because "fee:dad:cafe" may as well be a user and a password.
+bool isBareIpv6(std::string_view host) noexcept
 {
-    constexpr char digits[] = "0123456789ABCDEF";
-    std::string encoded;
-    for (const char c : plain) {
-        if (isUnreserved(c)) {
-            encoded += c;
-        } else {
-            const auto byte = static_cast<unsigned char>(c);
-            encoded += {'%', digits[byte >> 4U], digits[byte & 15U]};
-        }
-    }
-    return encoded;
+    host = host.substr(0, host.find('%'));  // the zone
+    const auto colons = std::count(host.begin(), host.end(), ':');
+    const bool embedsIpv4 = host.find('.') != std::string_view::npos;
+    return host.find_first_not_of("0123456789abcdefABCDEF:.") == std::string_view::npos &&
+           (host.find("::") != std::string_view::npos || colons == (embedsIpv4 ? 6 : 7));
 }
 
-bool endsWord(char c) noexcept
+/// Where the colon in front of the port stands in `authority`; npos when there is none.
+std::size_t portColon(std::string_view authority) noexcept
 {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '"' || c == '\'' || c == '<' || c == '>';
-}
-
-std::string maskWord(std::string_view word)
-{
-    const std::size_t at = word.rfind('@');
-    const std::size_t mark = word.find(schemeMark);
-    const std::size_t begin = mark < at ? mark + schemeMark.size() : 0;
-    const std::size_t colon = word.find(':', begin);
-    if (at == std::string_view::npos || colon >= at)
-        return std::string(word);
-    return std::string(word.substr(0, colon + 1)).append(stars).append(word.substr(at));
+    if (authority.starts_with('['))
+        return authority.find(':', std::min(authority.find(']'), authority.size()));
+    return isBareIpv6(authority) ? std::string_view::npos : authority.find(':');
 }
 }  // namespace
 
@@ -66,6 +59,20 @@ DeviceAddress::DeviceAddress(std::string_view text)
         text.remove_prefix(at + 1);
     }
     rest = text;
+    readPort();
+}
+
+void DeviceAddress::readPort()
+{
+    const std::string_view whole = rest;
+    const std::string_view authority = whole.substr(0, whole.find_first_of("/?#"));
+    shownRest = authority;
+    const std::size_t colon = portColon(authority);
+    usablePort = colon == std::string_view::npos || isPort(authority.substr(colon + 1));
+    if (usablePort)
+        return;
+    misplaced = whole.substr(colon + 1);  // a password may go on behind a '/'
+    shownRest = std::string(authority.substr(0, colon + 1)).append(maskedPassword);
 }
 
 void DeviceAddress::setPassword(std::string_view plain)
@@ -74,48 +81,33 @@ void DeviceAddress::setPassword(std::string_view plain)
     passwordGiven = true;
 }
 
-std::string DeviceAddress::build(std::string_view shownPassword) const
+std::string DeviceAddress::front(std::string_view shownPassword) const
 {
     std::string text = scheme + user;
     if (passwordGiven)
         text.append(":").append(shownPassword);
     if (passwordGiven || hasUser())
         text += '@';
-    return text + rest;
+    return text;
 }
 
 std::string DeviceAddress::complete() const
 {
-    return build(password);
+    return front(password) + rest;
 }
 
 std::string DeviceAddress::masked() const
 {
-    return build(stars);
+    return front(maskedPassword) + shownRest;
 }
 
 std::string DeviceAddress::hostName() const
 {
-    const std::string authority = rest.substr(0, rest.find('/'));
+    const std::string authority = rest.substr(0, rest.find_first_of("/?#"));
     if (authority.starts_with('['))
         return authority.substr(0, authority.find(']') + 1);
     if (std::count(authority.begin(), authority.end(), ':') > 1)
         return '[' + authority + ']';
     return authority.substr(0, authority.find(':'));
-}
-
-std::string maskPasswords(std::string_view text)
-{
-    std::string masked;
-    while (!text.empty()) {
-        const auto end = std::find_if(text.begin(), text.end(), endsWord);
-        const auto length = static_cast<std::size_t>(end - text.begin());
-        masked += maskWord(text.substr(0, length));
-        text.remove_prefix(length);
-        const std::size_t separators = std::min<std::size_t>(text.size(), 1);
-        masked.append(text.substr(0, separators));
-        text.remove_prefix(separators);
-    }
-    return masked;
 }
 }  // namespace Host

@@ -16,24 +16,32 @@ public:
     bool hasUser() const noexcept { return !user.empty(); }
     bool hasPassword() const noexcept { return passwordGiven; }
 
+    /// As written, or percent-encoded by `setPassword`.
+    const std::string& getPassword() const noexcept { return password; }
+
+    /// What stands where the port belongs but is no number from 1 to 65535; empty when all is well. Most likely
+    /// a password whose "@host" was forgotten, so it is not shown.
+    const std::string& getMisplaced() const noexcept { return misplaced; }
+    bool hasUsablePort() const noexcept { return usablePort; }
+
     /// Takes `plain` as the password; it is percent-encoded.
     void setPassword(std::string_view plain);
 
     std::string complete() const;  ///< with the password: for `IDevice::Open` and nothing else
-    std::string masked() const;    ///< for people: three stars in place of the password
+    std::string masked() const;    ///< for people: stars in place of the password, and no path
     std::string hostName() const;  ///< host without port, an IPv6 address in brackets
 
 private:
-    std::string build(std::string_view shownPassword) const;
+    std::string front(std::string_view shownPassword) const;
+    void readPort();
 
-    std::string scheme;    ///< with "://", or empty
-    std::string user;      ///< as written, perhaps percent-encoded
-    std::string password;  ///< as written, or percent-encoded by `setPassword`
-    std::string rest;      ///< host, port and whatever follows
+    std::string scheme;  ///< with "://", or empty
+    std::string user;    ///< as written, perhaps percent-encoded
+    std::string password;
+    std::string rest;       ///< host, port and whatever follows
+    std::string shownRest;  ///< what of it may be shown
+    std::string misplaced;
     bool passwordGiven = false;
+    bool usablePort = true;
 };
-
-/// Replaces the password in everything in `text` that looks like an address with one. For texts that come
-/// from elsewhere: messages of the option parser, log lines, reasons of the system.
-std::string maskPasswords(std::string_view text);
 }  // namespace Host

@@ -1,6 +1,7 @@
 #include "Program.h"
 
 #include "Console.h"
+#include "DeviceAddress.h"
 #include "Output.h"
 #include "commands/Command.h"
 #include "media/Ffmpeg.h"
@@ -9,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 namespace Host
@@ -64,6 +66,42 @@ Command& chosenCommand(const CLI::App& app, const std::vector<std::unique_ptr<Co
     throw CLI::ValidationError("name a command: " + names);
 }
 
+/// From here on no password that the user has given appears anywhere.
+void hidePasswords(Console& console, int argc, const char* const* argv)
+{
+    for (int i = 1; i < argc; ++i)
+        console.hideIn(argv[i]);
+    if (const char* variable = std::getenv(passwordVariable))
+        console.hide(variable);
+}
+
+/// A word that nobody expected, so that anything may be in it, a password above all.
+std::string shownStray(const std::string& word)
+{
+    if (word.starts_with("--"))
+        return word.substr(0, word.find('='));
+    if (word.starts_with('-'))
+        return word.substr(0, 2);
+    const DeviceAddress address(word);
+    // "secret@host" is what a blank leaves of an address that was not quoted.
+    if (const std::size_t at = word.rfind('@'); at != std::string::npos && !address.hasPassword())
+        return std::string(maskedPassword) + word.substr(at);
+    return address.hasPassword() || !address.hasUsablePort() ? address.masked() : word;
+}
+
+/// The parser's own sentence repeats the words as they are.
+std::string sentenceAboutStrays(const CLI::App& app)
+{
+    std::string shown;
+    bool valueFollows = false;  // an unknown option may have a value, which may be a password
+    for (const std::string& word : app.remaining(true)) {
+        if (!valueFollows || word.starts_with('-'))
+            shown.append(shown.empty() ? "" : " ").append(shownStray(word));
+        valueFollows = word.starts_with('-');
+    }
+    return "not understood: " + shown;
+}
+
 /// Help and version are successes that the parser reports like failures.
 ExitStatus explainParseError(const CLI::App& app, const CLI::ParseError& error, Console& console)
 {
@@ -71,7 +109,8 @@ ExitStatus explainParseError(const CLI::App& app, const CLI::ParseError& error, 
         app.exit(error);
         return ExitStatus::done;
     }
-    console.line(std::string("kelvo-host: ") + error.what());
+    const bool strays = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
+    console.foreignLine("kelvo-host: " + (strays ? sentenceAboutStrays(app) : std::string(error.what())));
     console.line("`kelvo-host --help` tells how it is used.");
     return ExitStatus::usage;
 }
@@ -91,7 +130,7 @@ ExitStatus runCommand(Command& command, const CommonOptions& options, Console& c
         return failure.getStatus();
     } catch (const std::exception& e) {
         console.clearProgress();
-        console.line(std::string("kelvo-host: unexpected failure: ") + e.what());
+        console.foreignLine(std::string("kelvo-host: unexpected failure: ") + e.what());
         return ExitStatus::failed;
     }
 }
@@ -99,6 +138,7 @@ ExitStatus runCommand(Command& command, const CommonOptions& options, Console& c
 ExitStatus run(int argc, const char* const* argv)
 {
     Console console(stderr);
+    hidePasswords(console, argc, argv);
     const auto commands = makeCommands();
     CommonOptions options;
     CLI::App app;

@@ -146,6 +146,16 @@ TEST_F(Info, printsNoPasswordEvenWhenItLogsEverything)
     }
 }
 
+TEST_F(Info, printsNoPasswordFromAFile)
+{
+    const std::string file = (directory / "password").string();
+    std::ofstream(file) << "top it's \"geheim\"";
+    const ChildProcess& host =
+        run({"--log-level", "debug", "--device", "http://admin@refusing", "--password-file", file, "info"});
+    EXPECT_EQ(status, 3);
+    EXPECT_THAT(host.getAll(), Not(HasSubstr("geheim")));
+}
+
 TEST_F(Info, endsWhenInterruptedWhileItConnects)
 {
     ChildProcess& host = start({"--device", "silent", "--timeout", "60", "--log-level", "debug", "info"});

@@ -17,6 +17,12 @@ std::string nameOf(const DeviceAddress& address, std::size_t index, std::size_t 
 {
     return count == 1 ? address.masked() : address.masked() + " #" + std::to_string(index);
 }
+DeviceAddress addressHiddenFrom(Console& console, const CommonOptions& options)
+{
+    DeviceAddress address = deviceAddress(options);
+    console.hide(address.getPassword());  // also one that was read from a file
+    return address;
+}
 }  // namespace
 
 HostedModule::HostedModule(const Surroundings& surroundings)
@@ -32,7 +38,7 @@ ConnectedDevices::Sessions::~Sessions()
 }
 
 ConnectedDevices::ConnectedDevices(const Surroundings& surroundings, std::size_t count)
-    : address(deviceAddress(surroundings.options)),
+    : address(addressHiddenFrom(surroundings.console, surroundings.options)),
       description(deviceDescription(surroundings.options)),
       module(surroundings)
 {
