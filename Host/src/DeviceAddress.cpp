@@ -13,6 +13,7 @@ namespace Host
 namespace
 {
 constexpr std::string_view schemeMark = "://";
+constexpr std::string_view blanks = " \t\r\n";  // copied along with an address
 
 bool isPort(std::string_view text) noexcept
 {
@@ -44,6 +45,8 @@ std::size_t portColon(std::string_view authority) noexcept
 
 DeviceAddress::DeviceAddress(std::string_view text)
 {
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    text = text.substr(0, text.find_last_not_of(blanks) + 1);
     const std::size_t mark = text.find(schemeMark);
     if (mark != std::string_view::npos && mark == text.find_first_of("@:/")) {
         scheme = text.substr(0, mark + schemeMark.size());

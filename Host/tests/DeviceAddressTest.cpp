@@ -69,8 +69,9 @@ TEST(DeviceAddress, showsNothingThatStandsWhereThePortBelongs)
 
 TEST(DeviceAddress, takesEveryPortThatThereIs)
 {
-    for (const char* text : {"camera", "camera:1", "http://a:b@camera:65535/path", "[2001:db8::1]:80", "[::1]", "::1",
-                             "2001:db8::1%eth0", "1:2:3:4:5:6:7:8", "1:2:3:4:5:6:192.0.2.1", ""}) {
+    for (const char* text :
+         {"camera", "camera:1", "http://a:b@camera:65535/path", "[2001:db8::1]:80", "[::1]", "::1", "2001:db8::1%eth0",
+          "1:2:3:4:5:6:7:8", "1:2:3:4:5:6:192.0.2.1", " camera:80 \r\n", " ", ""}) {
         SCOPED_TRACE(text);
         EXPECT_TRUE(DeviceAddress(text).hasUsablePort());
         EXPECT_EQ(DeviceAddress(text).getMisplaced(), "");
