@@ -19,11 +19,12 @@ std::shared_ptr<ConnectionInfo> refuse(std::string* reason, const char* why)
 std::shared_ptr<ConnectionInfo> parseConnectionInfo(const std::string& address, std::string* reason)
 {
     wire::UrlResult parsed = wire::parseUrl(address, "http");
+    wire::Url& url = parsed.url;
+    const bool otherScheme = parsed && url.scheme != "http" && url.scheme != "https";
+    if (parsed.error == wire::UrlError::unknownScheme || otherScheme)
+        return refuse(reason, "The address does not begin with http:// or https://.");
     if (!parsed)
         return refuse(reason, wire::describe(parsed.error));
-    wire::Url& url = parsed.url;
-    if (url.scheme != "http" && url.scheme != "https")
-        return refuse(reason, "The address does not begin with http:// or https://.");
 
     auto info = std::make_shared<ConnectionInfo>();
     info->port = url.effectivePort();

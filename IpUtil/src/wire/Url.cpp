@@ -150,7 +150,7 @@ const char* describe(UrlError error) noexcept
     case UrlError::blankInside:
         return "The address holds a blank or a control character.";
     case UrlError::unknownScheme:
-        return "The address does not begin with http://, https://, rtsp:// or rtsps://.";
+        return "The address begins with a scheme that is not known.";
     case UrlError::emptyHost:
         return "The address names no host.";
     case UrlError::badHost:

@@ -4,6 +4,11 @@
 
 namespace Tavro8::wire
 {
+TEST(Url, describesAnUnknownSchemeWithoutAdviceThatTheCallerMayRefuse)
+{
+    EXPECT_STREQ(describe(UrlError::unknownScheme), "The address begins with a scheme that is not known.");
+}
+
 TEST(Url, readsEveryForm)
 {
     const struct {
