@@ -39,8 +39,12 @@ const char* whatToCheck(std::int32_t result) noexcept
 
 std::string failureSentence(const std::string& what, std::int32_t result)
 {
-    return what + ": " + Tavro8::describeResult(result) + " (result " + std::to_string(result) + ")" +
-           whatToCheck(result);
+    return reasonSentence(what, result) + whatToCheck(result);
+}
+
+std::string reasonSentence(const std::string& what, std::int32_t result)
+{
+    return what + ": " + Tavro8::describeResult(result) + " (result " + std::to_string(result) + ")";
 }
 
 DeviceSession::DeviceSession(GDRV::IModule& module, const GDRV::IDeviceDescription& description,
@@ -49,7 +53,7 @@ DeviceSession::DeviceSession(GDRV::IModule& module, const GDRV::IDeviceDescripti
 {
     const std::int32_t result = module.CreateDevice(&description, this, &device);
     if (result != Tavro8::toResult(ResultCode::success) || device == nullptr)
-        throw Failure(ExitStatus::failed, failureSentence("the module made no device", result));
+        throw Failure(ExitStatus::failed, failureSentence("the module made no device", result), result);
 }
 
 DeviceSession::~DeviceSession()
@@ -72,7 +76,8 @@ void DeviceSession::open(const DeviceAddress& address)
 {
     const std::int32_t result = device->Open(address.complete().c_str());
     if (result != Tavro8::toResult(ResultCode::success))
-        throw Failure(ExitStatus::refused, failureSentence("could not connect to " + surroundings.name, result));
+        throw Failure(ExitStatus::refused, failureSentence("could not connect to " + surroundings.name, result),
+                      result);
     opened = true;
 }
 
@@ -87,7 +92,7 @@ void DeviceSession::awaitConnection(const std::stop_token& interrupted, Monitor:
     if (interrupted.stop_requested())
         throw Failure(ExitStatus::interrupted, "interrupted");
     if (result)
-        throw Failure(ExitStatus::refused, failureSentence(what, *result));
+        throw Failure(ExitStatus::refused, failureSentence(what, *result), result);
     throw Failure(ExitStatus::refused, what + ": no answer in time; check the address, or allow more with --timeout");
 }
 
@@ -96,12 +101,12 @@ GDRV::IDeviceInformation* DeviceSession::getInformation() const noexcept
     return Tavro8::queryContract<GDRV::IDeviceInformation>(device);
 }
 
-std::string DeviceSession::describeTrouble() const
+std::optional<std::int32_t> DeviceSession::getTrouble() const
 {
     const auto [up, result] = surroundings.monitor.read([this] { return std::pair(connected, failure); });
     if (up)
         return {};
-    return result ? Tavro8::describeResult(*result) : "the device is not connected";
+    return result.value_or(Tavro8::toResult(ResultCode::invalidState));
 }
 
 void* DeviceSession::FindContract(const char* name) noexcept

@@ -48,8 +48,8 @@ public:
     /// Null when the module does not tell.
     Tavro8::GDRV::IDeviceInformation* getInformation() const noexcept;
 
-    /// Why the device is not connected at the moment; empty while it is.
-    std::string describeTrouble() const;
+    /// The result that tells why the device is not connected at the moment; none while it is.
+    std::optional<std::int32_t> getTrouble() const;
 
     void* FindContract(const char* name) noexcept override;
 
@@ -71,6 +71,9 @@ private:
     std::optional<std::int32_t> failure;  // of the last attempt
 };
 
-/// A sentence about a failed operation: `what`, the reason, its number, and what to check if that helps.
+/// A sentence about something that failed: `what`, the reason and its number.
+std::string reasonSentence(const std::string& what, std::int32_t result);
+
+/// The same for a failed connection or call, with what to check if that helps.
 std::string failureSentence(const std::string& what, std::int32_t result);
 }  // namespace Host

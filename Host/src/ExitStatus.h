@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -17,11 +19,16 @@ enum class ExitStatus : int {
 /// Ends a command: `what()` is the sentence for the user, who never sees anything else of the failure.
 class Failure : public std::runtime_error {
 public:
-    Failure(ExitStatus exitStatus, const std::string& sentence) : std::runtime_error(sentence), status(exitStatus) {}
+    /// `moduleResult`: the result of the module that is the reason, when there is one.
+    Failure(ExitStatus exitStatus, const std::string& sentence, std::optional<std::int32_t> moduleResult = {})
+        : std::runtime_error(sentence), status(exitStatus), result(moduleResult)
+    {}
 
     ExitStatus getStatus() const noexcept { return status; }
+    std::optional<std::int32_t> getResult() const noexcept { return result; }
 
 private:
     ExitStatus status;
+    std::optional<std::int32_t> result;
 };
 }  // namespace Host

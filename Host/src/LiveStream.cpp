@@ -44,9 +44,11 @@ void LiveStream::createVideo(GDRV::IDevice& device, const Request& request)
         device.CreateVideoSource(request.channel, request.stream, videoReceiver.getChannelHandler(),
                                  videoReceiver.getFrameHandler(), parametersOf(request), nullptr, &video);
     if (!succeeded(result) || video == nullptr)
-        throw Failure(ExitStatus::failed, failureSentence("channel " + std::to_string(request.channel) + " stream " +
-                                                              std::to_string(request.stream) + " cannot be received",
-                                                          result));
+        throw Failure(ExitStatus::failed,
+                      failureSentence("channel " + std::to_string(request.channel) + " stream " +
+                                          std::to_string(request.stream) + " cannot be received",
+                                      result),
+                      result);
 }
 
 void LiveStream::createAudio(GDRV::IDevice& device, const Request& request)

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <json/value.h>
 
 namespace Host
 {
@@ -35,7 +36,10 @@ Exit status:
   2    the command line cannot be used
   3    the device is unreachable or refused the connection
   4    the operation failed
-  130  interrupted; files are complete. A second Ctrl-C ends at once)";
+  130  interrupted; files are complete. A second Ctrl-C ends at once
+
+With --json, a command that ends with 3 or 4 tells why in its last event, `failure`: `message` is the sentence that
+standard error has too, `code` the result of the module, left out when the failure is the host's own.)";
 
 /// The parser with the options of all commands; what they fill must outlive it.
 void describe(CLI::App& app, CommonOptions& options, const std::vector<std::unique_ptr<Command>>& commands)
@@ -115,6 +119,21 @@ ExitStatus explainParseError(const CLI::App& app, const CLI::ParseError& error, 
     return ExitStatus::usage;
 }
 
+/// For people the sentence, for programs the event too.
+ExitStatus report(const Failure& failure, Console& console, Output& output)
+{
+    console.clearProgress();
+    console.line(std::string("kelvo-host: ") + failure.what());
+    if (failure.getStatus() == ExitStatus::refused || failure.getStatus() == ExitStatus::failed) {
+        Json::Value fields(Json::objectValue);
+        if (failure.getResult())
+            fields["code"] = *failure.getResult();
+        fields["message"] = console.masked(failure.what());
+        output.event("failure", fields, {});
+    }
+    return failure.getStatus();
+}
+
 ExitStatus runCommand(Command& command, const CommonOptions& options, Console& console, const Interrupt& interrupt)
 {
     Output output(std::cout, options.json, isTerminal(stdout) ? &console : nullptr);
@@ -125,13 +144,10 @@ ExitStatus runCommand(Command& command, const CommonOptions& options, Console& c
             return status;
         throw Failure(ExitStatus::failed, "the results cannot be written to standard output");
     } catch (const Failure& failure) {
-        console.clearProgress();
-        console.line(std::string("kelvo-host: ") + failure.what());
-        return failure.getStatus();
+        return report(failure, console, output);
     } catch (const std::exception& e) {
-        console.clearProgress();
-        console.foreignLine(std::string("kelvo-host: unexpected failure: ") + e.what());
-        return ExitStatus::failed;
+        const std::string reason = maskAddresses(console.masked(e.what()));
+        return report(Failure(ExitStatus::failed, "unexpected failure: " + reason), console, output);
     }
 }
 

@@ -1,15 +1,18 @@
 #include "StreamReport.h"
 
+#include "DeviceSession.h"
 #include "Output.h"
 #include "PathText.h"
 #include "TimeText.h"
 #include "media/MediaNames.h"
 
+#include <Tavro8/ResultCode.h>
 #include <algorithm>
 #include <json/value.h>
 
 namespace Host
 {
+using Tavro8::ResultCode;
 using Tavro8::GDRV::MediaFrame;
 using Tavro8::GDRV::StreamStatistics;
 namespace
@@ -57,6 +60,23 @@ std::string pictureLine(const StreamSummary& summary)
     return line + '\n';
 }
 
+const char* whatToCheck(std::int32_t state) noexcept
+{
+    switch (static_cast<ResultCode>(state)) {
+    case ResultCode::success:
+    case ResultCode::resourceNotFound:
+    case ResultCode::requestRejected:
+    case ResultCode::noSuchStream:
+    case ResultCode::streamRefused:
+        return "; check that the device has this channel and stream and that it is enabled";
+    case ResultCode::deviceUnreachable:
+    case ResultCode::timedOut:
+        return "; check that the device's RTSP port can be reached";
+    default:
+        return "";
+    }
+}
+
 std::string readableSummary(const StreamSummary& summary)
 {
     std::string text = pictureLine(summary);
@@ -64,7 +84,7 @@ std::string readableSummary(const StreamSummary& summary)
         text += "Sound     " + std::string(codecName(summary.audio->codec)) + ", " +
                 std::to_string(summary.audio->frames) + " frames\n";
     else if (summary.audio)
-        text += "Sound     none arrived\n";
+        text += silenceReason("Sound     none arrived", summary.audio->streamState) + '\n';
     if (summary.droppedFrames > 0)
         text += "Dropped   " + std::to_string(summary.droppedFrames) + " frames, because writing did not keep up\n";
     text += "Load      " + decimalText(summary.cpuSeconds, 2) + " s of CPU, " +
@@ -88,6 +108,11 @@ void addFiles(Json::Value& fields, const StreamSummary& summary)
 }
 }  // namespace
 
+std::string silenceReason(const std::string& what, std::int32_t state)
+{
+    return (state == 0 ? what : reasonSentence(what, state)) + whatToCheck(state);
+}
+
 ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams)
 {
     ReceivedMedia sum;
@@ -99,6 +124,8 @@ ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams)
             sum.width = one.width;
             sum.height = one.height;
         }
+        if (one.frames == 0 && sum.streamState == 0)
+            sum.streamState = one.streamState;
         sum.frames += one.frames;
         sum.keyFrames += one.keyFrames;
         sum.bytes += one.bytes;

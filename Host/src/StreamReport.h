@@ -15,8 +15,13 @@ class Output;
 
 /// What a receiving command has to tell, in the words and members that are the same for live and recorded media.
 
-/// The received media of several streams, counted together; format and size are the first stream's.
+/// The received media of several streams, counted together; format and size are the first stream's, and the
+/// state is that of the first from which nothing came.
 ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams);
+
+/// A sentence about a stream from which nothing came: `what`, the reason that the stream's `state` tells, and
+/// what to check. 0, a stream that plays, is no reason.
+std::string silenceReason(const std::string& what, std::int32_t state);
 
 /// Writes the event `statistics`. It has no readable form: people watch the progress line.
 void reportStatistics(Output& output, const ReceivedMedia& video);

@@ -147,11 +147,47 @@ TEST_F(Live, saysWhenNoPictureArrives)
     EXPECT_FALSE(std::filesystem::exists(file("a.mp4")));
 }
 
+TEST_F(Live, saysWhyNoPictureArrives)
+{
+    const std::string reason = "no picture arrived in time: the device refused the stream (result 1025)";
+    const ChildProcess& host = run({"--json", "--device", "barred", "live", "--timeout", "0.1"});
+    EXPECT_EQ(status, 4);
+    EXPECT_THAT(host.getErrors(), HasSubstr(reason));
+    const Json::Value failure = host.getEvent("failure");
+    EXPECT_EQ(failure["code"], 1025);
+    EXPECT_THAT(failure["message"].asString(), HasSubstr(reason));
+}
+
+TEST_F(Live, saysOnHowManyStreamsNoPictureArrives)
+{
+    const ChildProcess& host = run({"--device", "barred", "live", "--timeout", "0.1", "--count", "3"});
+    EXPECT_EQ(status, 4);
+    EXPECT_THAT(host.getErrors(),
+                HasSubstr("no picture arrived in time on 3 of 3 streams: the device refused the stream"));
+}
+
+TEST_F(Live, tellsAFailureOfItsOwnWithoutACode)
+{
+    const ChildProcess& host = run({"--json", "--device", "dark", "live", "--timeout", "0.1"});
+    EXPECT_EQ(status, 4);
+    const Json::Value failure = host.getEvent("failure");
+    EXPECT_THAT(failure["message"].asString(), HasSubstr("no picture arrived in time"));
+    EXPECT_FALSE(failure.isMember("code"));
+}
+
+TEST_F(Live, saysWhyNoSoundArrives)
+{
+    const ChildProcess& host = run({"--device", "voiceless", "live", "--seconds", "0.2", "--audio"});
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(host.getOutput(), HasSubstr("none arrived: the device offers no such stream (result 1024)"));
+}
+
 TEST_F(Live, saysWhenThereIsNoSuchChannel)
 {
-    const ChildProcess& host = run({"--device", "camera", "live", "--channel", "1"});
+    const ChildProcess& host = run({"--json", "--device", "camera", "live", "--channel", "1"});
     EXPECT_EQ(status, 4);
     EXPECT_THAT(host.getErrors(), HasSubstr("channel 1 stream 0 cannot be received"));
+    EXPECT_EQ(host.getEvent("failure")["code"], 7);
 }
 
 TEST_F(Live, saysAtOnceThatAFileCannotBeWritten)

@@ -111,19 +111,19 @@ private:
         firstFrame = received().firstFrame;
         if (ready || surroundings.interrupted.stop_requested())
             return;
-        throw Failure(ExitStatus::failed, silenceSentence());
+        throw silence();
     }
 
-    std::string silenceSentence() const
+    Failure silence() const
     {
-        const std::string which = streams.size() == 1 ? std::string("no picture arrived")
-                                                      : "no picture arrived on " + std::to_string(silentStreams()) +
-                                                            " of " + std::to_string(streams.size()) + " streams";
-        const std::string trouble = devices.getFirst().describeTrouble();
-        return which + " in time; " +
-               (trouble.empty() ? "check that the device has this channel and stream and that it is enabled; the log "
-                                  "(--log-level info) may say more"
-                                : trouble);
+        std::string what = "no picture arrived in time";
+        if (streams.size() > 1)
+            what += " on " + std::to_string(silentStreams()) + " of " + std::to_string(streams.size()) + " streams";
+        // What a stream tells is nearer to the point than the state of its device.
+        std::int32_t reason = received().streamState;
+        if (reason == 0)
+            reason = devices.getFirst().getTrouble().value_or(0);
+        return {ExitStatus::failed, silenceReason(what, reason), reason == 0 ? std::nullopt : std::optional(reason)};
     }
 
     /// Reports until the time is over, the user interrupts or the recorder fails.

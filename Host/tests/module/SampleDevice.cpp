@@ -82,7 +82,8 @@ void SampleDevice::Close() noexcept
 
 std::int32_t SampleDevice::resultOfAttempt()
 {
-    const char* const working[] = {"camera", "recorder", "multichannel", "dark", "mute", "growing", "flaky", "stuck"};
+    const char* const working[] = {"camera", "recorder",  "multichannel", "dark",  "barred",
+                                   "mute",   "voiceless", "growing",      "flaky", "stuck"};
     const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
     const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
     const bool atLast = hostName == "late" && attempts > 2;
@@ -133,8 +134,9 @@ std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_
         return toResult(ResultCode::notFound);
     return create(source, [&] {
         auto produce = hostName == "dark" ? nothing() : testPicture(hostName == "growing");
+        const auto state = hostName == "barred" ? ResultCode::streamRefused : ResultCode::success;
         return new Source<GDRV::IVideoSource>(
-            channel, std::make_shared<Stream>(*loop, channelHandler, frames, std::move(produce)));
+            channel, std::make_shared<Stream>(*loop, channelHandler, frames, std::move(produce), toResult(state)));
     });
 }
 
@@ -145,8 +147,11 @@ std::int32_t SampleDevice::CreateAudioSource(std::uint32_t channel, GDRV::IAsync
     if (hostName == "mute")
         return notSupported(source);
     return create(source, [&] {
-        return new Source<GDRV::IAudioSource>(channel,
-                                              std::make_shared<Stream>(*loop, channelHandler, frames, testTone()));
+        const auto state = hostName == "barred"      ? ResultCode::streamRefused
+                           : hostName == "voiceless" ? ResultCode::noSuchStream
+                                                     : ResultCode::success;
+        return new Source<GDRV::IAudioSource>(
+            channel, std::make_shared<Stream>(*loop, channelHandler, frames, testTone(), toResult(state)));
     });
 }
 

@@ -18,7 +18,9 @@ namespace Sample
 /// | late | the first two attempts fail, the third connects |
 /// | silent | never answers |
 /// | dark | connects but sends nothing |
+/// | barred | connects but refuses every stream, with 1025 |
 /// | mute | connects; makes no audio source |
+/// | voiceless | sends a test picture; its sound is refused with 1024 |
 /// | growing | the picture becomes larger after a second |
 /// | stuck | works, but never reports that it was closed |
 /// | flaky | the connection is lost and comes back while the pictures go on |

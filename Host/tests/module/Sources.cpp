@@ -23,7 +23,17 @@ void Stream::start(Tavro8::IContract* asSource)
     source = asSource;
     if (handler != nullptr)
         handler->Started(source);
-    loop.post(this, [self = shared_from_this(), run = ++runs] { self->tick(run, Clock::now()); });
+    loop.post(this, [self = shared_from_this(), run = ++runs] { self->begin(run); });
+}
+
+void Stream::begin(unsigned run)
+{
+    if (run != runs)
+        return;
+    if (state == 0)
+        loop.post(this, [self = shared_from_this(), run] { self->tick(run, Clock::now()); });
+    if (frames != nullptr)
+        frames->OnStreamState(source, state);
 }
 
 void Stream::stop()

@@ -18,9 +18,14 @@ public:
     /// Fills in frame number `index`; the second part is its payload.
     using Produce = std::function<std::vector<std::uint8_t>(std::uint64_t index, Tavro8::GDRV::MediaFrame& frame)>;
 
+    /// `streamState`: what the host is told of the stream; unless it is 0, no frame comes.
     Stream(Loop& deviceLoop, Tavro8::GDRV::IAsyncDeviceChannelHandler* channelHandler,
-           Tavro8::GDRV::IMediaFrameHandler* frameHandler, Produce produceFrame)
-        : loop(deviceLoop), handler(channelHandler), frames(frameHandler), produce(std::move(produceFrame))
+           Tavro8::GDRV::IMediaFrameHandler* frameHandler, Produce produceFrame, std::int32_t streamState)
+        : loop(deviceLoop),
+          handler(channelHandler),
+          frames(frameHandler),
+          produce(std::move(produceFrame)),
+          state(streamState)
     {}
 
     void start(Tavro8::IContract* asSource);
@@ -30,6 +35,7 @@ public:
 private:
     using Clock = Loop::Clock;
 
+    void begin(unsigned run);
     void tick(unsigned run, Clock::time_point due);
     void deliver(const Tavro8::GDRV::MediaFrame& frame, std::size_t bytes);
 
@@ -37,6 +43,7 @@ private:
     Tavro8::GDRV::IAsyncDeviceChannelHandler* const handler;  // the host's, may be null
     Tavro8::GDRV::IMediaFrameHandler* const frames;           // likewise
     const Produce produce;
+    const std::int32_t state;
     Tavro8::IContract* source = nullptr;  ///< what the host knows as the source
     std::atomic<bool> started{false};
     std::atomic<unsigned> runs{0};  ///< a tick of an earlier run does nothing
