@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <future>
 #include <gmock/gmock.h>
 
 namespace
@@ -74,6 +75,15 @@ TEST(InfoEndToEnd, findsThePortsUnderTheOtherSpelling)
     const auto run = runHost(folder, deviceAddress(device), {"info"});
     EXPECT_EQ(run.status, 0) << run.errors;
     EXPECT_EQ(std::to_string(run.event("connected")["rtspPort"].asUInt()), device.port("rtspPort"));
+}
+
+TEST(InfoEndToEnd, anAddressOfAnotherSchemeIsRefusedWithTheSchemesThatWork)
+{
+    const ScratchFolder folder;
+    const auto run = runHost(folder, "ftp://192.0.2.1", {"info"});
+    EXPECT_EQ(run.status, 3);
+    EXPECT_THAT(run.errors, HasSubstr("http:// or https://"));
+    EXPECT_THAT(run.errors, Not(HasSubstr("rtsp")));
 }
 
 TEST(InfoEndToEnd, devicesThatCannotBeUsedEndWithStatusThreeAndASentence)
@@ -202,14 +212,35 @@ TEST(LiveEndToEnd, comesBackAfterTheDeviceDroppedItsClients)
 
 TEST(LiveEndToEnd, streamsThatAreRefusedEndWithStatusFourAndASentence)
 {
-    for (const std::string fault :
-         {"rtsp-status:404", "rtsp-status:454", "rtsp-status:461", "rtsp-status:503", "rtsp-refuse", "rtsp-notracks"}) {
-        SCOPED_TRACE(fault);
-        const SimulatorProcess device(smallPictures({"--fault", fault}));
-        const ScratchFolder folder;
-        const auto run = runHost(folder, deviceAddress(device), {"--timeout", "2", "live", "--seconds", "1"});
+    const struct {
+        const char* fault;
+        const char* reason;
+        int code;
+    } cases[] = {
+        {"rtsp-status:404", "the device does not know the resource", 514},
+        {"rtsp-status:454", "the device does not know the resource", 514},
+        {"rtsp-status:461", "the device refused the stream", 1025},
+        {"rtsp-status:503", "the device is busy", 515},
+        {"rtsp-refuse", "the connection to the device was lost", 257},
+        {"rtsp-notracks", "the device offers no such stream", 1024},
+    };
+    // Each waits for its picture until the time is over; all do so at once.
+    std::vector<std::future<HostRun>> runs;
+    for (const auto& c : cases)
+        runs.push_back(std::async(std::launch::async, [fault = c.fault] {
+            const SimulatorProcess device(smallPictures({"--fault", fault}));
+            const ScratchFolder folder;
+            return runHost(folder, deviceAddress(device), {"--timeout", "2", "live", "--seconds", "1"});
+        }));
+    for (std::size_t at = 0; at < runs.size(); ++at) {
+        const auto& c = cases[at];
+        SCOPED_TRACE(c.fault);
+        const HostRun run = runs[at].get();
         EXPECT_EQ(run.status, 4) << run.errors;
-        EXPECT_FALSE(run.errors.empty());
+        EXPECT_THAT(run.errors, HasSubstr(std::string("no picture arrived in time: ") + c.reason));
+        const auto failure = run.event("failure");
+        EXPECT_EQ(failure["code"].asInt(), c.code);
+        EXPECT_THAT(failure["message"].asString(), HasSubstr(c.reason));
         EXPECT_THAT(run.all(), Not(HasSubstr("admin-123")));
     }
 }
@@ -235,6 +266,8 @@ TEST(LiveEndToEnd, neverWritesThePassword)
     EXPECT_FALSE(lines.empty());
     EXPECT_THAT(lines, Not(HasSubstr("admin-123")));
     EXPECT_THAT(run.all(), Not(HasSubstr("admin-123")));
+    // Each source was asked to stop once.
+    EXPECT_THAT(run.errors, Not(HasSubstr("Skip Stop")));
 }
 
 TEST(ExampleEndToEnd, theExampleOfTheSdkPagePrintsItsFirstFrame)
