@@ -1,7 +1,8 @@
 #include "EndToEnd.h"
 
+#include "JsonText.h"
+
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -35,11 +36,7 @@ std::string deviceAddress(const SimulatorProcess& device, const std::string& cre
 
 Json::Value HostRun::event(const std::string& name) const
 {
-    for (auto last = events.rbegin(); last != events.rend(); ++last) {
-        if ((*last)["event"].asString() == name)
-            return *last;
-    }
-    return {};
+    return lastEvent(events, name);
 }
 
 std::vector<std::string> hostCommand(const ScratchFolder& folder, const std::string& address)
@@ -51,25 +48,11 @@ HostRun runHost(const ScratchFolder& folder, const std::string& address, const s
 {
     auto command = hostCommand(folder, address);
     command.insert(command.end(), arguments.begin(), arguments.end());
-    return hostRun(simulator::test::runProgram(command, std::chrono::seconds(40)));
+    return hostRun(runProgram(command, std::chrono::seconds(40)));
 }
 
 HostRun hostRun(const ProgramResult& result)
 {
-    HostRun run{result.status, result.output, result.errors, {}};
-    std::istringstream lines(result.output);
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.empty())
-            run.events.push_back(simulator::test::parseJson(line));
-    }
-    return run;
-}
-
-std::string programUnderTest(const std::string& name)
-{
-    const char* const folder = std::getenv("KELVO_BIN");
-    if (folder == nullptr)
-        throw std::runtime_error("KELVO_BIN is not set; run the tests with ctest");
-    return (std::filesystem::path(folder) / name).string();
+    return {result.status, result.output, result.errors, parseJsonLines(result.output)};
 }
 }  // namespace kelvo::test

@@ -12,9 +12,6 @@
 // Whole programs against each other: the reference host with the module it ships with, and the simulated device.
 namespace kelvo::test
 {
-using simulator::test::ProgramResult;
-using simulator::test::SimulatorProcess;
-
 /// A folder of its own, removed with the object.
 class ScratchFolder {
 public:
@@ -53,7 +50,4 @@ std::vector<std::string> hostCommand(const ScratchFolder& folder, const std::str
 /// Runs kelvo-host to its end with JSON output.
 HostRun runHost(const ScratchFolder& folder, const std::string& address, const std::vector<std::string>& arguments);
 HostRun hostRun(const ProgramResult& result);
-
-/// The path of a program or library of the build.
-std::string programUnderTest(const std::string& name);
 }  // namespace kelvo::test

@@ -8,8 +8,6 @@
 namespace
 {
 using namespace kelvo::test;
-using simulator::test::ChildProcess;
-using simulator::test::runProgram;
 using ::testing::HasSubstr;
 using ::testing::Not;
 

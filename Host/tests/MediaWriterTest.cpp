@@ -1,6 +1,6 @@
 #include "media/MediaWriter.h"
 
-#include "ChildProcess.h"
+#include "HostFixture.h"
 #include "media/Picture.h"
 
 #include <algorithm>
@@ -99,12 +99,12 @@ protected:
         return runProgram({"ffprobe", "-v", "error", "-count_frames", "-show_entries",
                            "stream=codec_name,codec_tag_string,width,height,channels,nb_read_frames", "-of",
                            "default=nokey=1", file(name)})
-            .getOutput();
+            .output();
     }
 
     void expectDecodable(const std::string& name)
     {
-        EXPECT_EQ(runProgram({"ffmpeg", "-v", "error", "-i", file(name), "-f", "null", "-"}).getAll(), "") << name;
+        EXPECT_EQ(runProgram({"ffmpeg", "-v", "error", "-i", file(name), "-f", "null", "-"}).all(), "") << name;
         EXPECT_EQ(status, 0);
     }
 
@@ -228,7 +228,7 @@ TEST_F(MediaWriterTest, keepsSoundInStepWhenAPartOfItIsLost)
     const std::string duration =
         runProgram({"ffprobe", "-v", "error", "-select_streams", "a", "-show_entries", "stream=duration", "-of",
                     "default=nokey=1:noprint_wrappers=1", file("g.mp4")})
-            .getOutput();
+            .output();
     EXPECT_NEAR(std::stod(duration), 0.44, 0.1);
     expectDecodable("g.mp4");
 }

@@ -1,4 +1,4 @@
-#include "ChildProcess.h"
+#include "HostFixture.h"
 
 #include <fstream>
 #include <gmock/gmock.h>
@@ -19,8 +19,8 @@ protected:
         arguments.insert(arguments.end(), {"--device", "camera", "info"});
         const ChildProcess& host = runProgram(arguments);
         EXPECT_EQ(status, 4);
-        EXPECT_THAT(host.getErrors(), HasSubstr(reason));
-        EXPECT_EQ(host.getOutput(), "");
+        EXPECT_THAT(host.errors(), HasSubstr(reason));
+        EXPECT_EQ(host.output(), "");
     }
 };
 
@@ -51,10 +51,10 @@ TEST_F(ModuleLoad, refusesAModuleOfAnotherSdkVersion)
 TEST_F(ModuleLoad, findsAModuleNamedWithoutADirectory)
 {
     std::filesystem::copy_file(moduleFile("Sample.ipd"), directory / "Sample.ipd");
-    const std::string command = "cd '" + directory.get().string() + "' && exec '" + KELVO_HOST_PROGRAM +
+    const std::string command = "cd '" + directory.get().string() + "' && exec '" + hostProgram() +
                                 "' --repository . --module Sample.ipd --device camera info";
     runProgram({"sh", "-c", command});
-    EXPECT_EQ(status, 0) << child->getErrors();
+    EXPECT_EQ(status, 0) << child->errors();
 }
 
 TEST_F(ModuleLoad, saysThatTheSettingsRepositoryCannotBeWritten)
@@ -62,7 +62,7 @@ TEST_F(ModuleLoad, saysThatTheSettingsRepositoryCannotBeWritten)
     std::ofstream(directory / "repository") << "a file where a directory is wanted";
     const ChildProcess& host = run({"--device", "camera", "info"});
     EXPECT_EQ(status, 4);
-    EXPECT_THAT(host.getErrors(), HasSubstr("cannot write the settings repository"));
+    EXPECT_THAT(host.errors(), HasSubstr("cannot write the settings repository"));
 }
 }  // namespace
 }  // namespace Host

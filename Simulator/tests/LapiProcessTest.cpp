@@ -1,3 +1,4 @@
+#include "JsonText.h"
 #include "Programs.h"
 #include "SimulatorProcess.h"
 
@@ -9,6 +10,8 @@ namespace simulator::test
 {
 namespace
 {
+
+using namespace kelvo::test;
 
 constexpr const char* portPath = "/LAPI/V1.0/Network/Port";
 constexpr const char* informationPath = "/LAPI/V1.0/System/DeviceInfo";

@@ -20,6 +20,8 @@ namespace simulator::test
 namespace
 {
 
+using namespace kelvo::test;
+
 using boost::asio::ip::tcp;
 
 /// A bare connection to one of the simulator's ports, whose waits are bounded.

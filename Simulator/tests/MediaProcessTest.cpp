@@ -1,3 +1,4 @@
+#include "JsonText.h"
 #include "Programs.h"
 #include "RtspPeer.h"
 #include "SimulatorProcess.h"
@@ -13,6 +14,8 @@ namespace simulator::test
 {
 namespace
 {
+
+using namespace kelvo::test;
 
 /// Small pictures, so that many tests at once do not keep the machine busy.
 std::vector<std::string> small(std::vector<std::string> more = {})

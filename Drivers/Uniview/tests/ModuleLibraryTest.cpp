@@ -1,9 +1,9 @@
 #include "HostFakes.h"
+#include "Programs.h"
 #include "ScriptedHttpPeer.h"
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
@@ -21,8 +21,7 @@ using namespace Tavro8::GDRV;
 
 std::string modulePath()
 {
-    const char* const folder = std::getenv("KELVO_BIN");
-    return folder == nullptr ? "" : std::string(folder) + "/Kelvo.Uniview.ipd";
+    return programUnderTest("Kelvo.Uniview.ipd");
 }
 
 class ModuleLibrary : public ::testing::Test {

@@ -1,13 +1,12 @@
 #include "SimulatorProcess.h"
 
-#include <gtest/gtest.h>
-#include <json/reader.h>
+#include "JsonText.h"
 
-#include <cstdlib>
-#include <memory>
+#include <gtest/gtest.h>
+
 #include <stdexcept>
 
-namespace simulator::test
+namespace kelvo::test
 {
 namespace
 {
@@ -23,10 +22,7 @@ std::vector<std::string> commandLine(const std::vector<std::string>& arguments)
 
 std::string simulatorProgram()
 {
-    const char* const folder = std::getenv("KELVO_BIN");
-    if (folder == nullptr)
-        throw std::runtime_error("KELVO_BIN is not set; run the tests with ctest");
-    return std::string(folder) + "/uniview-simulator";
+    return programUnderTest("uniview-simulator");
 }
 
 SimulatorProcess::SimulatorProcess(const std::vector<std::string>& arguments) : child(commandLine(arguments))
@@ -67,14 +63,4 @@ Json::Value SimulatorProcess::admin(const std::string& method, const std::string
     return parseJson(result.output);
 }
 
-Json::Value parseJson(const std::string& text)
-{
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    Json::Value value;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-        ADD_FAILURE() << "no JSON: " << errors << '\n' << text;
-    return value;
-}
-
-}  // namespace simulator::test
+}  // namespace kelvo::test

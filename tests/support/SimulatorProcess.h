@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace simulator::test
+namespace kelvo::test
 {
 
 /// The path of the program under test.
@@ -45,7 +45,4 @@ private:
     Json::Value readyLine;
 };
 
-/// Reads JSON; null after adding a failure to the test.
-Json::Value parseJson(const std::string& text);
-
-}  // namespace simulator::test
+}  // namespace kelvo::test

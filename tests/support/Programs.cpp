@@ -1,6 +1,7 @@
 #include "Programs.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -8,6 +9,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 extern "C" {
@@ -16,7 +20,7 @@ extern "C" {
 
 extern char** environ;
 
-namespace simulator::test
+namespace kelvo::test
 {
 namespace
 {
@@ -47,9 +51,40 @@ void closeOnce(int& descriptor)
     descriptor = -1;
 }
 
+std::vector<char*> pointersTo(std::vector<std::string>& texts)
+{
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> mergedEnvironment(const Environment& changes)
+{
+    std::vector<std::string> merged;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (const std::string text = *entry; !changes.contains(text.substr(0, text.find('='))))
+            merged.push_back(text);
+    }
+    for (const auto& [name, value] : changes)
+        merged.push_back(name + '=' + value);
+    return merged;
+}
+
+constexpr std::chrono::seconds patience{20};  ///< after that a test gives up
+
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& command)
+std::string programUnderTest(const std::string& name)
+{
+    const char* const folder = std::getenv("KELVO_BIN");
+    if (folder == nullptr)
+        throw std::runtime_error("KELVO_BIN is not set; run the tests with ctest");
+    return (std::filesystem::path(folder) / name).lexically_normal().string();
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& command, const Environment& environment)
 {
     const Pipe in = makePipe();
     const Pipe out = makePipe();
@@ -61,21 +96,20 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command)
     posix_spawn_file_actions_adddup2(&actions, err.writeEnd, STDERR_FILENO);
 
     std::vector<std::string> words = command;
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    const int failure = ::posix_spawnp(&process, arguments[0], &actions, nullptr, arguments.data(), environ);
+    std::vector<std::string> variables = mergedEnvironment(environment);
+    const int failure = ::posix_spawnp(&process, command.at(0).c_str(), &actions, nullptr, pointersTo(words).data(),
+                                       pointersTo(variables).data());
     posix_spawn_file_actions_destroy(&actions);
     for (const int childEnd : {in.readEnd, out.writeEnd, err.writeEnd})
         ::close(childEnd);
+    if (failure != 0) {
+        for (const int ownEnd : {in.writeEnd, out.readEnd, err.readEnd})
+            ::close(ownEnd);
+        throw std::runtime_error("cannot start " + command.at(0) + ": " + std::strerror(failure));
+    }
     input = in.writeEnd;
     outputs[0] = out.readEnd;
     outputs[1] = err.readEnd;
-    if (failure != 0) {
-        process = -1;
-        throw std::runtime_error("cannot start " + command.at(0));
-    }
 }
 
 ChildProcess::~ChildProcess()
@@ -130,7 +164,8 @@ void ChildProcess::closeInput()
 
 void ChildProcess::signal(int number)
 {
-    ::kill(process, number);
+    if (!exitStatus)
+        ::kill(process, number);  // not reaped yet, so the number is still its own
 }
 
 std::optional<int> ChildProcess::wait(Clock::time_point deadline)
@@ -146,8 +181,31 @@ std::optional<int> ChildProcess::wait(Clock::time_point deadline)
     int status = 0;
     if (ready <= 0 || ::waitpid(process, &status, 0) != process)
         return std::nullopt;
-    exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     return exitStatus;
+}
+
+void ChildProcess::awaitText(const std::string& stream, const std::string& text)
+{
+    const auto deadline = Clock::now() + patience;
+    while (stream.find(text) == std::string::npos) {
+        if (!readSome(deadline))
+            return giveUp(text);
+    }
+}
+
+int ChildProcess::awaitEnd()
+{
+    const auto status = wait(Clock::now() + patience);
+    if (!status)
+        giveUp("the end of the program");
+    return status.value_or(-1);
+}
+
+void ChildProcess::giveUp(const std::string& waitingFor)
+{
+    ADD_FAILURE() << "waited in vain for " << waitingFor << "\noutput: " << output() << "\nerrors: " << errors();
+    signal(SIGKILL);
 }
 
 ProgramResult runProgram(const std::vector<std::string>& command, std::chrono::milliseconds limit)
@@ -158,4 +216,4 @@ ProgramResult runProgram(const std::vector<std::string>& command, std::chrono::m
     return {status.value_or(-1), child.output(), child.errors()};
 }
 
-}  // namespace simulator::test
+}  // namespace kelvo::test
