@@ -49,6 +49,14 @@ protected:
         return device;
     }
 
+    static IVideoSource* startVideo(IDevice* device, ChannelHandler& handler, std::uint32_t stream = 0)
+    {
+        IVideoSource* video = nullptr;
+        EXPECT_EQ(device->CreateVideoSource(0, stream, &handler, &handler, {}, nullptr, &video), 0);
+        video->Start();
+        return video;
+    }
+
     const ScratchFolder folder;
     const SimulatorProcess camera{smallPictures()};
     HostContext host;
@@ -97,9 +105,7 @@ TEST_F(ModuleAgainstSimulator, timesAreThoseOfTheDevicesClockAndNeverRunBackward
     IDevice* const device = connect(handler);
     ChannelHandler pictures;
     pictures.keepFrames = true;
-    IVideoSource* video = nullptr;
-    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
-    video->Start();
+    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_TRUE(pictures.waitFrames(50));
     video->Destroy();
     device->Destroy();
@@ -117,9 +123,7 @@ TEST_F(ModuleAgainstSimulator, statisticsTellWhatIsReceived)
     DeviceHandler handler;
     IDevice* const device = connect(handler);
     ChannelHandler pictures;
-    IVideoSource* video = nullptr;
-    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
-    video->Start();
+    IVideoSource* const video = startVideo(device, pictures);
     EXPECT_TRUE(pictures.waitStatistics([](const StreamStatistics& s) {
         return s.frames > 20 && s.keyFrames > 0 && s.framesPerSecond > 15 && s.bitsPerSecond > 10000 &&
                s.connects == 1 && s.reconnects == 0 && s.lostPackets == 0;
@@ -135,9 +139,7 @@ TEST_F(ModuleAgainstSimulator, aSourceStartedBeforeTheConnectionReceivesOnceItSt
     IDevice* device = nullptr;
     ASSERT_EQ(module->CreateDevice(&description, &handler, &device), 0);
     ChannelHandler pictures;
-    IVideoSource* video = nullptr;
-    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
-    video->Start();
+    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_EQ(device->Open(deviceAddress(camera).c_str()), 0);
     EXPECT_TRUE(pictures.waitFrames(5));
     video->Destroy();
@@ -151,9 +153,7 @@ TEST_F(ModuleAgainstSimulator, aClosedDeviceSendsNothingAndANewAddressIsFollowed
     IDevice* const device = connect(handler);
     ChannelHandler pictures;
     pictures.keepFrames = true;
-    IVideoSource* video = nullptr;
-    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
-    video->Start();
+    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_TRUE(pictures.waitFrames(3));
     device->Close();
     ASSERT_TRUE(handler.waitClosed());
@@ -174,9 +174,7 @@ TEST_F(ModuleAgainstSimulator, aStreamThatTheDeviceDoesNotHaveIsReported)
     DeviceHandler handler;
     IDevice* const device = connect(handler);
     ChannelHandler pictures;
-    IVideoSource* video = nullptr;
-    ASSERT_EQ(device->CreateVideoSource(0, 7, &pictures, &pictures, {}, nullptr, &video), 0);
-    video->Start();
+    IVideoSource* const video = startVideo(device, pictures, 7);
     EXPECT_TRUE(pictures.waitState(Tavro8::toResult(Tavro8::ResultCode::resourceNotFound)));
     video->Destroy();
     device->Destroy();
@@ -187,9 +185,7 @@ TEST_F(ModuleAgainstSimulator, aRebootedDeviceIsLostAndFoundAgain)
     DeviceHandler handler;
     IDevice* const device = connect(handler);
     ChannelHandler pictures;
-    IVideoSource* video = nullptr;
-    ASSERT_EQ(device->CreateVideoSource(0, 0, &pictures, &pictures, {}, nullptr, &video), 0);
-    video->Start();
+    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_TRUE(pictures.waitFrames(5));
     camera.admin("POST", "reboot", R"({"milliseconds": 1500})");
     EXPECT_TRUE(handler.waitLost());
