@@ -1,8 +1,8 @@
 #include "AudioSource.h"
 
+#include "ObjectName.h"
+
 #include <Tavro8/ResultCode.h>
-#include <boost/format.hpp>
-#include <locale>
 #include <stdexcept>
 #include <utility>
 
@@ -36,7 +36,7 @@ Tavro8::GDRV::IAudioSource* AudioSource::create(Device* device, std::uint32_t ch
     Tavro8::Utility::LiveSourceContext context;
     context.frames = frames;
     context.parameters = parameters;
-    context.objectName = (boost::format("chan %1%", std::locale::classic()) % channel).str();
+    context.objectName = audioObjectName(channel);
     context.channel = channel;
     context.stream = sharedStream(parameters);
     const auto source = std::make_shared<AudioSource>(device, handler, parent, std::move(context));

@@ -1,8 +1,8 @@
 #include "VideoSource.h"
 
+#include "ObjectName.h"
+
 #include <Tavro8/ResultCode.h>
-#include <boost/format.hpp>
-#include <locale>
 #include <utility>
 
 template class Tavro8::Utility::RTSPReceiverBase<Tavro8::GDRV::IVideoSource, Uniview::Device>;
@@ -20,7 +20,7 @@ Tavro8::GDRV::IVideoSource* VideoSource::create(Device* device, std::uint32_t ch
     Tavro8::Utility::LiveSourceContext context;
     context.frames = frames;
     context.parameters = parameters;
-    context.objectName = (boost::format("vs %1%.%2%", std::locale::classic()) % channel % stream).str();
+    context.objectName = videoObjectName(channel, stream);
     context.channel = channel;
     context.stream = stream;
     const auto source = std::make_shared<VideoSource>(device, handler, parent, std::move(context));

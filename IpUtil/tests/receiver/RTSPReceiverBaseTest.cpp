@@ -4,6 +4,7 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <functional>
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -268,7 +269,9 @@ TEST_F(RTSPReceiverBaseTest, stoppingWhileStatisticsAreReadDoesNotLockUp)
         hosts.emplace_back([this] {
             for (int round = 0; round < 300; ++round) {
                 source->Start();
-                std::static_pointer_cast<RTSPReceiver>(source)->onConnectionStart();  // publishes at once
+                boost::asio::post(context, [receiver = std::static_pointer_cast<RTSPReceiver>(source)] {
+                    receiver->onConnectionStart();  // publishes at once
+                });
                 source->Stop();
             }
         });

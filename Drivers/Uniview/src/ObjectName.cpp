@@ -1,0 +1,35 @@
+#include "ObjectName.h"
+
+#include <boost/format.hpp>
+#include <locale>
+
+namespace Uniview
+{
+namespace
+{
+/// Parsed once and copied for each name: parsing a template fills a cache inside the standard library's classic locale
+/// that all threads share without a lock.
+struct Templates {
+    boost::format video{"vs %1%.%2%", std::locale::classic()};
+    boost::format audio{"chan %1%", std::locale::classic()};
+};
+
+const Templates& templates()
+{
+    static const Templates parsed;
+    return parsed;
+}
+}  // namespace
+
+std::string videoObjectName(std::uint32_t channel, std::uint32_t stream)
+{
+    boost::format name = templates().video;
+    return (name % channel % stream).str();
+}
+
+std::string audioObjectName(std::uint32_t channel)
+{
+    boost::format name = templates().audio;
+    return (name % channel).str();
+}
+}  // namespace Uniview
