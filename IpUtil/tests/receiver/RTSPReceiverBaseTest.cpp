@@ -281,6 +281,7 @@ TEST_F(RTSPReceiverBaseTest, stoppingWhileStatisticsAreReadDoesNotLockUp)
     work.reset();
     context.stop();
     io.join();
+    stream->complete();
     EXPECT_EQ(stream->registrations(), 0U);
 }
 
