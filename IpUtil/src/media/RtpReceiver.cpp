@@ -37,6 +37,12 @@ RtpReceiver::RtpReceiver(const Settings& settings)
     }
 }
 
+void RtpReceiver::expectDatagrams(std::optional<std::uint32_t> expectedSource) noexcept
+{
+    confirmRestart = true;
+    announcedSource = expectedSource;
+}
+
 RtpReceiver::Admission RtpReceiver::admit(const RtpPacket& packet, const ArrivalTime& arrival) noexcept
 {
     if (!payloadTypes[packet.payloadType & 0x7f]) {
@@ -46,16 +52,17 @@ RtpReceiver::Admission RtpReceiver::admit(const RtpPacket& packet, const Arrival
 
     Admission admission = Admission::accepted;
     const auto step = static_cast<std::uint16_t>(packet.sequenceNumber - highestSequence);
-    if (!started) {
+    if (mayBegin(packet)) {
         started = true;
         restart(packet);
-    } else if (packet.ssrc != source || isJump(step)) {
+    } else if (!started || packet.ssrc != source || isJump(step)) {
         if (confirmRestart && !isConfirmed(packet)) {
             ++counters.suspect;
             return Admission::suspect;
         }
+        counters.restarts += started ? 1 : 0;
+        started = true;
         restart(packet);
-        ++counters.restarts;
         admission = Admission::restarted;
     } else if (step < maxDropout) {
         if (packet.sequenceNumber < highestSequence)
@@ -123,6 +130,11 @@ std::optional<ReceptionReport> RtpReceiver::makeReport(std::chrono::steady_clock
 std::optional<std::uint32_t> RtpReceiver::ssrc() const noexcept
 {
     return started ? std::optional(source) : std::nullopt;
+}
+
+bool RtpReceiver::mayBegin(const RtpPacket& packet) const noexcept
+{
+    return !started && (!confirmRestart || !announcedSource || packet.ssrc == *announcedSource);
 }
 
 /// Whether the previous suspect packet announced this one; remembers it otherwise.

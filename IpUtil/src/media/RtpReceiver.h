@@ -63,6 +63,10 @@ public:
 
     explicit RtpReceiver(const Settings& settings);
 
+    /// Before the first packet: packets come as datagrams, so that restarts need confirmation. So does the beginning
+    /// when it is not of `expectedSource`, the SSRC that the device has announced; announcements are often wrong.
+    void expectDatagrams(std::optional<std::uint32_t> expectedSource) noexcept;
+
     /// Judges a packet on arrival. Some devices send packets of a payload type nobody announced, with the
     /// SSRC of the stream and the sequence number of the packet that follows: the payload type is looked
     /// at before anything else.
@@ -88,6 +92,7 @@ private:
         std::chrono::steady_clock::time_point arrival{};
     };
 
+    bool mayBegin(const RtpPacket& packet) const noexcept;
     bool isConfirmed(const RtpPacket& packet) noexcept;
     void restart(const RtpPacket& packet) noexcept;
     void updateJitter(std::uint32_t timestamp, std::chrono::steady_clock::time_point arrival) noexcept;
@@ -95,6 +100,7 @@ private:
     std::bitset<128> payloadTypes;
     std::uint32_t clockRate;
     bool confirmRestart;
+    std::optional<std::uint32_t> announcedSource;
 
     bool started = false;
     std::uint32_t source = 0;

@@ -25,6 +25,12 @@ TrackReceiver::TrackReceiver(const TrackFormat& format, std::shared_ptr<FramePoo
       depacketiser(makeDepacketiser(format, *pool, *this, options.depacketiser))
 {}
 
+void TrackReceiver::expectDatagrams(std::optional<std::uint32_t> source, const ReorderBuffer::Settings& settings)
+{
+    receiver.expectDatagrams(source);
+    reorder.emplace(settings);
+}
+
 void TrackReceiver::onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival)
 {
     RtpPacket packet;
@@ -35,19 +41,76 @@ void TrackReceiver::onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime
     }
     switch (receiver.admit(packet, arrival)) {
     case RtpReceiver::Admission::foreign:
-    case RtpReceiver::Admission::suspect:
         return;
+    case RtpReceiver::Admission::suspect:
+        return keepSuspect(bytes, arrival);
     case RtpReceiver::Admission::restarted:
-        depacketiser->reset();
-        clock.reset();
-        lastVideoTimestamp.reset();
+        onRestart(packet);
         break;
     case RtpReceiver::Admission::accepted:
         break;
     }
     ++totals.packets;
     totals.packetBytes += bytes.size();
-    deliver(packet, arrival);  // over UDP the reorder buffer stands here, and is emptied by a restart
+    accept(packet, bytes, arrival);
+}
+
+void TrackReceiver::accept(const RtpPacket& packet, std::span<const std::uint8_t> bytes, const ArrivalTime& arrival)
+{
+    if (!reorder)
+        return deliver(packet, arrival);
+    if (reorder->push(packet.sequenceNumber, bytes, arrival) == ReorderBuffer::Verdict::pass)
+        deliver(packet, arrival);
+    onTick(arrival.monotonic);
+}
+
+void TrackReceiver::onTick(std::chrono::steady_clock::time_point now)
+{
+    if (!reorder)
+        return;
+    while (const auto waiting = reorder->pull(now))
+        deliverWaiting(*waiting);
+}
+
+void TrackReceiver::flush()
+{
+    if (reorder) {
+        while (const auto waiting = reorder->drain())
+            deliverWaiting(*waiting);
+    }
+    depacketiser->flush();
+}
+
+void TrackReceiver::deliverWaiting(const ReorderBuffer::Packet& waiting)
+{
+    RtpPacket packet;
+    if (parseRtpPacket(waiting.bytes, packet) == RtpFault::none)  // as it did when it came
+        deliver(packet, waiting.arrival);
+}
+
+/// The packet that announces a restart belongs to it, and is most often the start of a key frame.
+void TrackReceiver::keepSuspect(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival)
+{
+    suspect.assign(bytes.begin(), bytes.end());
+    suspectArrival = arrival;
+}
+
+void TrackReceiver::onRestart(const RtpPacket& packet)
+{
+    if (totals.packets != 0) {
+        depacketiser->reset();
+        clock.reset();
+        lastVideoTimestamp.reset();
+    }
+    if (!reorder)
+        return;
+    reorder->reset();
+    RtpPacket before;
+    if (parseRtpPacket(suspect, before) != RtpFault::none || before.ssrc != packet.ssrc)
+        return;
+    ++totals.packets;
+    totals.packetBytes += suspect.size();
+    accept(before, suspect, suspectArrival);
 }
 
 void TrackReceiver::deliver(const RtpPacket& packet, const ArrivalTime& arrival)
@@ -94,7 +157,7 @@ TrackReceiver::Statistics TrackReceiver::statistics() const noexcept
     const Depacketiser::Counters& cut = depacketiser->getCounters();
     Statistics result = totals;
     result.lostPackets = received.lost;
-    result.latePackets = received.late + received.duplicate;
+    result.latePackets = received.late + received.duplicate + (reorder ? reorder->getCounters().duplicate : 0);
     result.foreignPackets = received.foreign;
     result.malformedPackets = notRtp + cut.malformed;
     result.droppedFrames = cut.droppedFrames;

@@ -3,6 +3,7 @@
 #include "media/Depacketiser.h"
 #include "media/FramePool.h"
 #include "media/MediaClock.h"
+#include "media/ReorderBuffer.h"
 #include "media/RtpReceiver.h"
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <optional>
 #include <span>
 #include <utility>
+#include <vector>
 
 namespace Tavro8::media
 {
@@ -24,7 +26,7 @@ protected:
     ~FrameSink() = default;
 };
 
-/// Everything between a track's packets and its frames: receive state, clock, depacketiser.
+/// Everything between a track's packets and its frames: receive state, reorder buffer, clock, depacketiser.
 ///
 /// Nothing is allocated for a packet or, once the pool is warm, for a frame. Not thread-safe: belongs to
 /// the I/O context of its stream. Make a new one for each connection, and hand it the
@@ -60,14 +62,24 @@ public:
         return make(format, std::move(pool), sink, Options{});
     }
 
+    /// Before any packet: they come as datagrams, which the network loses, doubles and reorders. `source` is the SSRC
+    /// that the device has announced, if it has.
+    void expectDatagrams(std::optional<std::uint32_t> source, const ReorderBuffer::Settings& settings = {});
+
     /// One RTP packet as received. The bytes are needed only during the call. Throws std::bad_alloc only.
     void onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
+
+    /// Now and then: gives up what has been missing for too long. Hands out frames.
+    void onTick(std::chrono::steady_clock::time_point now);
+
+    /// A datagram that was cut off on its way here.
+    void onTruncated() noexcept { ++notRtp; }
 
     /// A sender report for this track. One that comes before the first packet of its source is kept for it.
     void onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept;
 
-    /// The stream ends or pauses: hands out a frame that only waits for the next one to begin.
-    void flush() { depacketiser->flush(); }
+    /// The stream ends or pauses: hands out what only waits for other packets to come.
+    void flush();
 
     /// For the receiver of the next connection.
     MediaClock::Carry clockCarry() const noexcept { return clock.carry(); }
@@ -98,6 +110,10 @@ private:
         ArrivalTime arrival;
     };
 
+    void accept(const RtpPacket& packet, std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
+    void keepSuspect(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
+    void onRestart(const RtpPacket& packet);
+    void deliverWaiting(const ReorderBuffer::Packet& waiting);
     void deliver(const RtpPacket& packet, const ArrivalTime& arrival);
     void onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp) override;
 
@@ -106,6 +122,11 @@ private:
     RtpReceiver receiver;
     MediaClock clock;
     std::unique_ptr<Depacketiser> depacketiser;
+
+    // Datagrams only.
+    std::optional<ReorderBuffer> reorder;
+    std::vector<std::uint8_t> suspect;  // the last suspect packet; keeps its capacity
+    ArrivalTime suspectArrival;
 
     std::optional<EarlyReport> earlyReport;
     std::optional<std::uint32_t> lastVideoTimestamp;  // of the last frame handed out, for durations

@@ -94,6 +94,27 @@ TEST(Allocation, doesNotHappenForPacketsAndFramesOnceWarm)
     }
 }
 
+TEST(Allocation, doesNotHappenForDatagramsOutOfOrderOnceWarm)
+{
+    Counter counter;
+    const auto receiver = TrackReceiver::make(h264Format(), std::make_shared<FramePool>(), counter);
+    receiver->expectDatagrams({});
+    std::vector<Bytes> packets = secondOf(false);
+    std::size_t before = 0;
+    for (std::uint32_t round = 0; round < 40; ++round) {
+        renumber(packets, round);
+        if (round == 4)
+            before = allocationCount();
+        for (std::size_t i = 0; i < packets.size(); ++i) {
+            const bool swapped = i % 8 >= 4 && i - i % 8 + 8 <= packets.size();
+            receiver->onRtp(packets[swapped ? i - i % 8 + 11 - i % 8 : i], {});  // 0 1 2 3 7 6 5 4
+        }
+    }
+    EXPECT_EQ(allocationCount() - before, 0U);
+    EXPECT_EQ(counter.frames, 40U * 25);
+    EXPECT_EQ(receiver->statistics().lostPackets, 0U);
+}
+
 TEST(Allocation, doesNotHappenForSoundOnceWarm)
 {
     Counter counter;

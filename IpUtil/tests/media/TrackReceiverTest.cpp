@@ -3,6 +3,7 @@
 #include "MediaTestKit.h"
 
 #include <gtest/gtest.h>
+#include <optional>
 
 namespace Tavro8::media
 {
@@ -47,6 +48,26 @@ protected:
     std::uint16_t sequence = 65534;
     std::uint32_t timestamp = 0xffffff00;
     std::int64_t timeMs = 0;
+};
+
+/// Packets that come as datagrams.
+class DatagramReceiverTest : public TrackReceiverTest {
+protected:
+    explicit DatagramReceiverTest(std::optional<std::uint32_t> announced = {}) { receiver->expectDatagrams(announced); }
+
+    /// The bytes of a frame in one packet, to be delivered whenever the test likes.
+    Bytes make(const Bytes& nal, std::uint32_t ssrc = 1)
+    {
+        const Packet packet{
+            .payload = nal, .timestamp = timestamp, .marker = true, .sequence = sequence++, .ssrc = ssrc};
+        timestamp += 3600;
+        return packet.bytes();
+    }
+};
+
+class AnnouncedReceiverTest : public DatagramReceiverTest {
+protected:
+    AnnouncedReceiverTest() : DatagramReceiverTest(1) {}
 };
 }  // namespace
 
@@ -199,6 +220,110 @@ TEST_F(TrackReceiverTest, acceptsEachPayloadTypeOfTheTrack)
                 .bytes(),
             at(0));
     EXPECT_EQ(frames.size(), 2U);
+}
+
+TEST_F(DatagramReceiverTest, makesFramesOfPacketsInAnyOrder)
+{
+    frame(keySlice);
+    const Bytes second = make(slice);
+    const Bytes third = make(laterSlice);
+    receiver->onRtp(third, at(45));
+    receiver->onRtp(third, at(46));
+    EXPECT_EQ(frames.size(), 1U);
+    receiver->onRtp(second, at(50));
+    ASSERT_EQ(frames.size(), 3U);
+    EXPECT_EQ(frames[1].data, annexB({slice}));
+    EXPECT_EQ(frames[2].data, annexB({laterSlice}));
+    EXPECT_FALSE(frames[1].info.lostPacketsBefore);
+    EXPECT_EQ(receiver->statistics().lostPackets, 0U);
+    EXPECT_EQ(receiver->statistics().latePackets, 1U);
+}
+
+TEST_F(DatagramReceiverTest, givesAMissingPacketUpAtATick)
+{
+    frame(keySlice);
+    make(slice);
+    receiver->onRtp(make(keySlice), at(50));
+    receiver->onTick(at(149).monotonic);
+    EXPECT_EQ(frames.size(), 1U);
+    receiver->onTick(at(150).monotonic);
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_TRUE(frames[1].info.lostPacketsBefore);
+    EXPECT_EQ(receiver->statistics().lostPackets, 1U);
+}
+
+TEST_F(DatagramReceiverTest, handsOutWhatWaitsWhenTheStreamEnds)
+{
+    frame(keySlice);
+    make(slice);
+    receiver->onRtp(make(keySlice), at(50));
+    receiver->flush();
+    EXPECT_EQ(frames.size(), 2U);
+}
+
+TEST_F(DatagramReceiverTest, beginsARestartWithThePacketThatAnnouncedIt)
+{
+    // The parameter sets of the new encoder are in the first packet: without it the key frame would be decoded wrongly.
+    frame(keySlice);
+    receiver->onRtp(make(slice), at(40));
+    sequence = 40000;
+    const Packet sets{.payload = stapA({otherSps, pps}), .timestamp = 5000, .sequence = 40000, .ssrc = 2};
+    const Packet key{.payload = keySlice, .timestamp = 5000, .marker = true, .sequence = 40001, .ssrc = 2};
+    receiver->onRtp(sets.bytes(), at(80));
+    receiver->onRtp(key.bytes(), at(80));
+    ASSERT_EQ(frames.size(), 3U);
+    EXPECT_EQ(frames[2].data, annexB({otherSps, pps, keySlice}));
+    EXPECT_EQ(receiver->statistics().restarts, 1U);
+    EXPECT_EQ(receiver->statistics().packets, 4U);
+}
+
+TEST_F(DatagramReceiverTest, forgetsWhatWaitedBeforeARestart)
+{
+    frame(keySlice);
+    make(slice);
+    receiver->onRtp(make(slice), at(40));  // waits
+    sequence = 40000;
+    receiver->onRtp(make(keySlice, 2), at(41));
+    receiver->onRtp(make(slice, 2), at(42));
+    receiver->onTick(at(1000).monotonic);
+    ASSERT_EQ(frames.size(), 3U);
+    EXPECT_TRUE(frames[1].info.keyFrame);
+}
+
+TEST_F(DatagramReceiverTest, ignoresASinglePacketOfAnotherSource)
+{
+    frame(keySlice);
+    receiver->onRtp(Packet{.payload = keySlice, .timestamp = 7, .marker = true, .sequence = 7, .ssrc = 99}.bytes(),
+                    at(10));
+    frame(slice);
+    EXPECT_EQ(frames.size(), 2U);
+    EXPECT_EQ(receiver->statistics().restarts, 0U);
+}
+
+TEST_F(DatagramReceiverTest, countsDatagramsThatWereCutOff)
+{
+    receiver->onTruncated();
+    EXPECT_EQ(receiver->statistics().malformedPackets, 1U);
+}
+
+TEST_F(AnnouncedReceiverTest, beginsWithTheAnnouncedSource)
+{
+    receiver->onRtp(Packet{.payload = slice, .sequence = 7, .ssrc = 99}.bytes(), at(0));  // of an earlier session
+    frame(keySlice);
+    frame(slice);
+    EXPECT_EQ(frames.size(), 2U);
+    EXPECT_FALSE(frames[0].info.lostPacketsBefore);
+}
+
+TEST_F(AnnouncedReceiverTest, believesTheStreamRatherThanTheAnnouncement)
+{
+    frame(keySlice, 77);
+    frame(slice, 77);
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_EQ(frames[0].data, annexB({sps, pps, keySlice}));
+    EXPECT_FALSE(frames[0].info.lostPacketsBefore);
+    EXPECT_EQ(receiver->statistics().restarts, 0U);
+    EXPECT_EQ(receiver->statistics().packets, 2U);
 }
 
 TEST(TrackReceiver, carriesSound)
