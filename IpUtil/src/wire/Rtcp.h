@@ -57,6 +57,13 @@ struct RtcpCompound {
 };
 RtcpCompound parseRtcp(ByteView packet);
 
+/// Whether a packet that came where RTP is expected is RTCP (RFC 5761 section 4): its type, 192 to 223, stands where
+/// RTP has the marker and the payload type, which would be 64 to 95 and marked.
+constexpr bool looksLikeRtcp(ByteView packet) noexcept
+{
+    return packet.size() >= 4 && (packet[0] & 0xC0) == 0x80 && packet[1] >= 192 && packet[1] <= 223;
+}
+
 /// Appends a receiver report of at most 31 blocks.
 void appendReceiverReport(Bytes& to, std::uint32_t ssrc, std::span<const RtcpReportBlock> blocks);
 /// Appends an SDES packet with one CNAME of at most 255 bytes.

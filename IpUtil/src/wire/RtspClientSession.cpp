@@ -77,10 +77,10 @@ std::string printable(std::string_view text)
     return result;
 }
 
-TransportHeader transportFor(const RtspTrackRequest& request, std::size_t trackNumber)
+TransportHeader transportFor(const RtspTrackRequest& request, bool udp, std::size_t trackNumber)
 {
     TransportHeader transport;
-    if (request.clientPort) {
+    if (udp) {
         transport.clientPort = request.clientPort;
         return transport;
     }
@@ -369,12 +369,7 @@ RtspClientSession::Step RtspClientSession::refused(const Pending& pending, const
             return sendDescribe();
         return fail(errorOf(response.status), pending.kind, &response);
     case RtspStepKind::setup:
-        if (wanted[settingUp].optional) {
-            lastRefusal = failureOf(errorOf(response.status), pending.kind, &response);
-            ++settingUp;
-            return setupNextTrack();
-        }
-        return fail(errorOf(response.status), pending.kind, &response);
+        return setupRefused(errorOf(response.status), response);
     case RtspStepKind::keepAlive:
         if (pending.request.method == "GET_PARAMETER")
             getParameterRefused = true;
@@ -439,7 +434,7 @@ RtspClientSession::Step RtspClientSession::setupNextTrack()
         return established.empty() ? failWithoutTracks() : sendPlay();
     const SdpMedia& media = sdp.media[wanted[settingUp].mediaIndex];
     HeaderList extra;
-    extra.add("Transport", write(transportFor(wanted[settingUp], settingUp)));
+    extra.add("Transport", write(transportFor(wanted[settingUp], asksForUdp(wanted[settingUp]), settingUp)));
     const std::string url = resolveControl(config.url, contentBase, contentLocation, media.control);
     return send(RtspStepKind::setup, "SETUP", url, std::move(extra));
 }
@@ -447,7 +442,8 @@ RtspClientSession::Step RtspClientSession::setupNextTrack()
 RtspClientSession::Step RtspClientSession::onSetup(const Pending& pending, const RtspResponse& response)
 {
     const RtspTrackRequest& request = wanted[settingUp];
-    const TransportHeader asked = transportFor(request, settingUp);
+    const bool udp = asksForUdp(request);
+    const TransportHeader asked = transportFor(request, udp, settingUp);
     adoptSession(response);
 
     RtspTrack track;
@@ -457,12 +453,40 @@ RtspClientSession::Step RtspClientSession::onSetup(const Pending& pending, const
     track.transport = parseTransport(response.headers.get("Transport")).value_or(asked);
     if (track.transport.interleaved)
         track.transport.tcp = true;  // Some answers leave out the "/TCP".
-    else if (track.transport.tcp != asked.tcp)
-        return fail(RtspError::unsupportedTransport, RtspStepKind::setup, &response);
+    // Channels in answer to UDP ports are a choice that can be followed; ports in answer to channels are not ours.
+    if ((track.transport.tcp != asked.tcp && !track.transport.interleaved) ||
+        (!track.transport.tcp && track.transport.multicast))
+        return setupRefused(RtspError::unsupportedTransport, response);
     track.channels = track.transport.interleaved.value_or(asked.interleaved.value_or(ChannelPair{}));
+    track.refusedOther = request.clientPort && request.order != RtspTransportOrder::udpOnly &&
+                         track.transport.tcp == (request.order == RtspTransportOrder::udpThenInterleaved);
     established.push_back(std::move(track));
     ++settingUp;
     return setupNextTrack();
+}
+
+RtspClientSession::Step RtspClientSession::setupRefused(RtspError error, const RtspResponse& response)
+{
+    const RtspTrackRequest& request = wanted[settingUp];
+    if (error == RtspError::unsupportedTransport && turnsToOtherTransport(request))
+        return setupNextTrack();
+    if (!request.optional)
+        return fail(error, RtspStepKind::setup, &response);
+    lastRefusal = failureOf(error, RtspStepKind::setup, &response);
+    ++settingUp;
+    return setupNextTrack();
+}
+
+bool RtspClientSession::asksForUdp(const RtspTrackRequest& request) const noexcept
+{
+    return request.clientPort && (request.order == RtspTransportOrder::udpOnly ||
+                                  (request.order == RtspTransportOrder::udpThenInterleaved) != firstTransportRefused);
+}
+
+bool RtspClientSession::turnsToOtherTransport(const RtspTrackRequest& request) noexcept
+{
+    const bool hasOther = request.clientPort && request.order != RtspTransportOrder::udpOnly;
+    return hasOther && !std::exchange(firstTransportRefused, true);
 }
 
 RtspClientSession::Step RtspClientSession::sendPlay()

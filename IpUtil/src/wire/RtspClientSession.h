@@ -62,11 +62,16 @@ struct RtspSessionConfig {
     RtspKeepAlive keepAlive = RtspKeepAlive::automatic;
 };
 
+/// Which transport a track is asked for that has UDP ports. What the device refuses with 461, or by an answer that
+/// names another transport, is asked for in the other way in the same session, and not again for the tracks after it.
+enum class RtspTransportOrder : std::uint8_t { udpOnly, udpThenInterleaved, interleavedThenUdp };
+
 /// A track that is to be set up.
 struct RtspTrackRequest {
     std::size_t mediaIndex = 0;               ///< in `SessionDescription::media`
     bool optional = false;                    ///< a refusal leaves the track out instead of ending the session
     std::optional<PortPair> clientPort = {};  ///< UDP ports that receive it; without them it comes interleaved
+    RtspTransportOrder order = RtspTransportOrder::udpOnly;
 };
 
 /// A track that has been set up.
@@ -74,6 +79,7 @@ struct RtspTrack {
     std::size_t mediaIndex = 0;
     std::string url;
     ChannelPair channels;       ///< interleaved channels, as the device named them; meaningless over UDP
+    bool refusedOther = false;  ///< the transport asked for first was refused
     TransportHeader transport;  ///< the device's answer, for ports, source and SSRC
     std::optional<std::uint16_t> firstSequenceNumber;  ///< of RTP-Info
     std::optional<std::uint32_t> firstRtpTimestamp;    ///< of RTP-Info
@@ -157,6 +163,9 @@ private:
     Step onPlay(const RtspResponse& response);
     Step sendDescribe();
     Step setupNextTrack();
+    Step setupRefused(RtspError error, const RtspResponse& response);
+    bool asksForUdp(const RtspTrackRequest& request) const noexcept;
+    bool turnsToOtherTransport(const RtspTrackRequest& request) noexcept;
     Step failWithoutTracks();
     Step sendPlay();
     void adoptSession(const RtspResponse& response);
@@ -177,8 +186,9 @@ private:
     SessionHeader session;
 
     std::vector<RtspTrackRequest> wanted;
-    std::size_t settingUp = 0;          ///< index in `wanted`
-    std::optional<Failed> lastRefusal;  ///< of an optional track: the reason when no other is left
+    std::size_t settingUp = 0;           ///< index in `wanted`
+    bool firstTransportRefused = false;  ///< of those that `RtspTransportOrder` names
+    std::optional<Failed> lastRefusal;   ///< of an optional track: the reason when no other is left
     std::vector<RtspTrack> established;
 };
 }  // namespace Tavro8::wire

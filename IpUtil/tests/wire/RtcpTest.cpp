@@ -147,4 +147,22 @@ TEST(Ntp, convertsToUnixMillisecondsAndBack)
          {-1LL, 0LL, 1LL, 999LL, 1000LL, 1506958250501LL, 1763719000123LL, 2085978495999LL, 2085978496001LL})
         EXPECT_EQ(ntpToUnixMs(unixMsToNtp(ms)), ms);
 }
+
+TEST(Rtcp, isToldFromRtpByItsType)
+{
+    const struct {
+        Bytes packet;
+        bool rtcp;
+    } cases[] = {
+        {{0x80, 191, 0, 0}, false}, {{0x80, 192, 0, 0}, true},
+        {{0x80, 200, 0, 0}, true},  {{0x81, 203, 0, 0}, true},
+        {{0x80, 223, 0, 0}, true},  {{0x80, 224, 0, 0}, false},
+        {{0x80, 72, 0, 0}, false},  {{0x40, 200, 0, 0}, false},
+        {{0x80, 200, 0}, false},    {{}, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.packet.size() > 1 ? int{c.packet[1]} : -1);
+        EXPECT_EQ(looksLikeRtcp(c.packet), c.rtcp);
+    }
+}
 }  // namespace Tavro8::wire

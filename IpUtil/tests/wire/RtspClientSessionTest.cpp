@@ -218,6 +218,115 @@ TEST(RtspClientSession, refusesATransportThatWasNotAskedFor)
     EXPECT_EQ(talk.failure().error, RtspError::unsupportedTransport);
 }
 
+TEST(RtspClientSession, asksInTheOtherWayWhereTheDeviceRefusesTheFirst)
+{
+    const std::string udp = "RTP/AVP;unicast;client_port=5000-5001";
+    const std::string tcp = "RTP/AVP/TCP;unicast;interleaved=0-1";
+    const struct {
+        RtspTransportOrder order;
+        std::string first, second, third;
+    } cases[] = {
+        {RtspTransportOrder::udpThenInterleaved, udp, tcp, "RTP/AVP/TCP;unicast;interleaved=2-3"},
+        {RtspTransportOrder::interleavedThenUdp, tcp, udp, "RTP/AVP;unicast;client_port=5002-5003"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.first);
+        Talk talk;
+        talk.toDescribed();
+        talk.step =
+            talk.session.setup({{0, true, PortPair{5000, 5001}, c.order}, {1, true, PortPair{5002, 5003}, c.order}});
+        EXPECT_EQ(header(talk.request(), "Transport"), c.first);
+        talk.answer(461);
+        EXPECT_EQ(talk.request().method, "SETUP");
+        EXPECT_TRUE(talk.request().uri.ends_with("trackID=1"));
+        EXPECT_EQ(header(talk.request(), "Transport"), c.second);
+        talk.answer(200, {"Session: 88", "Transport: " + c.second});
+        EXPECT_EQ(header(talk.request(), "Transport"), c.third) << "what is known by now is not asked again";
+        talk.answer(200, {"Session: 88", "Transport: " + c.third}).answer(200);
+        ASSERT_TRUE(talk.is<Session::Playing>());
+        for (const RtspTrack& track : talk.session.tracks()) {
+            EXPECT_EQ(track.transport.tcp, c.second == tcp);
+            EXPECT_TRUE(track.refusedOther);
+        }
+    }
+}
+
+TEST(RtspClientSession, staysWithTheTransportThatTheDeviceAccepts)
+{
+    for (const auto order : {RtspTransportOrder::udpThenInterleaved, RtspTransportOrder::interleavedThenUdp}) {
+        Talk talk;
+        talk.toDescribed();
+        talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}, order}});
+        talk.answer(200, {"Session: 88"}).answer(200);
+        ASSERT_TRUE(talk.is<Session::Playing>());
+        EXPECT_EQ(talk.session.tracks()[0].transport.tcp, order == RtspTransportOrder::interleavedThenUdp);
+        EXPECT_FALSE(talk.session.tracks()[0].refusedOther);
+    }
+}
+
+TEST(RtspClientSession, endsWhenEveryTransportIsRefused)
+{
+    for (const bool optional : {false, true}) {
+        Talk talk;
+        talk.toDescribed();
+        talk.step = talk.session.setup({{0, optional, PortPair{5000, 5001}, RtspTransportOrder::udpThenInterleaved}});
+        talk.answer(461).answer(461);
+        EXPECT_EQ(talk.failure().error, RtspError::unsupportedTransport);
+        EXPECT_EQ(talk.failure().status, 461U);
+    }
+}
+
+TEST(RtspClientSession, asksInTheOtherWayOnlyWhenTheTransportIsTheReason)
+{
+    Talk talk;
+    talk.toDescribed();
+    talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}, RtspTransportOrder::udpThenInterleaved}});
+    EXPECT_EQ(talk.answer(453).failure().error, RtspError::notEnoughBandwidth);
+}
+
+TEST(RtspClientSession, followsADeviceThatAnswersPortsWithChannels)
+{
+    Talk talk;
+    talk.toDescribed();
+    talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}, RtspTransportOrder::udpThenInterleaved}});
+    talk.answer(200, {"Session: 88", "Transport: RTP/AVP/TCP;unicast;interleaved=6-7"}).answer(200);
+    ASSERT_TRUE(talk.is<Session::Playing>());
+    EXPECT_EQ(talk.session.tracks()[0].channels, (ChannelPair{6, 7}));
+    EXPECT_TRUE(talk.session.tracks()[0].refusedOther);
+}
+
+TEST(RtspClientSession, asksInTheOtherWayWhenTheAnswerNamesWhatCannotBeReceived)
+{
+    const struct {
+        RtspTransportOrder order;
+        const char* answer;
+        const char* asked;
+    } cases[] = {
+        {RtspTransportOrder::udpThenInterleaved, "RTP/AVP;multicast;port=7000-7001",
+         "RTP/AVP/TCP;unicast;interleaved=0-1"},
+        {RtspTransportOrder::interleavedThenUdp, "RTP/AVP;unicast;server_port=7000-7001",
+         "RTP/AVP;unicast;client_port=5000-5001"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.answer);
+        Talk talk;
+        talk.toDescribed();
+        talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}, c.order}});
+        talk.answer(200, {"Session: 88", std::string("Transport: ") + c.answer});
+        EXPECT_EQ(header(talk.request(), "Transport"), c.asked);
+        EXPECT_EQ(header(talk.request(), "Session"), "88");
+    }
+}
+
+TEST(RtspClientSession, asksForPortsOfOneTrackAndChannelsOfAnother)
+{
+    Talk talk;
+    talk.toDescribed();
+    talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}}, {1}});
+    talk.answer(200, {"Session: 88", "Transport: RTP/AVP;unicast;client_port=5000-5001;server_port=6970-6971"});
+    EXPECT_EQ(header(talk.request(), "Transport"), "RTP/AVP/TCP;unicast;interleaved=2-3");
+}
+
 TEST(RtspClientSession, answersADigestChallengeOnceAndThenEachRequestAtOnce)
 {
     Talk talk;
@@ -360,8 +469,9 @@ TEST(RtspClientSession, keepsAliveAtHalfOfTheTimeoutAndThirtySecondsAtMost)
         const char* header;
         int milliseconds;
     } cases[] = {
-        {"Session: 88;timeout=20", 10000},         {"Session: 88", 30000},          {"Session: 88;timeout=600", 30000},
-        {"Session: 88;timeout=1", 500},           {"Session: 88;timeout=3", 1500}, {"Session: 88;timeout=0", 30000},
+        {"Session: 88;timeout=20", 10000},         {"Session: 88", 30000},
+        {"Session: 88;timeout=600", 30000},        {"Session: 88;timeout=1", 500},
+        {"Session: 88;timeout=3", 1500},           {"Session: 88;timeout=0", 30000},
         {"Session: 88;timeout=4294967295", 30000},
     };
     for (const auto& c : cases) {
