@@ -93,6 +93,7 @@ public:
 
     // Settings; before `initialize`.
     void setTransport(RtspTransport transport);
+    RtspTransport getTransport() const noexcept;
     void setConnectTimeout(std::chrono::milliseconds timeout);
     void setStallTimeout(std::chrono::milliseconds timeout);  ///< no packet for so long ends the connection; 0: never
     void setKeepAliveCommand(RtspMethod method);
@@ -121,7 +122,12 @@ public:
     void sendPacket(const std::weak_ptr<RTSPTrack>& track, std::vector<std::uint8_t> payload, std::uint32_t timestamp,
                     Completion handleWritePacket);
 
-    /// Told once when a connection that played ends by itself: loss, stall, end by the device.
+    /// What the next connection to the same device should be set to: differs from `getTransport` once the device has
+    /// refused that, or has not got anything through.
+    RtspTransport getWorkingTransport() const noexcept;
+
+    /// Told once when a connection that played ends by itself: loss, stall, end by the device, or nothing that comes
+    /// over UDP.
     void setClosedHandler(Completion handleClosed);
 
     /// What a track has received; zero when it is gone.

@@ -164,9 +164,6 @@ void RTSPClient::State::performDefaultSteps(const Headers& headers, SdpHandler h
     phase = Phase::negotiating;
     onSdp = std::move(handleSdp);
     onPlay = std::move(handlePlay);
-    if (transport == RtspTransport::udp)
-        logger.warning("Tavro8::Utility::RTSPClient::performDefaultSteps",
-                       "UDP is not available, the stream is received over the RTSP connection: ", url);
 
     wire::RtspSessionConfig config;
     config.url = url;
@@ -213,7 +210,7 @@ void RTSPClient::State::send(const wire::RtspClientSession::Send& out)
             deadline = Clock::now() + timing.requestTimeout;
     }
     if (out.kind == wire::RtspStepKind::play)
-        mapChannels();  // media may be on its way before the answer
+        establishTracks();  // media may be on its way before the answer
     connection.send({out.bytes.begin(), out.bytes.end()});
 }
 
@@ -223,7 +220,7 @@ void RTSPClient::State::onPlaying()
     phase = Phase::playing;
     nextKeepAlive = now + keepAliveInterval();
     nextReport = now + timing.reportInterval;
-    lastProgress = now;
+    lastProgress = playingSince = now;
     logger.info("Tavro8::Utility::RTSPClient::performDefaultSteps", "playing ", url);
     tell(take(onPlay), {});
 }
@@ -277,9 +274,20 @@ void RTSPClient::State::sayGoodBye()
 {
     if (!session)
         return;
+    sayByeToPorts();
     const auto step = session->teardown();
     if (const auto* out = std::get_if<wire::RtspClientSession::Send>(&step))
         connection.sendAtOnce(out->bytes);
+}
+
+void RTSPClient::State::sayByeToPorts()
+{
+    for (const auto& track : tracks) {
+        RtpPorts* ports = track->getPorts();
+        if (ports == nullptr)
+            continue;
+        ports->sendRtcp(track->makeBye(ownSource));
+    }
 }
 
 void RTSPClient::State::teardown(Completion completion)
@@ -296,6 +304,7 @@ void RTSPClient::State::teardown(Completion completion)
         return;
     }
     if (phase == Phase::negotiating || phase == Phase::playing) {
+        sayByeToPorts();
         const auto step = session->teardown();
         if (const auto* out = std::get_if<wire::RtspClientSession::Send>(&step)) {
             phase = Phase::closing;
@@ -326,6 +335,8 @@ void RTSPClient::State::close() noexcept
     if (context != nullptr)
         context->stopTicking(*this);
     connection.close();
+    for (const auto& track : tracks)
+        track->closePorts();
 }
 
 void RTSPClient::State::dropTracks()
@@ -344,6 +355,8 @@ void RTSPClient::State::onContextShutdown() noexcept
     onPlay = nullptr;
     onClosed = nullptr;
     onTornDown.clear();
+    for (const auto& track : tracks)
+        track->closePorts();
     tracks.clear();
 }
 
@@ -390,6 +403,16 @@ ILogger* RTSPClient::logger() const noexcept
 void RTSPClient::setTransport(RtspTransport transport)
 {
     state->transport = transport;
+}
+
+RtspTransport RTSPClient::getTransport() const noexcept
+{
+    return state->transport;
+}
+
+RtspTransport RTSPClient::getWorkingTransport() const noexcept
+{
+    return state->learntTransport.value_or(state->transport);
 }
 
 void RTSPClient::setConnectTimeout(std::chrono::milliseconds timeout)

@@ -48,7 +48,7 @@ void RTSPClient::State::onDescribed()
 
     std::vector<wire::RtspTrackRequest> requests;
     for (const auto& track : tracks)
-        requests.push_back({track->description().index, tracks.size() > 1, {}});
+        requests.push_back(requestOf(*track));
     perform(session->setup(std::move(requests)));
 }
 
@@ -75,7 +75,27 @@ std::weak_ptr<RTSPTrack> RTSPClient::State::addTrack(TrackInitializer initialize
     return track;
 }
 
-void RTSPClient::State::mapChannels()
+wire::RtspTrackRequest RTSPClient::State::requestOf(RTSPTrack& track)
+{
+    wire::RtspTrackRequest request{track.description().index, tracks.size() > 1};
+    if (transport == RtspTransport::tcp || !track.isReceiving())
+        return request;
+    error_code ec;
+    auto ports = RtpPorts::open(service, *context, connection.localAddress(), ec);
+    if (ports == nullptr) {
+        logger.warning("Tavro8::Utility::RTSPClient::performDefaultSteps", "no UDP ports can be opened (", ec.message(),
+                       "), the stream is to be received over the RTSP connection: ", url);
+        return request;
+    }
+    request.clientPort = ports->numbers();
+    request.order = transport == RtspTransport::udp ? wire::RtspTransportOrder::udpThenInterleaved
+                                                    : wire::RtspTransportOrder::interleavedThenUdp;
+    track.offer(std::move(ports));
+    return request;
+}
+
+/// Makes ready for media, also a second time when the device wants PLAY authorized.
+void RTSPClient::State::establishTracks()
 {
     channelTable.fill(nobody);
     for (const wire::RtspTrack& agreed : session->tracks()) {
@@ -83,11 +103,51 @@ void RTSPClient::State::mapChannels()
             tracks, [&](const auto& track) { return track->description().index == agreed.mediaIndex; });
         if (found == tracks.end())
             continue;
-        (*found)->establish(agreed.channels);
-        const auto number = static_cast<std::uint8_t>((found - tracks.begin()) * 2);
-        channelTable[agreed.channels.rtcp] = static_cast<std::uint8_t>(number + 1);
-        channelTable[agreed.channels.rtp] = number;
+        establish(static_cast<std::size_t>(found - tracks.begin()), agreed);
+        if (agreed.refusedOther)
+            learnTransport(agreed);
     }
+}
+
+void RTSPClient::State::establish(std::size_t number, const wire::RtspTrack& agreed)
+{
+    RTSPTrack& track = *tracks[number];
+    if (agreed.transport.tcp) {
+        track.establish(agreed.channels);
+        channelTable[agreed.channels.rtcp] = static_cast<std::uint8_t>(number * 2 + 1);
+        channelTable[agreed.channels.rtp] = static_cast<std::uint8_t>(number * 2);
+    } else if (track.establishPorts(agreed.transport.ssrc)) {
+        RtpPorts& ports = *track.getPorts();
+        ports.start(*this, number, {connection.deviceAddress(), agreed.transport.source, agreed.transport.serverPort});
+        ports.openWay(RTSPTrack::makeEmptyReport(ownSource));
+    }
+}
+
+/// Says once which way the device has refused, and remembers the other.
+void RTSPClient::State::learnTransport(const wire::RtspTrack& agreed)
+{
+    const RtspTransport accepted = agreed.transport.tcp ? RtspTransport::tcp : RtspTransport::udp;
+    if (std::exchange(learntTransport, accepted) == accepted)
+        return;
+    if (accepted == RtspTransport::tcp)
+        logger.warning("Tavro8::Utility::RTSPClient::performDefaultSteps",
+                       "the device refuses UDP, the stream is received over the RTSP connection: ", url);
+    else
+        logger.warning("Tavro8::Utility::RTSPClient::performDefaultSteps",
+                       "the device refuses media over the RTSP connection, the stream is received over UDP: ", url);
+}
+
+/// What the device sends over UDP does not get here: ends the session in good order, so that whoever is told can
+/// connect anew and ask for the other way.
+void RTSPClient::State::giveUpUdp()
+{
+    logger.warning("Tavro8::Utility::RTSPClient::supervise",
+                   "nothing arrives over UDP, the stream is to be received over the RTSP connection: ", url);
+    learntTransport = RtspTransport::tcp;
+    lastFailure = ResultCode::timedOut;
+    auto handler = std::exchange(onClosed, nullptr);
+    teardown([this](const error_code&) { tell(std::exchange(onClosed, nullptr), ResultCode::timedOut); });
+    onClosed = std::move(handler);  // dropped if the owner ends the connection meanwhile
 }
 
 // ---- media ----------------------------------------------------------------------------------------------------
@@ -95,18 +155,67 @@ void RTSPClient::State::mapChannels()
 void RTSPClient::State::onInterleaved(const wire::InterleavedFrame& frame, const media::ArrivalTime& arrival)
 {
     const std::uint8_t number = channelTable[frame.channel];
-    if (number == nobody || (phase != Phase::playing && phase != Phase::negotiating))
+    RTSPTrack* track = number == nobody ? nullptr : playingTrack(number / 2U);
+    if (track == nullptr)
         return;
-    RTSPTrack& track = *tracks[number / 2];
-    if (number % 2 != 0) {
-        track.onRtcp(frame.payload, arrival);
-    } else if (track.isReceiving()) {
-        delivering = true;
-        track.onRtp(frame.payload, arrival);
+    if (number % 2 != 0)
+        track->onRtcp(frame.payload, arrival);
+    else if (track->isReceiving())
+        deliverRtp(*track, frame.payload, arrival);
+}
+
+void RTSPClient::State::onRtpDatagram(std::size_t number, wire::ByteView bytes, const media::ArrivalTime& arrival)
+{
+    if (RTSPTrack* track = playingTrack(number))
+        deliverRtp(*track, bytes, arrival);
+}
+
+void RTSPClient::State::onRtcpDatagram(std::size_t number, wire::ByteView bytes, const media::ArrivalTime& arrival)
+{
+    if (RTSPTrack* track = playingTrack(number))
+        track->onRtcp(bytes, arrival);
+}
+
+void RTSPClient::State::onTruncatedDatagram(std::size_t number)
+{
+    if (RTSPTrack* track = playingTrack(number))
+        track->onTruncated();
+}
+
+void RTSPClient::State::onPortsBroken(const error_code& ec, const std::string& reason)
+{
+    fail(ec, "receiving", reason);
+}
+
+/// Null when media is not wanted any more. It may come before PLAY is answered.
+RTSPTrack* RTSPClient::State::playingTrack(std::size_t number) const noexcept
+{
+    const bool wanted = phase == Phase::playing || phase == Phase::negotiating;
+    return wanted && number < tracks.size() ? tracks[number].get() : nullptr;
+}
+
+void RTSPClient::State::deliverRtp(RTSPTrack& track, wire::ByteView packet, const media::ArrivalTime& arrival)
+{
+    whileDelivering([&] { track.onRtp(packet, arrival); });
+}
+
+/// Hands out frames. Whoever takes one may end the connection: the tracks stay until `body` has returned.
+template <typename Body>
+void RTSPClient::State::whileDelivering(Body&& body)
+{
+    delivering = true;
+    const auto end = [this] {
         delivering = false;
         if (phase == Phase::closed)
-            tracks.clear();  // closed by the taker of the frame
+            tracks.clear();
+    };
+    try {
+        std::forward<Body>(body)();
+    } catch (...) {
+        end();
+        throw;
     }
+    end();
 }
 
 void RTSPClient::State::sendPacket(const std::weak_ptr<RTSPTrack>& weakTrack, const std::vector<std::uint8_t>& payload,
@@ -132,6 +241,8 @@ void RTSPClient::State::onTick(Clock::time_point now)
     guardedVoid(logger, "Tavro8::Utility::RTSPClient::onTick", [&] {
         connection.trim();
         judgeTime(now);
+        for (std::size_t i = 0; playingTrack(i) != nullptr; ++i)
+            whileDelivering([&] { tracks[i]->onTick(now); });
     });
 }
 
@@ -163,10 +274,13 @@ void RTSPClient::State::judgeTime(Clock::time_point now)
 
 void RTSPClient::State::supervise(Clock::time_point now)
 {
-    if (connection.skippedBytes() != 0 && !std::exchange(skipReported, true))
-        logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": bytes that belong to no packet are skipped");
-    if (watchProgress(now))
+    warnOfOddities();
+    if (transport == RtspTransport::udp && !learntTransport && isUdpSilent()) {
+        if (now - playingSince >= timing.firstDatagramLimit)
+            return giveUpUdp();
+    } else if (watchProgress(now)) {
         return;
+    }
     if (now >= nextKeepAlive) {
         nextKeepAlive = now + keepAliveInterval();
         perform(session->keepAlive());
@@ -175,6 +289,31 @@ void RTSPClient::State::supervise(Clock::time_point now)
         nextReport = now + timing.reportInterval;
         sendReports(now);
     }
+}
+
+/// Whether tracks come over UDP, and nothing of any of them has.
+bool RTSPClient::State::isUdpSilent() const noexcept
+{
+    bool silent = false;
+    for (const auto& track : tracks) {
+        const RtpPorts* ports = track->getPorts();
+        if (ports != nullptr && ports->rtpDatagrams() != 0)
+            return false;
+        silent = silent || ports != nullptr;
+    }
+    return silent;
+}
+
+void RTSPClient::State::warnOfOddities()
+{
+    if (connection.skippedBytes() != 0 && !std::exchange(skipReported, true))
+        logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": bytes that belong to no packet are skipped");
+    const bool strays = std::ranges::any_of(tracks, [](const auto& track) {
+        return track->getPorts() != nullptr && track->getPorts()->strayDatagrams() != 0;
+    });
+    if (strays && !std::exchange(strayReported, true))
+        logger.warning("Tavro8::Utility::RTSPClient::supervise", url,
+                       ": datagrams that do not come from the device are dropped");
 }
 
 /// Ends a stream that sends nothing, or nothing that fits its description. True when it has been ended.
@@ -214,9 +353,13 @@ bool RTSPClient::State::watchProgress(Clock::time_point now)
 void RTSPClient::State::sendReports(Clock::time_point now)
 {
     for (const auto& track : tracks) {
-        auto report = track->makeReport(ownSource, now);
-        if (!report.empty() && connection.queuedBytes() <= maxQueuedBytes)
-            connection.send(std::move(report));
+        const auto report = track->makeReport(ownSource, now);
+        if (report.empty())
+            continue;
+        if (RtpPorts* ports = track->getPorts())
+            ports->sendRtcp(report);
+        else if (connection.queuedBytes() <= maxQueuedBytes)
+            connection.send(track->interleave(report));
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "rtsp/RtpPorts.h"
 #include "rtsp/RtspConnection.h"
 #include "rtsp/RtspTrack.h"
 #include "rtsp/StreamContext.h"
@@ -20,7 +21,9 @@ namespace Tavro8::Utility
 {
 /// The RTSP client: feeds the session with the connection's messages, sends what it wants sent, gives media to the
 /// tracks, and watches the time. All of it runs on the I/O context.
-struct RTSPClient::State final : private StreamContext::Client, private RtspConnection::Events {
+struct RTSPClient::State final : private StreamContext::Client,
+                                 private RtspConnection::Events,
+                                 private RtpPorts::Events {
     using TimePoint = std::chrono::steady_clock::time_point;
 
     enum class Phase : std::uint8_t {
@@ -50,6 +53,7 @@ struct RTSPClient::State final : private StreamContext::Client, private RtspConn
     LoggerHelper logger;
 
     RtspTransport transport = RtspTransport::tcp;
+    std::optional<RtspTransport> learntTransport;  // what to use instead next time
     std::chrono::milliseconds connectTimeout = DEFAULT_CONNECT_TIMEOUT;
     std::chrono::milliseconds stallTimeout{5000};
     std::optional<RtspMethod> keepAliveMethod;
@@ -70,6 +74,14 @@ private:
     void onMessage(const wire::RtspMessage& message) override;
     void onInterleaved(const wire::InterleavedFrame& frame, const media::ArrivalTime& arrival) override;
     void onBroken(const error_code& ec, const std::string& reason) override;
+
+    // RtpPorts::Events
+    void onRtpDatagram(std::size_t track, wire::ByteView bytes, const media::ArrivalTime& arrival) override;
+    void onRtcpDatagram(std::size_t track, wire::ByteView bytes, const media::ArrivalTime& arrival) override;
+    void onTruncatedDatagram(std::size_t track) override;
+    void onPortsBroken(const error_code& ec, const std::string& reason) override;
+
+    // Both
     std::shared_ptr<void> keepAlive() override;
 
     void perform(wire::RtspClientSession::Step step);
@@ -77,16 +89,28 @@ private:
     void onDescribed();
     void onPlaying();
     void onKeepAliveRefused(unsigned status);
-    void mapChannels();
+
+    wire::RtspTrackRequest requestOf(RTSPTrack& track);
+    void establishTracks();
+    void establish(std::size_t number, const wire::RtspTrack& agreed);
+    void learnTransport(const wire::RtspTrack& agreed);
+    void giveUpUdp();
+    RTSPTrack* playingTrack(std::size_t number) const noexcept;
+    void deliverRtp(RTSPTrack& track, wire::ByteView packet, const media::ArrivalTime& arrival);
+    template <typename Body>
+    void whileDelivering(Body&& body);
 
     void judgeTime(TimePoint now);
     void supervise(TimePoint now);
     bool watchProgress(TimePoint now);
+    bool isUdpSilent() const noexcept;
+    void warnOfOddities();
     void sendReports(TimePoint now);
     std::chrono::milliseconds keepAliveInterval() const;
 
     void fail(const error_code& ec, const char* step, const std::string& reason);
     void sayGoodBye();
+    void sayByeToPorts();
     void finishTeardown();
     void close() noexcept;
     void dropTracks();
@@ -118,8 +142,10 @@ private:
     TimePoint nextKeepAlive;
     TimePoint nextReport;
     TimePoint lastProgress;
+    TimePoint playingSince;
     std::uint64_t admittedBefore = 0;
     bool refusalReported = false;
     bool skipReported = false;
+    bool strayReported = false;
 };
 }  // namespace Tavro8::Utility

@@ -110,6 +110,7 @@ void RTSPStream::State::restart()
 
 void RTSPStream::State::onDeviceConnected()
 {
+    learntTransport.reset();  // the network between us may be another now
     if (phase == Phase::waitingForDevice || phase == Phase::waitingForRetry)
         connect();
 }
@@ -184,7 +185,26 @@ void RTSPStream::State::onSession(const error_code& ec)
 {
     if (ec)
         return onAttemptFailed(ec);
+    chooseTransport();
     client->performDefaultSteps({}, bound(&State::onSdp), bound(&State::onPlay));
+}
+
+/// What did not work is not tried again and again, unless somebody asks for something else.
+void RTSPStream::State::chooseTransport()
+{
+    const RtspTransport wanted = client->getTransport();
+    if (wantedTransport != wanted)
+        learntTransport.reset();
+    wantedTransport = wanted;
+    if (learntTransport)
+        client->setTransport(*learntTransport);
+}
+
+/// True when the client has found out something new.
+bool RTSPStream::State::learnTransport()
+{
+    const RtspTransport working = client->getWorkingTransport();
+    return working != client->getTransport() && std::exchange(learntTransport, working) != working;
 }
 
 void RTSPStream::State::onSdp(const error_code& ec, const SessionDescription& description)
@@ -233,6 +253,7 @@ void RTSPStream::State::onPlay(const error_code& ec)
     if (ec)
         return onAttemptFailed(ec);
     phase = Phase::playing;
+    learnTransport();
     played = true;
     lost = false;
     failures->forget();
@@ -287,6 +308,7 @@ void RTSPStream::State::deliverToJoining(Registration& registration, const GDRV:
 
 void RTSPStream::State::onAttemptFailed(const error_code& ec)
 {
+    learnTransport();
     collectCounters();
     client.reset();
     const bool firstAfterLoss = std::exchange(lost, false);
@@ -300,8 +322,11 @@ void RTSPStream::State::onAttemptFailed(const error_code& ec)
 
 void RTSPStream::State::onClosed(const error_code& ec)
 {
+    const bool otherWay = learnTransport();
     collectCounters();
     client.reset();
+    if (otherWay)
+        return connect();  // nothing was lost: the device is asked again in another way
     const auto life = std::chrono::steady_clock::now() - playingSince;
     const bool steady = framesFlowed && life >= timing.steadyLife;
     lost = true;

@@ -76,6 +76,8 @@ private:
     void connect();
     void onEnded(const error_code&) { connect(); }
     void prepareClient();
+    void chooseTransport();
+    bool learnTransport();
     void onSession(const error_code& ec);
     void onSdp(const error_code& ec, const SessionDescription& description);
     void onPlay(const error_code& ec);
@@ -117,7 +119,9 @@ private:
     std::vector<Registration> registrations;  // changed only in handlers of their own, never while frames are told
     std::array<Kind, 2> kinds;
     std::shared_ptr<RTSPClient> client;
-    std::uint64_t connectionNumber = 0;  // tells handlers of an older connection from those of this one
+    std::optional<RtspTransport> wantedTransport;  // by the parameters, at the last connection
+    std::optional<RtspTransport> learntTransport;  // what has worked instead, until the device is connected anew
+    std::uint64_t connectionNumber = 0;            // tells handlers of an older connection from those of this one
     std::optional<boost::asio::steady_timer> retryTimer;
     Backoff backoff;
     std::minstd_rand random;

@@ -77,6 +77,8 @@ void RtspConnection::onConnect(const error_code& ec)
     socket->set_option(tcp::no_delay(true), ignored);
     if (error_code failed; socket->non_blocking(true, failed), failed)
         return breakWith(hostError(failed), failed.message());
+    ourAddress = socket->local_endpoint(ignored).address();
+    theirAddress = socket->remote_endpoint(ignored).address();
     waitReadable();
     events.onConnected();
 }

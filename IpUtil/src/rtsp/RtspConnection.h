@@ -5,6 +5,7 @@
 #include "wire/InterleavedParser.h"
 
 #include <IpUtil/ErrorCode.h>
+#include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -55,6 +56,10 @@ public:
     /// Says good-bye as far as that is possible without waiting; for a connection that is closed right afterwards.
     void sendAtOnce(const std::string& bytes) noexcept;
 
+    /// Both ends, valid from `onConnected` on.
+    const boost::asio::ip::address& localAddress() const noexcept { return ourAddress; }
+    const boost::asio::ip::address& deviceAddress() const noexcept { return theirAddress; }
+
     void close() noexcept;
     /// The I/O context is going: let go of everything that belongs to it.
     void release() noexcept;
@@ -95,6 +100,8 @@ private:
     std::optional<tcp::socket> socket;
     std::vector<tcp::endpoint> endpoints;
     std::size_t nextEndpoint = 0;
+    boost::asio::ip::address ourAddress;
+    boost::asio::ip::address theirAddress;
     bool open = false;
 
     wire::InterleavedParser parser;

@@ -3,6 +3,7 @@
 #include "wire/Rtcp.h"
 
 #include <random>
+#include <span>
 #include <utility>
 
 namespace Tavro8::Utility
@@ -33,6 +34,14 @@ wire::RtcpReportBlock blockOf(const media::ReceptionReport& report)
             report.lastSenderReport,
             report.delaySinceLastSenderReport};
 }
+/// RFC 3550 section 6.1: each compound packet begins with a report and names its source.
+wire::Bytes beginCompound(std::uint32_t ownSource, std::span<const wire::RtcpReportBlock> blocks)
+{
+    wire::Bytes packet;
+    wire::appendReceiverReport(packet, ownSource, blocks);
+    wire::appendSourceName(packet, ownSource, "IpUtil");
+    return packet;
+}
 }  // namespace
 
 RTSPTrack::RTSPTrack(TrackInitializer initializer, const LoggerHelper& logger)
@@ -44,6 +53,11 @@ RTSPTrack::RTSPTrack(TrackInitializer initializer, const LoggerHelper& logger)
     sendSequence = static_cast<std::uint16_t>(random());
 }
 
+RTSPTrack::~RTSPTrack()
+{
+    closePorts();
+}
+
 const char* RTSPTrack::receive(const media::TrackFormat& format, const std::shared_ptr<media::FramePool>& pool,
                                LossHandling lossHandling)
 {
@@ -53,12 +67,42 @@ const char* RTSPTrack::receive(const media::TrackFormat& format, const std::shar
     options.depacketiser.lossPolicy =
         lossHandling == LossHandling::flag ? media::LossPolicy::flag : media::LossPolicy::dropUntilKeyFrame;
     receiver = media::TrackReceiver::make(format, pool, *this, options);
+    for (const std::uint8_t type : format.payloadTypes)
+        payloadTypes.set(type);
     return receiver == nullptr ? "the format of the track is not supported" : nullptr;
 }
 
 void RTSPTrack::establish(const wire::ChannelPair& agreed) noexcept
 {
     channels = agreed;
+    usesUdp = false;
+    closePorts();
+    ports.reset();
+}
+
+bool RTSPTrack::establishPorts(std::optional<std::uint32_t> source)
+{
+    if (ports == nullptr || receiver == nullptr || usesUdp)
+        return false;
+    usesUdp = true;
+    channels.reset();
+    receiver->expectDatagrams(source);
+    return true;
+}
+
+void RTSPTrack::closePorts() noexcept
+{
+    if (ports != nullptr)
+        ports->close();
+}
+
+void RTSPTrack::onRtp(wire::ByteView packet, const media::ArrivalTime& arrival)
+{
+    // Some devices send both to one port. A track that uses such a payload type all the same wins.
+    if (wire::looksLikeRtcp(packet) && !payloadTypes[packet[1] & 0x7FU])
+        onRtcp(packet, arrival);
+    else
+        receiver->onRtp(packet, arrival);
 }
 
 void RTSPTrack::onRtcp(wire::ByteView packet, const media::ArrivalTime& arrival)
@@ -81,20 +125,37 @@ try {
         logger.error("Tavro8::Utility::RTSPTrack::onFrame", e.what());
 }
 
-std::vector<std::uint8_t> RTSPTrack::makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now)
+wire::Bytes RTSPTrack::makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now)
 {
-    if (receiver == nullptr || !channels)
+    if (receiver == nullptr || !isEstablished())
         return {};
     const auto report = receiver->makeReport(now);
     if (!report)
         return {};
     lastJitter = report->jitter;
+    reported = true;
     const wire::RtcpReportBlock block = blockOf(*report);
-    wire::Bytes packet;
-    wire::appendReceiverReport(packet, ownSource, {&block, 1});
-    wire::appendSourceName(packet, ownSource, "IpUtil");  // RFC 3550 section 6.1: each compound packet names its source
-    auto bytes = beginInterleaved(channels->rtcp, packet.size());
-    bytes.insert(bytes.end(), packet.begin(), packet.end());
+    return beginCompound(ownSource, {&block, 1});
+}
+
+wire::Bytes RTSPTrack::makeEmptyReport(std::uint32_t ownSource)
+{
+    return beginCompound(ownSource, {});
+}
+
+wire::Bytes RTSPTrack::makeBye(std::uint32_t ownSource) const
+{
+    if (!reported)
+        return {};
+    wire::Bytes packet = beginCompound(ownSource, {});
+    wire::appendBye(packet, ownSource);
+    return packet;
+}
+
+std::vector<std::uint8_t> RTSPTrack::interleave(const wire::Bytes& rtcp) const
+{
+    auto bytes = beginInterleaved(channels->rtcp, rtcp.size());
+    bytes.insert(bytes.end(), rtcp.begin(), rtcp.end());
     return bytes;
 }
 

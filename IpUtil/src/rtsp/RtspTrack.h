@@ -1,24 +1,31 @@
 #pragma once
 
 #include "media/TrackReceiver.h"
+#include "rtsp/RtpPorts.h"
 #include "wire/Bytes.h"
 #include "wire/RtspMessage.h"
 
 #include <IpUtil/LoggerHelper.h>
 #include <IpUtil/RTSPClient.h>
 #include <IpUtil/Statistics.h>
+#include <bitset>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace Tavro8::Utility
 {
-/// One track of a session: what it receives, what is sent to it. Belongs to its client's I/O context.
+/// One track of a session: what it receives, what is sent to it, and on which channels or ports. Belongs to its
+/// client's I/O context.
 class RTSPTrack final : private media::FrameSink {
 public:
     RTSPTrack(TrackInitializer initializer, const LoggerHelper& logger);
+    ~RTSPTrack();
+    RTSPTrack(const RTSPTrack&) = delete;
+    RTSPTrack& operator=(const RTSPTrack&) = delete;
 
     /// Makes the track one that receives; null, or why it cannot.
     const char* receive(const media::TrackFormat& format, const std::shared_ptr<media::FramePool>& pool,
@@ -27,18 +34,40 @@ public:
 
     const SdpTrack& description() const noexcept { return initializer.track; }
 
-    /// The device has agreed to the track, on these interleaved channels.
-    void establish(const wire::ChannelPair& agreed) noexcept;
-    bool isEstablished() const noexcept { return channels.has_value(); }
-    const wire::ChannelPair& getChannels() const noexcept { return *channels; }
+    /// Ports to ask the device for; they count when it agrees to them.
+    void offer(std::shared_ptr<RtpPorts> opened) noexcept { ports = std::move(opened); }
 
-    void onRtp(wire::ByteView packet, const media::ArrivalTime& arrival) { receiver->onRtp(packet, arrival); }
+    /// The device has agreed to the track, interleaved on these channels.
+    void establish(const wire::ChannelPair& agreed) noexcept;
+    /// The device has agreed to send to the ports offered; `source` is the SSRC that it has announced. False when it
+    /// was known already.
+    bool establishPorts(std::optional<std::uint32_t> source);
+    bool isEstablished() const noexcept { return channels || usesUdp; }
+    /// The ports in use, null for an interleaved track.
+    RtpPorts* getPorts() const noexcept { return usesUdp ? ports.get() : nullptr; }
+    void closePorts() noexcept;
+
+    /// A packet where RTP is expected; one of RTCP is told by its type.
+    void onRtp(wire::ByteView packet, const media::ArrivalTime& arrival);
     void onRtcp(wire::ByteView packet, const media::ArrivalTime& arrival);
+    void onTruncated() noexcept { receiver->onTruncated(); }
+    /// Now and then, while the track plays; may hand out frames.
+    void onTick(std::chrono::steady_clock::time_point now)
+    {
+        if (receiver != nullptr)
+            receiver->onTick(now);
+    }
     /// From now on frames are dropped; allowed inside the delivery of one.
     void mute() noexcept { muted = true; }
 
-    /// An interleaved frame with the compound RTCP packet of a receiver report; empty while nothing was received.
-    std::vector<std::uint8_t> makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now);
+    /// The compound RTCP packet of a receiver report; empty while nothing was received.
+    wire::Bytes makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now);
+    /// The same for one that says nothing, to a device of which nothing has been received.
+    static wire::Bytes makeEmptyReport(std::uint32_t ownSource);
+    /// The last report: we leave. Empty when there was none before (RFC 3550 section 6.3.7).
+    wire::Bytes makeBye(std::uint32_t ownSource) const;
+    /// An RTCP packet as an interleaved frame on the track's channel.
+    std::vector<std::uint8_t> interleave(const wire::Bytes& rtcp) const;
     /// An interleaved frame with one RTP packet (RFC 3550 section 5.1) to the device; empty when it is too large.
     std::vector<std::uint8_t> makePacket(const std::vector<std::uint8_t>& payload, std::uint32_t timestamp);
 
@@ -63,7 +92,11 @@ private:
     TrackInitializer initializer;
     LoggerHelper logger;
     std::unique_ptr<media::TrackReceiver> receiver;  // null for a track that is only sent to
+    std::bitset<256> payloadTypes;                   // of the format that is received
     std::optional<wire::ChannelPair> channels;
+    std::shared_ptr<RtpPorts> ports;  // offered or in use
+    bool usesUdp = false;
+    bool reported = false;
     bool muted = false;
     std::optional<std::uint64_t> packetsAtBye;
     bool throwReported = false;

@@ -1,4 +1,8 @@
+#include <utility>
+
 #include "rtsp/StreamContext.h"
+
+#include "rtsp/DatagramBatch.h"
 
 #include <algorithm>
 
@@ -35,6 +39,13 @@ std::span<std::uint8_t> StreamContext::receiveBuffer()
     if (buffer == nullptr)
         buffer = std::make_unique_for_overwrite<std::uint8_t[]>(receiveBufferBytes);
     return {buffer.get(), receiveBufferBytes};
+}
+
+DatagramBatch& StreamContext::datagramBatch()
+{
+    if (datagrams == nullptr)
+        datagrams = std::make_unique<DatagramBatch>();
+    return *datagrams;
 }
 
 void StreamContext::startTicking(Client& client)

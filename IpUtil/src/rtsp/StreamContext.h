@@ -15,6 +15,8 @@
 
 namespace Tavro8::Utility
 {
+class DatagramBatch;
+
 /// Waiting times of the RTSP client that are nobody's setting.
 struct StreamTiming {
     std::chrono::milliseconds tickInterval{250};                 ///< how exact all the others are
@@ -22,6 +24,7 @@ struct StreamTiming {
     std::chrono::milliseconds teardownTimeout{1000};             ///< for the answer to TEARDOWN
     std::chrono::milliseconds reportInterval{5000};              ///< between RTCP receiver reports of a track
     std::chrono::milliseconds foreignLimit{2000};                ///< only unknown payload types: the format has changed
+    std::chrono::milliseconds firstDatagramLimit{3000};          ///< nothing came over UDP: it does not get through
     std::chrono::milliseconds silenceAfterBye{1000};             ///< RTCP BYE and then nothing: the stream has ended
     std::optional<std::chrono::milliseconds> keepAliveInterval;  ///< instead of half of the session's time-out
     std::chrono::milliseconds firstRetry{1000};
@@ -66,6 +69,8 @@ public:
     /// The buffer into which the connection whose turn it is reads. It belongs to that connection until the end of
     /// the handler that called.
     std::span<std::uint8_t> receiveBuffer();
+    /// The same for datagrams.
+    DatagramBatch& datagramBatch();
     const std::shared_ptr<media::FramePool>& framePool() const noexcept { return pool; }
 
     /// Begins and ends the calls of `onTick`; each does nothing when it is so already.
@@ -83,7 +88,8 @@ private:
 
     static constexpr std::size_t receiveBufferBytes = 256 * 1024;
 
-    std::unique_ptr<std::uint8_t[]> buffer;  // made when first needed
+    std::unique_ptr<std::uint8_t[]> buffer;    // made when first needed
+    std::unique_ptr<DatagramBatch> datagrams;  // likewise
     std::shared_ptr<media::FramePool> pool;
     std::optional<boost::asio::steady_timer> timer;
     std::vector<Client*> ticking;  // null: has left while a tick was under way
