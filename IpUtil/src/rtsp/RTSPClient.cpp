@@ -7,6 +7,7 @@
 
 #include <IpUtil/RTSPClient.h>
 #include <Tavro8/ResultCode.h>
+#include <algorithm>
 #include <boost/asio/post.hpp>
 #include <random>
 
@@ -221,7 +222,9 @@ void RTSPClient::State::onPlaying()
     nextKeepAlive = now + keepAliveInterval();
     nextReport = now + timing.reportInterval;
     lastProgress = playingSince = now;
-    logger.info("Tavro8::Utility::RTSPClient::performDefaultSteps", "playing ", url);
+    logger.info(
+        "Tavro8::Utility::RTSPClient::performDefaultSteps", "playing ", url,
+        std::ranges::any_of(tracks, [](const auto& track) { return track->getPorts() != nullptr; }) ? " over UDP" : "");
     tell(take(onPlay), {});
 }
 

@@ -411,23 +411,35 @@ Bytes annexB(std::initializer_list<Bytes> nals)
     return stream;
 }
 
+std::vector<Bytes> VideoSender::keyFrameRtp()
+{
+    std::vector<Bytes> packets;
+    for (const auto& [nal, last] : {std::pair{spsNal(), false}, std::pair{ppsNal(), false}, std::pair{idrNal(), true}})
+        packets.push_back(rtp(payloadType, sequence++, timestamp, last, nal));
+    timestamp += 3600;
+    return packets;
+}
+
+Bytes VideoSender::pictureRtp()
+{
+    Bytes packet = rtp(payloadType, sequence++, timestamp, true, pictureNal());
+    timestamp += 3600;
+    return packet;
+}
+
 Bytes VideoSender::keyFramePackets()
 {
     Bytes all;
-    for (const auto& [nal, last] :
-         {std::pair{spsNal(), false}, std::pair{ppsNal(), false}, std::pair{idrNal(), true}}) {
-        const Bytes frame = interleaved(channel, rtp(payloadType, sequence++, timestamp, last, nal));
+    for (const Bytes& packet : keyFrameRtp()) {
+        const Bytes frame = interleaved(channel, packet);
         all.insert(all.end(), frame.begin(), frame.end());
     }
-    timestamp += 3600;
     return all;
 }
 
 Bytes VideoSender::picturePackets()
 {
-    Bytes frame = interleaved(channel, rtp(payloadType, sequence++, timestamp, true, pictureNal()));
-    timestamp += 3600;
-    return frame;
+    return interleaved(channel, pictureRtp());
 }
 
 bool VideoSender::sendKeyFrame(ScriptedPeer::Connection& connection)

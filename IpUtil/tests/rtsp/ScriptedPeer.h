@@ -137,6 +137,9 @@ public:
     void run(ScriptedPeer::Connection& connection, std::size_t frames, std::size_t period = 5);
     Bytes keyFramePackets();
     Bytes picturePackets();
+    /// The same as RTP packets, to be sent in any way.
+    std::vector<Bytes> keyFrameRtp();
+    Bytes pictureRtp();
 
     std::uint8_t channel;
     std::uint8_t payloadType;
