@@ -121,7 +121,8 @@ TEST(InfoEndToEnd, aDeviceWithBrokenDeviceInformationStillConnects)
 
 /// Receives with sound for three seconds and checks the file with programs that know nothing of us.
 void receivesPlayableMedia(const std::vector<std::string>& deviceArguments,
-                           const std::vector<std::string>& hostArguments, const char* videoCodec)
+                           const std::vector<std::string>& hostArguments, const char* videoCodec,
+                           const std::vector<std::string>& liveArguments = {})
 {
     const SimulatorProcess device(smallPictures(deviceArguments));
     const ScratchFolder folder;
@@ -129,6 +130,7 @@ void receivesPlayableMedia(const std::vector<std::string>& deviceArguments,
     const auto file = folder.file("live.mp4");
     const auto picture = folder.file("live.png");
     arguments.insert(arguments.end(), {"live", "--seconds", "3", "--audio", "--output", file, "--snapshot", picture});
+    arguments.insert(arguments.end(), liveArguments.begin(), liveArguments.end());
     const auto run = runHost(folder, deviceAddress(device), arguments);
     ASSERT_EQ(run.status, 0) << run.errors;
 
@@ -165,6 +167,34 @@ TEST(LiveEndToEnd, receivesFromAMultichannelCamera)
 {
     receivesPlayableMedia({"--kind", "multichannel", "--channels", "2", "--auth", "basic"}, {"--channels", "2"},
                           "h264");
+}
+
+TEST(LiveEndToEnd, receivesOverUdp)
+{
+    receivesPlayableMedia({}, {}, "h264", {"--transport", "udp"});
+}
+
+TEST(LiveEndToEnd, receivesH265OverUdp)
+{
+    receivesPlayableMedia({"--codec", "h265"}, {}, "hevc", {"--transport", "udp"});
+}
+
+TEST(LiveEndToEnd, saysOverWhichTransportItReceives)
+{
+    const SimulatorProcess device(smallPictures({"--no-audio"}));
+    const struct {
+        const char* transport;
+        bool udp;
+    } cases[] = {{"tcp", false}, {"udp", true}, {"auto", false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.transport);
+        const ScratchFolder folder;
+        const auto run = runHost(folder, deviceAddress(device),
+                                 {"--log-level", "info", "live", "--seconds", "1", "--transport", c.transport});
+        EXPECT_EQ(run.status, 0) << run.errors;
+        EXPECT_THAT(run.errors, HasSubstr("playing rtsp://"));
+        EXPECT_EQ(run.errors.find("over UDP") != std::string::npos, c.udp);
+    }
 }
 
 TEST(LiveEndToEnd, deliversEveryFrameThatTheDeviceSent)

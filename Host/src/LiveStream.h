@@ -18,7 +18,7 @@ public:
         std::uint32_t channel = 0;
         std::uint32_t stream = 0;
         bool sound = false;
-        std::string transport = "tcp";  ///< or "udp"
+        std::string transport = "tcp";  ///< or "udp" or "auto"
     };
 
     /// Makes the sources; they do not run yet. `queue` (may be null) gets every frame. Throws `Failure` when

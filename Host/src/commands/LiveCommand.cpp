@@ -223,8 +223,10 @@ public:
             ->type_name("S")
             ->capture_default_str();
         app.add_flag("--audio", request.sound, "Receive the channel's sound too");
-        app.add_option("--transport", request.transport, "How media travels: tcp or udp")
-            ->check(CLI::IsMember({"tcp", "udp"}).description(""))
+        app.add_option("--transport", request.transport,
+                       "How media travel: tcp (over the RTSP connection), udp,\n"
+                       "or auto (udp where the device refuses tcp)")
+            ->check(CLI::IsMember({"tcp", "udp", "auto"}).description(""))
             ->type_name("HOW")
             ->capture_default_str();
         app.add_option("--output", options.output, "Record to FILE.mp4 or FILE.mkv, pictures as received")

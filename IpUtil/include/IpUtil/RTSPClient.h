@@ -24,7 +24,12 @@ inline constexpr const char* RTSP_HEADER_REQUIRE = "Require";
 enum class RtspMethod { RTSP_METHOD_OPTIONS, RTSP_METHOD_GET_PARAMETER, RTSP_METHOD_SET_PARAMETER };
 using enum RtspMethod;
 
-enum class RtspTransport { tcp, udp, automatic };
+/// How media come.
+enum class RtspTransport {
+    tcp,       ///< interleaved in the RTSP connection
+    udp,       ///< UDP; interleaved when the device refuses UDP or nothing gets through
+    automatic  ///< interleaved; UDP when the device refuses that
+};
 
 /// What to do with pictures that cannot be decoded cleanly because packets were lost.
 enum class LossHandling {
@@ -68,8 +73,8 @@ struct TrackInitializer {
     std::function<void(const GDRV::MediaFrame&)> onFrame;
 };
 
-/// An RTSP connection to a device: RTP and RTSP on one TCP connection (RFC 2326 section 10.12), digest or basic
-/// authentication, keep-alive at no more than half of the session's time-out.
+/// An RTSP connection to a device: RTSP over TCP, RTP in the same connection (RFC 2326 section 10.12) or over UDP,
+/// digest or basic authentication, keep-alive at no more than half of the session's time-out.
 ///
 /// One thread: the I/O context it was made with, which one thread runs. Always held by shared ownership; keeps itself
 /// alive until it is torn down or has failed. Each completion runs once, never inside the call that takes it, and not
@@ -142,9 +147,9 @@ private:
     std::unique_ptr<State> state;
 };
 
-/// Loads `transport` ("tcp", "udp", "auto") and `stallTimeout` (seconds, default 5) of a channel's parameters into the
-/// client. A value that cannot be used is logged and leaves the default. Where several receivers share a connection
-/// the values of the last one that names any hold.
+/// Loads `transport` ("tcp", "udp", "auto", see `RtspTransport`) and `stallTimeout` (seconds, default 5) of a channel's
+/// parameters into the client. A value that cannot be used is logged and leaves the default. Where several receivers
+/// share a connection the values of the last one that names any hold.
 IPUTIL_API void initializeRTSPClientFromParams(RTSPClient& client, const ParametersContainer& parameters);
 
 /// What a channel's parameters say about pictures: `lossPolicy` ("flag", "drop"). A value that cannot be used is logged

@@ -2,6 +2,7 @@
 
 #include "AllocationCounter.h"
 #include "Player.h"
+#include "UdpEnd.h"
 
 #include <algorithm>
 #include <future>
@@ -15,8 +16,10 @@ using namespace testkit;
 using kelvo::test::heapUseOfThisThread;
 
 struct CountingPlayer {
-    CountingPlayer(Loop& loop, const ScriptedPeer& peer) : client(RTSPClient::create(*loop.io, nullptr))
+    CountingPlayer(Loop& loop, const ScriptedPeer& peer, RtspTransport transport = RtspTransport::tcp)
+        : client(RTSPClient::create(*loop.io, nullptr))
     {
+        client->setTransport(transport);
         client->initialize(addressOf(peer), "/media/video1", [this](const error_code&) {
             client->performDefaultSteps(
                 {},
@@ -46,6 +49,47 @@ TEST(RTSPReceiving, allocatesNothingForAPacketOrAFrame)
     const std::size_t framesBefore = player.frames;
     ASSERT_TRUE(loop.runUntil([&] { return player.frames > framesBefore + 5000; }));
     EXPECT_LT(heapUseOfThisThread().allocations - before, 10U) << "a buffer may grow once or twice";
+}
+
+TEST(RTSPReceiving, allocatesNothingForADatagramInOrderOrNot)
+{
+    Camera camera;
+    camera.sdp = videoSdp;
+    UdpEnd device;
+    camera.transport = [&](std::size_t, const std::string& asked) { return device.accept(asked); };
+    ScriptedPeer peer(camera.script());
+    Loop loop;
+    CountingPlayer player(loop, peer, RtspTransport::udp);
+    ASSERT_TRUE(loop.runUntil([&] { return player.playing; }));
+
+    // A key frame of three packets and two pictures, sent again and again under later numbers; the pictures swap
+    // places.
+    VideoSender sender;
+    std::vector<Bytes> packets = sender.keyFrameRtp();
+    packets.push_back(sender.pictureRtp());
+    packets.push_back(sender.pictureRtp());
+    const auto sendRound = [&](std::uint32_t round) {
+        for (std::size_t i = 0; i < packets.size(); ++i) {
+            const std::uint32_t sequence =
+                round * static_cast<std::uint32_t>(packets.size()) + static_cast<std::uint32_t>(i);
+            const std::uint32_t timestamp = (round * 3 + static_cast<std::uint32_t>(i < 3 ? 0 : i - 2)) * 3600;
+            for (std::size_t k = 0; k < 2; ++k)
+                packets[i][2 + k] = static_cast<std::uint8_t>(sequence >> (8 - 8 * k));
+            for (std::size_t k = 0; k < 4; ++k)
+                packets[i][4 + k] = static_cast<std::uint8_t>(timestamp >> (24 - 8 * k));
+        }
+        for (const std::size_t i : {0U, 1U, 2U, 4U, 3U})
+            device.sendRtp(packets[i]);
+    };
+    std::size_t before = 0;
+    constexpr std::uint32_t warmRounds = 100;
+    for (std::uint32_t round = 0; round < 2000; ++round) {
+        if (round == warmRounds)
+            before = heapUseOfThisThread().allocations;
+        sendRound(round);
+        ASSERT_TRUE(loop.runUntil([&] { return player.frames == 3 * (round + 1); }));
+    }
+    EXPECT_LT(heapUseOfThisThread().allocations - before, 10U);
 }
 
 TEST(RTSPReceiving, holdsLittleForAnIdleConnection)
