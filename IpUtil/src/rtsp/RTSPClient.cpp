@@ -286,10 +286,8 @@ void RTSPClient::State::sayGoodBye()
 void RTSPClient::State::sayByeToPorts()
 {
     for (const auto& track : tracks) {
-        RtpPorts* ports = track->getPorts();
-        if (ports == nullptr)
-            continue;
-        ports->sendRtcp(track->makeBye(ownSource));
+        if (RtpPorts* ports = track->getPorts())
+            ports->sendRtcp(track->makeBye(ownSource));
     }
 }
 

@@ -107,6 +107,10 @@ void RTSPClient::State::establishTracks()
         if (agreed.refusedOther)
             learnTransport(agreed);
     }
+    for (const auto& track : tracks) {
+        if (!track->isEstablished())
+            track->closePorts();  // the device has left it out
+    }
 }
 
 void RTSPClient::State::establish(std::size_t number, const wire::RtspTrack& agreed)
