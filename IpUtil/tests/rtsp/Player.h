@@ -6,6 +6,13 @@
 
 namespace Tavro8::Utility::testkit
 {
+/// A frame as it was delivered, with bytes of its own.
+struct TakenFrame {
+    GDRV::MediaFrame info;  // without the views
+    Bytes data;
+    Bytes parameterSets;
+};
+
 /// Uses an `RTSPClient` as a driver does, and keeps what it is told.
 struct Player {
     explicit Player(Loop& loop) : client(RTSPClient::create(*loop.io, &log)) {}
@@ -43,6 +50,9 @@ struct Player {
     {
         (GDRV::isVideo(frame.codec) ? video : audio).push_back(bytesOf(frame));
         lastTimestampMs = frame.timestampMs;
+        frames.push_back({frame, bytesOf(frame), {frame.parameterSets.begin(), frame.parameterSets.end()}});
+        frames.back().info.data = frames.back().info.parameterSets = {};
+        frames.back().info.buffer = nullptr;
         if (eachFrame)
             eachFrame();
     }
@@ -65,6 +75,7 @@ struct Player {
     std::function<void()> eachFrame;
     std::optional<error_code> session, sdp, play, closed;
     std::vector<Bytes> video, audio;
+    std::vector<TakenFrame> frames;  // both kinds, in the order of delivery
     std::int64_t lastTimestampMs = 0;
     std::weak_ptr<RTSPTrack> videoTrack, audioTrack, sendTrack;
 };

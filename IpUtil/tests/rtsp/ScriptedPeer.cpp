@@ -333,6 +333,21 @@ void put32(Bytes& to, std::uint32_t value)
 }
 }  // namespace
 
+Bytes fromHex(const std::string& text)
+{
+    Bytes bytes;
+    std::string digits;
+    for (const char c : text) {
+        if (std::isxdigit(static_cast<unsigned char>(c)) != 0)
+            digits += c;
+        if (digits.size() == 2) {
+            bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits, nullptr, 16)));
+            digits.clear();
+        }
+    }
+    return bytes;
+}
+
 Bytes rtp(std::uint8_t payloadType, std::uint16_t sequence, std::uint32_t timestamp, bool marker, const Bytes& payload,
           std::uint32_t source)
 {

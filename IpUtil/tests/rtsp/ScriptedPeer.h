@@ -114,6 +114,8 @@ extern const char* const videoAndAudioSdp;
 extern const char* const videoSdp;
 
 // Media.
+/// "67 64 00 1f" or "6764001f" as bytes.
+Bytes fromHex(const std::string& text);
 Bytes rtp(std::uint8_t payloadType, std::uint16_t sequence, std::uint32_t timestamp, bool marker, const Bytes& payload,
           std::uint32_t source = 0x11223344);
 Bytes senderReport(std::uint32_t source, std::uint64_t ntp, std::uint32_t timestamp);
@@ -124,6 +126,30 @@ Bytes ppsNal();
 Bytes idrNal(std::size_t bytes = 200);
 Bytes pictureNal(std::size_t bytes = 100);
 Bytes annexB(std::initializer_list<Bytes> nals);
+
+/// Sends packets one by one, with numbers that go on.
+struct PacketSender {
+    /// One RTP packet; false when the client has gone.
+    bool send(ScriptedPeer::Connection& connection, const Bytes& payload, bool marker)
+    {
+        return connection.sendFrame(channel, rtp(payloadType, sequence++, timestamp, marker, payload, source));
+    }
+    /// One frame of a packet for each NAL unit, the marker on the last.
+    bool sendFrame(ScriptedPeer::Connection& connection, const std::vector<Bytes>& nals, std::uint32_t ticks = 3600)
+    {
+        bool there = true;
+        for (std::size_t i = 0; i < nals.size() && there; ++i)
+            there = send(connection, nals[i], i + 1 == nals.size());
+        timestamp += ticks;
+        return there;
+    }
+
+    std::uint8_t channel = 0;
+    std::uint8_t payloadType = 96;
+    std::uint16_t sequence = 100;
+    std::uint32_t timestamp = 90000;
+    std::uint32_t source = 0x11223344;
+};
 
 /// Sends frames of video (a key frame each `period`) with numbers that go on.
 class VideoSender {
