@@ -64,6 +64,7 @@ class Depacketiser {
 public:
     struct Counters {
         std::uint64_t malformed = 0;        ///< packets that break the payload format, wholly or in part
+        std::uint64_t misfits = 0;          ///< packets in which nothing of the payload format was recognised
         std::uint64_t droppedFrames = 0;    ///< frames held back: damaged, or waiting for a key frame
         std::uint64_t damagedFrames = 0;    ///< frames with packets missing inside, handed out or not
         std::uint64_t oversizedFrames = 0;  ///< frames beyond `maxFrameBytes`

@@ -19,6 +19,7 @@ void G711Depacketiser::push(const RtpPacket& packet, bool lostBefore)
         return;
     if (packet.payload.size() % channelCount != 0) {
         ++counters.malformed;
+        ++counters.misfits;
         lossToTell = true;
         return;
     }

@@ -129,10 +129,7 @@ std::optional<ParameterSetInfo> readPictureSet(BitReader& reader) noexcept
 NalRole H264::roleOf(std::span<const std::uint8_t> nal) noexcept
 {
     switch (nal[0] & 0x1f) {
-    case 1:  // slice
-    case 2:  // data partitions A, B, C
-    case 3:
-    case 4:
+    case 1:
         return NalRole::slice;
     case 5:
         return NalRole::keySlice;
@@ -153,8 +150,10 @@ NalRole H264::roleOf(std::span<const std::uint8_t> nal) noexcept
     case 20:  // slice extensions
     case 21:
         return NalRole::trailing;
-    default:
+    case 12:  // filler data
         return NalRole::ignored;
+    default:  // also data partitions (2 to 4): no camera sends the Extended profile, no decoder in use takes it
+        return NalRole::foreign;
     }
 }
 
@@ -170,9 +169,6 @@ std::optional<ParameterSetInfo> H264::readParameterSet(NalRole role, std::span<c
 
 SliceStart H264::readSliceStart(std::span<const std::uint8_t> nal) noexcept
 {
-    const unsigned type = nal[0] & 0x1fU;
-    if (type == 3 || type == 4)  // partitions B and C carry no first_mb_in_slice
-        return {};
     BitReader reader(nal.subspan(headerBytes));
     SliceStart start;
     start.startsPicture = reader.unsignedGolomb() == 0 && !reader.failed();

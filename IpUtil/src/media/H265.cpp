@@ -14,6 +14,7 @@ constexpr std::uint32_t maxSide = 16384;
 
 constexpr unsigned firstRandomAccessType = 16;  // BLA, IDR, CRA and two reserved types
 constexpr unsigned lastRandomAccessType = 23;
+constexpr unsigned maxLayer = 31;  // nobody sends more; an H.264 header read as H.265 says 32 and above
 constexpr unsigned profileBits = 88;
 constexpr unsigned levelBits = 8;
 
@@ -78,14 +79,9 @@ std::optional<ParameterSetInfo> readVideoSet(BitReader& reader) noexcept
     info.id = reader.bits(4);
     return reader.failed() ? std::nullopt : std::optional(info);
 }
-}  // namespace
 
-NalRole H265::roleOf(std::span<const std::uint8_t> nal) noexcept
+NalRole baseLayerRole(unsigned type) noexcept
 {
-    const unsigned layer = ((nal[0] & 1U) << 5) | (nal[1] >> 3U);
-    if (layer != 0)
-        return NalRole::ignored;
-    const unsigned type = typeOf(nal[0]);
     if (type <= 9)
         return NalRole::slice;
     if (type >= firstRandomAccessType && type <= 21)
@@ -105,9 +101,21 @@ NalRole H265::roleOf(std::span<const std::uint8_t> nal) noexcept
     case 37:  // end of bitstream
     case 40:  // suffix SEI
         return NalRole::trailing;
-    default:
+    case 38:  // filler data
         return NalRole::ignored;
+    default:
+        return NalRole::foreign;
     }
+}
+}  // namespace
+
+NalRole H265::roleOf(std::span<const std::uint8_t> nal) noexcept
+{
+    const unsigned layer = ((nal[0] & 1U) << 5) | (nal[1] >> 3U);
+    const NalRole role = baseLayerRole(typeOf(nal[0]));
+    if (layer == 0 || role == NalRole::foreign)
+        return role;
+    return layer <= maxLayer ? NalRole::ignored : NalRole::foreign;
 }
 
 std::optional<ParameterSetInfo> H265::readParameterSet(NalRole role, std::span<const std::uint8_t> nal) noexcept

@@ -15,6 +15,7 @@ enum class NalRole : std::uint8_t {
     leading,      ///< may precede slices, such as SEI
     trailing,     ///< follows slices, such as suffix SEI and end of sequence
     ignored,      ///< of no use to a decoder of the base layer, such as filler data
+    foreign,      ///< of a type without a meaning: reserved, unspecified, or never used by cameras
 };
 
 constexpr bool isParameterSet(NalRole role) noexcept

@@ -20,6 +20,7 @@ public:
     bool put(NalRole kind, const ParameterSetInfo& info, std::span<const std::uint8_t> nal);
 
     bool has(NalRole kind) const noexcept;
+    bool has(NalRole kind, std::uint32_t id) const noexcept { return find(kind, id) != nullptr; }
 
     /// All sets with start codes: video, sequence, picture sets. Valid until the next `put`.
     std::span<const std::uint8_t> annexB() const noexcept { return stream; }

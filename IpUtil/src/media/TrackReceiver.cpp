@@ -6,6 +6,10 @@ namespace
 {
 // A longer pause between two frames is told as "unknown" rather than as a duration.
 constexpr std::uint32_t maxFrameDurationMs = 60'000;
+
+// What it takes to believe in another format: seconds of it, also where packets are few.
+constexpr std::uint32_t doubtfulExcess = 100;
+constexpr std::uint32_t doubtfulTimes = 8;
 }  // namespace
 
 std::unique_ptr<TrackReceiver> TrackReceiver::make(const TrackFormat& format, std::shared_ptr<FramePool> pool,
@@ -124,7 +128,24 @@ void TrackReceiver::deliver(const RtpPacket& packet, const ArrivalTime& arrival)
         clock.onSenderReport(earlyReport->report);
         earlyReport.reset();
     }
+    ++totals.packetsSinceFrame;
+    const std::uint64_t misfitsBefore = depacketiser->getCounters().misfits;
     depacketiser->push(packet, continuity.lostBefore != 0);
+    watchFormat(packet.timestamp, depacketiser->getCounters().misfits != misfitsBefore);
+}
+
+void TrackReceiver::watchFormat(std::uint32_t rtpTimestamp, bool misfit) noexcept
+{
+    if (!misfit) {
+        if (doubt.excess != 0 && --doubt.excess == 0)
+            doubt.times = 0;
+        return;
+    }
+    if (doubt.times == 0 || rtpTimestamp != doubt.lastTimestamp)
+        ++doubt.times;
+    doubt.lastTimestamp = rtpTimestamp;
+    if (doubt.excess < doubtfulExcess)
+        ++doubt.excess;
 }
 
 void TrackReceiver::onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept
@@ -148,6 +169,10 @@ void TrackReceiver::onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimes
     ++totals.frames;
     totals.keyFrames += frame.keyFrame ? 1 : 0;
     totals.frameBytes += frame.data.size();
+    if (!frame.damaged) {
+        totals.packetsSinceFrame = 0;
+        doubt = {};
+    }
     sink.onFrame(frame);
 }
 
@@ -163,6 +188,7 @@ TrackReceiver::Statistics TrackReceiver::statistics() const noexcept
     result.droppedFrames = cut.droppedFrames;
     result.damagedFrames = cut.damagedFrames;
     result.restarts = received.restarts;
+    result.formatChanged = doubt.excess >= doubtfulExcess && doubt.times >= doubtfulTimes;
     return result;
 }
 }  // namespace Tavro8::media

@@ -50,7 +50,14 @@ public:
         std::uint64_t malformedPackets = 0;  ///< no RTP, or against the payload format
         std::uint64_t droppedFrames = 0;     ///< held back by the loss policy
         std::uint64_t damagedFrames = 0;
-        std::uint64_t restarts = 0;  ///< changes of the SSRC and jumps of the sequence
+        std::uint64_t restarts = 0;           ///< changes of the SSRC and jumps of the sequence
+        std::uint64_t packetsSinceFrame = 0;  ///< admitted since the last undamaged frame was handed out
+
+        /// The payload type is the track's, but what comes is another format: without an undamaged frame in
+        /// between there were a hundred more packets in which nothing was recognised than others, at eight
+        /// times at least. To be answered by describing the stream anew. Never true of a stream that only
+        /// waits for its key frame or loses packets: each of its packets is recognised by itself.
+        bool formatChanged = false;
     };
 
     /// Null when there is no depacketiser for the format (`refusalOf` says why). `sink` must outlive it.
@@ -115,6 +122,7 @@ private:
     void onRestart(const RtpPacket& packet);
     void deliverWaiting(const ReorderBuffer::Packet& waiting);
     void deliver(const RtpPacket& packet, const ArrivalTime& arrival);
+    void watchFormat(std::uint32_t rtpTimestamp, bool misfit) noexcept;
     void onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp) override;
 
     std::shared_ptr<FramePool> pool;  // outlives the depacketiser, which uses it
@@ -133,5 +141,13 @@ private:
     RtpFault lastFault = RtpFault::none;
     std::uint64_t notRtp = 0;
     Statistics totals;
+
+    /// How much speaks for another format than the one described, since the last undamaged frame.
+    struct Doubt {
+        std::uint32_t excess = 0;  // of misfits over other packets
+        std::uint32_t times = 0;   // distinct timestamps of misfits
+        std::uint32_t lastTimestamp = 0;
+    };
+    Doubt doubt;
 };
 }  // namespace Tavro8::media

@@ -49,9 +49,12 @@ template <typename Codec>
 void VideoDepacketiser<Codec>::push(const RtpPacket& packet, bool lostBefore)
 {
     beginPacket(packet.timestamp, lostBefore);
+    recognised = packet.payload.empty();
     const SplitResult result = Codec::split(packet.payload, *this);
     if (result != SplitResult::whole)
         ++counters.malformed;
+    if (!recognised)
+        ++counters.misfits;
     if (result == SplitResult::broken) {
         breakOffFragment();
         frame.damaged = true;
@@ -107,6 +110,7 @@ void VideoDepacketiser<Codec>::addNal(std::span<const std::uint8_t> nal)
     breakOffFragment();
     resynchronising = false;
     const NalRole role = Codec::roleOf(nal);
+    recognised = recognised || role != NalRole::foreign;
     if (isParameterSet(role)) {
         takeParameterSet(role, nal);
     } else if (prepareFor(role, nal)) {
@@ -121,6 +125,7 @@ template <typename Codec>
 void VideoDepacketiser<Codec>::addFragment(bool isFirst, bool isLast, std::span<const std::uint8_t> nalHeader,
                                            std::span<const std::uint8_t> body)
 {
+    recognised = recognised || Codec::roleOf(nalHeader) != NalRole::foreign;
     if (isFirst) {
         beginFragment(nalHeader, body);
     } else if (!fragment.open) {
@@ -205,6 +210,9 @@ void VideoDepacketiser<Codec>::beginSlice(NalRole role, const SliceStart& start)
 {
     const bool setsInBand = frame.sequenceSetInBand && frame.pictureSetInBand;
     const bool key = role == NalRole::keySlice || (setsInBand && start.intra);
+    // A picture set that nobody has seen: it was lost, or this is no slice at all.
+    if (sets.has(NalRole::pictureSet) && !sets.has(NalRole::pictureSet, start.pictureSetId))
+        frame.damaged = true;
     if (frame.hasSlice) {
         frame.key = frame.key && key;
         return;

@@ -92,6 +92,7 @@ private:
     ParameterSets sets;
     Frame frame;
     Fragment fragment;
+    bool recognised = false;  // the present packet holds something of the codec
 
     bool resynchronising = true;  // after a loss: fragments without a beginning are no surprise
     bool waitingForKey = false;   // by policy

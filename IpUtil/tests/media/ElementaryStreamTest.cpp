@@ -155,6 +155,75 @@ TEST_P(ElementaryStream, neverPassesADamagedFrameForWholeWhicheverPacketIsMissin
     }
 }
 
+TEST_P(ElementaryStream, isNoticedWhenItTakesThePlaceOfTheOtherCodec)
+{
+    const Stream own = GetParam();
+    const Stream other =
+        own.h265 ? Stream{"several_slices_per_frame.h264", false} : Stream{"several_slices_per_frame.h265", true};
+    for (const Packing& packing : {Packing{1400, true, true}, Packing{300, true, true}, Packing{60, false, false}}) {
+        for (const LossPolicy policy : {LossPolicy::dropUntilKeyFrame, LossPolicy::flag}) {
+            SCOPED_TRACE(::testing::Message() << packing.payloadBytes << ' ' << static_cast<int>(policy));
+            Frames frames;
+            TrackReceiver::Options options;
+            options.depacketiser.lossPolicy = policy;
+            const auto receiver = TrackReceiver::make(own.h265 ? h265Format() : h264Format(),
+                                                      std::make_shared<FramePool>(), frames, options);
+            std::uint16_t sequence = 0;
+            std::uint32_t timestamp = 0;
+            const auto play = [&](const Stream& stream) {
+                const auto packets = pack(stream, packing);
+                for (Packet packet : packets) {
+                    packet.sequence = sequence++;
+                    packet.timestamp += timestamp;
+                    receiver->onRtp(packet.bytes(), {});
+                }
+                timestamp += 12 * 3600;
+            };
+            for (int i = 0; i < 5; ++i) {
+                play(own);
+                EXPECT_FALSE(receiver->statistics().formatChanged);
+            }
+            const std::size_t framesOfOwn = frames.size();
+            EXPECT_GE(framesOfOwn, 59U);
+            for (int i = 0; i < 30 && !receiver->statistics().formatChanged; ++i)
+                play(other);
+            EXPECT_TRUE(receiver->statistics().formatChanged);
+            EXPECT_GE(receiver->statistics().packetsSinceFrame, 100U);
+            for (std::size_t i = framesOfOwn + 1; i < frames.size(); ++i)
+                EXPECT_TRUE(frames[i].info.damaged);
+            for (int i = 0; i < 2; ++i)
+                play(own);
+            EXPECT_FALSE(receiver->statistics().formatChanged) << "a whole frame clears the doubt";
+        }
+    }
+}
+
+TEST_P(ElementaryStream, isNotTakenForAnotherFormatWhileItWaitsOrLosesPackets)
+{
+    Frames frames;
+    const auto receiver =
+        TrackReceiver::make(GetParam().h265 ? h265Format() : h264Format(), std::make_shared<FramePool>(), frames);
+    std::uint16_t sequence = 0;
+    std::uint32_t timestamp = 0;
+    std::size_t sent = 0;
+    // A third of the packets is lost, so that hardly a frame survives.
+    for (int round = 0; round < 150; ++round) {
+        std::vector<Packet> packets = pack(GetParam(), Packing{200, true, true});
+        for (std::size_t i = 0; i < packets.size(); ++i) {
+            packets[i].sequence = sequence++;
+            packets[i].timestamp += timestamp;
+            if ((i + static_cast<std::size_t>(round)) % 3 == 0)
+                continue;
+            receiver->onRtp(packets[i].bytes(), {});
+            ++sent;
+            ASSERT_FALSE(receiver->statistics().formatChanged);
+        }
+        timestamp += 12 * 3600;
+    }
+    EXPECT_EQ(receiver->statistics().packets, sent);
+    EXPECT_GT(receiver->statistics().droppedFrames, 1000U);
+}
+
 INSTANTIATE_TEST_SUITE_P(Codecs, ElementaryStream,
                          ::testing::Values(Stream{"several_slices_per_frame.h264", false},
                                            Stream{"several_slices_per_frame.h265", true}),
