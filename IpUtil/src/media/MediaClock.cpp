@@ -9,8 +9,12 @@ namespace
 {
 constexpr std::int64_t microsecondsPerSecond = 1'000'000;
 constexpr std::int64_t gradualCorrectionUs = microsecondsPerSecond;
-constexpr std::int64_t maxBackwardCorrectionUs = 10 * microsecondsPerSecond;
+constexpr std::int64_t maxSenderLagUs = 10 * microsecondsPerSecond;
+constexpr std::int64_t maxSenderLeadUs = 24 * 3600 * microsecondsPerSecond;
 constexpr std::chrono::seconds delayWindow{5};
+// Devices send reports every few seconds (RFC 3550 section 6.2), seldom ones each minute or two. After so long without
+// one, the last says little: at a usual drift of 1/10000 it is off by 30 ms.
+constexpr std::chrono::minutes reportsEndAfter{5};
 
 // Between two packets, media time and real time may differ that much before the timestamps count as new ones.
 constexpr std::int64_t maxTimestampJumpUs = 10 * microsecondsPerSecond;
@@ -49,6 +53,8 @@ void MediaClock::onNewTimestamp(std::uint32_t rtpTimestamp, const ArrivalTime& a
         anchor(rtpTimestamp, arrival);
         return;
     }
+    if (senderClockUsed && arrival.monotonic - lastReportAt > reportsEndAfter)
+        goByArrival(presentSkewUs());
     lastTimestamp = rtpTimestamp;
     lastTicks = ticks;
     lastArrival = arrival;
@@ -66,11 +72,11 @@ void MediaClock::anchor(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) 
     lastTimestamp = rtpTimestamp;
     lastTicks = 0;
     lastArrival = arrival;
+    targetUs = toUs(arrival.utc) + skewUs;
+    offsetUs = targetUs;
     // Not before the floor: the results would stand still until the arrival times have caught up.
-    offsetUs = toUs(arrival.utc) + skewUs;
     if (offsetUs / 1000 < floorMs)
         offsetUs = floorMs * 1000;
-    targetUs = offsetUs;
     windowBegin = arrival.monotonic;
     leastDelayUs = std::numeric_limits<std::int64_t>::max();
 }
@@ -96,23 +102,47 @@ void MediaClock::onSenderReport(const SenderReport& report) noexcept
     if (!highestBit && !secondEra)
         return;
     const std::int64_t utcUs = ntpToUnixUs(report.ntpTimestamp, secondEra ? 1 : 0);
-    senderClockUsed = aimAt(utcUs - mediaTimeUs(extend(report.rtpTimestamp)));
+    const std::int64_t senderTargetUs = utcUs - mediaTimeUs(extend(report.rtpTimestamp));
+    if (isBelievable(senderTargetUs)) {
+        aimAt(senderTargetUs);
+        senderClockUsed = true;
+        lastReportAt = lastArrival.monotonic;
+    } else {
+        goByArrival(0);
+    }
 }
 
-/// False when the target is too far behind; the mapping in use goes on then.
-bool MediaClock::aimAt(std::int64_t newTargetUs) noexcept
+bool MediaClock::isBelievable(std::int64_t senderTargetUs) const noexcept
 {
-    const std::int64_t stepUs = newTargetUs - offsetUs;
-    const bool takesEffectUnseen = !stampedSinceAnchor && (mediaTimeUs(lastTicks) + newTargetUs) / 1000 >= floorMs;
-    if (takesEffectUnseen || stepUs > gradualCorrectionUs) {
-        targetUs = newTargetUs;
-        offsetUs = newTargetUs;
-        return true;
-    }
-    if (stepUs < -maxBackwardCorrectionUs)
+    const std::int64_t leadUs = mediaTimeUs(lastTicks) + senderTargetUs - toUs(lastArrival.utc);
+    if (leadUs > maxSenderLeadUs)
         return false;
+    return takesEffectUnseen(senderTargetUs) || senderTargetUs - targetUs >= -maxSenderLagUs;
+}
+
+/// The mapping of the least delayed packets, as it is from the first packet on.
+void MediaClock::goByArrival(std::int64_t newSkewUs) noexcept
+{
+    if (!senderClockUsed && skewUs == newSkewUs)
+        return;
+    senderClockUsed = false;
+    skewUs = newSkewUs;
+    aimAt(toUs(lastArrival.utc) + skewUs - mediaTimeUs(lastTicks));
+    windowBegin = lastArrival.monotonic;
+    leastDelayUs = std::numeric_limits<std::int64_t>::max();
+}
+
+/// Nothing was stamped by the present mapping, and nothing before it was later than what this one would give.
+bool MediaClock::takesEffectUnseen(std::int64_t newTargetUs) const noexcept
+{
+    return !stampedSinceAnchor && (mediaTimeUs(lastTicks) + newTargetUs) / 1000 >= floorMs;
+}
+
+void MediaClock::aimAt(std::int64_t newTargetUs) noexcept
+{
+    if (takesEffectUnseen(newTargetUs) || newTargetUs - offsetUs > gradualCorrectionUs)
+        offsetUs = newTargetUs;
     targetUs = newTargetUs;
-    return true;
 }
 
 void MediaClock::approachTarget(std::int64_t elapsedUs) noexcept

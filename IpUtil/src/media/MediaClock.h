@@ -14,10 +14,14 @@ namespace Tavro8::media
 /// `reset`. How a new mapping is approached:
 /// - by up to a second: gradually, at a tenth of the speed of time, so that frame intervals stay natural;
 /// - more than a second ahead: at once;
-/// - one to ten seconds behind: time runs at half speed until it is reached;
-/// - further behind: not at all. A device clock that far behind the frames already stamped cannot be
-///   reached without running backwards; arrival times stay in use until `reset`, and `isSenderClockUsed`
-///   says so.
+/// - more than a second behind: time runs at half speed until it is reached.
+///
+/// Between the device's clock and ours, ours decides. A report is not believed, and frames go by arrival,
+/// when it is more than ten seconds behind the mapping that holds, or more than a day ahead of our clock: a
+/// device that has lost its time of day must not draw the frames along, and from far ahead there is no way
+/// back. So after a leap of the device's clock to a wrong time, and after one back to the right time, frames
+/// end up right. Reports that stop coming leave the device's clock in use as it was, followed by arrival.
+///
 /// Timestamps are 32 bits and wrap; neighbouring ones may be at most half of that apart.
 class MediaClock {
 public:
@@ -47,6 +51,9 @@ public:
     struct Carry {
         std::int64_t floorMs = std::numeric_limits<std::int64_t>::min();  ///< the last result
         std::int64_t skewUs = 0;  ///< the device's clock against ours, 0 while unknown
+
+        /// For a new taker of frames: times may begin before those that the last one saw.
+        void forgetFloor() noexcept { floorMs = std::numeric_limits<std::int64_t>::min(); }
     };
     Carry carry() const noexcept { return {floorMs, presentSkewUs()}; }
 
@@ -63,7 +70,10 @@ private:
     void anchor(std::uint32_t rtpTimestamp, const ArrivalTime& arrival) noexcept;
     void followArrival(std::int64_t mediaUs, const ArrivalTime& arrival) noexcept;
     std::int64_t presentSkewUs() const noexcept;
-    bool aimAt(std::int64_t newTargetUs) noexcept;
+    bool takesEffectUnseen(std::int64_t newTargetUs) const noexcept;
+    bool isBelievable(std::int64_t senderTargetUs) const noexcept;
+    void goByArrival(std::int64_t newSkewUs) noexcept;
+    void aimAt(std::int64_t newTargetUs) noexcept;
     void approachTarget(std::int64_t elapsedUs) noexcept;
     std::int64_t mediaTimeUs(std::int64_t ticks) const noexcept;
     std::int64_t extend(std::uint32_t rtpTimestamp) const noexcept;
@@ -79,6 +89,7 @@ private:
     std::int64_t offsetUs = 0;
     std::int64_t targetUs = 0;
     bool senderClockUsed = false;
+    std::chrono::steady_clock::time_point lastReportAt{};  // by the arrival of the packet before it
 
     // Least delay of a packet against the target within the present window; arrival mapping only.
     std::chrono::steady_clock::time_point windowBegin{};

@@ -212,6 +212,173 @@ TEST(MediaClock, neverGoesBelowWhatItWasToldToResumeFrom)
     EXPECT_GE(clock.stamp(3600), startMs + 500 + 35) << "it does not stand still either";
 }
 
+namespace
+{
+/// A device and a host over days: frames each second, a report each five. Every clock may leap, and the device's RTP
+/// clock may run fast or slow. Checks that times never run backwards.
+struct Days {
+    void run(std::int64_t seconds)
+    {
+        for (std::int64_t i = 0; i < seconds; ++i) {
+            ++second;
+            rtpTicks += 90000 + rtpDriftTicks;
+            const ArrivalTime arrival{std::chrono::steady_clock::time_point(5000s) + std::chrono::seconds(second),
+                                      std::chrono::system_clock::time_point(std::chrono::milliseconds(hostMs()))};
+            const auto timestamp = static_cast<std::uint32_t>(rtpTicks);
+            clock.onPacket(timestamp, arrival);
+            if (reports && second % 5 == 0)
+                clock.onSenderReport(reportAt(deviceMs(), timestamp));
+            const std::int64_t now = clock.stamp(timestamp);
+            EXPECT_GE(now, last) << "second " << second;
+            last = now;
+        }
+    }
+    std::int64_t trueMs() const { return startMs + second * 1000; }
+    std::int64_t hostMs() const { return trueMs() + hostErrorMs; }
+    std::int64_t deviceMs() const { return trueMs() + deviceErrorMs; }
+    /// How far frames are off the truth.
+    double errorMs() const { return static_cast<double>(last - trueMs()); }
+
+    MediaClock clock{90000};
+    bool reports = true;
+    std::int64_t hostErrorMs = 0;
+    std::int64_t deviceErrorMs = 0;
+    std::int64_t rtpDriftTicks = 0;  // a second
+    std::int64_t second = 0;
+    std::int64_t rtpTicks = 0xF0000000;
+    std::int64_t last = 0;
+};
+
+constexpr std::int64_t hour = 3600;
+constexpr std::int64_t day = 24 * hour;
+}  // namespace
+
+TEST(MediaClock, isRightAgainAfterTheDevicesClockLeaptAheadAndBack)
+{
+    Days days;
+    days.run(hour);
+    EXPECT_NEAR(days.errorMs(), 0, 2);
+    days.deviceErrorMs = 2 * hour * 1000;
+    days.run(60);
+    EXPECT_NEAR(days.errorMs(), 2.0 * hour * 1000, 2) << "the device says so";
+    days.deviceErrorMs = 0;
+    days.run(hour);
+    EXPECT_NEAR(days.errorMs(), 1.5 * hour * 1000, 10'000) << "at half speed";
+    days.run(4 * hour);
+    EXPECT_NEAR(days.errorMs(), 0, 2);
+    EXPECT_TRUE(days.clock.isSenderClockUsed());
+}
+
+TEST(MediaClock, staysRightWhenTheDevicesClockFallsBehind)
+{
+    for (const std::int64_t lag : {2 * hour, 20 * 365 * day}) {
+        SCOPED_TRACE(lag);
+        Days days;
+        days.run(hour);
+        days.deviceErrorMs = -lag * 1000;
+        days.run(hour);
+        EXPECT_NEAR(days.errorMs(), 0, 2) << "by arrival";
+        EXPECT_FALSE(days.clock.isSenderClockUsed());
+        days.deviceErrorMs = 40;
+        days.run(hour);
+        EXPECT_NEAR(days.errorMs(), 40, 2) << "the device has the time of day again";
+        EXPECT_TRUE(days.clock.isSenderClockUsed());
+    }
+}
+
+TEST(MediaClock, doesNotFollowADeviceIntoTheFarFuture)
+{
+    Days days;
+    days.run(hour);
+    days.deviceErrorMs = 70 * 365 * day * 1000;
+    days.run(hour);
+    EXPECT_NEAR(days.errorMs(), 0, 2);
+    EXPECT_FALSE(days.clock.isSenderClockUsed());
+}
+
+TEST(MediaClock, isRightAgainAfterOurClockLeapt)
+{
+    for (const std::int64_t leap : {2 * hour, -2 * hour}) {
+        SCOPED_TRACE(leap);
+        Days days;
+        days.reports = false;
+        days.hostErrorMs = -leap * 1000;  // until it is put right
+        days.run(hour);
+        EXPECT_NEAR(days.errorMs(), -static_cast<double>(leap) * 1000, 2);
+        days.hostErrorMs = 0;
+        days.run(leap > 0 ? 20 : 5 * hour);
+        EXPECT_NEAR(days.errorMs(), 0, 2);
+    }
+}
+
+TEST(MediaClock, isNotMovedByALeapOfOurClockWhileTheDeviceTellsTheTime)
+{
+    Days days;
+    days.run(hour);
+    days.hostErrorMs = 3 * hour * 1000;
+    days.run(hour);
+    days.hostErrorMs = -3 * hour * 1000;
+    days.run(hour);
+    EXPECT_NEAR(days.errorMs(), 0, 2);
+}
+
+TEST(MediaClock, followsTheDevicesTimeOfDayWhateverItsMediaClockDoes)
+{
+    // The RTP clock is 1/1000 fast or slow, a minute and a half a day; the reports hold it.
+    for (const std::int64_t drift : {90, -90}) {
+        SCOPED_TRACE(drift);
+        Days days;
+        days.rtpDriftTicks = drift;
+        for (int i = 0; i < 24; ++i) {
+            days.run(hour);
+            EXPECT_NEAR(days.errorMs(), 0, 10);
+        }
+    }
+}
+
+TEST(MediaClock, doesNotDriftAwayWhenReportsStopComing)
+{
+    Days days;
+    days.deviceErrorMs = 30'000;
+    days.run(hour);
+    EXPECT_NEAR(days.errorMs(), 30'000, 2);
+    days.reports = false;
+    days.rtpDriftTicks = 90;
+    days.run(day);
+    EXPECT_NEAR(days.errorMs(), 30'000, 400) << "the device's clock as it was, followed by arrival";
+}
+
+TEST(MediaClock, runsOnOverManyWrapsOfTheTimestamp)
+{
+    // 32 bits at 90 kHz last for 13 hours.
+    Days days;
+    days.run(3 * day);
+    EXPECT_NEAR(days.errorMs(), 0, 2);
+    days.reports = false;
+    days.run(3 * day);
+    EXPECT_NEAR(days.errorMs(), 0, 2);
+}
+
+TEST(MediaClock, isRightAgainAfterResumingFarAhead)
+{
+    Days days;
+    days.clock.resume({startMs + 2 * hour * 1000, 0});
+    days.run(1);
+    EXPECT_NEAR(days.errorMs(), 2.0 * hour * 1000, 2000) << "not below what it resumed from";
+    days.run(5 * hour);
+    EXPECT_NEAR(days.errorMs(), 0, 2);
+}
+
+TEST(MediaClock, beginsAnewForATakerThatHasSeenNothing)
+{
+    MediaClock::Carry carry{startMs + 2 * hour * 1000, 0};
+    carry.forgetFloor();
+    MediaClock clock(90000);
+    clock.resume(carry);
+    clock.onPacket(0, at(0));
+    EXPECT_EQ(clock.stamp(0), startMs);
+}
+
 TEST(MediaClock, takesALeapOfTheTimestampsForANewBeginning)
 {
     Runner run;

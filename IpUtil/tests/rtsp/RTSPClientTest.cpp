@@ -304,12 +304,15 @@ TEST(RTSPClient, receivesMediaThatComesBeforeTheAnswerToPlay)
 
 TEST(RTSPClient, timesFramesByTheSenderReport)
 {
-    constexpr std::int64_t utcMs = 1'700'000'000'000 + 250;
-    constexpr std::uint64_t ntp = ((1'700'000'000ULL + 2'208'988'800ULL) << 32) | 0x40000000;
+    // A device whose clock is three hours ahead of ours.
+    const auto now =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
+    const std::int64_t utcMs = (now.count() + 3 * 3600) * 1000 + 250;
+    const std::uint64_t ntp = ((static_cast<std::uint64_t>(utcMs / 1000) + 2'208'988'800U) << 32) | 0x40000000;
     Camera camera = cameraWith(videoSdp);
-    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+    camera.afterPlay = [ntp](ScriptedPeer::Connection& connection) {
         VideoSender video;
-        connection.sendFrame(1, senderReport(videoSource, ntp + (200'000'000ULL << 32), video.timestamp));
+        connection.sendFrame(1, senderReport(videoSource, ntp, video.timestamp));
         video.sendKeyFrame(connection);
     };
     ScriptedPeer peer(camera.script());
@@ -317,7 +320,7 @@ TEST(RTSPClient, timesFramesByTheSenderReport)
     Player player(loop);
     player.start(addressOf(peer));
     ASSERT_TRUE(loop.runUntil([&] { return player.video.size() == 1; }));
-    EXPECT_EQ(player.lastTimestampMs, utcMs + 200'000'000'000);
+    EXPECT_EQ(player.lastTimestampMs, utcMs);
 }
 
 TEST(RTSPClient, givesTheSameWhereverTheBytesAreCut)
