@@ -405,6 +405,7 @@ Bytes idrNal(std::size_t bytes)
     Bytes nal(bytes, 0x5A);
     nal[0] = 0x65;
     nal[1] = 0x88;
+    nal[2] = 0x84;  // of picture set 0
     return nal;
 }
 
