@@ -228,6 +228,7 @@ public:
     std::size_t started() const { return read(startedCount); }
     std::size_t stopped() const { return read(stoppedCount); }
     std::size_t frameTotal() const { return read(frameCount); }
+    Tavro8::GDRV::StreamStatistics statistics() const { return read(lastStatistics); }
     std::vector<Tavro8::GDRV::FrameReference> takeFrames()
     {
         std::vector<Tavro8::GDRV::FrameReference> taken;

@@ -205,7 +205,10 @@ void RTSPClient::State::perform(wire::RtspClientSession::Step step)
 
 void RTSPClient::State::send(const wire::RtspClientSession::Send& out)
 {
-    if (out.kind != wire::RtspStepKind::keepAlive && out.kind != wire::RtspStepKind::answer) {
+    const bool besides = out.kind == wire::RtspStepKind::keepAlive || out.kind == wire::RtspStepKind::answer;
+    if (besides && connection.queuedBytes() > maxQueuedBytes)
+        return;
+    if (!besides) {
         waitingFor = out.kind;
         if (phase == Phase::negotiating)
             deadline = Clock::now() + timing.requestTimeout;

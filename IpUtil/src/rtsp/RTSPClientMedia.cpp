@@ -13,8 +13,6 @@ namespace Tavro8::Utility
 {
 namespace
 {
-// A device that reads nothing gets no more reports and packets once so much waits for it.
-constexpr std::size_t maxQueuedBytes = 256 * 1024;
 
 using Clock = std::chrono::steady_clock;
 
@@ -325,6 +323,7 @@ bool RTSPClient::State::watchProgress(Clock::time_point now)
 {
     std::uint64_t admitted = 0;
     std::uint64_t foreign = 0;
+    std::uint64_t malformed = 0;
     bool receives = false;
     bool bye = false;
     bool formatChanged = false;
@@ -336,12 +335,16 @@ bool RTSPClient::State::watchProgress(Clock::time_point now)
         bye = bye || track->hasSaidBye(total);
         admitted += total.packets;
         foreign += total.foreignPackets;
-        formatChanged = track->sendsOnlyForeign(total, now, timing.foreignLimit) || formatChanged;
+        malformed += total.malformedPackets;
+        formatChanged =
+            track->sendsOnlyForeign(total, now, timing.foreignLimit) || total.formatChanged || formatChanged;
     }
     if (admitted != admittedBefore) {
         admittedBefore = admitted;
         lastProgress = now;
     }
+    if (malformed != 0 && !std::exchange(malformedReported, true))
+        logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": packets that cannot be read are dropped");
     const auto silence = now - lastProgress;
     if (formatChanged)
         fail(ResultCode::connectionLost, "receiving", "the format of the stream has changed");

@@ -64,6 +64,8 @@ struct RTSPClient::State final : private StreamContext::Client,
 private:
     static constexpr std::size_t maxTracks = 8;
     static constexpr std::uint8_t nobody = 0xFF;
+    // A device that reads nothing gets no more reports, packets, keep-alives and answers once so much waits for it.
+    static constexpr std::size_t maxQueuedBytes = 256 * 1024;
 
     // StreamContext::Client
     void onTick(TimePoint now) override;
@@ -147,5 +149,6 @@ private:
     bool refusalReported = false;
     bool skipReported = false;
     bool strayReported = false;
+    bool malformedReported = false;
 };
 }  // namespace Tavro8::Utility

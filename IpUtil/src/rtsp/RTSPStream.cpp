@@ -92,12 +92,19 @@ void RTSPStream::State::add(const std::shared_ptr<RTSPReceiver>& receiver)
 void RTSPStream::State::remove(const std::shared_ptr<RTSPReceiver>& receiver)
 {
     std::erase_if(registrations, [&](const Registration& registration) { return registration.receiver == receiver; });
-    if (!registrations.empty() || phase == Phase::idle)
+    if (!registrations.empty())
+        return watchLeftover();
+    if (phase == Phase::idle)
         return;
     endConnection();
     phase = Phase::idle;
     played = lost = false;
     backoff.reset();
+    // Whoever comes next has seen no frame: times that a leap of some clock left ahead need not be waited for.
+    for (Kind& kind : kinds) {
+        if (kind.clock)
+            kind.clock->forgetFloor();
+    }
 }
 
 void RTSPStream::State::restart()
@@ -256,7 +263,8 @@ void RTSPStream::State::onPlay(const error_code& ec)
     learnTransport();
     played = true;
     lost = false;
-    failures->forget();
+    healthTimer.emplace(service, timing.healthyLife);
+    healthTimer->async_wait(bound(&State::onHealthy));
     playingSince = std::chrono::steady_clock::now();
     bool leftOut = false;
     for (const MediaKind kind : bothKinds) {
@@ -268,6 +276,37 @@ void RTSPStream::State::onPlay(const error_code& ec)
             tellState(kind, stateOf(kind));
     }
     if (leftOut)
+        reconnect();
+    else
+        watchLeftover();
+}
+
+/// What failed before is over; a failure that comes next is logged again. A device that plays for a moment and fails
+/// again and again is not over it, and its lines stay folded.
+void RTSPStream::State::onHealthy(const error_code& ec)
+{
+    if (!ec && phase == Phase::playing)
+        failures->forget();
+}
+
+bool RTSPStream::State::hasLeftoverVideo() const
+{
+    return phase == Phase::playing && isSetUp(MediaKind::video) && !wants(MediaKind::video);
+}
+
+/// A single track cannot be ended where the device controls all of them together: the session is made anew without
+/// it. Pictures are worth that, a leftover sound track costs next to nothing.
+void RTSPStream::State::watchLeftover()
+{
+    if (!hasLeftoverVideo())
+        return;
+    leftoverTimer.emplace(service, timing.leftoverLimit);
+    leftoverTimer->async_wait(bound(&State::onLeftover));
+}
+
+void RTSPStream::State::onLeftover(const error_code& ec)
+{
+    if (!ec && hasLeftoverVideo())
         reconnect();
 }
 
@@ -361,6 +400,8 @@ void RTSPStream::State::endConnection()
 {
     collectCounters();
     retryTimer.reset();
+    healthTimer.reset();
+    leftoverTimer.reset();
     ++connectionNumber;
     if (client != nullptr)
         std::exchange(client, nullptr)->teardown();
@@ -427,6 +468,8 @@ void RTSPStream::State::onContextShutdown() noexcept
     phase = Phase::idle;
     ++connectionNumber;
     retryTimer.reset();
+    healthTimer.reset();
+    leftoverTimer.reset();
     for (Kind& kind : kinds)
         kind.track.reset();
     // Receivers usually hold the stream: moved out first, since one of them may hold it last.

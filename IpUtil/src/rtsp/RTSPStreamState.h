@@ -88,6 +88,10 @@ private:
     void deliverToJoining(Registration& registration, const GDRV::MediaFrame& frame);
     void onAttemptFailed(const error_code& ec);
     void retryAfter(std::chrono::milliseconds delay);
+    void onHealthy(const error_code& ec);
+    bool hasLeftoverVideo() const;
+    void watchLeftover();
+    void onLeftover(const error_code& ec);
     void reconnect();
     void endConnection();
     void collectCounters();
@@ -123,6 +127,8 @@ private:
     std::optional<RtspTransport> learntTransport;  // what has worked instead, until the device is connected anew
     std::uint64_t connectionNumber = 0;            // tells handlers of an older connection from those of this one
     std::optional<boost::asio::steady_timer> retryTimer;
+    std::optional<boost::asio::steady_timer> healthTimer;
+    std::optional<boost::asio::steady_timer> leftoverTimer;
     Backoff backoff;
     std::minstd_rand random;
     std::chrono::steady_clock::time_point playingSince;

@@ -31,6 +31,10 @@ struct StreamTiming {
     std::chrono::milliseconds longestRetry{30000};
     /// A stream that was lost after it had lived so long is connected again at once; a shorter one is paced.
     std::chrono::milliseconds steadyLife{1000};
+    /// What fails after a stream has played so long is news, and logged even if it was logged before.
+    std::chrono::milliseconds healthyLife{60000};
+    /// Pictures that nobody takes any more are given up after so long, for which the sound is interrupted.
+    std::chrono::milliseconds leftoverLimit{5000};
 };
 
 /// What all streams of one I/O context share: the receive buffer, the frame pool and one coarse timer, so that an

@@ -26,7 +26,12 @@ public:
         if (kind == MediaKind::audio)
             client.setAudioSinkParams(audio);
     }
-    void onConnectionStart() override { ++starts; }
+    void onConnectionStart() override
+    {
+        ++starts;
+        if (eachStart)
+            eachStart();
+    }
     void onFrame(const GDRV::MediaFrame& frame) noexcept override
     {
         ++frames;
@@ -35,6 +40,9 @@ public:
             firstWasKeyFrame = frame.keyFrame;
             firstParameterSets.assign(frame.parameterSets.begin(), frame.parameterSets.end());
         }
+        codec = frame.codec;
+        width = frame.width;
+        parameterSetChanges += frame.parameterSets.empty() ? 0 : 1;
         timesInOrder = timesInOrder && frame.timestampMs >= lastTimestampMs;
         lastTimestampMs = frame.timestampMs;
         if (eachFrame)
@@ -56,9 +64,13 @@ public:
     std::size_t framesSinceState = 0;
     bool firstWasKeyFrame = false;
     Bytes firstParameterSets;
+    GDRV::MediaCodec codec = GDRV::MediaCodec::unknown;  // of the last frame, as the width
+    std::uint32_t width = 0;
+    int parameterSetChanges = 0;
     bool timesInOrder = true;
     std::int64_t lastTimestampMs = 0;
     std::vector<error_code> states;
+    std::function<void()> eachStart;
     std::function<void()> eachFrame;
     std::function<void(const error_code&)> eachState;
 };
@@ -72,7 +84,7 @@ struct Fixture {
     {
         RTSPStream::Hooks hooks;
         hooks.connectionInfo = [this] { return std::shared_ptr<const asio::ConnectionInfo>(info); };
-        hooks.path = [this] { return "/media/video" + std::to_string(++paths); };
+        hooks.path = [this] { return "/media/video" + std::to_string(keepPath ? 1 : ++paths); };
         hooks.onLost = [this] { ++losses; };
         stream = std::make_shared<RTSPStream>(*loop.io, &log, std::move(hooks));
     }
@@ -96,6 +108,7 @@ struct Fixture {
     RecordingLogger log;
     std::shared_ptr<asio::ConnectionInfo> info;
     int paths = 0;
+    bool keepPath = false;  // as a real device's: lines that repeat look alike
     int losses = 0;
     std::shared_ptr<RTSPStream> stream;
 };
