@@ -20,21 +20,10 @@ namespace
 constexpr unsigned maxReadsPerTurn = 4;
 // An unfinished unit up to this size may keep its memory between bursts.
 constexpr std::size_t modestTailBytes = 2048;
-// The answers up to the first packet are shorter.
-constexpr std::uint64_t lastUsefulOffset = 8192;
 
 error_code hostError(const error_code& ec)
 {
     return {translateSystemError(ec), get_tavro8_category()};
-}
-
-/// The place helps with an answer. In the middle of media it says nothing, and would make a new line for the log of
-/// what happens again and again.
-std::string describe(const wire::InterleavedParser::Malformed& malformed)
-{
-    if (malformed.offset > lastUsefulOffset)
-        return malformed.rule;
-    return "byte " + std::to_string(malformed.offset) + " of the answer: " + malformed.rule;
 }
 }  // namespace
 
@@ -160,6 +149,7 @@ void RtspConnection::parse(wire::ByteView& input, const media::ArrivalTime& arri
     while (open) {
         const auto unit = parser.next(input);
         if (const auto* frame = std::get_if<wire::InterleavedFrame>(&unit)) {
+            mediaCame = true;
             events.onInterleaved(*frame, arrival);
         } else if (const auto* message = std::get_if<wire::ReceivedMessage>(&unit)) {
             events.onMessage(**message);
@@ -169,6 +159,15 @@ void RtspConnection::parse(wire::ByteView& input, const media::ArrivalTime& arri
             return;
         }
     }
+}
+
+/// The place helps with an answer. Among media it says nothing, and would make a new line for the log of what happens
+/// again and again.
+std::string RtspConnection::describe(const wire::InterleavedParser::Malformed& malformed) const
+{
+    if (mediaCame)
+        return malformed.rule;
+    return "byte " + std::to_string(malformed.offset) + " of the answer: " + malformed.rule;
 }
 
 void RtspConnection::send(std::vector<std::uint8_t> bytes, Written done)

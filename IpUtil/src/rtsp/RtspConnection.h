@@ -86,6 +86,7 @@ private:
     void readTurn();
     bool readOnce(std::span<std::uint8_t> buffer, std::size_t& held);
     void parse(wire::ByteView& input, const media::ArrivalTime& arrival);
+    std::string describe(const wire::InterleavedParser::Malformed& malformed) const;
     void writeNext();
     void onWritten(const error_code& ec);
     template <typename Body>
@@ -107,6 +108,7 @@ private:
     wire::InterleavedParser parser;
     std::vector<std::uint8_t> tail;  // an incomplete unit, until the rest of it arrives
     bool readSinceTrim = false;
+    bool mediaCame = false;
 
     std::deque<Outgoing> outgoing;  // the first one is being written
     std::size_t queued = 0;

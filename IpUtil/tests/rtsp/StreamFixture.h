@@ -41,6 +41,7 @@ public:
             firstParameterSets.assign(frame.parameterSets.begin(), frame.parameterSets.end());
         }
         codec = frame.codec;
+        data = bytesOf(frame);
         width = frame.width;
         parameterSetChanges += frame.parameterSets.empty() ? 0 : 1;
         timesInOrder = timesInOrder && frame.timestampMs >= lastTimestampMs;
@@ -66,6 +67,7 @@ public:
     Bytes firstParameterSets;
     GDRV::MediaCodec codec = GDRV::MediaCodec::unknown;  // of the last frame, as the width
     std::uint32_t width = 0;
+    Bytes data;
     int parameterSetChanges = 0;
     bool timesInOrder = true;
     std::int64_t lastTimestampMs = 0;
