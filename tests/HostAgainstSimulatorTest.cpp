@@ -241,6 +241,17 @@ TEST(LiveEndToEnd, comesBackAfterTheDeviceDroppedItsClients)
     EXPECT_GT(summary["frames"].asUInt(), 60U);
 }
 
+TEST(LiveEndToEnd, keepsAShortSessionAlive)
+{
+    const SimulatorProcess device(smallPictures({"--no-audio", "--session-timeout", "2"}));
+    const ScratchFolder folder;
+    const HostRun run = runHost(folder, deviceAddress(device), {"live", "--seconds", "5"});
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(run.event("summary")["reconnects"].asUInt(), 0U);
+    // Each second, at half of the time-out.
+    EXPECT_GE(device.admin("GET", "counters")["rtsp"]["requests"]["GET_PARAMETER"].asUInt(), 3U);
+}
+
 TEST(LiveEndToEnd, streamsThatAreRefusedEndWithStatusFourAndASentence)
 {
     const struct {

@@ -1,9 +1,11 @@
 #include "EndToEnd.h"
 #include "HostFakes.h"
 
+#include <algorithm>
 #include <atomic>
 #include <dlfcn.h>
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 // The shipped library against a device that streams, driven through the SDK alone.
@@ -191,6 +193,60 @@ TEST_F(ModuleAgainstSimulator, aRebootedDeviceIsLostAndFoundAgain)
     EXPECT_TRUE(handler.waitLost());
     EXPECT_TRUE(handler.waitConnected(2));
     EXPECT_TRUE(pictures.waitFrames(pictures.frameTotal() + 10));
+    video->Destroy();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, anotherSizeComesWithTheNextKeyFrameOfTheRunningStream)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    pictures.keepFrames = true;
+    IVideoSource* const video = startVideo(device, pictures);
+    ASSERT_TRUE(pictures.waitFrames(5));
+    camera.admin("POST", "picture", R"({"size": "640x360"})");
+    std::vector<FrameReference> frames;
+    const auto isLarge = [](const FrameReference& frame) { return frame->width == 640; };
+    for (std::size_t at = 10; std::ranges::none_of(frames, isLarge); at += 5) {
+        ASSERT_TRUE(pictures.waitFrames(at));
+        std::ranges::move(pictures.takeFrames(), std::back_inserter(frames));
+        ASSERT_LT(frames.size(), 500U) << "the size never changed";
+    }
+    const auto first = std::ranges::find_if(frames, isLarge);
+    EXPECT_EQ((*first)->height, 360U);
+    EXPECT_TRUE((*first)->keyFrame);
+    EXPECT_FALSE((*first)->parameterSets.empty());
+    EXPECT_FALSE((*first)->lostPacketsBefore) << "the connection stands";
+    EXPECT_EQ(camera.admin("GET", "counters")["rtsp"]["connections"].asUInt(), 1U);
+    video->Destroy();
+    device->Destroy();
+}
+
+TEST_F(ModuleAgainstSimulator, anotherCodecIsDescribedAnewWhenTheDeviceEndsItsConnections)
+{
+    DeviceHandler handler;
+    IDevice* const device = connect(handler);
+    ChannelHandler pictures;
+    pictures.keepFrames = true;
+    IVideoSource* const video = startVideo(device, pictures);
+    ASSERT_TRUE(pictures.waitFrames(5));
+    camera.admin("POST", "picture", R"({"codec": "h265"})");
+    camera.admin("POST", "rtsp/drop");
+    std::vector<FrameReference> frames;
+    const auto isHevc = [](const FrameReference& frame) { return frame->codec == MediaCodec::h265; };
+    for (std::size_t at = 10; std::ranges::none_of(frames, isHevc); at += 5) {
+        ASSERT_TRUE(pictures.waitFrames(at));
+        std::ranges::move(pictures.takeFrames(), std::back_inserter(frames));
+        ASSERT_LT(frames.size(), 500U) << "the codec never changed";
+    }
+    const auto first = std::ranges::find_if(frames, isHevc);
+    EXPECT_EQ((*first)->width, 320U);
+    EXPECT_TRUE((*first)->keyFrame);
+    EXPECT_TRUE((*first)->lostPacketsBefore);
+    for (std::size_t at = 1; at < frames.size(); ++at)
+        EXPECT_GE(frames[at]->timestampMs, frames[at - 1]->timestampMs);
+    EXPECT_EQ(handler.lostTotal(), 0) << "the device was there all the time";
     video->Destroy();
     device->Destroy();
 }

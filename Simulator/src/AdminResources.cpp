@@ -83,6 +83,27 @@ Reply reboot(const std::function<void(std::chrono::milliseconds)>& action, const
     return reply;
 }
 
+Reply changePicture(MediaServer& media, const Call& call)
+{
+    std::optional<Codec> codec;
+    std::optional<Size> size;
+    if (const auto text = textMember(call.body, "codec")) {
+        if (*text != "h264" && *text != "h265")
+            return badRequest("\"codec\" is neither \"h264\" nor \"h265\"");
+        codec = *text == "h264" ? Codec::h264 : Codec::h265;
+    }
+    if (const auto text = textMember(call.body, "size")) {
+        size = parseSize(*text);
+        if (!size)
+            return badRequest("\"size\" is not like \"640x360\" (even, 64..8192)");
+    }
+    if (!codec && !size)
+        return badRequest("the body names neither a codec nor a size");
+    if (const auto why = media.changePicture(codec, size))
+        return badRequest(*why);
+    return Reply{};
+}
+
 void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
 {
     router.add("GET", "/simulator/counters", [admin](const Call&) {
@@ -116,6 +137,7 @@ void addOutages(Router& router, const std::shared_ptr<Administered>& admin)
     router.add("POST", "/simulator/rtsp/drop", command([admin] { admin->media.closeAll(); }));
     router.add("POST", "/simulator/rtsp/stop", command(admin->closeRtspPort));
     router.add("POST", "/simulator/rtsp/start", command(admin->openRtspPort));
+    router.add("POST", "/simulator/picture", [admin](const Call& call) { return changePicture(admin->media, call); });
     router.add("POST", "/simulator/reboot", [admin](const Call& call) { return reboot(admin->reboot, call); });
 }
 

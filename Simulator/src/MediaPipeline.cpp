@@ -46,15 +46,23 @@ struct NeededElement {
 
 }  // namespace
 
+std::string pictureCaps(const PictureSettings& settings)
+{
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out << "video/x-raw,format=I420,width=" << settings.size.width << ",height=" << settings.size.height
+        << ",framerate=" << settings.framesPerSecond << "/1";
+    return out.str();
+}
+
 std::string testPictureLaunch(const PictureSettings& settings)
 {
     constexpr const char* font = " shaded-background=true font-desc=\"Monospace 18\"";
     std::ostringstream out;
     out.imbue(std::locale::classic());
-    out << "( videotestsrc is-live=true pattern=smpte100 horizontal-speed=2 ! video/x-raw,format=I420,width="
-        << settings.size.width << ",height=" << settings.size.height << ",framerate=" << settings.framesPerSecond
-        << "/1 ! textoverlay valignment=top halignment=left text=\"" << settings.title << '"' << font
-        << " ! clockoverlay valignment=top halignment=right time-format=\"%Y-%m-%d %H:%M:%S\"" << font
+    out << "( videotestsrc is-live=true pattern=smpte100 horizontal-speed=2 ! capsfilter name=picture caps=\""
+        << pictureCaps(settings) << "\" ! textoverlay valignment=top halignment=left text=\"" << settings.title << '"'
+        << font << " ! clockoverlay valignment=top halignment=right time-format=\"%Y-%m-%d %H:%M:%S\"" << font
         << " ! timeoverlay valignment=bottom halignment=left" << font << " ! " << encoderLaunch(settings) << " ! "
         << videoPayloader(settings.codec);
     if (settings.audio)

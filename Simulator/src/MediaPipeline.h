@@ -19,8 +19,12 @@ struct PictureSettings {
     unsigned toneHertz = 440;
 };
 
+/// What the picture is before it is encoded, as GStreamer writes it.
+std::string pictureCaps(const PictureSettings& settings);
+
 /// The launch line for GStreamer's RTSP server: a moving test picture with a title and a running clock, and a tone.
-/// The encoder is called "encoder", the payloaders "pay0" (video) and "pay1" (audio).
+/// The filter that decides the size is called "picture", the encoder "encoder", the payloaders "pay0" (video) and
+/// "pay1" (audio).
 std::string testPictureLaunch(const PictureSettings& settings);
 
 /// The launch line for media from memory: application sources "video" and "audio" that a feeder fills.

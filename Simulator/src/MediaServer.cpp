@@ -106,8 +106,12 @@ struct MediaServer::State {
 
     /// A path and what is needed to make its medium.
     struct Stream {
+        State* state = nullptr;
         StreamActivity activity;
         std::shared_ptr<const MediaFile> file;  ///< null: the test picture
+        unsigned channel = 0;
+        unsigned number = 0;                   ///< 0: the main stream
+        GlibPointer<GstElement> picture = {};  ///< the filter of the newest medium; guarded by `mutex`
     };
 
     explicit State(const FaultTable& faultTable) : faults(faultTable)
@@ -117,6 +121,8 @@ struct MediaServer::State {
     }
 
     const FaultTable& faults;
+    Options options;               ///< as they are now
+    unsigned sessionTimeout = 60;  ///< read on GStreamer's threads, so apart from what changes
     GlibPointer<GstRTSPServer> server;
     std::optional<RtspThread> thread;
     ConnectionId arriving = 0;   ///< the connection whose client is being made; used on `thread` only
@@ -129,9 +135,10 @@ struct MediaServer::State {
     unsigned connectionCount = 0;
     ConnectionId lastConnection = 0;
 
-    void addStream(const Options& options, unsigned channel, unsigned number,
-                   const std::shared_ptr<const MediaFile>& file);
+    void addStream(unsigned channel, unsigned number, const std::shared_ptr<const MediaFile>& file);
+    void mount(Stream& stream);
     static void onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer stream);
+    static void onSession(GstRTSPClient*, GstRTSPSession* session, gpointer self);
     static void onClient(GstRTSPServer*, GstRTSPClient* client, gpointer self);
     std::optional<GstRTSPStatusCode> faultFor(const char* method, const GstRTSPContext* context) const;
     static GstRTSPStatusCode beforeRequest(GstRTSPClient* client, GstRTSPContext* context, gpointer hook);
@@ -161,17 +168,25 @@ bool isSending(const GstRTSPContext* context)
 
 }  // namespace
 
-void MediaServer::State::addStream(const Options& options, unsigned channel, unsigned number,
-                                   const std::shared_ptr<const MediaFile>& file)
+void MediaServer::State::addStream(unsigned channel, unsigned number, const std::shared_ptr<const MediaFile>& file)
 {
     Stream& stream = streams.emplace_back();
+    stream.state = this;
     stream.activity.path = livePath(options.kind, channel, number);
     stream.activity.faults = &faults;
     stream.file = file;
+    stream.channel = channel;
+    stream.number = number;
+    mount(stream);
+}
 
+/// Serves the stream as the options are now, in place of what its path led to. Media that run go on.
+void MediaServer::State::mount(Stream& stream)
+{
+    const auto& file = stream.file;
     GstRTSPMediaFactory* const factory = newSimulatedFactory();
     const std::string launch = file ? fileLaunch(file->codec, options.audio && !file->audio.units.empty())
-                                    : testPictureLaunch(pictureSettings(options, channel, number));
+                                    : testPictureLaunch(pictureSettings(options, stream.channel, stream.number));
     gst_rtsp_media_factory_set_launch(factory, launch.c_str());
     gst_rtsp_media_factory_set_shared(factory, TRUE);
     gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
@@ -186,10 +201,16 @@ void MediaServer::State::onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpoi
 {
     Stream& stream = *static_cast<Stream*>(data);
     attach(media, stream.activity);
-    if (!stream.file)
-        return;
     const GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
-    feedFromFile(pipeline.get(), stream.file);
+    if (stream.file)
+        return feedFromFile(pipeline.get(), stream.file);
+    const std::lock_guard lock(stream.state->mutex);
+    stream.picture.reset(gst_bin_get_by_name(GST_BIN(pipeline.get()), "picture"));
+}
+
+void MediaServer::State::onSession(GstRTSPClient*, GstRTSPSession* session, gpointer data)
+{
+    gst_rtsp_session_set_timeout(session, static_cast<State*>(data)->sessionTimeout);
 }
 
 void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointer data)
@@ -198,6 +219,7 @@ void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointe
     for (Hook& hook : self.hooks)
         g_signal_connect(client, hook.method->beforeSignal, G_CALLBACK(beforeRequest), &hook);
     g_signal_connect(client, "send-message", G_CALLBACK(onMessage), data);
+    g_signal_connect(client, "new-session", G_CALLBACK(onSession), data);
     g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
     g_signal_connect(client, "closed", G_CALLBACK(onClosed), data);
     g_object_set_data(G_OBJECT(client), connectionKey, GSIZE_TO_POINTER(self.arriving));
@@ -274,6 +296,8 @@ MediaServer::MediaServer(Options& options, const std::string& realm, const Fault
         options.framesPerSecond = file->framesPerSecond;
     }
 
+    state->options = options;
+    state->sessionTimeout = options.sessionTimeout;
     state->server.reset(gst_rtsp_server_new());
     if (options.authentication != Authentication::none)
         gst_rtsp_server_set_auth(state->server.get(), makeAuthentication(options, realm).get());
@@ -281,7 +305,7 @@ MediaServer::MediaServer(Options& options, const std::string& realm, const Fault
     g_signal_connect(state->server.get(), "client-connected", G_CALLBACK(State::onClient), state.get());
     for (unsigned channel = 0; channel < options.channels; ++channel)
         for (unsigned stream = 0; stream < streamsPerChannel; ++stream)
-            state->addStream(options, channel, stream, file);
+            state->addStream(channel, stream, file);
 }
 
 MediaServer::~MediaServer()
@@ -345,6 +369,32 @@ void MediaServer::closeAll()
         g_socket_shutdown(socket.get(), TRUE, TRUE, nullptr);
 }
 
+std::optional<std::string> MediaServer::changePicture(std::optional<Codec> codec, std::optional<Size> size)
+{
+    Options changed = state->options;
+    changed.codec = codec.value_or(changed.codec);
+    changed.size = size.value_or(changed.size);
+    if (!changed.mediaFile.empty())
+        return "a media file cannot be changed";
+    if (const auto missing = missingElements(changed); !missing.empty())
+        return missing.front();
+    state->thread->run([this, &changed, size] {
+        state->options = changed;
+        for (State::Stream& stream : state->streams) {
+            if (stream.number != 0)
+                continue;
+            state->mount(stream);
+            const std::lock_guard lock(state->mutex);
+            if (!size || !stream.picture)
+                continue;
+            const PictureSettings settings = pictureSettings(changed, stream.channel, stream.number);
+            const GlibPointer<GstCaps> caps(gst_caps_from_string(pictureCaps(settings).c_str()));
+            g_object_set(stream.picture.get(), "caps", caps.get(), nullptr);
+        }
+    });
+    return std::nullopt;
+}
+
 void MediaServer::expireSessions()
 {
     state->thread->post([server = state->server.get()] {
@@ -365,7 +415,8 @@ Json::Value MediaServer::counters() const
             out["requests"][method] = count;
     }
     out["streams"] = Json::Value(Json::arrayValue);
-    for (const auto& [activity, file] : state->streams) {
+    for (const State::Stream& served : state->streams) {
+        const StreamActivity& activity = served.activity;
         Json::Value stream(Json::objectValue);
         stream["path"] = activity.path;
         stream["frames"] = static_cast<Json::UInt64>(activity.frames);

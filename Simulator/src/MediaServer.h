@@ -39,6 +39,11 @@ public:
     void close(ConnectionId connection);
     void closeAll();
 
+    /// Changes the test picture of the main streams as a user of the device would. A running stream goes on with the
+    /// new size; the codec holds for streams described from now on, beside those that run. Nothing, or a sentence why
+    /// it cannot be.
+    std::optional<std::string> changePicture(std::optional<Codec> codec, std::optional<Size> size);
+
     /// Ends sessions whose client has been silent for too long; to be called every few seconds.
     void expireSessions();
 

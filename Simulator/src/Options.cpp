@@ -38,6 +38,8 @@ ready line calls adminPort (faults and restarts never touch it) and, for loopbac
   POST   /simulator/rtsp/drop      closes all RTSP connections
   POST   /simulator/rtsp/stop      closes the RTSP port and all its connections
   POST   /simulator/rtsp/start     opens it again
+  POST   /simulator/picture        {"codec": "h265", "size": "640x360"} (either): the size changes in the running main
+                                   streams, the codec when they are described anew
   POST   /simulator/reboot         {"milliseconds": 2000} closes every port and connection for so long
 
 Exit status: 0 stopped by a signal or the end of its input, 1 could not start, 2 wrong command line.
@@ -48,18 +50,12 @@ std::string formatSize(const Size& size)
     return std::to_string(size.width) + "x" + std::to_string(size.height);
 }
 
-/// Encoders want even sides; the upper limit keeps one picture below a hundred megabytes.
 Size readSize(const std::string& text)
 {
-    Size size;
-    char by = 0;
-    std::istringstream in(text);
-    in.imbue(std::locale::classic());
-    in >> size.width >> by >> size.height;
-    const auto fits = [](unsigned side) { return side >= 64 && side <= 8192 && side % 2 == 0; };
-    if (in.fail() || !in.eof() || by != 'x' || !fits(size.width) || !fits(size.height))
+    const auto size = parseSize(text);
+    if (!size)
         throw CLI::ValidationError("'" + text + "' is no picture size; an example is 1280x720 (even, 64..8192)");
-    return size;
+    return *size;
 }
 
 std::vector<Fault> readFaults(const std::vector<std::string>& texts)
@@ -100,6 +96,19 @@ void addChoice(CLI::App& app, const char* name, Enum& value, const std::map<std:
 
 }  // namespace
 
+std::optional<Size> parseSize(const std::string& text)
+{
+    Size size;
+    char by = 0;
+    std::istringstream in(text);
+    in.imbue(std::locale::classic());
+    in >> size.width >> by >> size.height;
+    const auto fits = [](unsigned side) { return side >= 64 && side <= 8192 && side % 2 == 0; };
+    if (in.fail() || !in.eof() || by != 'x' || !fits(size.width) || !fits(size.height))
+        return std::nullopt;
+    return size;
+}
+
 std::variant<Options, Usage> parseOptions(const std::vector<std::string>& arguments,
                                           const std::string& environmentPassword)
 {
@@ -131,6 +140,9 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     addChoice(app, "--auth", options.authentication, authentications, "schemes offered [digest]");
     app.add_option("--nonce-lifetime", nonceLifetime, "seconds after which a nonce is stale")
         ->check(CLI::Range(0.05, 86'400.0))
+        ->capture_default_str();
+    app.add_option("--session-timeout", options.sessionTimeout, "seconds that an RTSP session lives without keep-alive")
+        ->check(CLI::Range(1u, 3600u))
         ->capture_default_str();
     app.add_option("--idle-timeout", idleTimeout, "seconds after which an idle connection is closed")
         ->check(CLI::Range(0.05, 86'400.0))

@@ -26,6 +26,9 @@ struct Size {
     bool operator==(const Size&) const = default;
 };
 
+/// "1280x720". Encoders want even sides; the upper limit (8192) keeps one picture below a hundred megabytes.
+std::optional<Size> parseSize(const std::string& text);
+
 /// The command line, checked. Port 0 means any free port.
 struct Options {
     Kind kind = Kind::camera;
@@ -42,6 +45,7 @@ struct Options {
     Authentication authentication = Authentication::digest;
     std::chrono::milliseconds nonceLifetime{60'000};
     std::chrono::milliseconds idleTimeout{5'000};
+    unsigned sessionTimeout = 60;  ///< seconds that RTSP sessions are kept without a sign of their client
     unsigned maxConnections = 8;
     bool pluralPorts = false;  ///< the port list is found under "Network/Ports" only
 

@@ -47,6 +47,10 @@ TEST(Administration, saysWhatItDoesNotUnderstand)
     }
     EXPECT_TRUE(simulator.admin("DELETE", "faults", R"({"fault": "hang"})")["error"].isString());
     EXPECT_TRUE(simulator.admin("POST", "reboot", R"({"milliseconds": -1})")["error"].isString());
+    for (const char* body : {"", "{}", R"({"codec": "vp8"})", R"({"size": "641x360"})", R"({"size": "0x0"})"}) {
+        SCOPED_TRACE(body);
+        EXPECT_TRUE(simulator.admin("POST", "picture", body)["error"].isString());
+    }
     EXPECT_TRUE(simulator.admin("GET", "nowhere")["error"].isString());
 }
 

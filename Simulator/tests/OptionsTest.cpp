@@ -72,6 +72,8 @@ TEST(Options, areReadInFull)
                                       "--no-audio",
                                       "--nonce-lifetime",
                                       "0.5",
+                                      "--session-timeout",
+                                      "20",
                                       "--idle-timeout",
                                       "2",
                                       "--max-connections",
@@ -98,6 +100,7 @@ TEST(Options, areReadInFull)
     EXPECT_EQ(options.bitrateKbit, 500u);
     EXPECT_FALSE(options.audio);
     EXPECT_EQ(options.nonceLifetime.count(), 500);
+    EXPECT_EQ(options.sessionTimeout, 20u);
     EXPECT_EQ(options.idleTimeout.count(), 2000);
     EXPECT_EQ(options.maxConnections, 3u);
     ASSERT_EQ(options.faults.size(), 2u);

@@ -139,6 +139,7 @@ public:
     {
         return wait([&] { return failed >= times; });
     }
+    int lostTotal() const { return read(lost); }
     bool waitLost(int times = 1)
     {
         return wait([&] { return lost >= times; });
