@@ -6,13 +6,22 @@
 
 namespace Tavro8::media
 {
-/// Reads the bits of a NAL unit, stepping over emulation prevention bytes (the 3 of 00 00 03; ITU-T H.264
-/// and H.265 section 7.4). Reading beyond the end gives zeros and makes `failed()` true for good.
+/// Reads bits, the highest of each byte first. Reading beyond the end gives zeros and makes `failed()` true for good.
 class BitReader {
 public:
-    explicit BitReader(std::span<const std::uint8_t> nalBytes) noexcept : bytes(nalBytes) {}
+    enum class Bytes : std::uint8_t {
+        ofNalUnit,  ///< steps over emulation prevention bytes (the 3 of 00 00 03; ITU-T H.264 and H.265 section 7.4)
+        plain,
+    };
+
+    explicit BitReader(std::span<const std::uint8_t> bytesToRead, Bytes kind = Bytes::ofNalUnit) noexcept
+        : bytes(bytesToRead), stepsOver(kind == Bytes::ofNalUnit)
+    {}
 
     bool failed() const noexcept { return overrun; }
+
+    /// Bits that can still be read; emulation prevention bytes among them count.
+    std::size_t left() const noexcept { return (bytes.size() - position) * 8 + bitsLeft; }
 
     std::uint32_t bit() noexcept
     {
@@ -62,7 +71,7 @@ public:
 private:
     bool nextByte() noexcept
     {
-        if (position < bytes.size() && zeroBytes >= 2 && bytes[position] == 3) {
+        if (stepsOver && position < bytes.size() && zeroBytes >= 2 && bytes[position] == 3) {
             ++position;
             zeroBytes = 0;
         }
@@ -77,6 +86,7 @@ private:
     }
 
     std::span<const std::uint8_t> bytes;
+    bool stepsOver;
     std::size_t position = 0;
     unsigned zeroBytes = 0;
     unsigned current = 0;

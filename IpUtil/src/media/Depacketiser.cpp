@@ -1,6 +1,8 @@
 #include "media/Depacketiser.h"
 
+#include "media/AacDepacketiser.h"
 #include "media/G711Depacketiser.h"
+#include "media/JpegDepacketiser.h"
 #include "media/VideoDepacketiser.h"
 
 #include <algorithm>
@@ -16,18 +18,18 @@ constexpr std::uint8_t largestPayloadType = 127;
 constexpr std::uint32_t videoClockRate = 90000;
 constexpr std::uint32_t telephoneClockRate = 8000;
 
-std::string_view valueOf(const TrackFormat& format, std::string_view name) noexcept
-{
-    const auto found = std::ranges::find(format.formatParameters, name,
-                                         [](const auto& parameter) { return std::string_view(parameter.first); });
-    return found == format.formatParameters.end() ? std::string_view() : std::string_view(found->second);
-}
-
 bool isPositiveNumber(std::string_view text) noexcept
 {
     return text.find_first_of("123456789") != std::string_view::npos;
 }
 }  // namespace
+
+std::string_view formatParameter(const TrackFormat& format, std::string_view name) noexcept
+{
+    const auto found = std::ranges::find(format.formatParameters, name,
+                                         [](const auto& parameter) { return std::string_view(parameter.first); });
+    return found == format.formatParameters.end() ? std::string_view() : std::string_view(found->second);
+}
 
 std::uint32_t clockRateOf(const TrackFormat& format) noexcept
 {
@@ -44,13 +46,16 @@ const char* refusalOf(const TrackFormat& format)
         return "the track names a payload type above 127";
     switch (format.codec) {
     case MediaCodec::h264:
-        if (valueOf(format, "packetization-mode") == "2")
+        if (formatParameter(format, "packetization-mode") == "2")
             return "H.264 in interleaved packets (packetization-mode 2) is not supported";
         return nullptr;
     case MediaCodec::h265:
-        if (isPositiveNumber(valueOf(format, "sprop-max-don-diff")))
+        if (isPositiveNumber(formatParameter(format, "sprop-max-don-diff")))
             return "H.265 with decoding order numbers (sprop-max-don-diff) is not supported";
         return nullptr;
+    case MediaCodec::aac:
+        return readAacPacking(format).refusal;
+    case MediaCodec::mjpeg:
     case MediaCodec::g711U:
     case MediaCodec::g711A:
         return nullptr;
@@ -69,6 +74,10 @@ std::unique_ptr<Depacketiser> makeDepacketiser(const TrackFormat& format, FrameP
         return std::make_unique<VideoDepacketiser<H264>>(format, pool, sink, options);
     case MediaCodec::h265:
         return std::make_unique<VideoDepacketiser<H265>>(format, pool, sink, options);
+    case MediaCodec::mjpeg:
+        return std::make_unique<JpegDepacketiser>(format, pool, sink, options);
+    case MediaCodec::aac:
+        return std::make_unique<AacDepacketiser>(format, pool, sink, options);
     case MediaCodec::g711U:
     case MediaCodec::g711A:
         return std::make_unique<G711Depacketiser>(format, pool, sink);

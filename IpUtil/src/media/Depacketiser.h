@@ -1,12 +1,14 @@
 #pragma once
 
 #include "Tavro8/GDRV/MediaFrame.h"
+#include "media/PictureSize.h"
 #include "media/RtpPacket.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,6 +22,7 @@ struct TrackFormat {
     std::vector<std::uint8_t> payloadTypes;  ///< all that carry this codec; most often one
     std::uint32_t clockRate = 0;             ///< Hz; 0: the codec's usual one
     std::uint32_t channelCount = 0;          ///< audio; 0 counts as 1
+    PictureSize pictureSize;                 ///< video, as the description states it; JPEG packets may not say
 
     /// H.264 and H.265: NAL units without start code, in any order (sprop-parameter-sets, sprop-vps/-sps/-pps),
     /// may be empty. AAC: the AudioSpecificConfig.
@@ -28,6 +31,9 @@ struct TrackFormat {
     /// The other values of fmtp, names in lower case.
     std::vector<std::pair<std::string, std::string>> formatParameters;
 };
+
+/// The value of a format parameter, its name in lower case; empty when there is none.
+std::string_view formatParameter(const TrackFormat& format, std::string_view name) noexcept;
 
 /// The clock rate of a track: the one given or the codec's usual one.
 std::uint32_t clockRateOf(const TrackFormat& format) noexcept;

@@ -10,6 +10,24 @@
 
 namespace Tavro8::media
 {
+/// Foretells the size of the next frame from those before, so that its buffer need not grow on the way.
+class FrameSizeGuess {
+public:
+    explicit constexpr FrameSizeGuess(std::size_t firstGuess) noexcept : expected(firstGuess) {}
+
+    std::size_t get() const noexcept { return expected; }
+
+    /// Follows growing frames at once and shrinking ones slowly, with a sixteenth to spare.
+    void learn(std::size_t bytes) noexcept
+    {
+        const std::size_t wanted = bytes + bytes / 16;
+        expected = wanted >= expected ? wanted : expected - (expected - wanted) / 8;
+    }
+
+private:
+    std::size_t expected;
+};
+
 /// The frame in progress: bytes that are appended to a pooled buffer. Moves to a larger buffer when one is
 /// full, which `reserve` with a good guess avoids. Holds no buffer while it is empty.
 class FrameBuilder {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "media/PictureSize.h"
+
 #include <cstdint>
 
 namespace Tavro8::media
@@ -33,13 +35,6 @@ enum class SplitResult : std::uint8_t {
     whole,
     unknown,  ///< of a type without a meaning; such a packet carries no part of a picture
     broken,   ///< against the payload format: parts of the frame are missing
-};
-
-/// In pixels, after cropping; 0 when unknown.
-struct PictureSize {
-    std::uint32_t width = 0;
-    std::uint32_t height = 0;
-    bool operator==(const PictureSize&) const = default;
 };
 
 /// What is read of a parameter set.

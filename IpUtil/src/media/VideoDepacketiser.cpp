@@ -15,13 +15,6 @@ constexpr std::size_t firstOtherBytes = 16 * 1024;
 
 // Enough of a slice for the fields that are read of its header.
 constexpr std::size_t sliceHeadBytes = 32;
-
-/// Follows growing frames at once and shrinking ones slowly, with a sixteenth to spare.
-std::size_t nextExpectation(std::size_t expected, std::size_t bytes) noexcept
-{
-    const std::size_t wanted = bytes + bytes / 16;
-    return wanted >= expected ? wanted : expected - (expected - wanted) / 8;
-}
 }  // namespace
 
 template <typename Codec>
@@ -31,8 +24,8 @@ VideoDepacketiser<Codec>::VideoDepacketiser(const TrackFormat& format, FramePool
       sink(accessUnitSink),
       builder(pool, depacketiserOptions.maxFrameBytes),
       waitingForKey(depacketiserOptions.lossPolicy == LossPolicy::dropUntilKeyFrame),
-      expectedKeyBytes(firstKeyBytes),
-      expectedOtherBytes(firstOtherBytes)
+      expectedKeySize(firstKeyBytes),
+      expectedOtherSize(firstOtherBytes)
 {
     frame.startUncertain = true;  // the stream may be joined in the middle of a frame
     for (const auto& nal : format.parameterSets) {
@@ -225,7 +218,7 @@ void VideoDepacketiser<Codec>::beginSlice(NalRole role, const SliceStart& start)
     if (key && (setsInBand || !frame.startUncertain))
         setsUsuallyInBand = setsInBand;
     if (!frame.oversized) {
-        builder.reserve(key ? expectedKeyBytes : expectedOtherBytes);
+        builder.reserve((key ? expectedKeySize : expectedOtherSize).get());
         if (key || frame.anySetInBand)
             insertParameterSets();
     }
@@ -286,8 +279,7 @@ void VideoDepacketiser<Codec>::endFrame()
     if (frame.damaged)
         ++counters.damagedFrames;
     else
-        (frame.key ? expectedKeyBytes : expectedOtherBytes) =
-            nextExpectation(frame.key ? expectedKeyBytes : expectedOtherBytes, builder.size());
+        (frame.key ? expectedKeySize : expectedOtherSize).learn(builder.size());
 
     if (builder.empty() || isHeldBack(key)) {
         ++counters.droppedFrames;

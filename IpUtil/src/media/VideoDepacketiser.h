@@ -100,8 +100,8 @@ private:
     bool followsOthers = false;   // the next frame is not the stream's first
     bool setsUsuallyInBand = false;
     std::uint64_t toldSetsVersion = 0;
-    std::size_t expectedKeyBytes = 0;  // from the frames before
-    std::size_t expectedOtherBytes = 0;
+    FrameSizeGuess expectedKeySize;
+    FrameSizeGuess expectedOtherSize;
 };
 
 extern template class VideoDepacketiser<H264>;

@@ -106,6 +106,49 @@ inline Bytes readData(const std::string& name)
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+/// RTP packets that another program has made, recorded with a 16-bit length in front of each (RFC 4571).
+inline std::vector<Bytes> readPackets(const std::string& name)
+{
+    const Bytes file = readData(name);
+    std::vector<Bytes> packets;
+    for (std::size_t at = 0; at + 2 <= file.size();) {
+        const std::size_t length = static_cast<std::size_t>(file[at] << 8 | file[at + 1]);
+        packets.push_back(part(file, at + 2, length));
+        at += 2 + length;
+    }
+    return packets;
+}
+
+/// JPEG files one behind the other, taken apart.
+inline std::vector<Bytes> readPictures(const std::string& name)
+{
+    const Bytes file = readData(name);
+    const Bytes seam = hex("ff d9 ff d8");
+    std::vector<Bytes> pictures;
+    for (auto begin = file.begin(); begin != file.end();) {
+        auto end = std::search(begin, file.end(), seam.begin(), seam.end());
+        end = end == file.end() ? end : end + 2;
+        pictures.emplace_back(begin, end);
+        begin = end;
+    }
+    return pictures;
+}
+
+/// AAC access units out of ADTS (ISO/IEC 13818-7 section 6.2), without their headers.
+inline std::vector<Bytes> readAdts(const std::string& name)
+{
+    const Bytes file = readData(name);
+    std::vector<Bytes> units;
+    for (std::size_t at = 0; at + 7 <= file.size();) {
+        const std::size_t length =
+            static_cast<std::size_t>((file[at + 3] & 3) << 11 | file[at + 4] << 3 | file[at + 5] >> 5);
+        const std::size_t header = (file[at + 1] & 1) != 0 ? 7 : 9;
+        units.push_back(part(file, at + header, length - header));
+        at += length;
+    }
+    return units;
+}
+
 /// One packet to be: header fields and payload.
 struct Packet {
     Bytes payload;
@@ -114,6 +157,8 @@ struct Packet {
     std::uint16_t sequence = 0;
     std::uint32_t ssrc = 0x11223344;
     std::uint8_t payloadType = 96;
+    std::uint16_t extensionProfile = 0;
+    Bytes extension{};  // whole words
 
     Bytes bytes() const
     {
@@ -134,6 +179,8 @@ struct Packet {
         packet.sequenceNumber = sequence;
         packet.timestamp = timestamp;
         packet.ssrc = ssrc;
+        packet.extensionProfile = extensionProfile;
+        packet.extension = extension;
         packet.payload = payload;
         return packet;
     }
@@ -231,8 +278,9 @@ struct Bench {
 
     void push(const Bytes& payload, std::uint32_t timestamp, bool marker = false, bool lostBefore = false)
     {
-        depacketiser->push(Packet{.payload = payload, .timestamp = timestamp, .marker = marker}.view(), lostBefore);
+        pushPacket(Packet{.payload = payload, .timestamp = timestamp, .marker = marker}, lostBefore);
     }
+    void pushPacket(const Packet& packet, bool lostBefore = false) { depacketiser->push(packet.view(), lostBefore); }
 
     /// Several payloads of one frame, the marker on the last.
     void pushAll(const std::vector<Bytes>& payloads, std::uint32_t timestamp, bool marker = true)
@@ -262,6 +310,27 @@ inline TrackFormat h265Format(std::vector<Bytes> parameterSets = {})
 {
     TrackFormat format = h264Format(std::move(parameterSets));
     format.codec = GDRV::MediaCodec::h265;
+    return format;
+}
+
+inline TrackFormat jpegFormat(PictureSize size = {})
+{
+    TrackFormat format;
+    format.codec = GDRV::MediaCodec::mjpeg;
+    format.payloadTypes = {26};
+    format.pictureSize = size;
+    return format;
+}
+
+inline TrackFormat aacFormat(Bytes config, std::uint32_t clockRate, const std::string& mode = "AAC-hbr")
+{
+    TrackFormat format;
+    format.codec = GDRV::MediaCodec::aac;
+    format.payloadTypes = {97};
+    format.clockRate = clockRate;
+    if (!config.empty())
+        format.parameterSets = {std::move(config)};
+    format.formatParameters = {{"mode", mode}};
     return format;
 }
 

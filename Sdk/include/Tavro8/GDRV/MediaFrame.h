@@ -41,7 +41,7 @@ protected:
 /// A plain view: it is valid during the call. To keep it longer make a `FrameReference` of it.
 struct MediaFrame {
     MediaCodec codec = MediaCodec::unknown;
-    bool keyFrame = false;           ///< decoding can start here; true for every audio and MJPEG frame
+    bool keyFrame = false;           ///< decoding can start here; true for all sound and every whole MJPEG frame
     bool lostPacketsBefore = false;  ///< packets are missing between the previous frame and this one
     bool damaged = false;            ///< packets are missing inside this frame
 
