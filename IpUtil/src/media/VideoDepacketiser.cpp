@@ -203,8 +203,9 @@ void VideoDepacketiser<Codec>::beginSlice(NalRole role, const SliceStart& start)
 {
     const bool setsInBand = frame.sequenceSetInBand && frame.pictureSetInBand;
     const bool key = role == NalRole::keySlice || (setsInBand && start.intra);
-    // A picture set that nobody has seen: it was lost, or this is no slice at all.
-    if (sets.has(NalRole::pictureSet) && !sets.has(NalRole::pictureSet, start.pictureSetId))
+    // Among packets of another codec some look like slices by chance; few of them name a picture set that there is.
+    const bool doubtful = counters.misfits != misfitsBefore;
+    if (doubtful && sets.has(NalRole::pictureSet) && !sets.has(NalRole::pictureSet, start.pictureSetId))
         frame.damaged = true;
     if (frame.hasSlice) {
         frame.key = frame.key && key;
@@ -304,6 +305,8 @@ template <typename Codec>
 void VideoDepacketiser<Codec>::handOut(bool key)
 {
     waitingForKey = waitingForKey && !key;
+    if (!frame.damaged)
+        misfitsBefore = counters.misfits;
     const auto bytes = builder.bytes();
     GDRV::MediaFrame out;
     out.codec = Codec::codec;

@@ -92,7 +92,8 @@ private:
     ParameterSets sets;
     Frame frame;
     Fragment fragment;
-    bool recognised = false;  // the present packet holds something of the codec
+    bool recognised = false;          // the present packet holds something of the codec
+    std::uint64_t misfitsBefore = 0;  // the last whole frame
 
     bool resynchronising = true;  // after a loss: fragments without a beginning are no surprise
     bool waitingForKey = false;   // by policy

@@ -66,7 +66,7 @@ void RTSPStream::State::add(const std::shared_ptr<RTSPReceiver>& receiver)
         std::ranges::find(registrations, receiver, &Registration::receiver) != registrations.end())
         return;
     const MediaKind kind = receiver->mediaKind();
-    registrations.push_back({receiver, totals(kind), kind == MediaKind::video && framesFlowed});
+    registrations.push_back({receiver, totals(kind), framesFlowed});
     switch (phase) {
     case Phase::idle:
         connect();
@@ -326,7 +326,8 @@ void RTSPStream::State::deliver(MediaKind kind, const GDRV::MediaFrame& frame)
     }
 }
 
-/// Who joins a running stream sees it begin as the others did: with a key frame that names its parameter sets.
+/// Who joins a running stream sees it begin as the others did: with a key frame that names its parameter sets. Those of
+/// sound are no part of its frames, so that the first one is copied with them.
 void RTSPStream::State::deliverToJoining(Registration& registration, const GDRV::MediaFrame& frame)
 {
     if (!frame.keyFrame) {
@@ -336,9 +337,19 @@ void RTSPStream::State::deliverToJoining(Registration& registration, const GDRV:
     }
     registration.joining = false;
     GDRV::MediaFrame first = frame;
-    const auto& sets = of(MediaKind::video).parameterSets;
+    const auto& sets = of(registration.receiver->mediaKind()).parameterSets;
+    if (frame.codec == GDRV::MediaCodec::aac && frame.parameterSets.empty()) {
+        media::FrameBuffer& copy = context->framePool()->acquire(frame.data.size() + sets.size());
+        std::ranges::copy(sets, std::ranges::copy(frame.data, copy.data()).out);
+        first.data = {copy.data(), frame.data.size()};
+        first.parameterSets = {copy.data() + frame.data.size(), sets.size()};
+        first.buffer = &copy;
+        registration.receiver->onFrame(first);
+        copy.Release();
+        return;
+    }
     const auto found = std::search(frame.data.begin(), frame.data.end(), sets.begin(), sets.end());
-    if (found != frame.data.end())
+    if (GDRV::isVideo(frame.codec) && found != frame.data.end())
         first.parameterSets = frame.data.subspan(static_cast<std::size_t>(found - frame.data.begin()), sets.size());
     registration.receiver->onFrame(first);
 }

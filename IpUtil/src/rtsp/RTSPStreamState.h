@@ -55,7 +55,7 @@ private:
     struct Registration {
         std::shared_ptr<RTSPReceiver> receiver;
         StreamCounters before;  // of its kind, when it was registered
-        bool joining = false;   // came while pictures flowed, and has not had a key frame yet
+        bool joining = false;   // came while frames flowed, and has not had a key frame yet
     };
 
     /// One kind of media, whichever connection brings it.

@@ -39,7 +39,7 @@ std::vector<std::vector<std::uint8_t>> parameterSetsOf(const wire::SdpFormat& fo
         for (auto* list : {&h265.vps, &h265.sps, &h265.pps})
             std::move(list->begin(), list->end(), std::back_inserter(sets));
     } else if (codec == MediaCodec::aac) {
-        sets.push_back(wire::aacFormat(format).config);
+        sets.push_back(wire::aacConfig(format));
     }
     return sets;
 }
@@ -50,6 +50,7 @@ media::TrackFormat formatOf(const wire::SdpMedia& section, const wire::SdpFormat
     result.codec = codecOf(chosen.encoding);
     result.clockRate = chosen.clockRate;
     result.channelCount = chosen.channels;
+    result.pictureSize = {section.width, section.height};
     for (const wire::SdpFormat& format : section.formats) {
         if (format.encoding == chosen.encoding && format.clockRate == chosen.clockRate)
             result.payloadTypes.push_back(format.payloadType);
@@ -128,15 +129,14 @@ media::TrackFormat trackFormatOf(const wire::SdpMedia& section, const SdpTrack& 
 
 bool isWantedVideo(const SdpTrack& track) noexcept
 {
-    const MediaCodec codec = codecOf(track.encoding);
-    return track.kind == "video" && isSentByDevice(track) && (codec == MediaCodec::h264 || codec == MediaCodec::h265);
+    return track.kind == "video" && isSentByDevice(track) && GDRV::isVideo(codecOf(track.encoding));
 }
 
 bool isWantedAudio(const SdpTrack& track, const AudioSinkParams& params) noexcept
 {
     const MediaCodec codec = codecOf(track.encoding);
     return track.kind == "audio" && isSentByDevice(track) &&
-           (codec == MediaCodec::g711U || codec == MediaCodec::g711A) &&
+           (codec == MediaCodec::g711U || codec == MediaCodec::g711A || codec == MediaCodec::aac) &&
            (params.expectedCodec == MediaCodec::unknown || params.expectedCodec == codec) &&
            (params.sampleRate == 0 || params.sampleRate == track.clockRate);
 }

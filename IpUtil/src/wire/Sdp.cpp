@@ -80,6 +80,7 @@ private:
     const char* startMedia(std::string_view value);
     void attribute(std::string_view value);
     void mediaAttribute(SdpMedia& section, std::string_view name, std::string_view value);
+    static void dimensions(SdpMedia& section, std::string_view value, char separator);
     void rtpmap(SdpMedia& section, std::string_view value);
     void fmtp(SdpMedia& section, std::string_view value);
     SdpFormat* formatFor(SdpMedia& section, std::string_view payloadType);
@@ -150,14 +151,23 @@ void Reader::mediaAttribute(SdpMedia& section, std::string_view name, std::strin
         const auto rate = parseFraction(value);
         section.framerate = rate && *rate > 0 ? rate : std::nullopt;
     } else if (equalsNoCase(name, "x-dimensions")) {
-        section.width = parseNumber<std::uint32_t>(trim(cutAt(value, ','))).value_or(0);
-        section.height = parseNumber<std::uint32_t>(trim(value)).value_or(0);
+        dimensions(section, value, ',');
+    } else if (equalsNoCase(name, "framesize")) {
+        takeWord(value);  // the payload type
+        dimensions(section, value, '-');
     } else if (equalsNoCase(name, "range")) {
         if (description.range.empty())  // Some devices state the range with the first track only.
             description.range = value;
     } else if (const auto direction = directionNamed(name)) {
         section.direction = direction;
     }
+}
+
+/// `1920,1080` or `1920-1080`
+void Reader::dimensions(SdpMedia& section, std::string_view value, char separator)
+{
+    section.width = parseNumber<std::uint32_t>(trim(cutAt(value, separator))).value_or(0);
+    section.height = parseNumber<std::uint32_t>(trim(value)).value_or(0);
 }
 
 /// `96 MPEG4-GENERIC/16000/2`

@@ -44,7 +44,7 @@ struct SdpMedia {
     std::string control;             ///< empty when not stated
     std::optional<SdpDirection> direction;
     std::optional<double> framerate;  ///< frames a second
-    std::uint32_t width = 0;          ///< of `a=x-dimensions`, in pixels, 0 when not stated
+    std::uint32_t width = 0;          ///< of `a=x-dimensions` or `a=framesize`, in pixels, 0 when not stated
     std::uint32_t height = 0;
 
     const SdpFormat* format(std::uint8_t payloadType) const;
@@ -94,15 +94,8 @@ struct H265Format {
 };
 H265Format h265Format(const SdpFormat& format);
 
-/// The format parameters of `mpeg4-generic` (RFC 3640 section 4.1).
-struct AacFormat {
-    std::string mode;  ///< lower case, for example "aac-hbr"
-    unsigned sizeLength = 0;
-    unsigned indexLength = 0;
-    unsigned indexDeltaLength = 0;
-    Bytes config;  ///< AudioSpecificConfig, empty when missing or unreadable
-};
-AacFormat aacFormat(const SdpFormat& format);
+/// The AudioSpecificConfig of `mpeg4-generic` (RFC 3640 section 4.1), empty when missing or unreadable.
+Bytes aacConfig(const SdpFormat& format);
 
 /// The URL for the SETUP of a track, or for PLAY where `control` is the session's ("*" or empty: the base).
 ///

@@ -63,17 +63,11 @@ H265Format h265Format(const SdpFormat& format)
     return result;
 }
 
-AacFormat aacFormat(const SdpFormat& format)
+Bytes aacConfig(const SdpFormat& format)
 {
-    AacFormat result;
-    result.mode = lowerCase(format.parameter("mode").value_or(std::string_view{}));
-    result.sizeLength = numberOf(format, "sizelength").value_or(0);
-    result.indexLength = numberOf(format, "indexlength").value_or(0);
-    result.indexDeltaLength = numberOf(format, "indexdeltalength").value_or(0);
     std::string_view config = format.parameter("config").value_or(std::string_view{});
     if (config.size() >= 2 && config.front() == '"' && config.back() == '"')
         config = config.substr(1, config.size() - 2);
-    result.config = decodeHex(config).value_or(Bytes{});
-    return result;
+    return decodeHex(config).value_or(Bytes{});
 }
 }  // namespace Tavro8::wire

@@ -78,6 +78,34 @@ TEST(RTSPStream, letsAReceiverJoinAtAKeyFrameWithItsParameterSets)
     EXPECT_GT(fixture.stream->counters(*first).frames, fixture.stream->counters(*second).frames);
 }
 
+TEST(RTSPStream, letsAReceiverJoinSoundWithItsConfiguration)
+{
+    Camera camera;
+    camera.sdp =
+        "v=0\r\ns=-\r\nm=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/16000/1\r\n"
+        "a=fmtp:97 streamtype=5; Mode=AAC-hbr; SizeLength=13; IndexLength=3; IndexDeltaLength=3; config=1408\r\n"
+        "a=control:a\r\n";
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        const Bytes unit{0x00, 0x10, 0x00, 0x20, 1, 2, 3, 4};
+        for (std::uint16_t number = 0; !connection.hasMore(); ++number) {
+            if (!connection.sendFrame(0, rtp(97, number, number * 1024U, true, unit, 0x99)))
+                return;
+            std::this_thread::yield();
+        }
+    };
+    Fixture fixture(camera);
+    const auto first = fixture.add(MediaKind::audio);
+    const auto second = std::make_shared<Receiver>(MediaKind::audio);
+    first->eachFrame = [&] {
+        if (first->frames == 7)
+            fixture.stream->regReceiver(second);
+    };
+    ASSERT_TRUE(fixture.loop.runUntil([&] { return second->frames > 5; }));
+    EXPECT_EQ(fixture.peer.connectionCount(), 1U);
+    EXPECT_EQ(first->firstParameterSets, (Bytes{0x14, 0x08}));
+    EXPECT_EQ(second->firstParameterSets, first->firstParameterSets);
+}
+
 TEST(RTSPStream, closesWhenTheLastReceiverHasGone)
 {
     Fixture fixture(sendingCamera());

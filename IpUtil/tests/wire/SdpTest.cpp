@@ -80,12 +80,8 @@ TEST(Sdp, readsAThirdTrackOfMetadataAndAac)
     const SdpFormat& aac = *sdp.media[1].format(97);
     EXPECT_EQ(aac.encoding, "MPEG4-GENERIC");
     EXPECT_EQ(aac.clockRate, 16000U);
-    const AacFormat format = aacFormat(aac);
-    EXPECT_EQ(format.mode, "aac-hbr");
-    EXPECT_EQ(format.sizeLength, 13U);
-    EXPECT_EQ(format.indexLength, 3U);
-    EXPECT_EQ(format.indexDeltaLength, 3U);
-    EXPECT_TRUE(sameBytes(fromHex("1408"), format.config));
+    EXPECT_EQ(aac.parameter("SIZELENGTH"), "13");
+    EXPECT_TRUE(sameBytes(fromHex("1408"), aacConfig(aac)));
 
     EXPECT_EQ(sdp.media[2].kind, SdpMediaKind::application);
     ASSERT_EQ(sdp.media[2].formats.size(), 1U);
@@ -188,6 +184,50 @@ TEST(Sdp, sessionDirectionHoldsWhereASectionSaysNothing)
     const SessionDescription plain = described("v=0\nm=audio 0 RTP/AVP 0\na=inactive\nm=audio 0 RTP/AVP 0\n");
     EXPECT_EQ(plain.directionOf(plain.media.at(0)), SdpDirection::inactive);
     EXPECT_EQ(plain.directionOf(plain.media.at(1)), SdpDirection::sendrecv);
+}
+
+TEST(Sdp, readsTheSizeOfThePicture)
+{
+    const struct {
+        const char* line;
+        std::uint32_t width;
+        std::uint32_t height;
+    } cases[] = {
+        {"a=x-dimensions:2592,1944", 2592, 1944},
+        {"a=X-Dimensions: 2592 , 1944 ", 2592, 1944},
+        {"a=framesize:96 2592-1944", 2592, 1944},
+        {"a=framesize:96\t640-480", 640, 480},
+        {"a=framesize:96", 0, 0},
+        {"a=framesize:640-480", 0, 0},
+        {"a=x-dimensions:-1,5", 0, 5},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const SdpMedia video = videoWith(std::string(c.line) + '\n');
+        EXPECT_EQ(video.width, c.width);
+        EXPECT_EQ(video.height, c.height);
+    }
+}
+
+TEST(Sdp, readsTheConfigurationOfAac)
+{
+    const struct {
+        const char* fmtp;
+        const char* config;
+    } cases[] = {
+        {"mode=AAC-hbr;config=1408", "1408"},
+        {"Config=\"1190\"; Mode=AAC-hbr", "1190"},
+        {"CONFIG = 131056E598", "131056e598"},
+        {"config=140", ""},
+        {"config=xyz", ""},
+        {"mode=AAC-hbr", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fmtp);
+        const SessionDescription sdp = described(
+            "v=0\nm=audio 0 RTP/AVP 97\na=rtpmap:97 mpeg4-generic/16000\na=fmtp:97 " + std::string(c.fmtp) + '\n');
+        EXPECT_TRUE(sameBytes(fromHex(c.config), aacConfig(sdp.media.at(0).formats.at(0))));
+    }
 }
 
 TEST(Sdp, linesThatMakeNoSenseArePassedOver)
