@@ -158,6 +158,11 @@ TEST(LiveEndToEnd, receivesH265FromACamera)
     receivesPlayableMedia({"--codec", "h265"}, {}, "hevc");
 }
 
+TEST(LiveEndToEnd, receivesMjpegAndAacFromACamera)
+{
+    receivesPlayableMedia({"--codec", "mjpeg", "--audio-codec", "aac"}, {}, "mjpeg");
+}
+
 TEST(LiveEndToEnd, receivesFromARecordersChannel)
 {
     receivesPlayableMedia({"--kind", "recorder", "--channels", "2", "--auth", "both"}, {"--channels", "2"}, "h264");

@@ -8,14 +8,24 @@ namespace
 {
 
 // "EncodeFormat" of the LAPI documents.
-constexpr int encodeFormatH264 = 1;
-constexpr int encodeFormatH265 = 2;
+int encodeFormatOf(Codec codec)
+{
+    switch (codec) {
+    case Codec::mjpeg:
+        return 0;
+    case Codec::h264:
+        return 1;
+    case Codec::h265:
+        return 2;
+    }
+    return 1;
+}
 
 Json::Value videoStream(unsigned id, bool enabled, Codec codec, const Size& size, unsigned framesPerSecond,
                         unsigned bitrateKbit)
 {
     Json::Value encode(Json::objectValue);
-    encode["EncodeFormat"] = codec == Codec::h264 ? encodeFormatH264 : encodeFormatH265;
+    encode["EncodeFormat"] = encodeFormatOf(codec);
     encode["Resolution"]["Width"] = size.width;
     encode["Resolution"]["Height"] = size.height;
     encode["BitRate"] = bitrateKbit;

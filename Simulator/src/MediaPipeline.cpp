@@ -16,28 +16,54 @@ namespace
 std::string encoderLaunch(const PictureSettings& settings)
 {
     std::ostringstream out;
-    if (settings.codec == Codec::h264)
-        out << "x264enc name=encoder tune=zerolatency speed-preset=ultrafast threads=1";
-    else
+    out.imbue(std::locale::classic());
+    switch (settings.codec) {
+    case Codec::h264:
+        out << "x264enc name=encoder tune=zerolatency speed-preset=ultrafast threads=1 bitrate=" << settings.bitrateKbit
+            << " key-int-max=" << settings.framesPerSecond << " ! video/x-h264,profile=main";
+        break;
+    case Codec::h265:
         out << "x265enc name=encoder tune=zerolatency speed-preset=ultrafast "
-               "option-string=\"pools=none:frame-threads=1:log-level=error\"";
-    out << " bitrate=" << settings.bitrateKbit << " key-int-max=" << settings.framesPerSecond << " ! ";
-    if (settings.codec == Codec::h264)
-        out << "video/x-h264,profile=main";
-    else
-        out << "video/x-h265,profile=main";
+               "option-string=\"pools=none:frame-threads=1:log-level=error\" bitrate="
+            << settings.bitrateKbit << " key-int-max=" << settings.framesPerSecond << " ! video/x-h265,profile=main";
+        break;
+    case Codec::mjpeg:  // each picture takes what it takes
+        out << "jpegenc name=encoder quality=70";
+        break;
+    }
     return out.str();
 }
 
 /// Parameter sets go in front of each key frame, as devices send them.
 std::string videoPayloader(Codec codec)
 {
-    return std::string(codec == Codec::h264 ? "h264parse ! rtph264pay" : "h265parse ! rtph265pay") +
-           " name=pay0 pt=96 config-interval=-1";
+    switch (codec) {
+    case Codec::h264:
+        return "h264parse ! rtph264pay name=pay0 pt=96 config-interval=-1";
+    case Codec::h265:
+        return "h265parse ! rtph265pay name=pay0 pt=96 config-interval=-1";
+    case Codec::mjpeg:
+        return "rtpjpegpay name=pay0 pt=26";
+    }
+    return {};
 }
 
 /// Packets of 40 ms, in the middle of what devices send.
-constexpr const char* audioPayloader = "rtppcmupay name=pay1 pt=0 min-ptime=40000000 max-ptime=40000000";
+constexpr const char* g711Payloader = "rtppcmupay name=pay1 pt=0 min-ptime=40000000 max-ptime=40000000";
+
+std::string toneLaunch(const PictureSettings& settings)
+{
+    const bool aac = settings.audioCodec == AudioCodec::aac;
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out << " audiotestsrc is-live=true wave=sine volume=0.3 samplesperbuffer=" << (aac ? 1024 : 320)
+        << " freq=" << settings.toneHertz << " ! audio/x-raw,format=S16LE,channels=1,rate=";
+    if (aac)
+        out << "16000 ! voaacenc bitrate=32000 ! aacparse ! rtpmp4gpay name=pay1 pt=97";
+    else
+        out << "8000 ! mulawenc ! " << g711Payloader;
+    return out.str();
+}
 
 struct NeededElement {
     const char* name;
@@ -66,8 +92,7 @@ std::string testPictureLaunch(const PictureSettings& settings)
         << " ! timeoverlay valignment=bottom halignment=left" << font << " ! " << encoderLaunch(settings) << " ! "
         << videoPayloader(settings.codec);
     if (settings.audio)
-        out << " audiotestsrc is-live=true wave=sine volume=0.3 samplesperbuffer=320 freq=" << settings.toneHertz
-            << " ! audio/x-raw,format=S16LE,rate=8000,channels=1 ! mulawenc ! " << audioPayloader;
+        out << toneLaunch(settings);
     out << " )";
     return out.str();
 }
@@ -77,7 +102,7 @@ std::string fileLaunch(Codec codec, bool audio)
     // The sources are live, so that the server treats the file like a camera; clocksync gives them the pace.
     const std::string source = " is-live=true format=time block=false ! clocksync ! ";
     return "( appsrc name=video" + source + videoPayloader(codec) +
-           (audio ? " appsrc name=audio" + source + audioPayloader : "") + " )";
+           (audio ? " appsrc name=audio" + source + g711Payloader : "") + " )";
 }
 
 std::vector<std::string> missingElements(const Options& options)
@@ -87,7 +112,12 @@ std::vector<std::string> missingElements(const Options& options)
         {"rtph264pay", "gstreamer1.0-plugins-good"}, {"appsink", "gstreamer1.0-plugins-base"},
         {"appsrc", "gstreamer1.0-plugins-base"},     {"h264parse", "gstreamer1.0-plugins-bad"},
     };
-    if (options.audio)
+    const bool aac = options.audioCodec == AudioCodec::aac && options.mediaFile.empty();
+    if (options.audio && aac)
+        needed.insert(needed.end(), {{"voaacenc", "gstreamer1.0-plugins-bad"},
+                                     {"aacparse", "gstreamer1.0-plugins-good"},
+                                     {"rtpmp4gpay", "gstreamer1.0-plugins-good"}});
+    else if (options.audio)
         needed.insert(needed.end(),
                       {{"mulawenc", "gstreamer1.0-plugins-good"}, {"rtppcmupay", "gstreamer1.0-plugins-good"}});
     if (!options.mediaFile.empty()) {
@@ -100,8 +130,11 @@ std::vector<std::string> missingElements(const Options& options)
                                      {"textoverlay", "gstreamer1.0-x"}});
         if (options.codec == Codec::h264)
             needed.push_back({"x264enc", "gstreamer1.0-plugins-ugly"});
-        else
+        else if (options.codec == Codec::h265)
             needed.push_back({"x265enc", "gstreamer1.0-plugins-bad"});
+        else
+            needed.insert(needed.end(),
+                          {{"jpegenc", "gstreamer1.0-plugins-good"}, {"rtpjpegpay", "gstreamer1.0-plugins-good"}});
     }
 
     std::vector<std::string> missing;

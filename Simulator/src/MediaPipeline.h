@@ -16,6 +16,7 @@ struct PictureSettings {
     unsigned framesPerSecond = 25;
     unsigned bitrateKbit = 2000;
     bool audio = true;
+    AudioCodec audioCodec = AudioCodec::g711u;
     unsigned toneHertz = 440;
 };
 

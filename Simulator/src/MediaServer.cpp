@@ -80,6 +80,7 @@ PictureSettings pictureSettings(const Options& options, unsigned channel, unsign
     settings.framesPerSecond = options.framesPerSecond;
     settings.bitrateKbit = stream == 0 ? options.bitrateKbit : std::max(options.bitrateKbit / 4, 32u);
     settings.audio = options.audio;
+    settings.audioCodec = options.audioCodec;
     settings.toneHertz = 440 + 110 * (channel % 8);  // channels can be told apart by ear
     return settings;
 }

@@ -15,7 +15,8 @@ const std::map<std::string, Authentication> authentications{{"digest", Authentic
                                                             {"basic", Authentication::basic},
                                                             {"both", Authentication::both},
                                                             {"none", Authentication::none}};
-const std::map<std::string, Codec> codecs{{"h264", Codec::h264}, {"h265", Codec::h265}};
+const std::map<std::string, Codec> codecs{{"h264", Codec::h264}, {"h265", Codec::h265}, {"mjpeg", Codec::mjpeg}};
+const std::map<std::string, AudioCodec> audioCodecs{{"aac", AudioCodec::aac}, {"g711u", AudioCodec::g711u}};
 const std::map<std::string, bool> portForms{{"singular", false}, {"plural", true}};
 
 constexpr int usageStatus = 2;
@@ -162,7 +163,8 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     app.add_option("--bitrate", options.bitrateKbit, "kbit/s of the main stream")
         ->check(CLI::Range(32u, 100'000u))
         ->capture_default_str();
-    app.add_flag("--audio,!--no-audio", options.audio, "a tone as G.711 u-law [on]");
+    app.add_flag("--audio,!--no-audio", options.audio, "sound, a tone with the test picture [on]");
+    addChoice(app, "--audio-codec", options.audioCodec, audioCodecs, "codec of the tone [g711u]");
     app.add_option("--media", options.mediaFile, "serve this MP4, MKV or TS file in a loop instead of the test picture")
         ->check(CLI::ExistingFile);
 

@@ -18,7 +18,8 @@ enum class Kind { camera, multichannel, recorder };
 /// Which schemes LAPI and RTSP offer and accept.
 enum class Authentication { digest, basic, both, none };
 
-enum class Codec { h264, h265 };
+enum class Codec { h264, h265, mjpeg };
+enum class AudioCodec { g711u, aac };
 
 struct Size {
     unsigned width = 0;
@@ -55,7 +56,8 @@ struct Options {
     unsigned framesPerSecond = 25;
     unsigned bitrateKbit = 2000;
     bool audio = true;
-    std::string mediaFile;  ///< empty: the test picture
+    AudioCodec audioCodec = AudioCodec::g711u;  ///< of the tone; a media file's sound always becomes G.711
+    std::string mediaFile;                      ///< empty: the test picture
 
     std::vector<Fault> faults;
     bool exitWithStdin = false;

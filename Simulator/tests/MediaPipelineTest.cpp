@@ -33,6 +33,13 @@ TEST(TestPicture, carriesTitleClockAndToneAsAsked)
     const std::string silent = testPictureLaunch(settings);
     EXPECT_EQ(silent.find("pay1"), std::string::npos);
     EXPECT_NE(silent.find("rtph265pay"), std::string::npos);
+
+    settings.audio = true;
+    settings.codec = Codec::mjpeg;
+    settings.audioCodec = AudioCodec::aac;
+    const std::string pictures = testPictureLaunch(settings);
+    for (const char* part : {"jpegenc", "rtpjpegpay name=pay0 pt=26", "voaacenc", "rtpmp4gpay name=pay1"})
+        EXPECT_NE(pictures.find(part), std::string::npos) << part;
 }
 
 }  // namespace

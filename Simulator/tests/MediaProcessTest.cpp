@@ -131,6 +131,17 @@ TEST(Media, mayBeH265WithoutSound)
     EXPECT_EQ(streams[0]["width"], 320);
 }
 
+TEST(Media, mayBeMjpegWithAac)
+{
+    const SimulatorProcess simulator(small({"--codec", "mjpeg", "--audio-codec", "aac"}));
+    const Json::Value streams = streamsOf(probe(simulator.rtspUrl("/media/video1")));
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_EQ(streams[0]["codec_name"], "mjpeg");
+    EXPECT_EQ(streams[0]["width"], 320);
+    EXPECT_EQ(streams[1]["codec_name"], "aac");
+    EXPECT_EQ(streams[1]["sample_rate"], "16000");
+}
+
 TEST(Media, asksForTheSameCredentialsAsLapi)
 {
     const SimulatorProcess digest(small());

@@ -70,6 +70,8 @@ TEST(Options, areReadInFull)
                                       "--bitrate",
                                       "500",
                                       "--no-audio",
+                                      "--audio-codec",
+                                      "aac",
                                       "--nonce-lifetime",
                                       "0.5",
                                       "--session-timeout",
@@ -99,6 +101,7 @@ TEST(Options, areReadInFull)
     EXPECT_EQ(options.framesPerSecond, 10u);
     EXPECT_EQ(options.bitrateKbit, 500u);
     EXPECT_FALSE(options.audio);
+    EXPECT_EQ(options.audioCodec, AudioCodec::aac);
     EXPECT_EQ(options.nonceLifetime.count(), 500);
     EXPECT_EQ(options.sessionTimeout, 20u);
     EXPECT_EQ(options.idleTimeout.count(), 2000);
@@ -137,7 +140,7 @@ TEST(Options, thatAreWrongEndWithStatusTwoAndAReason)
         {{"--size", "1280x720x3"}, "no picture size"},
         {{"--size", "99999x720"}, "no picture size"},
         {{"--fps", "0"}, "--fps"},
-        {{"--codec", "av1"}, "'av1' is none of h264|h265"},
+        {{"--codec", "av1"}, "'av1' is none of h264|h265|mjpeg"},
         {{"--fault", "explode"}, "There is no fault 'explode'"},
         {{"--media", "/there/is/no/such.mp4"}, "/there/is/no/such.mp4"},
         {{"--user", ""}, "--user"},
