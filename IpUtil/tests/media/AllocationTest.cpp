@@ -135,6 +135,45 @@ TEST(Allocation, doesNotHappenForSoundOnceWarm)
     EXPECT_EQ(counter.frames, 1000U);
 }
 
+TEST(Allocation, doesNotHappenForRecordedStreamsOnceWarm)
+{
+    const struct {
+        const char* packets;
+        TrackFormat format;
+    } cases[] = {
+        {"jpeg_420.rtp", jpegFormat()},
+        {"jpeg_restart_markers.rtp", jpegFormat()},
+        {"aac_16k_mono_several_a_packet.rtp", aacFormat(hex("1408"), 16000)},
+        {"aac_48k_stereo_fragments.rtp", aacFormat(hex("1190"), 48000)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.packets);
+        Counter counter;
+        TrackFormat format = c.format;
+        format.payloadTypes = {26, 96, 97};
+        const auto receiver = TrackReceiver::make(format, std::make_shared<FramePool>(), counter);
+        std::vector<Bytes> packets = readPackets(c.packets);
+        std::uint16_t sequence = 0;
+        std::size_t before = 0;
+        std::size_t framesOfOneRound = 0;
+        for (unsigned round = 0; round < 60; ++round) {
+            if (round == 30)
+                before = allocationCount();
+            for (Bytes& packet : packets) {
+                packet[2] = static_cast<std::uint8_t>(sequence >> 8);
+                packet[3] = static_cast<std::uint8_t>(sequence++);
+                packet[5] = static_cast<std::uint8_t>(packet[5] + 1);  // a later time
+                receiver->onRtp(packet, {});
+            }
+            if (round == 0)
+                framesOfOneRound = counter.frames;
+        }
+        EXPECT_EQ(allocationCount() - before, 0U);
+        EXPECT_GE(framesOfOneRound, 3U);
+        EXPECT_EQ(counter.frames, 60 * framesOfOneRound);
+    }
+}
+
 TEST(Allocation, doesNotHappenForStreamsThatShareAPool)
 {
     const auto pool = std::make_shared<FramePool>();

@@ -162,11 +162,20 @@ struct Packet {
 
     Bytes bytes() const
     {
-        Bytes head{0x80, static_cast<std::uint8_t>((marker ? 0x80 : 0) | payloadType),
+        Bytes head{static_cast<std::uint8_t>(extensionProfile != 0 ? 0x90 : 0x80),
+                   static_cast<std::uint8_t>((marker ? 0x80 : 0) | payloadType),
                    static_cast<std::uint8_t>(sequence >> 8), static_cast<std::uint8_t>(sequence)};
         for (const std::uint32_t word : {timestamp, ssrc}) {
             for (int shift = 24; shift >= 0; shift -= 8)
                 head.push_back(static_cast<std::uint8_t>(word >> shift));
+        }
+        if (extensionProfile != 0) {
+            const std::size_t words = extension.size() / 4;
+            for (const std::size_t half : {std::size_t{extensionProfile}, words}) {
+                head.push_back(static_cast<std::uint8_t>(half >> 8));
+                head.push_back(static_cast<std::uint8_t>(half));
+            }
+            head = std::move(head) + extension;
         }
         return head + payload;
     }
