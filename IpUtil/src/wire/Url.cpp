@@ -88,6 +88,17 @@ void readUser(std::string_view text, Url& url)
     url.password = percentDecode(text);
 }
 
+constexpr std::string_view schemeMark = "://";
+
+/// Length of the scheme with its mark, 0 when the text has none.
+std::size_t schemePrefix(std::string_view text)
+{
+    const std::size_t mark = text.find(schemeMark);
+    // A mark behind the first '/' or '?' belongs to a path.
+    const bool inFront = mark != std::string_view::npos && text.find_first_of("/?") == mark + 1;
+    return inFront ? mark + schemeMark.size() : 0;
+}
+
 UrlError readInto(std::string_view text, std::string_view defaultScheme, Url& url)
 {
     if (text.empty())
@@ -97,11 +108,9 @@ UrlError readInto(std::string_view text, std::string_view defaultScheme, Url& ur
     if (std::any_of(text.begin(), text.end(), [](char c) { return c == ' ' || isControl(c); }))
         return UrlError::blankInside;
 
-    const std::size_t schemeEnd = text.find("://");
-    // "://" behind the first '/' or '?' belongs to a path.
-    if (schemeEnd != std::string_view::npos && text.find_first_of("/?") == schemeEnd + 1) {
-        url.scheme = lowerCase(text.substr(0, schemeEnd));
-        text.remove_prefix(schemeEnd + 3);
+    if (const std::size_t prefix = schemePrefix(text); prefix != 0) {
+        url.scheme = lowerCase(text.substr(0, prefix - schemeMark.size()));
+        text.remove_prefix(prefix);
     } else {
         url.scheme = lowerCase(defaultScheme);
     }
@@ -203,14 +212,15 @@ std::string formatWithCredentials(const Url& url)
 std::string urlWithoutCredentials(std::string_view text)
 {
     text = trim(text);
-    std::size_t begin = text.find("://");
-    begin = begin == std::string_view::npos ? 0 : begin + 3;
+    std::size_t begin = schemePrefix(text);
     std::string_view searched = text;
     if (parseUrl(text))
         searched = text.substr(0, text.find_first_of("/?", begin));
     const std::size_t at = searched.rfind('@');
-    if (at == std::string_view::npos || at < begin)
+    if (at == std::string_view::npos)
         return std::string(text);
+    if (at < begin)
+        begin = 0;  // "://" behind a user is no scheme's
     return std::string(text.substr(0, begin)) + std::string(text.substr(at + 1));
 }
 

@@ -125,6 +125,8 @@ TEST(Url, takesCredentialsOutOfAnyText)
         {"http://admin:s@cr#t@host", "http://host"},
         {"host", "host"},
         {"", ""},
+        {"admin:secret@camera/live?source=rtsp://other", "camera/live?source=rtsp://other"},
+        {"admin:secret@camera://live", "camera://live"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(urlWithoutCredentials(c.text), c.shown) << c.text;
