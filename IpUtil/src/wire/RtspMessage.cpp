@@ -178,7 +178,7 @@ std::optional<TransportHeader> parseTransport(std::string_view value)
     TransportHeader transport;
     const std::size_t lower = protocol.find('/', 4);
     const std::string_view lowerTransport = lower == std::string_view::npos ? "UDP" : protocol.substr(lower + 1);
-    transport.profile = protocol.substr(0, lower);
+    transport.profile = trim(protocol.substr(0, lower));
     transport.tcp = equalsNoCase(trim(lowerTransport), "TCP");
     while (!alternative.empty())
         readTransportParameter(transport, cutAt(alternative, ';'));

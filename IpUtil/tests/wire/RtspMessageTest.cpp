@@ -104,6 +104,14 @@ TEST(TransportHeader, readsUdpTransport)
                                  "server_port=6970-6971;ttl=4");
 }
 
+TEST(TransportHeader, readsProfileWithBlanksBeforeTheLowerTransport)
+{
+    const auto transport = parseTransport(" RTP/AVP / TCP ;interleaved=0-1");
+    ASSERT_TRUE(transport);
+    EXPECT_TRUE(transport->tcp);
+    EXPECT_EQ(transport->profile, "RTP/AVP");
+}
+
 TEST(TransportHeader, leavesOutWhatItCannotRead)
 {
     const auto transport =
