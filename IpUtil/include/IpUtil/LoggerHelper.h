@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <exception>
 #include <locale>
-#include <source_location>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -14,10 +13,9 @@ namespace Tavro8
 {
 /// The qualified name of the logging operation, with the line where it is written.
 struct LogPlace {
-    // Implicit, so that a call site writes the name alone and the line comes by itself.
-    LogPlace(const char* operation, std::source_location here = std::source_location::current()) noexcept
-        : function(operation), line(static_cast<int>(here.line()))
-    {}
+    // Implicit, so that a call site writes the name alone and the line comes by itself. GCC, Clang and MSVC all know
+    // the builtin; std::source_location only comes with Clang 15.
+    LogPlace(const char* operation, int here = __builtin_LINE()) noexcept : function(operation), line(here) {}
     const char* function;
     int line;
 };
