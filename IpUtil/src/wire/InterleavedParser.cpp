@@ -104,6 +104,14 @@ bool parseRequestLine(std::string_view line, RtspRequest& request)
     return !request.uri.empty();
 }
 
+/// A header's value has no blanks around it, whichever of its lines is empty.
+void appendFolded(std::string& value, std::string_view more)
+{
+    if (!value.empty() && !more.empty())
+        value += ' ';
+    value += more;
+}
+
 /// Null when the lines are in order, else the rule that broke.
 const char* parseHeaderLines(std::string_view lines, HeaderList& headers)
 {
@@ -119,7 +127,7 @@ const char* parseHeaderLines(std::string_view lines, HeaderList& headers)
         if (line.empty())
             break;
         if (isBlank(line.front())) {  // a folded line goes on with the value before it
-            value.append(1, ' ').append(trim(line));
+            appendFolded(value, trim(line));
             continue;
         }
         finishField();

@@ -163,6 +163,14 @@ TEST(InterleavedParser, joinsFoldedHeadersAndPassesOverAStrayWord)
     EXPECT_EQ(response.headers.get("session"), "88 ; timeout=20");
 }
 
+TEST(InterleavedParser, foldedHeadersHaveNoBlanksAroundThem)
+{
+    const std::string text = "RTSP/1.0 200 OK\r\nPublic:\r\n  PLAY\r\nServer: a\r\n \r\n\tb\r\n \r\n\r\n";
+    const RtspResponse response = responseIn(Bytes(text.begin(), text.end()));
+    EXPECT_EQ(response.headers.get("Public"), "PLAY");
+    EXPECT_EQ(response.headers.get("Server"), "a b");
+}
+
 TEST(InterleavedParser, passesOverEmptyLinesBetweenMessages)
 {
     const Feeder feeder = feedInEveryWay(dataBytes("empty_lines_between_answers.rtsp"));
