@@ -32,8 +32,11 @@ private:
     void append(View bytes) { body.insert(body.end(), bytes.begin(), bytes.end()); }
 
     void on_request_impl(message::verb, View, View, int, error_code&) override {}
-    void on_response_impl(int code, View reason, int, error_code&) override
+    void on_response_impl(int code, View reason, int, error_code& ec) override
     {
+        // Three digits are a status to Beast; below 100 they mean nothing, and 0 is "no response" to our callers.
+        if (code < 100)
+            ec = message::error::bad_status;
         response.status = static_cast<unsigned>(code);
         response.reason = toString(reason);
     }

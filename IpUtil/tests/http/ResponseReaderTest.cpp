@@ -135,6 +135,8 @@ TEST(ResponseReader, refusesWhatIsNoHttp)
         "SSH-2.0-server\r\n",
         "RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n",
         "HTTP/1.1 2x0 OK\r\n\r\n",
+        "HTTP/1.1 000 OK\r\n\r\n",
+        "HTTP/1.1 099 Continue\r\n\r\n",
         "HTTP/1.1 200 OK\r\nno colon\r\n\r\n",
         "HTTP/1.1 200 OK\r\nContent-Length: many\r\n\r\n",
         "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n",
