@@ -23,6 +23,9 @@ constexpr std::int64_t secondsFrom1900To1970 = 2'208'988'800;
 constexpr std::int64_t secondsPerNtpEra = std::int64_t{1} << 32;
 constexpr std::int64_t firstEraEndUs = (secondsPerNtpEra - secondsFrom1900To1970) * microsecondsPerSecond;
 
+// 1971: a device whose clock was never set counts from 1970, or from the beginning of this half of the NTP era.
+constexpr std::int64_t earliestSetClockUs = std::int64_t{365} * 24 * 3600 * microsecondsPerSecond;
+
 std::int64_t toUs(std::chrono::system_clock::time_point utc) noexcept
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(utc.time_since_epoch()).count();
@@ -102,6 +105,8 @@ void MediaClock::onSenderReport(const SenderReport& report) noexcept
     if (!highestBit && !secondEra)
         return;
     const std::int64_t utcUs = ntpToUnixUs(report.ntpTimestamp, secondEra ? 1 : 0);
+    if (utcUs < earliestSetClockUs)
+        return;
     const std::int64_t senderTargetUs = utcUs - mediaTimeUs(extend(report.rtpTimestamp));
     if (isBelievable(senderTargetUs)) {
         aimAt(senderTargetUs);

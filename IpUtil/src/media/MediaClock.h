@@ -37,8 +37,8 @@ public:
     }
 
     /// A report of the source whose packets were told of; ignored before the first packet, and when the
-    /// sender knows no wall clock: NTP timestamp 0, or the time since it started, which RFC 3550 section
-    /// 6.4.1 tells by a clear highest bit.
+    /// sender knows no wall clock: NTP timestamp 0, the time since it started, which RFC 3550 section 6.4.1 tells
+    /// by a clear highest bit, or a time before 1971, where a clock stands that was never set.
     void onSenderReport(const SenderReport& report) noexcept;
 
     /// UTC milliseconds of a frame; not less than any result before. 0 before the first packet.

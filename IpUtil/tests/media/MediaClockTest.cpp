@@ -163,6 +163,17 @@ TEST(MediaClock, ignoresReportsWithoutAWallClock)
     EXPECT_EQ(run.step(), 40);
 }
 
+TEST(MediaClock, ignoresReportsOfAClockThatWasNeverSet)
+{
+    for (const std::uint64_t seconds : {std::uint64_t{0x80000000}, ntpOffsetSeconds + 3600}) {
+        Runner run;
+        run.clock.onPacket(run.timestampOf(0), at(0));
+        run.clock.onSenderReport({1, seconds << 32 | 1, run.timestampOf(0)});
+        EXPECT_FALSE(run.clock.isSenderClockUsed());
+        EXPECT_EQ(run.step(), 0);
+    }
+}
+
 TEST(MediaClock, understandsTheSecondNtpEra)
 {
     constexpr std::int64_t in2040 = 2'208'988'800'000;  // 2040-01-01
