@@ -14,6 +14,7 @@ namespace Tavro8::media
 /// H.264: its RTP payload format (RFC 6184) and what is read of its syntax (ITU-T H.264 section 7.3).
 struct H264 {
     static constexpr GDRV::MediaCodec codec = GDRV::MediaCodec::h264;
+    static constexpr bool hasVideoSets = false;
     static constexpr std::size_t headerBytes = 1;
 
     /// `nal` has at least its header.

@@ -15,6 +15,7 @@ namespace Tavro8::media
 /// Only the base layer is of interest; NAL units of others are ignored.
 struct H265 {
     static constexpr GDRV::MediaCodec codec = GDRV::MediaCodec::h265;
+    static constexpr bool hasVideoSets = true;
     static constexpr std::size_t headerBytes = 2;
 
     /// `nal` has at least its header.

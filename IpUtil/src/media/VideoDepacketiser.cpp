@@ -213,17 +213,31 @@ void VideoDepacketiser<Codec>::beginSlice(NalRole role, const SliceStart& start)
     }
     frame.hasSlice = true;
     frame.key = key;
-    const bool setsMissing = key && setsUsuallyInBand && !setsInBand;
+    const bool setsMissing =
+        key && ((setsUsuallyInBand && !setsInBand) || isVideoSetMissing() || (frame.lostBefore && !hasDecoderSets()));
     if (frame.startUncertain && (!start.startsPicture || setsMissing))
         frame.damaged = true;
-    if (key && (setsInBand || !frame.startUncertain))
+    if (key && !frame.startUncertain) {
         setsUsuallyInBand = setsInBand;
+        videoSetUsuallyInBand = frame.videoSetInBand;
+    }
     if (!frame.oversized) {
         builder.reserve((key ? expectedKeySize : expectedOtherSize).get());
         if (key || frame.anySetInBand)
             insertParameterSets();
     }
     frame.size = sets.sizeFor(start.pictureSetId);
+}
+
+/// A key frame of H.265 came without VPS. Some devices never send one, so that it counts only where one is usual, or
+/// where packets are missing and nothing is known yet.
+template <typename Codec>
+bool VideoDepacketiser<Codec>::isVideoSetMissing() const noexcept
+{
+    if (!Codec::hasVideoSets || frame.videoSetInBand)
+        return false;
+    const bool lostAmongOthers = frame.lostBefore && frame.sequenceSetInBand && !sets.has(NalRole::videoSet);
+    return videoSetUsuallyInBand.value_or(lostAmongOthers);
 }
 
 template <typename Codec>
@@ -236,6 +250,11 @@ void VideoDepacketiser<Codec>::takeParameterSet(NalRole role, std::span<const st
         return;
     }
     frame.anySetInBand = true;
+    // Until a key frame comes without them, also when the frame that they belong to is lost.
+    setsUsuallyInBand = setsUsuallyInBand || role == NalRole::sequenceSet;
+    if (role == NalRole::videoSet)
+        videoSetUsuallyInBand = true;
+    frame.videoSetInBand = frame.videoSetInBand || role == NalRole::videoSet;
     frame.sequenceSetInBand = frame.sequenceSetInBand || role == NalRole::sequenceSet;
     frame.pictureSetInBand = frame.pictureSetInBand || role == NalRole::pictureSet;
 }

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace Tavro8::media
@@ -49,6 +50,7 @@ private:
         bool oversized = false;  // its bytes have been given up
         bool hasSlice = false;
         bool key = false;
+        bool videoSetInBand = false;
         bool sequenceSetInBand = false;
         bool pictureSetInBand = false;
         bool anySetInBand = false;
@@ -76,6 +78,7 @@ private:
 
     bool prepareFor(NalRole role, std::span<const std::uint8_t> nalStart);
     void beginSlice(NalRole role, const SliceStart& start);
+    bool isVideoSetMissing() const noexcept;
     void takeParameterSet(NalRole role, std::span<const std::uint8_t> nal);
     void insertParameterSets();
     void append(std::span<const std::uint8_t> bytes) noexcept;
@@ -100,6 +103,7 @@ private:
     bool lossToTell = false;      // since the last frame handed out
     bool followsOthers = false;   // the next frame is not the stream's first
     bool setsUsuallyInBand = false;
+    std::optional<bool> videoSetUsuallyInBand;  // nothing while no key frame has told
     std::uint64_t toldSetsVersion = 0;
     FrameSizeGuess expectedKeySize;
     FrameSizeGuess expectedOtherSize;

@@ -356,6 +356,16 @@ TEST(H264Depacketiser, distrustsAKeyFrameWhoseParameterSetsMayBeMissing)
     EXPECT_EQ(described.frames.size(), 2U);
 }
 
+TEST(H264Depacketiser, marksAKeyFrameWhoseOnlyParameterSetWasLost)
+{
+    Bench bench(h264Format(), flagging());
+    bench.push(pps, 0, false, true);
+    bench.pushAll({keySlice}, 0);
+    ASSERT_EQ(bench.frames.size(), 1U);
+    EXPECT_TRUE(bench.frames[0].info.damaged);
+    EXPECT_FALSE(bench.frames[0].info.keyFrame);
+}
+
 TEST(H264Depacketiser, startsAfreshAfterAReset)
 {
     Bench bench(h264Format());

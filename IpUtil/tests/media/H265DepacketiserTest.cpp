@@ -85,6 +85,25 @@ TEST(H265Depacketiser, managesWithoutADescribedVideoSet)
     EXPECT_EQ(bench.frames[1].parameterSets, annexB({vps, sps, pps}));
 }
 
+TEST(H265Depacketiser, distrustsAKeyFrameWhoseVideoSetMayBeMissing)
+{
+    Bench bench(h265Format());
+    bench.push(slice, 0, true);
+    bench.push(sps, 1, false, true);
+    bench.pushAll({pps, keySlice}, 1);  // a decoder would ask for the set that was lost
+    EXPECT_EQ(bench.frames.size(), 0U);
+    bench.pushAll({sps, pps, keySlice}, 2);  // this camera has none
+    bench.push(sps, 3, false, true);
+    bench.pushAll({pps, keySlice}, 3);
+    EXPECT_EQ(bench.frames.size(), 2U);
+
+    Bench repeating(h265Format());
+    repeating.pushAll({vps, sps, pps, keySlice}, 0);
+    repeating.push(sps, 1, false, true);
+    repeating.pushAll({pps, keySlice}, 1);  // the missing packet may have changed it
+    EXPECT_EQ(repeating.frames.size(), 1U);
+}
+
 TEST(H265Depacketiser, tellsWhenParameterSetsChangeInTheMiddle)
 {
     Bench bench(h265Format({vps, sps, pps}));
