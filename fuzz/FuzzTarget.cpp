@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace Tavro8::fuzz
 {
@@ -20,6 +21,16 @@ void require(bool holds, const char* promise)
         return;
     std::fprintf(stderr, "broken promise: %s\n", promise);
     std::abort();
+}
+
+bool gives(ByteView text, std::string_view secret)
+{
+    std::string printable;
+    for (const std::uint8_t byte : text) {
+        if (byte >= 0x20 && byte != 0x7f)
+            printable += static_cast<char>(byte);
+    }
+    return printable.find(secret) != std::string::npos;
 }
 
 Target::Target(const char* targetName, Feed feedInput) : name(targetName), feed(feedInput)

@@ -35,6 +35,10 @@ inline std::string_view textOf(ByteView bytes) noexcept
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
+/// Whether `secret` is in the text, also with control characters between its letters, which a core may leave out.
+/// Such an input proves nothing about what the core keeps to itself.
+bool gives(ByteView text, std::string_view secret);
+
 /// Takes an input apart from its front. Behind the end everything is 0 or empty, so that each input has a meaning.
 /// Bytes are copies of exact size, so that the sanitiser sees a read beyond their end.
 class Script {

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -192,6 +193,209 @@ void saveRtcp()
                                 "00");
     save("rtcp", "bye_with_a_reason", be16(bye.size()) + bye);
 }
+
+void saveDescriptions()
+{
+    saveTestData(".sdp", "sdp", "");
+    save("sdp", "h264_parameter_sets",
+         "v=0\r\ns=Media Presentation\r\na=control:*\r\na=range:npt=0-\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 "
+         "H264/90000\r\n"
+         "a=fmtp:96 profile-level-id=420029; packetization-mode=1; "
+         "sprop-parameter-sets=Z0IAKeNQFAe2AtwEBAaQeJEV,aM48gA==\r\n"
+         "a=framerate:25.0\r\na=x-dimensions:1920,1080\r\na=control:trackID=1\r\na=recvonly\r\n"
+         "m=audio 0 RTP/AVP 0\r\na=fmtp:0 RTCP=0\r\na=control:trackID=2\r\n");
+    save("sdp", "aac_and_jpeg",
+         "v=0\nm=video 0 RTP/AVP 26\nm=audio 0 RTP/AVP 97 98\na=rtpmap:97 mpeg4-generic/16000/1\n"
+         "a=fmtp:97 streamtype=5;profile-level-id=1;mode=AAC-hbr;sizelength=13;indexlength=3;indexdeltalength=3;"
+         "config=1408\na=rtpmap:98 PCMA/8000\na=control:rtsp://10.0.0.7/x/trackID=2\n");
+}
+
+void saveHttp()
+{
+    const auto http = [](const std::string& name, const std::string& bytes) {
+        save("http_response", name, std::string("\0\x21", 2) + bytes);
+    };
+    http("with_a_length", response("HTTP/1.1 200 OK\nContent-Type: application/json\nConnection: keep-alive\n", "{}"));
+    http("chunked", lines("HTTP/1.1 200 OK\nTransfer-Encoding: chunked\n\n5;x=y\n{\"a\":\n2\n1}\n0\nX-Trailer: 1\n\n"));
+    http("until_close", lines("HTTP/1.0 200 OK\nServer: x\n\n") + "{\"a\":1}");
+    http("interim_then_unauthorized", lines("HTTP/1.1 100 Continue\n\nHTTP/1.1 401 Unauthorized\n"
+                                            "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\"\n"
+                                            "WWW-Authenticate: Basic realm=\"r\"\nContent-Length: 0\n\n"));
+    http("broken_chunk", lines("HTTP/1.1 404 Not Found\nTransfer-Encoding: chunked\n\nff\n{\"Resp"));
+    http("longer_than_the_limit", response("HTTP/1.1 599 \n", std::string(9000, 'x')));
+    http("two_lengths", lines("HTTP/1.1 200 OK\nContent-Length: 2\nContent-Length: 3\n\n{}}"));
+}
+
+void saveLapi()
+{
+    const std::string ok(2, '\0');  // a status that counts as 200
+    save("lapi", "device_information",
+         ok + "{\"Response\":{\"ResponseURL\":\"/LAPI/V1.0/System/DeviceInfo\",\"CreatedID\":-1,\"ResponseCode\":0,"
+              "\"ResponseString\":\"Succeed\",\"StatusCode\":0,\"StatusString\":\"Succeed\","
+              "\"Data\":{\"DeviceName\":\"c\\u00e4m\",\"DeviceType\":1,\"Ratio\":-1.25e+3}}}");
+    save("lapi", "pretty_printed_with_tabs",
+         ok + "{\r\n\t\"Response\":\t{\r\n\t\t\"ResponseCode\":\t0,\r\n\t\t\"Data\":\t{\"Num\":\t3, \"Nums\": [1, 2.5, "
+              "null, true]}\r\n\t}\r\n}");
+    save("lapi", "api_error",
+         ok + "{\"Response\":{\"ResponseCode\":1,\"ResponseString\":\"Not Supported\",\"StatusString\":\"x\"}}");
+    save("lapi", "odd_types", ok + "{\"Response\":{\"ResponseCode\":\"0\",\"ResponseString\":[],\"Data\":1e999}}");
+    save("lapi", "not_found", be16(404) + "<html>");
+    save("lapi", "deep", ok + std::string(1200, '[') + std::string(1200, ']'));
+    save("lapi", "fraction_mark", ok + "{\"a\":\"\\u0001x\",\"b\":0.5}");
+
+    save("rtsp_port", "pretty_printed",
+         "{\"Response\":{\"Data\":{\r\n\t\"HTTPPort\":\t80,\r\n\t\"RTSPPort\":\t554\r\n}}}");
+    save("rtsp_port", "second_mark_has_the_number", "{\"RtspPort\": \"x\", \"rtspport\": \t8554}");
+    save("rtsp_port", "without_a_number", "\"RTSPPort\":  ");
+}
+
+const std::string h264Sps = hex("6742c00dd9016096c044000003000400000300c83c50a920");
+const std::string h264OtherSps = hex("674d401feca02802dd80880000030008000003019078c18cb0");
+const std::string h264Pps = hex("68cb83cb20");
+const std::string h265Vps = hex("40010c01ffff016000000300900000030000030078959809");
+const std::string h265Sps = hex("420101016000000300900000030000030078a003c08010e596566924caf0168080000003008000000c84");
+const std::string h265Pps = hex("4401c172b46240");
+
+std::string block(const std::string& bytes)
+{
+    return be16(bytes.size()) + bytes;
+}
+
+/// A record of the target `track`: its flags and a payload.
+std::string packet(unsigned flags, const std::string& payload)
+{
+    return std::string(1, static_cast<char>(flags)) + block(payload);
+}
+
+constexpr unsigned marker = 1;
+constexpr unsigned newTimestamp = 2;
+constexpr unsigned lossBefore = 4;
+
+/// A sender report, time that passes, a receiver report.
+const std::string events = hex("80"
+                               "e3f0a1b280000000"
+                               "00000000") +
+                           hex("8100280028") + hex("8f");
+
+void saveTracks()
+{
+    const std::string h264Key = hex("658884"
+                                    "0021fffef7c91a2b3c4d5e6f70");
+    const std::string h264Other = hex("419a24"
+                                      "6c43fffee1020304050607");
+    const std::string stapA = "\x18" + block(h264Sps) + block(h264Pps);
+    const std::string whole = packet(newTimestamp, "\x09\xf0") + packet(0, h264Sps) + packet(0, h264Pps) +
+                              packet(0, hex("0605040102030480")) + packet(marker, h264Key) + events +
+                              packet(newTimestamp | marker, h264Other);
+    const std::string fragments = packet(newTimestamp, stapA) + packet(0, hex("7c858884")) +
+                                  packet(0, hex("7c05aabb")) + packet(marker, hex("7c45ccdd")) +
+                                  packet(newTimestamp, hex("5c819a24")) + packet(lossBefore | marker, hex("5c41eeff")) +
+                                  packet(newTimestamp, stapA) + packet(marker, h264Key);
+    for (const char choices : {'\0', '\x01', '\x0b'}) {
+        const std::string name = std::to_string(int{choices});
+        save("track", "h264_whole_" + name, std::string("\0", 1) + choices + whole);
+        save("track", "h264_fragments_" + name, std::string("\0", 1) + choices + fragments);
+    }
+    const std::string h265Key = hex("2601af06b863ef3a7f3c00112233");
+    const std::string h265Other = hex("0201d0097e10bc3901020304");
+    const std::string h265 = packet(newTimestamp, hex("6001") + block(h265Vps) + block(h265Sps) + block(h265Pps)) +
+                             packet(0, hex("620193af06b8")) + packet(0, hex("620113aabb")) +
+                             packet(marker, hex("620153ccdd")) + events + packet(newTimestamp | marker, h265Other) +
+                             packet(newTimestamp | lossBefore | marker, h265Other) + packet(newTimestamp, h265Sps) +
+                             packet(0, h265Pps) + packet(marker, h265Key);
+    save("track", "h265", std::string("\x01\0", 2) + h265);
+    save("track", "h265_flagged", std::string("\x01\x01", 2) + h265);
+    save("track", "g711",
+         std::string("\x02\0", 2) + packet(marker | newTimestamp, std::string(160, '\x55')) + events +
+             packet(lossBefore | newTimestamp, std::string(320, '\xd5')));
+    save("track", "g711_with_two_channels", std::string("\x03\x30", 2) + packet(newTimestamp, "\x55\x56\x57"));
+    // What happens between packets: our clock is set, another source, timestamp, sequence, payload type, raw bytes.
+    save("track", "events",
+         std::string("\0\x0a", 2) + whole +
+             hex("82fffff000"
+                 "8301"
+                 "84fffffff0"
+                 "8509c4"
+                 "8632") +
+             whole +
+             hex("8660"
+                 "87000c"
+                 "80e00001000000000100000001") +
+             hex("88") + whole);
+}
+
+void saveMedia()
+{
+    const auto rtp = [](const std::string& name, const char* digits) { save("rtp_packet", name, hex(digits)); };
+    rtp("plain", "80e0000100000e1011223344"
+                 "6588840021");
+    rtp("contributors_and_extension", "92600001000000001122334400000001"
+                                      "00000002"
+                                      "bede0001"
+                                      "aabbccdd"
+                                      "41");
+    rtp("padded", "a0600001000000001122334441"
+                  "000003");
+    rtp("cut_off_extension", "9060000100000000112233440000ffff");
+
+    save("nal_units", "h264",
+         std::string(1, '\0') + block(h264Sps) + block(h264Pps) + block(h264OtherSps) + block(h264Sps) +
+             block(hex("658884")) + block(hex("419a24")));
+    save("nal_units", "h264_high_profile_with_scaling_lists",
+         std::string(1, '\0') + block(hex("6764001facb4165a83c0b50800000fa40003a9803a")));
+    save("nal_units", "h265",
+         std::string(1, '\x01') + block(h265Vps) + block(h265Sps) + block(h265Pps) + block(hex("2601af06b8")) +
+             block(hex("0201d0097e")));
+
+    const std::string step = hex("00"
+                                 "0e10"
+                                 "02"
+                                 "00009c40"
+                                 "0700");
+    save("media_clock", "regular",
+         hex("00015f90"
+             "00000000") +
+             "\x07" + step + step + step);
+    save("media_clock", "sender_reports_and_a_new_connection",
+         hex("00001f40"
+             "fffffff0") +
+             "\x07" + step +
+             hex("04"
+                 "e3f0a1b280000000"
+                 "00000000") +
+             step + step + "\x06" + step +
+             hex("03"
+                 "12345678") +
+             step + "\x05" + step +
+             hex("01"
+                 "80000000") +
+             step);
+
+    // Choices, then for each frame: kind, slices, size of fragments, sizes of slices, losses.
+    const std::string keyFrame = hex("03"
+                                     "01"
+                                     "14"
+                                     "0040"
+                                     "0032"
+                                     "0000");
+    const std::string otherFrame = hex("08"
+                                       "00"
+                                       "ff"
+                                       "0020"
+                                       "00");
+    const std::string lossyFrame = hex("00"
+                                       "01"
+                                       "10"
+                                       "0040"
+                                       "0032"
+                                       "0402");
+    for (const char choices : {'\0', '\x01', '\x02', '\x07', '\x18'}) {
+        save("video_frames", "whole_" + std::to_string(int{choices}),
+             std::string(1, choices) + keyFrame + otherFrame + otherFrame + keyFrame);
+        save("video_frames", "lossy_" + std::to_string(int{choices}),
+             std::string(1, choices) + keyFrame + lossyFrame + otherFrame + keyFrame + otherFrame);
+    }
+}
 }  // namespace
 
 int main(int argc, char** argv)
@@ -204,6 +408,11 @@ try {
     saveWire();
     saveDialogues();
     saveRtcp();
+    saveDescriptions();
+    saveHttp();
+    saveLapi();
+    saveTracks();
+    saveMedia();
     return 0;
 } catch (const std::exception& e) {
     std::cerr << "fuzz_seeds: " << e.what() << '\n';

@@ -1,0 +1,88 @@
+#include "FuzzTarget.h"
+
+#include "Lapi.h"
+
+#include <locale>
+#include <string>
+#include <vector>
+
+namespace Tavro8::fuzz
+{
+namespace
+{
+namespace lapi = Uniview::lapi;
+using lapi::Expect;
+using lapi::Failure;
+
+/// What a host may have set: numbers with groups and a comma.
+class Grouping final : public std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+class GlobalLocale {
+public:
+    explicit GlobalLocale(const std::locale& locale) : before(std::locale::global(locale)) {}
+    ~GlobalLocale() { std::locale::global(before); }
+    GlobalLocale(const GlobalLocale&) = delete;
+    GlobalLocale& operator=(const GlobalLocale&) = delete;
+
+private:
+    std::locale before;
+};
+
+void checkJson(std::string_view text)
+{
+    Json::Value document;
+    std::string error;
+    const bool read = lapi::parseJson(text, document, error);
+    require(read || !error.empty(), "what is no JSON has a reason");
+    // Documents with the mark that the reader uses for itself are known to be read by the host's locale.
+    if (text.find('\x01') != std::string_view::npos || text.find("\\u0001") != std::string_view::npos)
+        return;
+
+    static const std::locale grouping(std::locale::classic(), new Grouping);
+    const GlobalLocale hosts(grouping);
+    Json::Value same;
+    require(lapi::parseJson(text, same, error) == read, "the host's locale makes no difference");
+    require(!read || same == document, "the host's locale makes no difference");
+}
+
+void checkJudgement(const http::HttpResponse& response, const std::vector<char>& body)
+{
+    bool passed = true;
+    for (const Expect expect : {Expect::status, Expect::body, Expect::json, Expect::success}) {
+        const lapi::Reply reply = lapi::judge(response, body, expect);
+        require(static_cast<bool>(reply) == (reply.result == 0), "only success is 0");
+        require(passed || !reply, "what fails a check fails those behind it");
+        passed = static_cast<bool>(reply);
+        require(reply.failure != Failure::empty || body.empty(), "only an empty body is empty");
+        for (const auto wording :
+             {lapi::Wording::standard, lapi::Wording::subscription, lapi::Wording::io, lapi::Wording::telemetry}) {
+            const std::string line = lapi::describe(reply, "/LAPI/V1.0/x", wording);
+            require(line.empty() == (reply.failure == Failure::none || reply.failure == Failure::malformed),
+                    "each failure but a malformed one has its words");
+        }
+    }
+}
+
+/// A status of 16 bits, then the body of a reply.
+///
+/// Promises: no reply throws; a failed check gives a result that is not 0 and the words for it; each check implies
+/// those before it; a global locale that groups digits changes nothing.
+void feed(ByteView input)
+{
+    Script script(input);
+    http::HttpResponse response;
+    response.status = script.u16();
+    const Bytes bytes = script.remaining();
+    if (response.status % 3 == 0)
+        response.status = 200;  // most of the checks lie behind this one
+    checkJson(textOf(bytes));
+    checkJudgement(response, {bytes.begin(), bytes.end()});
+}
+
+const Target lapiTarget("lapi", feed);
+}  // namespace
+}  // namespace Tavro8::fuzz

@@ -1,0 +1,232 @@
+#include "FuzzTarget.h"
+#include "MediaChecks.h"
+
+#include "media/TrackReceiver.h"
+
+#include <array>
+#include <memory>
+#include <string>
+
+namespace Tavro8::fuzz
+{
+namespace
+{
+using GDRV::MediaCodec;
+using std::chrono::milliseconds;
+
+constexpr std::uint8_t payloadType = 96;
+
+/// Bits of the input's second byte.
+enum Choice : unsigned {
+    flagLosses = 1,
+    overUdp = 2,
+    tightLimit = 4,
+    setsInDescription = 8,
+    severalChannels = 16,
+    oddClock = 32,
+};
+
+/// What a record of the input does; see `Player::step`.
+enum Op : unsigned {
+    markerBit = 1,
+    newTimestamp = 2,
+    lossBefore = 4,
+    duplicate = 8,
+    control = 0x80,
+};
+
+const std::vector<Bytes> h264Sets = {
+    {0x67, 0x42, 0xc0, 0x0d, 0xd9, 0x01, 0x60, 0x96, 0xc0, 0x44, 0x00, 0x00,
+     0x03, 0x00, 0x04, 0x00, 0x00, 0x03, 0x00, 0xc8, 0x3c, 0x50, 0xa9, 0x20},
+    {0x68, 0xcb, 0x83, 0xcb, 0x20},
+};
+const std::vector<Bytes> h265Sets = {
+    {0x40, 0x01, 0x0c, 0x01, 0xff, 0xff, 0x01, 0x60, 0x00, 0x00, 0x03, 0x00,
+     0x90, 0x00, 0x00, 0x03, 0x00, 0x00, 0x03, 0x00, 0x78, 0x95, 0x98, 0x09},
+    {0x42, 0x01, 0x01, 0x01, 0x60, 0x00, 0x00, 0x03, 0x00, 0x90, 0x00, 0x00, 0x03, 0x00,
+     0x00, 0x03, 0x00, 0x78, 0xa0, 0x03, 0xc0, 0x80, 0x10, 0xe5, 0x96, 0x56, 0x69, 0x24,
+     0xca, 0xf0, 0x16, 0x80, 0x80, 0x00, 0x00, 0x03, 0x00, 0x80, 0x00, 0x00, 0x0c, 0x84},
+    {0x44, 0x01, 0xc1, 0x72, 0xb4, 0x62, 0x40},
+};
+
+media::TrackFormat formatOf(MediaCodec codec, unsigned choices)
+{
+    media::TrackFormat format;
+    format.codec = codec;
+    format.payloadTypes = {payloadType, 0, 26};
+    format.clockRate = (choices & oddClock) != 0 ? 11025 : 0;
+    format.channelCount = (choices & severalChannels) != 0 ? 2 : 0;
+    if (codec == MediaCodec::aac) {
+        // 16 kHz mono, access units behind 13 bits of size and 3 of index
+        format.parameterSets = {{0x14, 0x08}};
+        format.formatParameters = {
+            {"mode", "AAC-hbr"}, {"sizelength", "13"}, {"indexlength", "3"}, {"indexdeltalength", "3"}};
+    } else if ((choices & setsInDescription) != 0) {
+        format.parameterSets = codec == MediaCodec::h265 ? h265Sets : h264Sets;
+    }
+    return format;
+}
+
+std::size_t frameLimit(unsigned choices)
+{
+    return (choices & tightLimit) != 0 ? 600 : 64 * 1024;
+}
+
+media::TrackReceiver::Options optionsOf(unsigned choices)
+{
+    media::TrackReceiver::Options options;
+    options.depacketiser.lossPolicy =
+        (choices & flagLosses) != 0 ? media::LossPolicy::flag : media::LossPolicy::dropUntilKeyFrame;
+    options.depacketiser.maxFrameBytes = frameLimit(choices);
+    options.confirmRestart = (choices & overUdp) != 0;
+    return options;
+}
+
+/// A track, and the sender and network that the input describes.
+class Player {
+public:
+    Player(const media::TrackFormat& format, unsigned choices)
+        : limit(frameLimit(choices)),
+          judge({limit, (choices & flagLosses) != 0}),
+          receiver(media::TrackReceiver::make(format, pool, judge, optionsOf(choices)))
+    {
+        now.utc = std::chrono::system_clock::time_point(std::chrono::hours(450'000));
+        now.monotonic = std::chrono::steady_clock::time_point(std::chrono::hours(1));
+    }
+
+    /// One record: a packet with its payload, or with `control` something that happens between two.
+    void step(Script& script)
+    {
+        const unsigned op = script.u8();
+        if ((op & control) != 0) {
+            event(op, script);
+        } else {
+            if ((op & newTimestamp) != 0)
+                timestamp += 3600;
+            if ((op & lossBefore) != 0)
+                ++sequence;
+            if ((op & duplicate) == 0)
+                ++sequence;
+            receive(packet((op & markerBit) != 0, script.block()));
+        }
+        checkMemory();
+    }
+
+    void finish()
+    {
+        receiver->flush();
+        checkMemory();
+        const auto statistics = receiver->statistics();
+        require(statistics.frames == judge.count() && statistics.keyFrames == judge.keyCount(),
+                "the statistics count what was handed out");
+    }
+
+private:
+    void event(unsigned op, Script& script);
+    void report(Script& script);
+    void receive(const Bytes& bytes) { receiver->onRtp(bytes, now); }
+    Bytes packet(bool marker, const Bytes& payload) const;
+    void checkMemory() const;
+
+    std::size_t limit;
+    std::shared_ptr<media::FramePool> pool = std::make_shared<media::FramePool>();
+    FrameJudge judge;
+    std::unique_ptr<media::TrackReceiver> receiver;
+    media::ArrivalTime now;
+    std::uint8_t type = payloadType;
+    std::uint16_t sequence = 65'530;
+    std::uint32_t timestamp = 4'294'960'000;
+    std::uint32_t source = 0x11223344;
+    bool reported = false;
+};
+
+void Player::event(unsigned op, Script& script)
+{
+    switch (op & 0x0fU) {
+    case 0:
+        return report(script);
+    case 1:
+        now.monotonic += milliseconds(script.u16());
+        now.utc += milliseconds(script.u16());
+        return;
+    case 2:
+        now.utc += milliseconds(static_cast<std::int32_t>(script.u32()));  // somebody sets our clock
+        return;
+    case 3:
+        source ^= script.u8();
+        return;
+    case 4:
+        timestamp = script.u32();
+        return;
+    case 5:
+        sequence = static_cast<std::uint16_t>(sequence + script.u16());
+        return;
+    case 6:
+        type = script.u8() & 0x7fU;
+        return;
+    case 7:
+        return receive(script.block());  // no matter what it is
+    case 8:
+        return receiver->flush();
+    default:
+        if (const auto block = receiver->makeReport(now.monotonic)) {
+            require(block->cumulativeLost >= -0x800000 && block->cumulativeLost <= 0x7fffff, "24 bits of losses");
+            require(block->lastSenderReport != 0 || block->delaySinceLastSenderReport == 0 || reported,
+                    "no delay without a report");
+        }
+        return;
+    }
+}
+
+void Player::report(Script& script)
+{
+    const std::uint64_t ntp = script.u64();
+    receiver->onSenderReport({source, ntp, script.u32()}, now);
+    reported = true;
+}
+
+Bytes Player::packet(bool marker, const Bytes& payload) const
+{
+    Bytes bytes{0x80, static_cast<std::uint8_t>((marker ? 0x80U : 0U) | type), static_cast<std::uint8_t>(sequence >> 8),
+                static_cast<std::uint8_t>(sequence)};
+    for (const std::uint32_t word : {timestamp, source}) {
+        for (int shift = 24; shift >= 0; shift -= 8)
+            bytes.push_back(static_cast<std::uint8_t>(word >> shift));
+    }
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
+
+/// Capacities are at most a quarter larger than asked for, or two classes up when recycled.
+void Player::checkMemory() const
+{
+    const auto usage = pool->usage();
+    require(usage.buffersOut <= judge.heldCount() + 2, "a track holds the frame in progress and no other");
+    require(usage.bytesOut <= (judge.heldCount() + 2) * (limit * 2 + 128 * 1024), "a track's memory is bounded");
+}
+
+/// The packets of one track: the codec, choices (see `Choice`), then records (see `Player::step`), each payload behind
+/// a length of 16 bits. A codec that cannot be received yet makes an empty run.
+///
+/// Promises: frames keep to the rules of their codec (start codes, SOI and EOI, parameter sets in key frames), to the
+/// limit and to the loss policy; their times never run backwards, whatever the sender's reports and clocks do; memory
+/// stays bounded while a frame does not end; frames that somebody holds stay as they are.
+void feed(ByteView input)
+{
+    constexpr std::array codecs = {MediaCodec::h264,  MediaCodec::h265, MediaCodec::g711U, MediaCodec::g711A,
+                                   MediaCodec::mjpeg, MediaCodec::aac,  MediaCodec::pcm16};
+    Script script(input);
+    const MediaCodec codec = codecs[script.u8() % codecs.size()];
+    const unsigned choices = script.u8();
+    const media::TrackFormat format = formatOf(codec, choices);
+    if (media::refusalOf(format) != nullptr)
+        return;
+    Player player(format, choices);
+    while (!script.atEnd())
+        player.step(script);
+    player.finish();
+}
+
+const Target track("track", feed);
+}  // namespace
+}  // namespace Tavro8::fuzz
