@@ -17,11 +17,6 @@ using GDRV::MediaCodec;
 constexpr std::uint8_t largestPayloadType = 127;
 constexpr std::uint32_t videoClockRate = 90000;
 constexpr std::uint32_t telephoneClockRate = 8000;
-
-bool isPositiveNumber(std::string_view text) noexcept
-{
-    return text.find_first_of("123456789") != std::string_view::npos;
-}
 }  // namespace
 
 std::string_view formatParameter(const TrackFormat& format, std::string_view name) noexcept
@@ -49,12 +44,9 @@ const char* refusalOf(const TrackFormat& format)
         if (formatParameter(format, "packetization-mode") == "2")
             return "H.264 in interleaved packets (packetization-mode 2) is not supported";
         return nullptr;
-    case MediaCodec::h265:
-        if (isPositiveNumber(formatParameter(format, "sprop-max-don-diff")))
-            return "H.265 with decoding order numbers (sprop-max-don-diff) is not supported";
-        return nullptr;
     case MediaCodec::aac:
         return readAacPacking(format).refusal;
+    case MediaCodec::h265:
     case MediaCodec::mjpeg:
     case MediaCodec::g711U:
     case MediaCodec::g711A:

@@ -82,7 +82,7 @@ public:
     /// The packet's bytes are needed only during the call. Throws std::bad_alloc only.
     virtual void push(const RtpPacket& packet, bool lostBefore) = 0;
 
-    /// Ends the frame in progress as if the next one had begun.
+    /// Ends the frame in progress as if the next one had begun; it counts as damaged where a marker should end it.
     virtual void flush() = 0;
 
     /// The source has restarted: discards the frame in progress and treats what follows as after a loss.

@@ -1,6 +1,7 @@
 #include "media/H264.h"
 
 #include "media/BitReader.h"
+#include "media/ParameterSetSyntax.h"
 
 #include <algorithm>
 #include <array>
@@ -66,14 +67,6 @@ void skipPictureOrder(BitReader& reader) noexcept
     }
 }
 
-/// One side of the picture: the coded length less what is cropped on both ends.
-std::uint32_t croppedLength(std::uint64_t coded, std::uint64_t before, std::uint64_t behind,
-                            std::uint64_t unit) noexcept
-{
-    const std::uint64_t cropped = (before + behind) * unit;
-    return cropped < coded ? static_cast<std::uint32_t>(coded - cropped) : 0;
-}
-
 PictureSize readPictureSize(BitReader& reader, std::uint32_t chromaArrayType) noexcept
 {
     reader.unsignedGolomb();  // log2_max_frame_num_minus4
@@ -84,22 +77,15 @@ PictureSize readPictureSize(BitReader& reader, std::uint32_t chromaArrayType) no
     const std::uint64_t mapUnits = std::uint64_t{reader.unsignedGolomb()} + 1;
     const bool framesOnly = reader.flag();
     if (!framesOnly)
-        reader.skip(1);                   // mb_adaptive_frame_field_flag
-    reader.skip(1);                       // direct_8x8_inference_flag
-    std::array<std::uint32_t, 4> crop{};  // left, right, top, bottom
-    if (reader.flag()) {
-        for (std::uint32_t& edge : crop)
-            edge = reader.unsignedGolomb();
-    }
+        reader.skip(1);  // mb_adaptive_frame_field_flag
+    reader.skip(1);      // direct_8x8_inference_flag
+    const CropWindow crop = readCropWindow(reader);
     const std::uint64_t rows = mapUnits * (framesOnly ? 1 : 2);
     if (reader.failed() || columns > maxMacroblocks || rows > maxMacroblocks)
         return {};
     const bool halfWidth = chromaArrayType == 1 || chromaArrayType == 2;
-    const std::uint64_t unitX = halfWidth ? 2 : 1;
-    const std::uint64_t unitY = (chromaArrayType == 1 ? 2U : 1U) * (framesOnly ? 1U : 2U);
-    const PictureSize size{croppedLength(columns * 16, crop[0], crop[1], unitX),
-                           croppedLength(rows * 16, crop[2], crop[3], unitY)};
-    return size.width == 0 || size.height == 0 ? PictureSize{} : size;
+    const CropUnit unit{halfWidth ? 2U : 1U, (chromaArrayType == 1 ? 2U : 1U) * (framesOnly ? 1U : 2U)};
+    return croppedSize(columns * 16, rows * 16, crop, unit);
 }
 
 std::optional<ParameterSetInfo> readSequenceSet(BitReader& reader) noexcept
@@ -112,16 +98,6 @@ std::optional<ParameterSetInfo> readSequenceSet(BitReader& reader) noexcept
         return std::nullopt;
     const std::uint32_t chromaArrayType = hasChromaFormat(profile) ? readChroma(reader) : 1;
     info.size = readPictureSize(reader, chromaArrayType);
-    return info;
-}
-
-std::optional<ParameterSetInfo> readPictureSet(BitReader& reader) noexcept
-{
-    ParameterSetInfo info;
-    info.id = reader.unsignedGolomb();
-    info.parentId = reader.unsignedGolomb();
-    if (reader.failed() || info.id >= maxPictureSets || info.parentId >= maxSequenceSets)
-        return std::nullopt;
     return info;
 }
 }  // namespace
@@ -163,7 +139,7 @@ std::optional<ParameterSetInfo> H264::readParameterSet(NalRole role, std::span<c
     if (role == NalRole::sequenceSet)
         return readSequenceSet(reader);
     if (role == NalRole::pictureSet)
-        return readPictureSet(reader);
+        return readPictureSet(reader, maxPictureSets, maxSequenceSets);
     return std::nullopt;
 }
 

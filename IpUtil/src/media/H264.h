@@ -11,6 +11,8 @@
 
 namespace Tavro8::media
 {
+struct TrackFormat;
+
 /// H.264: its RTP payload format (RFC 6184) and what is read of its syntax (ITU-T H.264 section 7.3).
 struct H264 {
     static constexpr GDRV::MediaCodec codec = GDRV::MediaCodec::h264;
@@ -26,6 +28,12 @@ struct H264 {
     /// The first bytes of a slice are enough.
     static SliceStart readSliceStart(std::span<const std::uint8_t> nal) noexcept;
 
+    /// Nothing has to be known from packet to packet.
+    struct PacketState {
+        explicit PacketState(const TrackFormat&) noexcept {}
+        void restart() noexcept {}
+    };
+
     /// Cuts a payload into NAL units and fragments: `addNal(nal)`,
     /// `addFragment(isFirst, isLast, nalHeader, body)`. When it breaks the format, what came before the
     /// break has been handed over.
@@ -35,7 +43,7 @@ struct H264 {
     ///
     ///     NAL header  |F|NRI|  Type   |      FU header  |S|E|R|  Type   |
     template <typename Handler>
-    static SplitResult split(std::span<const std::uint8_t> payload, Handler& handler)
+    static SplitResult split(std::span<const std::uint8_t> payload, PacketState&, Handler& handler)
     {
         if (payload.empty())
             return SplitResult::whole;

@@ -1,6 +1,9 @@
 #include "media/H265.h"
 
 #include "media/BitReader.h"
+#include "media/Depacketiser.h"
+#include "media/ParameterSetSyntax.h"
+#include "wire/Text.h"
 
 #include <array>
 
@@ -37,16 +40,10 @@ PictureSize readPictureSize(BitReader& reader) noexcept
         chroma = 0;
     const std::uint32_t width = reader.unsignedGolomb();
     const std::uint32_t height = reader.unsignedGolomb();
-    std::array<std::uint64_t, 4> crop{};  // left, right, top, bottom
-    if (reader.flag()) {
-        for (std::uint64_t& edge : crop)
-            edge = reader.unsignedGolomb();
-    }
-    const std::uint64_t cropX = (crop[0] + crop[1]) * (chroma == 1 || chroma == 2 ? 2 : 1);
-    const std::uint64_t cropY = (crop[2] + crop[3]) * (chroma == 1 ? 2 : 1);
-    if (reader.failed() || width > maxSide || height > maxSide || cropX >= width || cropY >= height)
+    const CropWindow crop = readCropWindow(reader);
+    if (reader.failed() || width > maxSide || height > maxSide)
         return {};
-    return {width - static_cast<std::uint32_t>(cropX), height - static_cast<std::uint32_t>(cropY)};
+    return croppedSize(width, height, crop, {chroma == 1 || chroma == 2 ? 2U : 1U, chroma == 1 ? 2U : 1U});
 }
 
 std::optional<ParameterSetInfo> readSequenceSet(BitReader& reader) noexcept
@@ -60,16 +57,6 @@ std::optional<ParameterSetInfo> readSequenceSet(BitReader& reader) noexcept
     if (reader.failed() || info.id >= maxSequenceSets)
         return std::nullopt;
     info.size = readPictureSize(reader);
-    return info;
-}
-
-std::optional<ParameterSetInfo> readPictureSet(BitReader& reader) noexcept
-{
-    ParameterSetInfo info;
-    info.id = reader.unsignedGolomb();
-    info.parentId = reader.unsignedGolomb();
-    if (reader.failed() || info.id >= maxPictureSets || info.parentId >= maxSequenceSets)
-        return std::nullopt;
     return info;
 }
 
@@ -109,6 +96,19 @@ NalRole baseLayerRole(unsigned type) noexcept
 }
 }  // namespace
 
+H265::PacketState::PacketState(const TrackFormat& format)
+    : hasNumbers(
+          wire::parseNumber<std::uint32_t>(wire::trim(formatParameter(format, "sprop-max-don-diff"))).value_or(0) > 0)
+{}
+
+bool H265::PacketState::follows(std::uint16_t number) noexcept
+{
+    const bool inOrder = !anyNumber || static_cast<std::int16_t>(number - lastNumber) >= 0;
+    anyNumber = true;
+    lastNumber = number;
+    return inOrder;
+}
+
 NalRole H265::roleOf(std::span<const std::uint8_t> nal) noexcept
 {
     const unsigned layer = ((nal[0] & 1U) << 5) | (nal[1] >> 3U);
@@ -126,7 +126,7 @@ std::optional<ParameterSetInfo> H265::readParameterSet(NalRole role, std::span<c
     if (role == NalRole::sequenceSet)
         return readSequenceSet(reader);
     if (role == NalRole::pictureSet)
-        return readPictureSet(reader);
+        return readPictureSet(reader, maxPictureSets, maxSequenceSets);
     return std::nullopt;
 }
 

@@ -98,12 +98,16 @@ void JpegDepacketiser::push(const RtpPacket& packet, bool lostBefore)
         else
             refuse();
     }
-    if (packet.marker)
-        flush();
+    if (packet.marker && frame.open) {
+        markersSeen = true;
+        endFrame();
+    }
 }
 
 void JpegDepacketiser::flush()
 {
+    // Where pictures are marked, the rest of one without may be on its way.
+    frame.damaged = frame.damaged || markersSeen;
     if (frame.open)
         endFrame();
 }

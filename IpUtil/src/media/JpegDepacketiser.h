@@ -91,6 +91,7 @@ private:
     jpeg::QuantisationTables ownTables;  // of a picture with Q 255
     std::vector<std::uint8_t> header;    // keeps its capacity
 
+    bool markersSeen = false;     // the device marks the ends of pictures
     bool resynchronising = true;  // pictures without a beginning are no surprise
     bool lostBeforeNext = false;  // packets are missing before the next frame
     bool lossToTell = false;      // since the last frame handed out

@@ -22,6 +22,7 @@ VideoDepacketiser<Codec>::VideoDepacketiser(const TrackFormat& format, FramePool
                                             const DepacketiserOptions& depacketiserOptions)
     : options(depacketiserOptions),
       sink(accessUnitSink),
+      packetState(format),
       builder(pool, depacketiserOptions.maxFrameBytes),
       waitingForKey(depacketiserOptions.lossPolicy == LossPolicy::dropUntilKeyFrame),
       expectedKeySize(firstKeyBytes),
@@ -43,7 +44,7 @@ void VideoDepacketiser<Codec>::push(const RtpPacket& packet, bool lostBefore)
 {
     beginPacket(packet.timestamp, lostBefore);
     recognised = packet.payload.empty();
-    const SplitResult result = Codec::split(packet.payload, *this);
+    const SplitResult result = Codec::split(packet.payload, packetState, *this);
     if (result != SplitResult::whole)
         ++counters.malformed;
     if (!recognised)
@@ -52,13 +53,17 @@ void VideoDepacketiser<Codec>::push(const RtpPacket& packet, bool lostBefore)
         breakOffFragment();
         frame.damaged = true;
     }
-    if (packet.marker && frame.hasSlice)
+    if (packet.marker && frame.hasSlice) {
+        markersSeen = true;
         endFrame();
+    }
 }
 
 template <typename Codec>
 void VideoDepacketiser<Codec>::flush()
 {
+    // Where frames are marked, the rest of one without may be on its way.
+    frame.damaged = frame.damaged || markersSeen;
     if (frame.hasSlice)
         endFrame();
 }
@@ -70,6 +75,8 @@ void VideoDepacketiser<Codec>::reset()
     fragment = {};
     frame = {};
     frame.startUncertain = true;
+    packetState.restart();
+    misfitsBefore = counters.misfits;
     resynchronising = true;
     lossToTell = true;
     followsOthers = true;
@@ -160,6 +167,8 @@ template <typename Codec>
 void VideoDepacketiser<Codec>::endFragment()
 {
     fragment.open = false;
+    if (fragment.role == NalRole::delimiter && fragment.kept)
+        frame.delimiterBytes = builder.size();
     if (!isParameterSet(fragment.role) || builder.size() < fragment.begin + startCode.size())
         return;
     takeParameterSet(fragment.role, builder.bytes().subspan(fragment.begin + startCode.size()));

@@ -91,6 +91,7 @@ private:
 
     DepacketiserOptions options;
     AccessUnitSink& sink;
+    typename Codec::PacketState packetState;
     FrameBuilder builder;
     ParameterSets sets;
     Frame frame;
@@ -104,6 +105,7 @@ private:
     bool followsOthers = false;   // the next frame is not the stream's first
     bool setsUsuallyInBand = false;
     std::optional<bool> videoSetUsuallyInBand;  // nothing while no key frame has told
+    bool markersSeen = false;  // the device marks the ends of frames
     std::uint64_t toldSetsVersion = 0;
     FrameSizeGuess expectedKeySize;
     FrameSizeGuess expectedOtherSize;

@@ -155,6 +155,37 @@ TEST_P(ElementaryStream, neverPassesADamagedFrameForWholeWhicheverPacketIsMissin
     }
 }
 
+TEST_P(ElementaryStream, comesOutOfWhatAnotherProgramPacked)
+{
+    const auto units = accessUnitsOf(GetParam());
+    const auto packets = readPackets(std::string(GetParam().file) + ".rtp");
+    ASSERT_GT(packets.size(), 40U);
+    const auto play = [&](std::size_t leftOut) {
+        Frames frames;
+        const auto receiver =
+            TrackReceiver::make(GetParam().h265 ? h265Format() : h264Format(), std::make_shared<FramePool>(), frames);
+        for (std::size_t i = 0; i < packets.size(); ++i) {
+            if (i != leftOut)
+                receiver->onRtp(packets[i], {});
+        }
+        receiver->flush();
+        return frames;
+    };
+    const Frames whole = play(packets.size());
+    ASSERT_EQ(whole.size(), units.size());
+    for (std::size_t i = 0; i < units.size(); ++i)
+        EXPECT_EQ(coreOf(GetParam(), splitAnnexB(whole[i].data)), coreOf(GetParam(), units[i]));
+
+    for (std::size_t lost = 0; lost < packets.size(); ++lost) {
+        SCOPED_TRACE(lost);
+        for (const Frame& frame : play(lost).all) {
+            const auto nals = coreOf(GetParam(), splitAnnexB(frame.data));
+            EXPECT_TRUE(
+                std::ranges::any_of(units, [&](const AccessUnit& unit) { return coreOf(GetParam(), unit) == nals; }));
+        }
+    }
+}
+
 TEST_P(ElementaryStream, isNoticedWhenItTakesThePlaceOfTheOtherCodec)
 {
     const Stream own = GetParam();

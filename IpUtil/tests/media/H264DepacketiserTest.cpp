@@ -477,6 +477,71 @@ TEST(H264Depacketiser, ignoresEmptyPayloadsAndFiller)
     EXPECT_EQ(bench.counters().malformed, 0U);
 }
 
+TEST(H264Depacketiser, leavesOutReservedTypesAndDataPartitions)
+{
+    for (const unsigned type : {2U, 3U, 4U, 16U, 17U, 18U, 22U, 23U}) {
+        SCOPED_TRACE(type);
+        Bench bench(h264Format());
+        begin(bench);
+        const Bytes unit{static_cast<std::uint8_t>(0x40 | type), 0x9a, 0x24};
+        bench.push(slice, 1);
+        bench.push(unit, 1);
+        bench.pushAll(fragmentH264(unit, 1), 1, false);
+        bench.push(laterSlice, 1, true);
+        ASSERT_EQ(bench.frames.size(), 2U);
+        EXPECT_EQ(bench.frames[1].data, annexB({slice, laterSlice}));
+        EXPECT_EQ(bench.counters().misfits, 3U);
+    }
+}
+
+TEST(H264Depacketiser, handsNothingOutOfATruncatedAggregate)
+{
+    const Bytes whole = stapA({slice, laterSlice});
+    for (std::size_t length = 1; length < whole.size(); ++length) {
+        SCOPED_TRACE(length);
+        Bench bench(h264Format());
+        begin(bench);
+        bench.push(part(whole, 0, length), 1, true);
+        const bool cutBetweenUnits = length == 3 + slice.size();  // one whole unit: no sign of another
+        EXPECT_EQ(bench.frames.size(), cutBetweenUnits ? 2U : 1U);
+    }
+}
+
+TEST(H264Depacketiser, takesAChangeOfSizeInEachForm)
+{
+    const std::vector<std::vector<Bytes>> forms{
+        {otherSps, pps, keySlice},
+        {stapA({otherSps, pps}), keySlice},
+        {stapA({otherSps, pps, keySlice})},
+        {stapA({delimiter, otherSps, pps, sei}), keySlice, laterKeySlice},
+    };
+    for (std::size_t i = 0; i < forms.size(); ++i) {
+        for (const bool marked : {true, false}) {
+            SCOPED_TRACE(::testing::Message() << i << marked);
+            Bench bench(h264Format({sps, pps}));
+            bench.pushAll({keySlice}, 0);
+            bench.pushAll({slice}, 1, marked);
+            bench.pushAll(forms[i], 2, marked);
+            bench.pushAll({slice}, 3);
+            ASSERT_EQ(bench.frames.size(), 4U);
+            EXPECT_EQ(bench.frames[1].info.width, 352U);
+            EXPECT_EQ(bench.frames[2].info.width, 1280U);
+            EXPECT_EQ(bench.frames[2].parameterSets, annexB({otherSps, pps}));
+            EXPECT_TRUE(bench.frames[2].info.keyFrame);
+            EXPECT_EQ(bench.frames[3].info.width, 1280U);
+        }
+    }
+}
+
+TEST(H264Depacketiser, doesNotPassAFrameForWholeWhoseMarkerIsMissingAtTheEnd)
+{
+    Bench bench(h264Format());
+    begin(bench);
+    bench.push(slice, 1);
+    bench.depacketiser->flush();
+    EXPECT_EQ(bench.frames.size(), 1U) << "this camera marks its frames, so that another slice may have followed";
+}
+
 TEST(H264Depacketiser, givesUpAFrameBeyondTheLimit)
 {
     for (const bool flag : {false, true}) {

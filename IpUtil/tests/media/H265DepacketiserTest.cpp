@@ -16,15 +16,115 @@ Bytes withType(Bytes nal, unsigned type)
 }
 }  // namespace
 
-TEST(H265Depacketiser, refusesDecodingOrderNumbers)
+TEST(H265Depacketiser, stepsOverDecodingOrderNumbers)
 {
+    for (const char* value : {"3", " 32767 "}) {
+        TrackFormat format = h265Format();
+        format.formatParameters = {{"sprop-max-don-diff", value}};
+        ASSERT_EQ(refusalOf(format), nullptr);
+        Bench bench(format);
+        // A delimiter and sets behind the numbers 65534 to 1: they wrap.
+        bench.push(hex("4601 fffe") + part(delimiter, 2, 9), 0);
+        bench.push(hex("6001 ffff") + Bytes{0, 24} + vps + hex("00") + Bytes{0, static_cast<std::uint8_t>(sps.size())} +
+                       sps + hex("00") + Bytes{0, static_cast<std::uint8_t>(pps.size())} + pps,
+                   0);
+        auto fragments = fragmentH265(keySlice, 4);
+        fragments[0] = part(fragments[0], 0, 3) + hex("0005") + part(fragments[0], 3, 9);
+        bench.pushAll(fragments, 0);
+        bench.push(part(slice, 0, 2) + hex("0006") + part(slice, 2, 99), 1, true);
+        bench.push(part(slice, 0, 2) + hex("0007") + part(slice, 2, 99), 2);
+        bench.push(part(laterSlice, 0, 2) + hex("0007") + part(laterSlice, 2, 99), 2, true);
+        ASSERT_EQ(bench.frames.size(), 3U);
+        EXPECT_EQ(toHex(bench.frames[0].data), toHex(annexB({delimiter, vps, sps, pps, keySlice})));
+        EXPECT_EQ(bench.frames[0].parameterSets, annexB({vps, sps, pps}));
+        EXPECT_EQ(bench.frames[1].data, annexB({slice}));
+        EXPECT_EQ(bench.frames[2].data, annexB({slice, laterSlice}));
+        EXPECT_EQ(bench.counters().malformed, 0U);
+    }
     TrackFormat format = h265Format();
-    EXPECT_EQ(refusalOf(format), nullptr);
     format.formatParameters = {{"sprop-max-don-diff", "0"}};
-    EXPECT_EQ(refusalOf(format), nullptr);
-    format.formatParameters = {{"sprop-max-don-diff", "3"}};
-    EXPECT_STREQ(refusalOf(format), "H.265 with decoding order numbers (sprop-max-don-diff) is not supported");
-    EXPECT_EQ(Bench(format).depacketiser, nullptr);
+    Bench plain(format);
+    plain.pushAll({aggregateH265({vps, sps, pps}), keySlice}, 0);
+    EXPECT_EQ(plain.frames.size(), 1U);
+}
+
+TEST(H265Depacketiser, refusesUnitsOutOfTheirDecodingOrder)
+{
+    const struct {
+        const char* what;
+        Bytes payload;
+    } cases[] = {
+        {"an earlier unit", part(slice, 0, 2) + hex("0004") + part(slice, 2, 99)},
+        {"an earlier fragment", hex("62 01 81 0004 d0")},
+        {"an earlier aggregate", hex("60 01 0004 0003 02 01 d0")},
+        {"a unit without number", hex("02 01 00")},
+        {"a fragment without anything behind its number", hex("62 01 81 0006")},
+        {"an aggregate with half a number", hex("60 01 00")},
+        {"an aggregate without the second number", hex("60 01 0006 0003 02 01 d0 00")},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TrackFormat format = h265Format({vps, sps, pps});
+        format.formatParameters = {{"sprop-max-don-diff", "1"}};
+        Bench bench(format);
+        bench.push(part(keySlice, 0, 2) + hex("0005") + part(keySlice, 2, 99), 0, true);
+        bench.push(c.payload, 1, true);
+        bench.push(part(slice, 0, 2) + hex("0008") + part(slice, 2, 99), 1, true);
+        EXPECT_EQ(bench.frames.size(), 1U) << "nothing of the damaged picture, nor what depends on it";
+        EXPECT_EQ(bench.counters().malformed, 1U);
+        bench.depacketiser->reset();  // a new source counts from elsewhere
+        bench.push(part(keySlice, 0, 2) + hex("0001") + part(keySlice, 2, 99), 0, true);
+        EXPECT_EQ(bench.frames.size(), 2U);
+    }
+}
+
+TEST(H265Depacketiser, acceptsAUnitInASingleFragment)
+{
+    Bench bench(h265Format({vps, sps, pps}));
+    bench.push(hex("62 01 d3") + part(keySlice, 2, 99), 0, true);
+    ASSERT_EQ(bench.frames.size(), 1U);
+    EXPECT_EQ(bench.frames[0].data, annexB({vps, sps, pps, keySlice}));
+}
+
+TEST(H265Depacketiser, noticesFragmentsThatDoNotFit)
+{
+    const auto fragments = fragmentH265(slice, 4);
+    const struct {
+        const char* what;
+        std::vector<Bytes> payloads;
+        std::uint64_t malformed;
+    } cases[] = {
+        {"no end", {fragments[0], fragments[1]}, 0},
+        {"begins twice", {fragments[0], fragments[0], fragments[1], fragments[2]}, 0},
+        {"a unit in between", {fragments[0], laterSlice, fragments[1]}, 1},
+        {"goes on behind its end", {slice, fragments[1]}, 1},
+        {"no beginning", {fragments[1], fragments[2]}, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Bench bench(h265Format({vps, sps, pps}));
+        bench.pushAll({keySlice}, 0);
+        bench.pushAll(c.payloads, 1);
+        bench.pushAll({slice}, 2);
+        EXPECT_EQ(bench.frames.size(), 1U);
+        EXPECT_EQ(bench.counters().damagedFrames, 1U);
+        EXPECT_EQ(bench.counters().malformed, c.malformed);
+        bench.pushAll({keySlice}, 3);
+        EXPECT_EQ(bench.frames.size(), 2U);
+    }
+}
+
+TEST(H265Depacketiser, handsNothingOutOfATruncatedAggregate)
+{
+    const Bytes whole = aggregateH265({slice, laterSlice});
+    for (std::size_t length = 2; length < whole.size(); ++length) {
+        SCOPED_TRACE(length);
+        Bench bench(h265Format({vps, sps, pps}));
+        bench.pushAll({keySlice}, 0);
+        bench.push(part(whole, 0, length), 1, true);
+        const bool cutBetweenUnits = length == 4 + slice.size();  // one whole unit: no sign of another
+        EXPECT_EQ(bench.frames.size(), cutBetweenUnits ? 2U : 1U);
+    }
 }
 
 TEST(H265Depacketiser, makesFramesOfAllThreePacketKinds)
