@@ -60,7 +60,7 @@ Certificate makeCertificate(EVP_PKEY* key, const std::string& host)
 
 boost::asio::ssl::context selfSignedContext(const std::string& host)
 {
-    const Key key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    const Key key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), EVP_PKEY_free);
     require(key != nullptr, "make a key");
     const Certificate certificate = makeCertificate(key.get(), host);
 

@@ -75,14 +75,14 @@ public:
     std::int32_t ApplySettings(const ParameterMap&, IAsyncActionHandler*) noexcept override { return notSupported(); }
     std::int32_t CreateVideoSource(std::uint32_t, std::uint32_t, GDRV::IAsyncDeviceChannelHandler*,
                                    GDRV::IMediaFrameHandler*, const ParameterMap&, IContract*,
-                                   GDRV::IVideoSource** source) noexcept override
+                                   GDRV::IVideoSource** videoSource) noexcept override
     {
-        return notSupported(source);
+        return notSupported(videoSource);
     }
     std::int32_t CreateAudioSource(std::uint32_t, GDRV::IAsyncDeviceChannelHandler*, GDRV::IMediaFrameHandler*,
-                                   const ParameterMap&, IContract*, GDRV::IAudioSource** source) noexcept override
+                                   const ParameterMap&, IContract*, GDRV::IAudioSource** audioSource) noexcept override
     {
-        return notSupported(source);
+        return notSupported(audioSource);
     }
     std::int32_t CreateAudioDestination(std::uint32_t, GDRV::IAsyncDeviceChannelHandler*, const ParameterMap&,
                                         GDRV::IAudioDestination** destination) noexcept override

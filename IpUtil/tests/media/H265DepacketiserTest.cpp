@@ -165,9 +165,9 @@ TEST(H265Depacketiser, knowsItsKeyFrames)
         SCOPED_TRACE(type);
         Bench bench(h265Format({vps, sps, pps}), flagging());
         bench.push(withType(keySlice, type), 0, true);
-        const bool slice = type <= 9 || (type >= 16 && type <= 21);
-        ASSERT_EQ(bench.frames.size(), slice ? 1U : 0U) << "reserved types are left out";
-        if (slice) {
+        const bool isSlice = type <= 9 || (type >= 16 && type <= 21);
+        ASSERT_EQ(bench.frames.size(), isSlice ? 1U : 0U) << "reserved types are left out";
+        if (isSlice) {
             EXPECT_EQ(bench.frames[0].info.keyFrame, type >= 16);
         }
     }
