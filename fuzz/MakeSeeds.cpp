@@ -309,6 +309,52 @@ void saveTracks()
          std::string("\x02\0", 2) + packet(marker | newTimestamp, std::string(160, '\x55')) + events +
              packet(lossBefore | newTimestamp, std::string(320, '\xd5')));
     save("track", "g711_with_two_channels", std::string("\x03\x30", 2) + packet(newTimestamp, "\x55\x56\x57"));
+    // One unit of six bytes behind a header of 16 bits, two units, fragments of one, and other packings.
+    const std::string unit = hex("00100030"
+                                 "a1a2a3a4a5a6");
+    const std::string units = hex("002000300020"
+                                  "a1a2a3a4a5a6b1b2b3b4");
+    const std::string aac = packet(marker | newTimestamp, unit) + events + packet(marker | newTimestamp, units) +
+                            packet(newTimestamp, hex("00100050"
+                                                     "a1a2a3a4a5")) +
+                            packet(marker, hex("00100050"
+                                               "a6a7a8a9aa")) +
+                            packet(lossBefore | marker, unit);
+    save("track", "aac", std::string("\x05\x08", 2) + aac);
+    save("track", "aac_without_configuration", std::string("\x05\0", 2) + aac);
+    save("track", "aac_of_one_size", std::string("\x05\x48", 2) + packet(newTimestamp, std::string(80, 'a')));
+    save("track", "aac_with_all_fields", std::string("\x05\x88", 2) + aac);
+    save("track", "aac_low_rate",
+         std::string("\x05\xc8", 2) + packet(marker | newTimestamp, hex("00081a"
+                                                                        "a1a2a3a4a5a6")));
+
+    const std::string tables = hex("00000080") + std::string(64, '\x11') + std::string(64, '\x22');
+    const std::string jpeg = packet(newTimestamp, hex("0000000001ff0201") + tables + "scan") +
+                             packet(marker, hex("0000000401ff0201") + "more") +
+                             packet(newTimestamp | marker, hex("0000000001320201") + "scan") + events +
+                             packet(newTimestamp | marker, hex("0000000041320201"
+                                                               "0004ffff") +
+                                                               "scan") +
+                             packet(newTimestamp, hex("0000000001800201"
+                                                      "00000080") +
+                                                      std::string(128, '\x21') + "scan") +
+                             packet(newTimestamp | marker, hex("0000000001800201"
+                                                               "00000000") +
+                                                               "scan");
+    save("track", "jpeg", std::string("\x04\0", 2) + jpeg);
+    save("track", "jpeg_flagged", std::string("\x04\x01", 2) + jpeg + packet(lossBefore | newTimestamp | marker, "x"));
+    save("track", "jpeg_with_a_size_in_the_extension",
+         std::string("\x04\0", 2) +
+             hex("89"
+                 "05"
+                 "ffc00011080798"
+                 "0a2003002100"
+                 "011101021101ff") +
+             packet(newTimestamp | marker, hex("0000000001ff0000") + tables + "scan"));
+    save("track", "datagrams_out_of_order",
+         std::string("\0\x0a", 2) + packet(lossBefore | newTimestamp, h264Sps) + hex("8b02") + packet(0, h264Pps) +
+             hex("8a") + packet(lossBefore | marker, h264Key) + hex("8100c800c8") + hex("8a") + whole);
+
     // What happens between packets: our clock is set, another source, timestamp, sequence, payload type, raw bytes.
     save("track", "events",
          std::string("\0\x0a", 2) + whole +
@@ -370,6 +416,39 @@ void saveMedia()
              hex("01"
                  "80000000") +
              step);
+
+    save("reorder", "in_order",
+         hex("08"
+             "ffff"
+             "64") +
+             hex("040101a1"
+                 "040101a2"
+                 "040101a3"));
+    save("reorder", "a_gap_is_filled",
+         hex("08"
+             "ffff"
+             "64") +
+             hex("040101a1"
+                 "040201a3"
+                 "04ff01a2"
+                 "040201a4"
+                 "01"));
+    save("reorder", "a_gap_is_given_up",
+         hex("02"
+             "0010"
+             "14") +
+             hex("040101a1"
+                 "040201a3"
+                 "040101a4"
+                 "0020"
+                 "01"
+                 "0402"
+                 "0f") +
+             std::string(15, 'x') +
+             hex("040101a5"
+                 "82"
+                 "42"
+                 "040501a6"));
 
     // Choices, then for each frame: kind, slices, size of fragments, sizes of slices, losses.
     const std::string keyFrame = hex("03"

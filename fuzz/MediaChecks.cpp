@@ -113,6 +113,8 @@ void FrameJudge::checkSound(const MediaFrame& frame) const
     require(frame.keyFrame, "decoding can start at each frame of sound");
     require(frame.sampleCount > 0 && frame.channelCount > 0, "sound has samples");
     require(frame.width == 0 && frame.height == 0, "sound has no size");
+    require(frame.codec != MediaCodec::aac || frames > 1 || !frame.parameterSets.empty(),
+            "the first frame of AAC tells its configuration");
     if (frame.codec == MediaCodec::g711U || frame.codec == MediaCodec::g711A)
         require(frame.data.size() == std::size_t{frame.sampleCount} * frame.channelCount, "a byte is a sample");
 }

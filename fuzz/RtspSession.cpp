@@ -21,7 +21,14 @@ const std::string password = "xyzzy-plugh";
 constexpr std::size_t maxTracks = 8;
 
 /// Bits of the input's first byte.
-enum Choice : unsigned { withoutCredentials = 1, overUdp = 2, withRequire = 4, setParameter = 8, optionalTracks = 16 };
+enum Choice : unsigned {
+    withoutCredentials = 1,
+    overUdp = 2,
+    withRequire = 4,
+    setParameter = 8,
+    optionalTracks = 16,
+    eitherTransport = 32,
+};
 
 wire::RtspSessionConfig configOf(unsigned choices)
 {
@@ -59,7 +66,7 @@ public:
             check(session.teardown());
             break;
         case 's':
-            check(session.setup({{0, false, {}}}));  // out of turn most often
+            check(session.setup({wire::RtspTrackRequest{}}));  // out of turn most often
             break;
         default:
             check(session.keepAlive());
@@ -126,7 +133,7 @@ void Dialogue::checkRequest(const RtspClientSession::Send& send)
     lastCseq = *cseq;
     require(request->headers.all("Authorization").size() <= 1, "a request is authorized once");
     if (session.state() < State::playing)
-        require(++requestsBeforePlay <= 3 * (3 + maxTracks), "a session is opened with a bounded number of requests");
+        require(++requestsBeforePlay <= 3 * (4 + maxTracks), "a session is opened with a bounded number of requests");
     const wire::UrlResult url = wire::parseUrl(request->uri);
     // What a device names as control may be too long for an address, or hold an '@' that reads as a user.
     require(request->uri.starts_with("rtsp://192.0.2.1:8554"), "requests go to the device that we are connected to");
@@ -147,10 +154,15 @@ void Dialogue::setUp()
 {
     std::vector<wire::RtspTrackRequest> wanted;
     for (std::size_t i = 0; i < session.description().media.size() && wanted.size() < maxTracks; ++i) {
-        wire::RtspTrackRequest track{i, (choices & optionalTracks) != 0, {}};
-        if ((choices & overUdp) != 0)
-            track.clientPort =
-                wire::PortPair{static_cast<std::uint16_t>(5000 + 2 * i), static_cast<std::uint16_t>(5001 + 2 * i)};
+        wire::RtspTrackRequest track;
+        track.mediaIndex = i;
+        track.optional = (choices & optionalTracks) != 0;
+        const auto port = static_cast<std::uint16_t>(5000 + 2 * i);
+        if ((choices & (overUdp | eitherTransport)) != 0)
+            track.clientPort = wire::PortPair{port, static_cast<std::uint16_t>(port + 1)};
+        if ((choices & eitherTransport) != 0)
+            track.order = (choices & overUdp) != 0 ? wire::RtspTransportOrder::udpThenInterleaved
+                                                   : wire::RtspTransportOrder::interleavedThenUdp;
         wanted.push_back(track);
     }
     check(session.setup(std::move(wanted)));

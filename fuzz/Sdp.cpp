@@ -64,7 +64,7 @@ void checkFormat(const SdpMedia& section, const SdpFormat& format, std::size_t t
     const wire::H265Format h265 = wire::h265Format(format);
     require(bytesOf(h265.vps) + bytesOf(h265.sps) + bytesOf(h265.pps) <= textBytes,
             "parameter sets come from the text");
-    require(wire::aacFormat(format).config.size() <= textBytes, "the configuration comes from the text");
+    require(wire::aacConfig(format).size() <= textBytes, "the configuration comes from the text");
 }
 
 void checkTracks(const SessionDescription& description)

@@ -5,7 +5,10 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Tavro8::fuzz
 {
@@ -49,6 +52,24 @@ const std::vector<Bytes> h265Sets = {
     {0x44, 0x01, 0xc1, 0x72, 0xb4, 0x62, 0x40},
 };
 
+using Parameters = std::vector<std::pair<std::string, std::string>>;
+
+/// Chosen by the two highest bits: as cameras do it, units of one size, everything a header can have, no header.
+const std::array<Parameters, 4> aacPackings = {{
+    {{"mode", "AAC-hbr"}, {"sizelength", "13"}, {"indexlength", "3"}, {"indexdeltalength", "3"}},
+    {{"mode", "generic"}, {"constantsize", "40"}},
+    {{"mode", "generic"},
+     {"sizelength", "13"},
+     {"indexlength", "3"},
+     {"indexdeltalength", "3"},
+     {"ctsdeltalength", "7"},
+     {"dtsdeltalength", "32"},
+     {"randomaccessindication", "1"},
+     {"streamstateindication", "5"},
+     {"auxiliarydatasizelength", "9"}},
+    {{"mode", "AAC-lbr"}, {"sizelength", "6"}, {"indexlength", "2"}, {"indexdeltalength", "2"}},
+}};
+
 media::TrackFormat formatOf(MediaCodec codec, unsigned choices)
 {
     media::TrackFormat format;
@@ -56,14 +77,12 @@ media::TrackFormat formatOf(MediaCodec codec, unsigned choices)
     format.payloadTypes = {payloadType, 0, 26};
     format.clockRate = (choices & oddClock) != 0 ? 11025 : 0;
     format.channelCount = (choices & severalChannels) != 0 ? 2 : 0;
-    if (codec == MediaCodec::aac) {
-        // 16 kHz mono, access units behind 13 bits of size and 3 of index
-        format.parameterSets = {{0x14, 0x08}};
-        format.formatParameters = {
-            {"mode", "AAC-hbr"}, {"sizelength", "13"}, {"indexlength", "3"}, {"indexdeltalength", "3"}};
-    } else if ((choices & setsInDescription) != 0) {
+    if (codec == MediaCodec::aac)
+        format.formatParameters = aacPackings[choices >> 6];
+    if (codec == MediaCodec::aac && (choices & setsInDescription) != 0)
+        format.parameterSets = {{0x14, 0x08}};  // 16 kHz mono
+    else if ((choices & setsInDescription) != 0)
         format.parameterSets = codec == MediaCodec::h265 ? h265Sets : h264Sets;
-    }
     return format;
 }
 
@@ -78,7 +97,6 @@ media::TrackReceiver::Options optionsOf(unsigned choices)
     options.depacketiser.lossPolicy =
         (choices & flagLosses) != 0 ? media::LossPolicy::flag : media::LossPolicy::dropUntilKeyFrame;
     options.depacketiser.maxFrameBytes = frameLimit(choices);
-    options.confirmRestart = (choices & overUdp) != 0;
     return options;
 }
 
@@ -92,6 +110,8 @@ public:
     {
         now.utc = std::chrono::system_clock::time_point(std::chrono::hours(450'000));
         now.monotonic = std::chrono::steady_clock::time_point(std::chrono::hours(1));
+        if ((choices & overUdp) != 0)
+            receiver->expectDatagrams((choices & severalChannels) != 0 ? std::optional(source) : std::nullopt);
     }
 
     /// One record: a packet with its payload, or with `control` something that happens between two.
@@ -137,6 +157,7 @@ private:
     std::uint16_t sequence = 65'530;
     std::uint32_t timestamp = 4'294'960'000;
     std::uint32_t source = 0x11223344;
+    Bytes extension;  // of the packets from now on
     bool reported = false;
 };
 
@@ -168,6 +189,14 @@ void Player::event(unsigned op, Script& script)
         return receive(script.block());  // no matter what it is
     case 8:
         return receiver->flush();
+    case 9:
+        extension = script.bytes(script.u8() * std::size_t{4});
+        return;
+    case 10:
+        return receiver->onTick(now.monotonic);
+    case 11:  // an older packet arrives behind newer ones
+        sequence = static_cast<std::uint16_t>(sequence - script.u8() % 8U);
+        return;
     default:
         if (const auto block = receiver->makeReport(now.monotonic)) {
             require(block->cumulativeLost >= -0x800000 && block->cumulativeLost <= 0x7fffff, "24 bits of losses");
@@ -187,11 +216,18 @@ void Player::report(Script& script)
 
 Bytes Player::packet(bool marker, const Bytes& payload) const
 {
-    Bytes bytes{0x80, static_cast<std::uint8_t>((marker ? 0x80U : 0U) | type), static_cast<std::uint8_t>(sequence >> 8),
-                static_cast<std::uint8_t>(sequence)};
+    const unsigned extended = extension.empty() ? 0 : 0x10;
+    Bytes bytes{static_cast<std::uint8_t>(0x80U | extended), static_cast<std::uint8_t>((marker ? 0x80U : 0U) | type),
+                static_cast<std::uint8_t>(sequence >> 8), static_cast<std::uint8_t>(sequence)};
     for (const std::uint32_t word : {timestamp, source}) {
         for (int shift = 24; shift >= 0; shift -= 8)
             bytes.push_back(static_cast<std::uint8_t>(word >> shift));
+    }
+    if (extended != 0) {
+        // 16 bits for the profile to use, then the length in words
+        const Bytes head{0xff, 0xd8, 0, static_cast<std::uint8_t>(extension.size() / 4)};
+        bytes.insert(bytes.end(), head.begin(), head.end());
+        bytes.insert(bytes.end(), extension.begin(), extension.end());
     }
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     return bytes;
@@ -206,7 +242,7 @@ void Player::checkMemory() const
 }
 
 /// The packets of one track: the codec, choices (see `Choice`), then records (see `Player::step`), each payload behind
-/// a length of 16 bits. A codec that cannot be received yet makes an empty run.
+/// a length of 16 bits. A codec that cannot be received makes an empty run.
 ///
 /// Promises: frames keep to the rules of their codec (start codes, SOI and EOI, parameter sets in key frames), to the
 /// limit and to the loss policy; their times never run backwards, whatever the sender's reports and clocks do; memory
