@@ -585,6 +585,7 @@ std::uint64_t LoadSource::State::sendFrame(Connection& connection)
         for (std::size_t i = 0; i < packets; ++i)
             outbox.add(recording.packet(frame, i).subspan(4), *playing.target);
         outbox.flush();
+        totals.datagrams += packets;
         totals.wireBytes += recording.frameBytes(frame).size() - 4 * packets;
     } else if (connection.pendingBytes() > maxPendingBytes) {
         totals.skippedPackets += packets;
@@ -621,6 +622,7 @@ void LoadSource::State::emit(Connection& connection, std::span<const std::uint8_
     ++totals.wirePackets;
     if (const auto& target = connection.playing->target) {
         outbox.add(bytes.subspan(4), *target);
+        ++totals.datagrams;
         totals.wireBytes += bytes.size() - 4;
     } else if (connection.pendingBytes() > maxPendingBytes) {
         ++totals.skippedPackets;

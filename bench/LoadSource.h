@@ -31,6 +31,7 @@ public:
         std::uint64_t elementBytes = 0;    ///< of the frames as Annex B, start codes of four bytes
         std::uint64_t wireBytes = 0;       ///< RTP packets, with the '$' header where there is one
         std::uint64_t wirePackets = 0;     ///< RTP packets
+        std::uint64_t datagrams = 0;       ///< those of them that went over UDP
         std::uint64_t skippedPackets = 0;  ///< not sent, since the receiver did not read for long
     };
 

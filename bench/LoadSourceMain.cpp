@@ -28,10 +28,10 @@ void report(LoadSource& source)
 {
     const LoadSource::Totals& totals = source.totals();
     std::printf("{\"frames\":%llu,\"keyFrames\":%llu,\"elementBytes\":%llu,\"wireBytes\":%llu,\"wirePackets\":%llu,"
-                "\"skippedPackets\":%llu,\"cpuSeconds\":%.6f}\n",
+                "\"datagrams\":%llu,\"skippedPackets\":%llu,\"cpuSeconds\":%.6f}\n",
                 static_cast<unsigned long long>(totals.frames), static_cast<unsigned long long>(totals.keyFrames),
                 static_cast<unsigned long long>(totals.elementBytes), static_cast<unsigned long long>(totals.wireBytes),
-                static_cast<unsigned long long>(totals.wirePackets),
+                static_cast<unsigned long long>(totals.wirePackets), static_cast<unsigned long long>(totals.datagrams),
                 static_cast<unsigned long long>(totals.skippedPackets), ProcessCost::present().cpuSeconds);
     std::fflush(stdout);
 }
