@@ -42,8 +42,9 @@ public:
 
 /// One RTSP stream of a device, shared by its receivers over one connection. It connects while it has a receiver,
 /// reconnects when the connection breaks, nothing arrives or the format changes (at once when it had played for a
-/// while, else with back-off), and closes when the last one has gone. Of several video or audio tracks it takes the
-/// first that can be received; tracks that the device marks `sendonly` are back channels and not for it.
+/// while, else with back-off), and closes when the last one has gone. Pictures that nobody takes any more while the
+/// sound goes on are given up after some seconds, by a new connection without them. Of several video or audio tracks it
+/// takes the first that can be received; tracks that the device marks `sendonly` are back channels and not for it.
 ///
 /// Public operations may be called on any thread; they are carried out on `service()`.
 class IPUTIL_API RTSPStream : public std::enable_shared_from_this<RTSPStream> {

@@ -10,7 +10,7 @@ namespace
 constexpr std::int64_t microsecondsPerSecond = 1'000'000;
 constexpr std::int64_t gradualCorrectionUs = microsecondsPerSecond;
 constexpr std::int64_t maxSenderLagUs = 10 * microsecondsPerSecond;
-constexpr std::int64_t maxSenderLeadUs = 24 * 3600 * microsecondsPerSecond;
+constexpr std::int64_t maxSenderErrorUs = 24 * 3600 * microsecondsPerSecond;
 constexpr std::chrono::seconds delayWindow{5};
 // Devices send reports every few seconds (RFC 3550 section 6.2), seldom ones each minute or two. After so long without
 // one, the last says little: at a usual drift of 1/10000 it is off by 30 ms.
@@ -120,7 +120,7 @@ void MediaClock::onSenderReport(const SenderReport& report) noexcept
 bool MediaClock::isBelievable(std::int64_t senderTargetUs) const noexcept
 {
     const std::int64_t leadUs = mediaTimeUs(lastTicks) + senderTargetUs - toUs(lastArrival.utc);
-    if (leadUs > maxSenderLeadUs)
+    if (leadUs > maxSenderErrorUs || leadUs < -maxSenderErrorUs)
         return false;
     return takesEffectUnseen(senderTargetUs) || senderTargetUs - targetUs >= -maxSenderLagUs;
 }

@@ -17,7 +17,7 @@ namespace Tavro8::media
 /// - more than a second behind: time runs at half speed until it is reached.
 ///
 /// Between the device's clock and ours, ours decides. A report is not believed, and frames go by arrival,
-/// when it is more than ten seconds behind the mapping that holds, or more than a day ahead of our clock: a
+/// when it is more than ten seconds behind the mapping that holds, or more than a day off our clock: a
 /// device that has lost its time of day must not draw the frames along, and from far ahead there is no way
 /// back. So after a leap of the device's clock to a wrong time, and after one back to the right time, frames
 /// end up right. Reports that stop coming leave the device's clock in use as it was, followed by arrival.

@@ -307,6 +307,16 @@ TEST(MediaClock, doesNotFollowADeviceIntoTheFarFuture)
     EXPECT_FALSE(days.clock.isSenderClockUsed());
 }
 
+TEST(MediaClock, doesNotBelieveADeviceThatBeginsWithoutATimeOfDay)
+{
+    // Frames of the first second are not out yet when the report comes.
+    MediaClock clock(90000);
+    clock.onPacket(0, at(0));
+    clock.onSenderReport(reportAt(946'684'800'000, 0));  // the year 2000
+    EXPECT_EQ(clock.stamp(0), startMs);
+    EXPECT_FALSE(clock.isSenderClockUsed());
+}
+
 TEST(MediaClock, isRightAgainAfterOurClockLeapt)
 {
     for (const std::int64_t leap : {2 * hour, -2 * hour}) {

@@ -342,7 +342,7 @@ TEST(RtspAuthentication, goesOnStreamingWhenKeepAlivesAreRefusedForTheirProof)
     ASSERT_TRUE(loop.runUntil([&] { return player.video.size() >= 8; })) << player.log.text();
     EXPECT_FALSE(player.failure());
     EXPECT_EQ(player.log.count("is refused with status 401"), 1U) << "said once";
-    EXPECT_EQ(peer.count("GET_PARAMETER"), 3U) << "as often as a stale proof is worth";
+    EXPECT_GE(peer.count("GET_PARAMETER"), 3U) << "as often as a stale proof is worth";
     bool done = false;
     player.client->teardown([&](const error_code&) { done = true; });
     ASSERT_TRUE(loop.runUntil([&] { return done; })) << "however the farewell is answered";

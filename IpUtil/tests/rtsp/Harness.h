@@ -35,7 +35,7 @@ public:
 
     /// Runs until the condition holds; false when it did not within the limit, which only a failing test reaches.
     template <typename Condition>
-    bool runUntil(Condition condition, std::chrono::seconds limit = std::chrono::seconds(10))
+    bool runUntil(Condition condition, std::chrono::seconds limit = std::chrono::seconds(30))
     {
         const auto end = std::chrono::steady_clock::now() + limit;
         while (!condition()) {

@@ -206,19 +206,23 @@ TEST(StreamLife, farewellOfTheOldSourceAtARestartIsNoEnd)
     camera.afterPlay = [&](ScriptedPeer::Connection& connection) {
         PacketSender sender;
         sendFrames(connection, sender, 5);
-        connection.sendFrame(1, byePacket(sender.source));
+        const Bytes bye = interleaved(1, byePacket(sender.source));
         sender = {.sequence = 60000, .timestamp = 0xF0000000, .source = 0xBEEF};
+        const Bytes next =
+            interleaved(0, rtp(96, sender.sequence++, sender.timestamp, true, pictureNal(), sender.source));
+        std::string both(bye.begin(), bye.end());
+        connection.write(both.append(next.begin(), next.end()));
         sendFrames(connection, sender, 5);
         while (!enough && sender.sendFrame(connection, {pictureNal()}))
             std::this_thread::sleep_for(milliseconds(1));  // paces the sender, nothing waits for it
     };
     Fixture fixture(camera);
-    fixture.loop.timing().silenceAfterBye = milliseconds(100);
+    fixture.loop.timing().silenceAfterBye = milliseconds(300);
     fixture.makeStream();
     const auto video = fixture.add(MediaKind::video);
     const auto begin = std::chrono::steady_clock::now();
     ASSERT_TRUE(fixture.loop.runUntil(
-        [&] { return video->frames > 20 && std::chrono::steady_clock::now() - begin > milliseconds(300); }));
+        [&] { return video->frames > 20 && std::chrono::steady_clock::now() - begin > milliseconds(600); }));
     enough = true;
     EXPECT_EQ(video->states, std::vector<error_code>{error_code{}}) << fixture.log.text();
     EXPECT_EQ(fixture.stream->counters(*video).lostPackets, 0U);
@@ -337,7 +341,7 @@ TEST(StreamLife, picturesThatNobodyTakesAnyMoreAreGivenUp)
 TEST(StreamLife, picturesThatAreTakenUpAgainSoonGoOn)
 {
     Fixture fixture(sendingCamera());
-    fixture.loop.timing().leftoverLimit = milliseconds(100);
+    fixture.loop.timing().leftoverLimit = milliseconds(500);
     fixture.makeStream();
     const auto video = fixture.add(MediaKind::video);
     const auto audio = fixture.add(MediaKind::audio);
@@ -346,7 +350,7 @@ TEST(StreamLife, picturesThatAreTakenUpAgainSoonGoOn)
     const auto again = fixture.add(MediaKind::video);
     const auto begin = std::chrono::steady_clock::now();
     ASSERT_TRUE(fixture.loop.runUntil(
-        [&] { return again->frames > 5 && std::chrono::steady_clock::now() - begin > milliseconds(300); }));
+        [&] { return again->frames > 5 && std::chrono::steady_clock::now() - begin > milliseconds(800); }));
     EXPECT_EQ(fixture.peer.connectionCount(), 1U);
 }
 
@@ -356,7 +360,7 @@ TEST(StreamLife, rubbishForALongTimeIsOneLineOfEachKind)
 {
     // Stray bytes between frames, packets that are no RTP or break the payload format, and then the end; again and
     // again.
-    constexpr std::size_t connections = 40;
+    constexpr std::size_t connections = 20;
     std::atomic<bool> enough{false};
     Camera camera;
     camera.sdp = videoSdp;
@@ -411,10 +415,10 @@ TEST(StreamLife, failureAfterAHealthyTimeIsLoggedAgain)
         fixture.makeStream();
         const auto video = fixture.add(MediaKind::video);
         for (std::size_t round = 1; round <= 3; ++round) {
+            ASSERT_TRUE(fixture.loop.runUntil([&] { return video->framesSinceState > 5; }));
             const auto begin = std::chrono::steady_clock::now();
-            ASSERT_TRUE(fixture.loop.runUntil([&] {
-                return video->framesSinceState > 5 && std::chrono::steady_clock::now() - begin > milliseconds(60);
-            }));
+            ASSERT_TRUE(
+                fixture.loop.runUntil([&] { return std::chrono::steady_clock::now() - begin > milliseconds(100); }));
             go = true;
             ASSERT_TRUE(fixture.loop.runUntil([&] { return video->states.size() == 2 * round + 1; }));
         }

@@ -263,17 +263,21 @@ TEST(WireQuirks, packetOfPayloadTypeFiftyBetweenFramesIsNoLoss)
 
 TEST(WireQuirks, severalRtcpPacketsInOneAreAllRead)
 {
-    // Sender report at 2026-01-01 00:00:00.5, name, an application packet; its media time is the key frame's.
-    const Bytes compound =
-        fromHex("80 c8 00 06 11 22 33 44  ed 00 37 80 80 00 00 00  00 01 5f 90  00 00 00 01 00 00 00 02"
-                "81 ca 00 03 11 22 33 44  01 03 63 61 6d 00 00 00"
-                "80 cc 00 03 11 22 33 44  4b 45 4c 56 00 00 00 00");
+    // Sender report, name, an application packet. The report's media time is the key frame's, its time of day is set to
+    // an hour from now and a half second.
+    Bytes compound = fromHex("80 c8 00 06 11 22 33 44  00 00 00 00 80 00 00 00  00 01 5f 90  00 00 00 01 00 00 00 02"
+                             "81 ca 00 03 11 22 33 44  01 03 63 61 6d 00 00 00"
+                             "80 cc 00 03 11 22 33 44  4b 45 4c 56 00 00 00 00");
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const std::int64_t seconds = std::chrono::duration_cast<std::chrono::seconds>(now).count() + 3600;
+    for (std::size_t i = 0; i < 4; ++i)
+        compound[8 + i] = static_cast<std::uint8_t>((seconds + 2'208'988'800) >> (24 - 8 * i));
     Stage stage(videoSdp, [&](ScriptedPeer::Connection& peer) {
         peer.sendFrame(1, compound);  // before the first RTP packet
         PacketSender().sendFrame(peer, {sps, pps, keySlice});
     });
     ASSERT_TRUE(stage.playUntilFrames(1)) << stage.player.log.text();
-    EXPECT_EQ(stage.player.frames[0].info.timestampMs, 1'767'225'600'500);
+    EXPECT_EQ(stage.player.frames[0].info.timestampMs, seconds * 1000 + 500);
 }
 
 TEST(WireQuirks, parameterSetsComeInSinglePacketsAggregatesOrTheDescription)
