@@ -26,6 +26,7 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr unsigned framesPerGroup = 50;
 constexpr std::size_t groupBytes = 1'000'000;  // two seconds at 4 Mbit/s
 constexpr std::size_t keyFrameBytes = 120'000;
+constexpr std::size_t pictureBytes = 40'000;
 constexpr std::size_t packetBytes = 1400;
 constexpr std::size_t rtpHeaderBytes = 12;
 constexpr std::uint32_t ticksPerFrame = 3600;
@@ -84,9 +85,45 @@ public:
                 nal.push_back(static_cast<std::uint8_t>(random() | 1U));
             addFragments(syntax, nal, i);
         }
-        for (std::size_t i = 0; i < offsets.size(); ++i)
-            packets.emplace_back(buffer.data() + offsets[i],
-                                 (i + 1 < offsets.size() ? offsets[i + 1] : buffer.size()) - offsets[i]);
+        listPackets();
+    }
+
+    /// Pictures of 640x480 with their tables in band.
+    static Recording ofPictures()
+    {
+        Recording recording;
+        const Bytes picture = noise(pictureBytes);
+        for (std::uint32_t i = 0; i < framesPerGroup; ++i) {
+            for (std::size_t at = 0; at < picture.size();) {
+                Bytes payload{0, 0, static_cast<std::uint8_t>(at >> 8U), static_cast<std::uint8_t>(at), 1, 255, 80, 60};
+                if (at == 0) {
+                    payload.insert(payload.end(), {0, 0, 0, 128});
+                    payload.insert(payload.end(), 128, 7);
+                }
+                const std::size_t body = std::min(packetBytes - rtpHeaderBytes - payload.size(), picture.size() - at);
+                const auto begin = picture.begin() + static_cast<std::ptrdiff_t>(at);
+                payload.insert(payload.end(), begin, begin + static_cast<std::ptrdiff_t>(body));
+                at += body;
+                recording.addPacket(payload, i, at == picture.size());
+            }
+        }
+        recording.listPackets();
+        return recording;
+    }
+
+    /// Access units of 128 kbit/s at 48 kHz, one a packet.
+    static Recording ofSound()
+    {
+        Recording recording;
+        constexpr std::size_t unitBytes = 341;
+        for (std::uint32_t i = 0; i < framesPerGroup; ++i) {
+            Bytes payload{0, 16, unitBytes >> 5U, (unitBytes << 3U) & 0xffU};
+            const Bytes unit = noise(unitBytes);
+            payload.insert(payload.end(), unit.begin(), unit.end());
+            recording.addPacket(payload, i, true);
+        }
+        recording.listPackets();
+        return recording;
     }
 
     /// Makes the packets those of the next two seconds.
@@ -109,6 +146,23 @@ public:
     std::size_t payloadBytes = 0;
 
 private:
+    Recording() = default;
+
+    static Bytes noise(std::size_t bytes)
+    {
+        std::mt19937 random(1);
+        Bytes result(bytes);
+        std::ranges::generate(result, [&] { return static_cast<std::uint8_t>(random() | 1U); });
+        return result;
+    }
+
+    void listPackets()
+    {
+        for (std::size_t i = 0; i < offsets.size(); ++i)
+            packets.emplace_back(buffer.data() + offsets[i],
+                                 (i + 1 < offsets.size() ? offsets[i + 1] : buffer.size()) - offsets[i]);
+    }
+
     void addFragments(const Syntax& syntax, const Bytes& nal, std::uint32_t frame)
     {
         for (std::size_t at = syntax.headerBytes; at < nal.size();) {
@@ -174,11 +228,10 @@ void report(benchmark::State& state, const Recording& recording, const Sink& sin
         state.SkipWithError("frames are missing");
 }
 
-void receiveTrack(benchmark::State& state, const Syntax& syntax)
+void receive(benchmark::State& state, Recording recording, const TrackFormat& format)
 {
-    Recording recording(syntax);
     Sink sink;
-    const auto receiver = TrackReceiver::make(formatOf(syntax), std::make_shared<FramePool>(), sink);
+    const auto receiver = TrackReceiver::make(format, std::make_shared<FramePool>(), sink);
     ArrivalTime arrival;
     const auto round = [&] {
         recording.advance();
@@ -194,6 +247,30 @@ void receiveTrack(benchmark::State& state, const Syntax& syntax)
     for (auto _ : state)
         round();
     report(state, recording, sink, kelvo::test::allocationCount() - before);
+}
+
+void receiveTrack(benchmark::State& state, const Syntax& syntax)
+{
+    receive(state, Recording(syntax), formatOf(syntax));
+}
+
+void receivePictures(benchmark::State& state)
+{
+    TrackFormat format;
+    format.codec = GDRV::MediaCodec::mjpeg;
+    format.payloadTypes = {96};
+    receive(state, Recording::ofPictures(), format);
+}
+
+void receiveSound(benchmark::State& state)
+{
+    TrackFormat format;
+    format.codec = GDRV::MediaCodec::aac;
+    format.payloadTypes = {96};
+    format.clockRate = 48000;
+    format.parameterSets = {{0x11, 0x90}};
+    format.formatParameters = {{"mode", "AAC-hbr"}};
+    receive(state, Recording::ofSound(), format);
 }
 
 void depacketise(benchmark::State& state, const Syntax& syntax)
@@ -239,6 +316,8 @@ void copyOnly(benchmark::State& state)
 
 BENCHMARK_CAPTURE(receiveTrack, h264, h264);
 BENCHMARK_CAPTURE(receiveTrack, h265, h265);
+BENCHMARK(receivePictures);
+BENCHMARK(receiveSound);
 BENCHMARK_CAPTURE(depacketise, h264, h264);
 BENCHMARK_CAPTURE(depacketise, h265, h265);
 BENCHMARK(copyOnly);

@@ -1,5 +1,6 @@
 #include "FuzzTarget.h"
 
+#include "media/Depacketiser.h"
 #include "media/H264.h"
 #include "media/H265.h"
 #include "media/ParameterSets.h"
@@ -34,13 +35,14 @@ bool isPlausible(const PictureSize& size)
 }
 
 template <typename Codec>
-void readAll(Script& script)
+void readAll(Script& script, const media::TrackFormat& format)
 {
+    typename Codec::PacketState state(format);
     media::ParameterSets sets;
     while (!script.atEnd()) {
         const Bytes nal = script.block();
         Parts parts;
-        Codec::split(nal, parts);
+        Codec::split(nal, state, parts);
         require(parts.bytes <= nal.size(), "a payload gives no more than it has");
         if (nal.size() < Codec::headerBytes)
             continue;
@@ -66,17 +68,21 @@ void readAll(Script& script)
     }
 }
 
-/// A codec, then NAL units or RTP payloads, each behind a length of 16 bits.
+/// A codec, with decoding order numbers or without, then NAL units or RTP payloads, each behind a length of 16 bits.
 ///
 /// Promises: a payload is cut into parts of its own; picture sizes are plausible; what is kept of parameter sets is
 /// bounded, and each change of it is counted.
 void feed(ByteView input)
 {
     Script script(input);
-    if (script.u8() % 2 == 0)
-        readAll<media::H264>(script);
+    const unsigned choice = script.u8();
+    media::TrackFormat format;
+    if ((choice & 2U) != 0)
+        format.formatParameters = {{"sprop-max-don-diff", "1"}};
+    if ((choice & 1U) == 0)
+        readAll<media::H264>(script, format);
     else
-        readAll<media::H265>(script);
+        readAll<media::H265>(script, format);
 }
 
 const Target nalUnits("nal_units", feed);

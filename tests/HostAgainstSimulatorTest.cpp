@@ -163,6 +163,25 @@ TEST(LiveEndToEnd, receivesMjpegAndAacFromACamera)
     receivesPlayableMedia({"--codec", "mjpeg", "--audio-codec", "aac"}, {}, "mjpeg");
 }
 
+TEST(LiveEndToEnd, receivesMjpegLargerThanItsPacketsCanSay)
+{
+    const SimulatorProcess device(
+        {"--codec", "mjpeg", "--size", "2592x64", "--sub-size", "160x120", "--fps", "5", "--no-audio"});
+    const ScratchFolder folder;
+    const auto file = folder.file("live.mkv");
+    const auto picture = folder.file("live.jpg");
+    const auto run =
+        runHost(folder, deviceAddress(device), {"live", "--seconds", "2", "--output", file, "--snapshot", picture});
+    ASSERT_EQ(run.status, 0) << run.errors;
+    const auto summary = run.event("summary");
+    EXPECT_EQ(summary["width"].asUInt(), 2592U);
+    EXPECT_EQ(summary["keyFrames"].asUInt(), summary["frames"].asUInt());
+    EXPECT_EQ(summary["lost"].asUInt(), 0U);
+    EXPECT_THAT(codecsOf(file), HasSubstr("codec_name=mjpeg\nwidth=2592\nheight=64"));
+    EXPECT_EQ(decodeErrorsOf(file), "");
+    EXPECT_THAT(codecsOf(picture), HasSubstr("width=2592\nheight=64"));
+}
+
 TEST(LiveEndToEnd, receivesFromARecordersChannel)
 {
     receivesPlayableMedia({"--kind", "recorder", "--channels", "2", "--auth", "both"}, {"--channels", "2"}, "h264");

@@ -88,9 +88,9 @@ Reply changePicture(MediaServer& media, const Call& call)
     std::optional<Codec> codec;
     std::optional<Size> size;
     if (const auto text = textMember(call.body, "codec")) {
-        if (*text != "h264" && *text != "h265")
-            return badRequest("\"codec\" is neither \"h264\" nor \"h265\"");
-        codec = *text == "h264" ? Codec::h264 : Codec::h265;
+        codec = parseCodec(*text);
+        if (!codec)
+            return badRequest("\"codec\" is none of \"h264\", \"h265\" and \"mjpeg\"");
     }
     if (const auto text = textMember(call.body, "size")) {
         size = parseSize(*text);

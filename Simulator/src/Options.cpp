@@ -97,6 +97,12 @@ void addChoice(CLI::App& app, const char* name, Enum& value, const std::map<std:
 
 }  // namespace
 
+std::optional<Codec> parseCodec(const std::string& text)
+{
+    const auto found = codecs.find(text);
+    return found == codecs.end() ? std::nullopt : std::optional(found->second);
+}
+
 std::optional<Size> parseSize(const std::string& text)
 {
     Size size;

@@ -30,6 +30,9 @@ struct Size {
 /// "1280x720". Encoders want even sides; the upper limit (8192) keeps one picture below a hundred megabytes.
 std::optional<Size> parseSize(const std::string& text);
 
+/// "h264" and the like, as on the command line.
+std::optional<Codec> parseCodec(const std::string& text);
+
 /// The command line, checked. Port 0 means any free port.
 struct Options {
     Kind kind = Kind::camera;

@@ -213,7 +213,7 @@ void AacDepacketiser::takeUnsized(std::span<const std::uint8_t> data, bool marke
         return;
     }
     unitBytes = 0;
-    if (!builder.append(data)) {
+    if (data.size() > maxUnitBytes - builder.size() || !builder.append(data)) {
         ++counters.oversizedFrames;
         return refuse();
     }
@@ -226,7 +226,7 @@ void AacDepacketiser::takeUnit(std::span<const std::uint8_t> unit, std::uint32_t
 {
     breakOff();
     builder.reserve(unit.size() + config.size());
-    if (builder.append(unit)) {
+    if (unit.size() <= maxUnitBytes && builder.append(unit)) {
         handOut(timestamp + number * ticksPerUnit);
     } else {
         ++counters.oversizedFrames;

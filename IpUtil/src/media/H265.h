@@ -68,7 +68,7 @@ struct H265 {
             handler.addNal(payload);
             return SplitResult::whole;
         }
-        if (payload.size() < headerBytes + numberBytes || !state.follows(wire::readBe16(&payload[headerBytes])))
+        if (payload.size() <= headerBytes + numberBytes || !state.follows(wire::readBe16(&payload[headerBytes])))
             return SplitResult::broken;
         // The number stands inside the unit: handed over in one fragment, which needs no second copy.
         handler.addFragment(true, true, payload.first(headerBytes), payload.subspan(headerBytes + numberBytes));
