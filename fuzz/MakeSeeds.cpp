@@ -305,6 +305,14 @@ void saveTracks()
                              packet(0, h265Pps) + packet(marker, h265Key);
     save("track", "h265", std::string("\x01\0", 2) + h265);
     save("track", "h265_flagged", std::string("\x01\x01", 2) + h265);
+    save("track", "h265_with_decoding_order_numbers",
+         std::string("\x01\x10", 2) +
+             packet(newTimestamp, hex("6001"
+                                      "0001") +
+                                      block(h265Vps) + std::string(1, '\0') + block(h265Sps) + std::string(1, '\0') +
+                                      block(h265Pps)) +
+             packet(0, hex("6201930004af06b8")) + packet(marker, hex("620153ccdd")) + events +
+             packet(newTimestamp | marker, hex("02010005d0097e10bc3901020304")));
     save("track", "g711",
          std::string("\x02\0", 2) + packet(marker | newTimestamp, std::string(160, '\x55')) + events +
              packet(lossBefore | newTimestamp, std::string(320, '\xd5')));

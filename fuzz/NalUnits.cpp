@@ -23,7 +23,7 @@ struct Parts {
     }
     void addFragment(bool, bool, ByteView nalHeader, ByteView body)
     {
-        require(!nalHeader.empty() && !body.empty(), "a fragment has a header and a body");
+        require(!nalHeader.empty(), "a fragment has a header");
         bytes += body.size();
     }
     std::size_t bytes = 0;
@@ -35,8 +35,11 @@ bool isPlausible(const PictureSize& size)
 }
 
 template <typename Codec>
-void readAll(Script& script, const media::TrackFormat& format)
+void readAll(Script& script, bool withNumbers)
 {
+    media::TrackFormat format;
+    if (withNumbers)
+        format.formatParameters = {{"sprop-max-don-diff", "1"}};
     typename Codec::PacketState state(format);
     media::ParameterSets sets;
     while (!script.atEnd()) {
@@ -68,21 +71,18 @@ void readAll(Script& script, const media::TrackFormat& format)
     }
 }
 
-/// A codec, with decoding order numbers or without, then NAL units or RTP payloads, each behind a length of 16 bits.
+/// A codec (3: H.265 with decoding order numbers), then NAL units or RTP payloads, each behind a length of 16 bits.
 ///
 /// Promises: a payload is cut into parts of its own; picture sizes are plausible; what is kept of parameter sets is
 /// bounded, and each change of it is counted.
 void feed(ByteView input)
 {
     Script script(input);
-    const unsigned choice = script.u8();
-    media::TrackFormat format;
-    if ((choice & 2U) != 0)
-        format.formatParameters = {{"sprop-max-don-diff", "1"}};
-    if ((choice & 1U) == 0)
-        readAll<media::H264>(script, format);
+    const unsigned codec = script.u8() % 4U;
+    if (codec % 2 == 0)
+        readAll<media::H264>(script, false);
     else
-        readAll<media::H265>(script, format);
+        readAll<media::H265>(script, codec == 3);
 }
 
 const Target nalUnits("nal_units", feed);

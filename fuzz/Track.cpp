@@ -83,6 +83,8 @@ media::TrackFormat formatOf(MediaCodec codec, unsigned choices)
         format.parameterSets = {{0x14, 0x08}};  // 16 kHz mono
     else if ((choices & setsInDescription) != 0)
         format.parameterSets = codec == MediaCodec::h265 ? h265Sets : h264Sets;
+    if (codec == MediaCodec::h265 && (choices & severalChannels) != 0)
+        format.formatParameters = {{"sprop-max-don-diff", "1"}};  // packets with decoding order numbers
     return format;
 }
 
