@@ -446,6 +446,33 @@ TEST(WireQuirks, soundComesInEitherLawAndAnyLength)
     }
 }
 
+TEST(WireQuirks, soundComesAsAacWithItsConfiguration)
+{
+    // 16 kHz mono; each packet begins with the length of its headers in bits and one header of 13 + 3 bits.
+    const Bytes unit(180, 0x21);
+    const Bytes packet = fromHex("0010 05a0") + unit;
+    Stage stage(plainHead + "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/16000/1\r\n"
+                            "a=fmtp:97 streamtype=5; profile-level-id=1; mode=AAC-hbr; sizelength=13; indexlength=3; "
+                            "indexdeltalength=3; config=1408\r\na=control:trackID=2\r\n",
+                [&](ScriptedPeer::Connection& peer) {
+                    PacketSender sender;
+                    sender.payloadType = 97;
+                    for (int i = 0; i < 3; ++i) {
+                        sender.send(peer, packet, true);
+                        sender.timestamp += 1024;
+                    }
+                });
+    ASSERT_TRUE(stage.playUntilFrames(3)) << stage.player.log.text();
+    for (const TakenFrame& frame : stage.player.frames) {
+        EXPECT_EQ(frame.info.codec, GDRV::MediaCodec::aac);
+        EXPECT_EQ(frame.data, unit);
+        EXPECT_EQ(frame.info.sampleRate, 16000U);
+        EXPECT_EQ(frame.info.sampleCount, 1024U);
+    }
+    EXPECT_EQ(stage.player.frames[0].parameterSets, fromHex("1408"));
+    EXPECT_TRUE(stage.player.frames[1].parameterSets.empty()) << "told once";
+}
+
 // ---- sessions -------------------------------------------------------------------------------------------------
 
 TEST(WireQuirks, keepAliveRefusedWithAnyMethodAndStatusGoesOnStreaming)
