@@ -82,7 +82,7 @@ std::shared_ptr<Device> Device::create(Tavro8::GDRV::IDeviceHandler* handler, Ta
 
 Device::Device(Tavro8::GDRV::IDeviceHandler* handler, Tavro8::ILogger* logger,
                std::shared_ptr<DeviceTraits> description, Tavro8::Utility::GlobalService& globalService)
-    : Base(handler, logger, std::move(description), globalService),
+    : Base(handler, logger, description, globalService, description->videoChannelCount),
       channelCount(getDescription()->videoChannelCount),
       logger(getLogger().get(), sourcePath),
       moduleLogger(getModuleLogger(), sourcePath),

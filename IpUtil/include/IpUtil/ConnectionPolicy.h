@@ -55,9 +55,10 @@ public:
 
 protected:
     /// `handler` and `logger` may be null and are not owned. `service` must outlive the object. `backoff` paces the
-    /// attempts after a failure, and after a loss that follows soon upon the one before.
+    /// attempts after a failure, and after a loss that follows soon upon the one before. `streams` tells how many
+    /// streams the device may have, see `GlobalService::assignContext`.
     AsyncConnectionPolicyBase(GDRV::IDeviceHandler* handler, ILogger* logger, GlobalService& service,
-                              const Backoff& backoff = Backoff());
+                              const Backoff& backoff = Backoff(), std::uint32_t streams = 1);
     virtual ~AsyncConnectionPolicyBase();
 
     /// One attempt; must end with exactly one call of `handleConnected`, on any thread. May block; must be quick

@@ -7,6 +7,7 @@
 #include <Tavro8/GDRV/IDevice.h>
 #include <Tavro8/GDRV/IDeviceInformation.h>
 #include <Tavro8/ResultCode.h>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -118,8 +119,12 @@ public:
     RTSPSource& getSource() const noexcept { return *source; }
 
 protected:
-    Device(GDRV::IDeviceHandler* handler, ILogger* logger, Description description, GlobalService& service)
-        : DeviceLogger(logger), Policy(handler, getLogger().get(), service), description(std::move(description))
+    /// `streams` tells how many streams the device may have, see `GlobalService::assignContext`.
+    Device(GDRV::IDeviceHandler* handler, ILogger* logger, Description description, GlobalService& service,
+           std::uint32_t streams = 1)
+        : DeviceLogger(logger),
+          Policy(handler, getLogger().get(), service, Backoff(), streams),
+          description(std::move(description))
     {}
 
     /// Takes the reference that `Destroy` drops, and makes the registry of live streams with the driver's hooks.

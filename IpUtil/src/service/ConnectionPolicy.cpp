@@ -84,12 +84,12 @@ struct AsyncConnectionPolicyBase::State : std::enable_shared_from_this<State> {
     enum class Phase { closed, waiting, connecting, connected };
 
     State(AsyncConnectionPolicyBase* owner, GDRV::IDeviceHandler* handler, ILogger* logger, GlobalService& service,
-          const Backoff& backoff)
+          const Backoff& backoff, std::uint32_t streams)
         : owner(owner),
           handler(handler),
           logger(logger, "IpUtil/src/service/ConnectionPolicy"),
           service(service),
-          context(service.assignContext()),
+          context(service.assignContext(streams)),
           timer(context),
           retries(backoff),
           losses(backoff),
@@ -377,8 +377,9 @@ std::chrono::milliseconds AsyncConnectionPolicyBase::State::nextDelay(Backoff& b
 }
 
 AsyncConnectionPolicyBase::AsyncConnectionPolicyBase(GDRV::IDeviceHandler* handler, ILogger* logger,
-                                                     GlobalService& service, const Backoff& backoff)
-    : state(std::make_shared<State>(this, handler, logger, service, backoff))
+                                                     GlobalService& service, const Backoff& backoff,
+                                                     std::uint32_t streams)
+    : state(std::make_shared<State>(this, handler, logger, service, backoff, streams))
 {}
 
 AsyncConnectionPolicyBase::~AsyncConnectionPolicyBase()

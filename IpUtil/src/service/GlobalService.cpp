@@ -103,7 +103,7 @@ struct GlobalService::State {
     BlockingLane prompt;
     BlockingLane failing;
     std::vector<std::unique_ptr<Worker>> workers;
-    std::atomic<std::size_t> nextWorker{0};
+    std::atomic<std::uint64_t> assignedStreams{0};
 };
 
 std::shared_ptr<GlobalService> GlobalService::instance()
@@ -136,10 +136,10 @@ GlobalService::~GlobalService()
     }
 }
 
-boost::asio::io_context& GlobalService::assignContext() noexcept
+boost::asio::io_context& GlobalService::assignContext(std::uint32_t streams) noexcept
 {
-    const std::size_t turn = state->nextWorker.fetch_add(1, std::memory_order_relaxed);
-    return state->workers[turn % state->workers.size()]->context;
+    const std::uint64_t before = state->assignedStreams.fetch_add(std::max(1U, streams), std::memory_order_relaxed);
+    return state->workers[before / streamsPerTurn % state->workers.size()]->context;
 }
 
 std::size_t GlobalService::getContextCount() const noexcept

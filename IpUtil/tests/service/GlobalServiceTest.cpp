@@ -5,6 +5,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <cstdint>
 #include <future>
 #include <gtest/gtest.h>
 #include <latch>
@@ -49,12 +50,35 @@ TEST(GlobalService, isOneForAllHoldersAndMadeAgainAfterTheLast)
     EXPECT_NE(GlobalService::instance(), nullptr);
 }
 
-TEST(GlobalService, assignsContextsInTurnWithOneThreadEach)
+TEST(GlobalService, fillsOneContextBeforeTheNextHasItsTurn)
+{
+    const auto service = GlobalService::instance();
+    if (service->getContextCount() < 2)
+        GTEST_SKIP() << "this machine has one core";
+    auto* const first = &service->assignContext();
+    for (std::uint32_t stream = 1; stream < GlobalService::streamsPerTurn; ++stream)
+        ASSERT_EQ(&service->assignContext(), first) << stream;
+    auto* const second = &service->assignContext(GlobalService::streamsPerTurn / 2);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(&service->assignContext(GlobalService::streamsPerTurn / 2), second);
+    EXPECT_NE(&service->assignContext(), second);
+}
+
+TEST(GlobalService, aDeviceWithoutStreamsCountsAsOneWithOne)
+{
+    const auto service = GlobalService::instance();
+    std::set<boost::asio::io_context*> contexts;
+    for (std::size_t i = 0; i < service->getContextCount() * GlobalService::streamsPerTurn; ++i)
+        contexts.insert(&service->assignContext(0));
+    EXPECT_EQ(contexts.size(), service->getContextCount());
+}
+
+TEST(GlobalService, runsEachContextOnOneThread)
 {
     const auto service = GlobalService::instance();
     std::set<boost::asio::io_context*> contexts;
     for (std::size_t i = 0; i < service->getContextCount(); ++i)
-        contexts.insert(&service->assignContext());
+        contexts.insert(&service->assignContext(GlobalService::streamsPerTurn));
     EXPECT_EQ(contexts.size(), service->getContextCount());
     for (boost::asio::io_context* context : contexts) {
         std::promise<std::thread::id> ids[2];
