@@ -87,8 +87,8 @@ std::string readableSummary(const StreamSummary& summary)
         text += silenceReason("Sound     none arrived", summary.audio->streamState) + '\n';
     if (summary.droppedFrames > 0)
         text += "Dropped   " + std::to_string(summary.droppedFrames) + " frames, because writing did not keep up\n";
-    text += "Load      " + decimalText(summary.cpuSeconds, 2) + " s of CPU, " +
-            sizeText(static_cast<double>(summary.residentBytes)) + " of memory\n";
+    text += "Load      " + decimalText(summary.load.cpuSeconds, 2) + " s of CPU, " +
+            sizeText(static_cast<double>(summary.load.residentBytes)) + " of memory\n";
     for (const auto& file : summary.recordings)
         text += "File      " + pathText(file) + '\n';
     if (!summary.picture.empty())
@@ -137,7 +137,7 @@ ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams)
     return sum;
 }
 
-void reportStatistics(Output& output, const ReceivedMedia& video)
+void reportStatistics(Output& output, const ReceivedMedia& video, const ProcessLoad& load)
 {
     const StreamStatistics& statistics = video.statistics;
     Json::Value fields(Json::objectValue);
@@ -151,6 +151,8 @@ void reportStatistics(Output& output, const ReceivedMedia& video)
     fields["connects"] = statistics.connects;
     fields["reconnects"] = statistics.reconnects;
     fields["jitterMs"] = statistics.jitterMs;
+    fields["cpuSeconds"] = load.cpuSeconds;
+    fields["residentBytes"] = number(load.residentBytes);
     for (const auto& [name, value] : statistics.named)
         fields["named"][name] = value;
     output.event("statistics", fields, {});
@@ -210,8 +212,8 @@ void reportSummary(Output& output, const StreamSummary& summary)
     fields["lost"] = number(video.statistics.lostPackets);
     fields["reconnects"] = video.statistics.reconnects;
     fields["seconds"] = summary.elapsed.count();
-    fields["cpuSeconds"] = summary.cpuSeconds;
-    fields["residentBytes"] = number(summary.residentBytes);
+    fields["cpuSeconds"] = summary.load.cpuSeconds;
+    fields["residentBytes"] = number(summary.load.residentBytes);
     if (summary.audio) {
         fields["audioFrames"] = number(summary.audio->frames);
         fields["audioBytes"] = number(summary.audio->bytes);

@@ -23,8 +23,14 @@ ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams);
 /// what to check. 0, a stream that plays, is no reason.
 std::string silenceReason(const std::string& what, std::int32_t state);
 
+/// What the program has cost so far.
+struct ProcessLoad {
+    double cpuSeconds = 0;            ///< user and system time since the streams were started
+    std::uint64_t residentBytes = 0;  ///< in RAM now
+};
+
 /// Writes the event `statistics`. It has no readable form: people watch the progress line.
-void reportStatistics(Output& output, const ReceivedMedia& video);
+void reportStatistics(Output& output, const ReceivedMedia& video, const ProcessLoad& load);
 
 /// Writes the event `frame`. `index` counts all frames of the command from 0.
 void reportFrame(Output& output, std::uint64_t index, const Tavro8::GDRV::MediaFrame& frame);
@@ -38,8 +44,7 @@ struct StreamSummary {
     ReceivedMedia video;
     std::optional<ReceivedMedia> audio;
     std::chrono::duration<double> elapsed{0};  ///< since the first frame
-    double cpuSeconds = 0;                     ///< of the whole program in that time
-    std::uint64_t residentBytes = 0;           ///< of the whole program at its end
+    ProcessLoad load;                          ///< at the end
     std::uint64_t droppedFrames = 0;           ///< received, but the disk or the decoder did not keep up
     std::vector<std::filesystem::path> recordings;
     std::filesystem::path picture;  ///< empty when none was saved

@@ -85,6 +85,8 @@ TEST_F(Live, reportsStatisticsEverySecond)
     EXPECT_EQ(statistics["frames"], 25);
     EXPECT_EQ(statistics["framesPerSecond"], 25.0);
     EXPECT_EQ(statistics["lost"], 0);
+    EXPECT_GT(statistics["cpuSeconds"].asDouble(), 0);
+    EXPECT_GT(statistics["residentBytes"].asUInt64(), 1000000U);
 }
 
 TEST_F(Live, tellsOfEachFrameWhenAsked)

@@ -56,14 +56,14 @@ public:
 
     ExitStatus run()
     {
+        raiseDescriptorLimit();
         cpuAtStart = processCpuSeconds();
         for (const auto& stream : streams)
             stream->start();
         awaitFirstFrames();
         receive();
         summary.elapsed = elapsed();
-        summary.cpuSeconds = processCpuSeconds() - cpuAtStart;
-        summary.residentBytes = processResidentBytes();
+        summary.load = load();
         stop();
         return finish();
     }
@@ -100,6 +100,8 @@ private:
     {
         return firstFrame ? Clock::now() - *firstFrame : std::chrono::duration<double>(0);
     }
+
+    ProcessLoad load() const { return {processCpuSeconds() - cpuAtStart, processResidentBytes()}; }
 
     bool recorderFailed() const { return recorder && recorder->hasFailed(); }
 
@@ -144,7 +146,7 @@ private:
                 return;
             const ReceivedMedia now = received();
             if (std::exchange(reported, now.statisticsCount) != now.statisticsCount)
-                reportStatistics(surroundings.output, now);
+                reportStatistics(surroundings.output, now, load());
         }
     }
 

@@ -32,6 +32,8 @@ std::uint64_t processResidentBytes() noexcept
         return 0;
     return counters.WorkingSetSize;
 }
+
+void raiseDescriptorLimit() noexcept {}  // there is none
 #else
 double processCpuSeconds() noexcept
 {
@@ -55,6 +57,15 @@ std::uint64_t processResidentBytes() noexcept
     const int fields = std::fscanf(file, "%llu %llu", &total, &resident);
     std::fclose(file);
     return fields == 2 ? resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) : 0;
+}
+
+void raiseDescriptorLimit() noexcept
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 #endif
 }  // namespace Host
