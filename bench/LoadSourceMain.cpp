@@ -1,5 +1,5 @@
 // Many cameras in one process, to load a receiver with. Tells its ports on the first line of its output; answers each
-// line on its input with what it has sent and cost so far; ends with its input.
+// line on its input, and the end of its input, with what it has sent and cost so far; then it ends.
 #include "Arguments.h"
 #include "LoadSource.h"
 #include "ProcessCost.h"
@@ -49,6 +49,7 @@ try {
     std::printf("{\"http\":%u,\"rtsp\":%u}\n", source.httpPort(), source.rtspPort());
     std::fflush(stdout);
     source.run(STDIN_FILENO, report);
+    report(source);
     return 0;
 } catch (const std::exception& e) {
     std::fprintf(stderr, "%s\n", e.what());
