@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <dlfcn.h>
 #include <exception>
 #include <filesystem>
@@ -153,10 +154,32 @@ struct Progress {
 };
 
 /// What the streams of a process have in common.
-struct Run {
+class Run {
+public:
     Progress progress;
     std::atomic<bool> measuring{false};
     std::uint64_t framesAwaited = 0;
+
+    /// One for each I/O thread, so that counting costs a stream no memory of its own.
+    LatencyHistogram& latencyOfThisThread()
+    {
+        static thread_local LatencyHistogram* own = nullptr;
+        if (own == nullptr) {
+            const std::lock_guard lock(mutex);
+            own = &latencies.emplace_back();
+        }
+        return *own;
+    }
+    void addLatenciesTo(LatencyHistogram& sum)
+    {
+        const std::lock_guard lock(mutex);
+        for (const LatencyHistogram& one : latencies)
+            one.addTo(sum);
+    }
+
+private:
+    std::mutex mutex;  // guards the list, not what is in it
+    std::deque<LatencyHistogram> latencies;
 };
 
 /// The counters of one stream. Its I/O thread writes, the main thread reads.
@@ -169,7 +192,6 @@ struct Counters {
     std::atomic<std::uint64_t> wireBytes{0};
     std::atomic<std::uint64_t> wirePackets{0};
     std::atomic<std::uint64_t> framesWithAllocation{0};  // something was allocated on the thread since the frame before
-    LatencyHistogram latency;                            // while it is measured
 };
 
 /// Only one thread writes, so an increment need not be one step.
@@ -248,7 +270,7 @@ private:
             counters.wireBytes.store(stamp->wireBytes, std::memory_order_relaxed);
             counters.wirePackets.store(stamp->wirePackets, std::memory_order_relaxed);
             if (run.measuring.load(std::memory_order_relaxed))
-                counters.latency.add(now - stamp->sentNs);
+                run.latencyOfThisThread().add(now - stamp->sentNs);
         }
         increase(counters.keyFrames, frame.keyFrame ? 1 : 0);
         increase(counters.bytes, frame.data.size());
@@ -318,12 +340,11 @@ void print(const char* name, std::uint64_t value)
     std::printf(",\"%s\":%llu", name, static_cast<unsigned long long>(value));
 }
 
-void printResult(const std::vector<std::unique_ptr<Stream>>& streams, const Sum& before, const Sum& after,
-                 const ProcessCost& empty, double connectSeconds, double seconds)
+void printResult(Run& run, const Sum& before, const Sum& after, const ProcessCost& empty, double connectSeconds,
+                 double seconds)
 {
     LatencyHistogram latency;
-    for (const auto& stream : streams)
-        stream->counters.latency.addTo(latency);
+    run.addLatenciesTo(latency);
     std::printf("{\"event\":\"result\",\"seconds\":%.6f,\"connectSeconds\":%.6f,\"cpuSeconds\":%.6f", seconds,
                 connectSeconds, after.cost.cpuSeconds - before.cost.cpuSeconds);
     print("sleeps", after.cost.contextSwitches - before.cost.contextSwitches);
@@ -398,7 +419,7 @@ int measure(const Arguments& arguments)
     }
     const Sum after = Sum::of(streams);
     run.measuring = false;
-    printResult(streams, before, after, empty, connectSeconds, secondsSince(steady));
+    printResult(run, before, after, empty, connectSeconds, secondsSince(steady));
     return 0;
 }
 }  // namespace
