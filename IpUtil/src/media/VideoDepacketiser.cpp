@@ -99,6 +99,10 @@ void VideoDepacketiser<Codec>::beginPacket(std::uint32_t timestamp, bool lostBef
     if (lostBefore && !frame.hasSlice) {
         frame.lostBefore = true;
         frame.startUncertain = true;
+        // Sets from before the gap may belong to a frame that is lost.
+        frame.videoSetInBand = false;
+        frame.sequenceSetInBand = false;
+        frame.pictureSetInBand = false;
     }
     frame.open = true;
     frame.timestamp = timestamp;

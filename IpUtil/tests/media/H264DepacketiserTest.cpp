@@ -366,6 +366,19 @@ TEST(H264Depacketiser, marksAKeyFrameWhoseOnlyParameterSetWasLost)
     EXPECT_FALSE(bench.frames[0].info.keyFrame);
 }
 
+TEST(H264Depacketiser, doesNotTakeTheParameterSetsOfALostFrameForThoseOfTheNext)
+{
+    Bench bench(h264Format());
+    begin(bench);
+    bench.push(stapA({otherSps, pps}), 5);  // the slices of this one are lost, and the next one's sequence set
+    bench.push(pps, 6, false, true);
+    bench.push(keySlice, 6, true);
+    EXPECT_EQ(bench.frames.size(), 1U);
+    bench.pushAll({sps, pps, keySlice}, 7);
+    ASSERT_EQ(bench.frames.size(), 2U);
+    EXPECT_EQ(bench.frames[1].data, annexB({sps, pps, keySlice}));
+}
+
 TEST(H264Depacketiser, startsAfreshAfterAReset)
 {
     Bench bench(h264Format());
