@@ -88,17 +88,20 @@ media::TrackFormat formatOf(MediaCodec codec, unsigned choices)
     return format;
 }
 
-std::size_t frameLimit(unsigned choices)
+/// A frame of G.711 is a packet, whose size is limit enough.
+std::size_t frameLimit(MediaCodec codec, unsigned choices)
 {
+    if (codec == MediaCodec::g711U || codec == MediaCodec::g711A)
+        return 0xffff;
     return (choices & tightLimit) != 0 ? 600 : 64 * 1024;
 }
 
-media::TrackReceiver::Options optionsOf(unsigned choices)
+media::TrackReceiver::Options optionsOf(unsigned choices, std::size_t limit)
 {
     media::TrackReceiver::Options options;
     options.depacketiser.lossPolicy =
         (choices & flagLosses) != 0 ? media::LossPolicy::flag : media::LossPolicy::dropUntilKeyFrame;
-    options.depacketiser.maxFrameBytes = frameLimit(choices);
+    options.depacketiser.maxFrameBytes = limit;
     return options;
 }
 
@@ -106,9 +109,9 @@ media::TrackReceiver::Options optionsOf(unsigned choices)
 class Player {
 public:
     Player(const media::TrackFormat& format, unsigned choices)
-        : limit(frameLimit(choices)),
+        : limit(frameLimit(format.codec, choices)),
           judge({limit, (choices & flagLosses) != 0}),
-          receiver(media::TrackReceiver::make(format, pool, judge, optionsOf(choices)))
+          receiver(media::TrackReceiver::make(format, pool, judge, optionsOf(choices, limit)))
     {
         now.utc = std::chrono::system_clock::time_point(std::chrono::hours(450'000));
         now.monotonic = std::chrono::steady_clock::time_point(std::chrono::hours(1));
