@@ -225,7 +225,7 @@ void VideoDepacketiser<Codec>::beginSlice(NalRole role, const SliceStart& start)
         return;
     }
     frame.hasSlice = true;
-    frame.key = key;
+    frame.key = key && hasDecoderSets();  // what comes of them later is not in front of the picture
     const bool setsMissing =
         key && ((setsUsuallyInBand && !setsInBand) || isVideoSetMissing() || (frame.lostBefore && !hasDecoderSets()));
     if (frame.startUncertain && (!start.startsPicture || setsMissing))
@@ -308,7 +308,7 @@ template <typename Codec>
 void VideoDepacketiser<Codec>::endFrame()
 {
     breakOffFragment();
-    const bool key = frame.key && !frame.damaged && hasDecoderSets();
+    const bool key = frame.key && !frame.damaged;
     if (frame.damaged)
         ++counters.damagedFrames;
     else

@@ -379,6 +379,16 @@ TEST(H264Depacketiser, doesNotTakeTheParameterSetsOfALostFrameForThoseOfTheNext)
     EXPECT_EQ(bench.frames[1].data, annexB({sps, pps, keySlice}));
 }
 
+TEST(H264Depacketiser, takesNoKeyFrameWhoseParameterSetsComeBehindItsFirstSlice)
+{
+    Bench bench(h264Format());
+    bench.pushAll({keySlice, sps, pps, laterKeySlice}, 0);
+    EXPECT_EQ(bench.frames.size(), 0U);
+    bench.pushAll({keySlice}, 1);
+    ASSERT_EQ(bench.frames.size(), 1U);
+    EXPECT_EQ(bench.frames[0].data, annexB({sps, pps, keySlice}));
+}
+
 TEST(H264Depacketiser, startsAfreshAfterAReset)
 {
     Bench bench(h264Format());
