@@ -19,6 +19,9 @@ using std::chrono::milliseconds;
 
 constexpr std::uint8_t payloadType = 96;
 
+/// Bit of the input's first byte: the clock rate follows the choices, as 32 bits.
+constexpr unsigned freeClock = 0x80;
+
 /// Bits of the input's second byte.
 enum Choice : unsigned {
     flagLosses = 1,
@@ -246,8 +249,8 @@ void Player::checkMemory() const
     require(usage.bytesOut <= (judge.heldCount() + 2) * (limit * 2 + 128 * 1024), "a track's memory is bounded");
 }
 
-/// The packets of one track: the codec, choices (see `Choice`), then records (see `Player::step`), each payload behind
-/// a length of 16 bits. A codec that cannot be received makes an empty run.
+/// The packets of one track: the codec, choices (see `Choice`), a clock rate if the codec's byte says so, then records
+/// (see `Player::step`), each payload behind a length of 16 bits. A codec that cannot be received makes an empty run.
 ///
 /// Promises: frames keep to the rules of their codec (start codes, SOI and EOI, parameter sets in key frames), to the
 /// limit and to the loss policy; their times never run backwards, whatever the sender's reports and clocks do; memory
@@ -257,9 +260,12 @@ void feed(ByteView input)
     constexpr std::array codecs = {MediaCodec::h264,  MediaCodec::h265, MediaCodec::g711U, MediaCodec::g711A,
                                    MediaCodec::mjpeg, MediaCodec::aac,  MediaCodec::pcm16};
     Script script(input);
-    const MediaCodec codec = codecs[script.u8() % codecs.size()];
+    const unsigned first = script.u8();
+    const MediaCodec codec = codecs[(first & ~freeClock) % codecs.size()];
     const unsigned choices = script.u8();
-    const media::TrackFormat format = formatOf(codec, choices);
+    media::TrackFormat format = formatOf(codec, choices);
+    if ((first & freeClock) != 0)
+        format.clockRate = script.u32();
     if (media::refusalOf(format) != nullptr)
         return;
     Player player(format, choices);

@@ -57,7 +57,7 @@ AacPacking readAacPacking(const TrackFormat& format)
     else if (numberOf(format, "maxdisplacement") != 0)
         packing.refusal = "AAC in interleaved packets (maxDisplacement) is not supported";
     else if (configOf(format).empty())
-        packing.refusal = "the AAC track names neither a configuration nor a usable number of channels";
+        packing.refusal = "the AAC track names neither a configuration nor a usable rate and number of channels";
     return packing;
 }
 

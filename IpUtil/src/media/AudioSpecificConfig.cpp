@@ -21,7 +21,6 @@ constexpr std::uint32_t enhancedLowDelay = 39;
 constexpr std::array<std::uint32_t, 13> sampleRates{96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                                     22050, 16000, 12000, 11025, 8000,  7350};
 constexpr std::uint32_t explicitRate = 15;
-constexpr std::uint32_t maxSampleRate = 192000;
 constexpr std::array<std::uint32_t, 8> channelCounts{0, 1, 2, 3, 4, 5, 6, 8};  // by channel configuration
 
 std::uint32_t readObjectType(BitReader& reader) noexcept
@@ -118,14 +117,14 @@ std::optional<AacConfig> readAacConfig(std::span<const std::uint8_t> bytes) noex
 std::vector<std::uint8_t> makeAacConfig(std::uint32_t sampleRate, std::uint32_t channelCount)
 {
     const auto channels = std::ranges::find(channelCounts, channelCount);
-    if (channels == channelCounts.end() || channelCount == 0)
+    if (channels == channelCounts.end() || channelCount == 0 || sampleRate == 0 || sampleRate > maxSampleRate)
         return {};
     const auto rate = std::ranges::find(sampleRates, sampleRate);
     const auto configuration = static_cast<std::uint32_t>(channels - channelCounts.begin());
     if (rate == sampleRates.end()) {
         // 5 bits type, 4 bits escape, 24 bits rate, 4 bits channels, 3 bits zero
         const std::uint64_t bits = std::uint64_t{lowComplexity} << 35 | std::uint64_t{explicitRate} << 31 |
-                                   std::uint64_t{sampleRate & 0xffffffU} << 7 | configuration << 3;
+                                   std::uint64_t{sampleRate} << 7 | configuration << 3;
         return {static_cast<std::uint8_t>(bits >> 32), static_cast<std::uint8_t>(bits >> 24),
                 static_cast<std::uint8_t>(bits >> 16), static_cast<std::uint8_t>(bits >> 8),
                 static_cast<std::uint8_t>(bits)};

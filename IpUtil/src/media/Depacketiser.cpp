@@ -17,6 +17,11 @@ using GDRV::MediaCodec;
 constexpr std::uint8_t largestPayloadType = 127;
 constexpr std::uint32_t videoClockRate = 90000;
 constexpr std::uint32_t telephoneClockRate = 8000;
+
+// All formats of video that are received here prescribe 90 kHz. What counts neither milliseconds nor anything up to the
+// system clock of MPEG is a slip of the device.
+constexpr std::uint32_t slowestVideoClock = 1000;
+constexpr std::uint32_t fastestVideoClock = 27'000'000;
 }  // namespace
 
 std::string_view formatParameter(const TrackFormat& format, std::string_view name) noexcept
@@ -28,9 +33,10 @@ std::string_view formatParameter(const TrackFormat& format, std::string_view nam
 
 std::uint32_t clockRateOf(const TrackFormat& format) noexcept
 {
-    if (format.clockRate != 0)
-        return format.clockRate;
-    return isVideo(format.codec) ? videoClockRate : telephoneClockRate;
+    const std::uint32_t rate = format.clockRate;
+    if (isVideo(format.codec))
+        return rate >= slowestVideoClock && rate <= fastestVideoClock ? rate : videoClockRate;
+    return rate != 0 ? rate : telephoneClockRate;
 }
 
 const char* refusalOf(const TrackFormat& format)
@@ -39,6 +45,8 @@ const char* refusalOf(const TrackFormat& format)
         return "the track names no payload type";
     if (std::ranges::any_of(format.payloadTypes, [](std::uint8_t type) { return type > largestPayloadType; }))
         return "the track names a payload type above 127";
+    if (!isVideo(format.codec) && format.clockRate > maxSampleRate)
+        return "the sound track names a clock rate above 192 kHz";
     switch (format.codec) {
     case MediaCodec::h264:
         if (formatParameter(format, "packetization-mode") == "2")

@@ -35,7 +35,8 @@ struct TrackFormat {
 /// The value of a format parameter, its name in lower case; empty when there is none.
 std::string_view formatParameter(const TrackFormat& format, std::string_view name) noexcept;
 
-/// The clock rate of a track: the one given or the codec's usual one.
+/// The clock rate of a track, never 0: the one given, or the codec's usual one where it is missing or, for video,
+/// absurd.
 std::uint32_t clockRateOf(const TrackFormat& format) noexcept;
 
 /// What becomes of video when packets are missing. A damaged frame is never handed out as a whole one.

@@ -90,6 +90,9 @@ TEST(AacConfig, isMadeWhereTheDeviceTellsNone)
     EXPECT_EQ(makeAacConfig(48000, 2), lc48kStereo);
     EXPECT_TRUE(makeAacConfig(16000, 7).empty());
     EXPECT_TRUE(makeAacConfig(16000, 0).empty());
+    EXPECT_TRUE(readAacConfig(makeAacConfig(192000, 1)));
+    for (const std::uint32_t rate : {0U, 192001U, 300000U, 0x1000000U, 0x1003e80U, 0xffffffffU})
+        EXPECT_TRUE(makeAacConfig(rate, 1).empty()) << rate;
 }
 
 TEST(AacDepacketiser, isMadeForWhatItUnderstands)
@@ -100,13 +103,37 @@ TEST(AacDepacketiser, isMadeForWhatItUnderstands)
     EXPECT_EQ(refusalOf(aacFormat({}, 16000)), nullptr) << "rate and channels will do";
     TrackFormat format = aacFormat({}, 16000);
     format.channelCount = 7;
-    EXPECT_STREQ(refusalOf(format), "the AAC track names neither a configuration nor a usable number of channels");
+    EXPECT_STREQ(refusalOf(format),
+                 "the AAC track names neither a configuration nor a usable rate and number of channels");
     EXPECT_STREQ(refusalOf(aacFormat(lc16kMono, 16000, "CELP-cbr")),
                  "the mode of the mpeg4-generic track is not one of AAC");
     EXPECT_STREQ(refusalOf(withParameters({{"sizelength", "33"}})),
                  "the AAC track describes header fields of more than 32 bits");
     EXPECT_STREQ(refusalOf(withParameters({{"sizelength", "13"}, {"maxdisplacement", "5"}})),
                  "AAC in interleaved packets (maxDisplacement) is not supported");
+}
+
+TEST(AacDepacketiser, isNotMadeForAnImpossibleRate)
+{
+    for (const std::uint32_t rate : {192001U, 300000U, 0x1000000U, 0x1003e80U, 0xffffffffU}) {
+        for (const Bytes& config : {Bytes{}, lc16kMono, hex("17 ff ff ff 88")}) {
+            SCOPED_TRACE(::testing::Message() << rate << ' ' << toHex(config));
+            Bench bench(aacFormat(config, rate));
+            EXPECT_EQ(bench.depacketiser, nullptr);
+            EXPECT_STREQ(refusalOf(aacFormat(config, rate)), "the sound track names a clock rate above 192 kHz");
+            if (bench.depacketiser != nullptr)
+                bench.push(headers({5}) + one, 0, true);
+        }
+    }
+}
+
+TEST(AacDepacketiser, goesByTheUsualRateWhereNoneIsNamed)
+{
+    Bench bench(aacFormat({}, 0));
+    bench.push(headers({5}) + one, 0, true);
+    ASSERT_EQ(bench.frames.size(), 1U);
+    EXPECT_EQ(bench.frames[0].info.sampleRate, 8000U);
+    EXPECT_EQ(bench.frames[0].info.durationMs, 128U);
 }
 
 TEST(AacDepacketiser, handsOutOneUnit)

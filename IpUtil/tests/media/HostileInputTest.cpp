@@ -277,6 +277,37 @@ INSTANTIATE_TEST_SUITE_P(Codecs, HostileInput,
                                            GDRV::MediaCodec::aac, GDRV::MediaCodec::g711A),
                          [](const auto& parameter) { return nameOf(parameter.param); });
 
+TEST(ClockRate, isTheUsualOneWhereVideoNamesAnAbsurdOne)
+{
+    TrackFormat format = h264Format();
+    for (const std::uint32_t rate : {0U, 1U, 999U, 27'000'001U, 0xffffffffU}) {
+        format.clockRate = rate;
+        EXPECT_EQ(clockRateOf(format), 90000U) << rate;
+        EXPECT_EQ(refusalOf(format), nullptr) << rate;
+    }
+    for (const std::uint32_t rate : {1000U, 90000U, 27'000'000U}) {
+        format.clockRate = rate;
+        EXPECT_EQ(clockRateOf(format), rate);
+    }
+}
+
+TEST(ClockRate, ofSoundIsRefusedWhereItIsImpossible)
+{
+    for (const auto codec : {GDRV::MediaCodec::g711U, GDRV::MediaCodec::g711A}) {
+        TrackFormat format;
+        format.codec = codec;
+        format.payloadTypes = {0};
+        for (const std::uint32_t rate : {0U, 1U, 8000U, 192000U}) {
+            format.clockRate = rate;
+            EXPECT_EQ(refusalOf(format), nullptr) << rate;
+        }
+        for (const std::uint32_t rate : {192001U, 0xffffffffU}) {
+            format.clockRate = rate;
+            EXPECT_STREQ(refusalOf(format), "the sound track names a clock rate above 192 kHz") << rate;
+        }
+    }
+}
+
 TEST(EndlessInput, keepsMemoryBounded)
 {
     const struct {
