@@ -224,7 +224,9 @@ void RTSPClient::State::onPlaying()
     phase = Phase::playing;
     nextKeepAlive = now + keepAliveInterval();
     nextReport = now + timing.reportInterval;
-    lastProgress = playingSince = now;
+    playingSince = now;
+    for (const auto& track : tracks)
+        track->beginWatch(now);
     logger.info(
         "Tavro8::Utility::RTSPClient::performDefaultSteps", "playing ", url,
         std::ranges::any_of(tracks, [](const auto& track) { return track->getPorts() != nullptr; }) ? " over UDP" : "");

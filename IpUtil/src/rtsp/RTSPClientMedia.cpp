@@ -102,13 +102,15 @@ void RTSPClient::State::establishTracks()
         if (found == tracks.end())
             continue;
         establish(static_cast<std::size_t>(found - tracks.begin()), agreed);
-        if (agreed.refusedOther)
-            learnTransport(agreed);
     }
     for (const auto& track : tracks) {
         if (!track->isEstablished())
             track->closePorts();  // the device has left it out
     }
+    const auto& agreed = session->tracks();
+    const auto refused = std::ranges::find_if(agreed, &wire::RtspTrack::refusedOther);
+    if (refused != agreed.end())
+        learnTransport(!refused->transport.tcp);
 }
 
 void RTSPClient::State::establish(std::size_t number, const wire::RtspTrack& agreed)
@@ -125,11 +127,15 @@ void RTSPClient::State::establish(std::size_t number, const wire::RtspTrack& agr
     }
 }
 
-/// Says once which way the device has refused, and remembers the other.
-void RTSPClient::State::learnTransport(const wire::RtspTrack& agreed)
+/// Says once which way the device has refused, and remembers the other. A device that sends some tracks one way and
+/// some the other has refused neither.
+void RTSPClient::State::learnTransport(bool refusesInterleaved)
 {
-    const RtspTransport accepted = agreed.transport.tcp ? RtspTransport::tcp : RtspTransport::udp;
-    if (std::exchange(learntTransport, accepted) == accepted)
+    const bool mixed = std::ranges::any_of(tracks, [&](const auto& track) {
+        return track->isReceiving() && track->isEstablished() && (track->getPorts() != nullptr) != refusesInterleaved;
+    });
+    const RtspTransport accepted = refusesInterleaved ? RtspTransport::udp : RtspTransport::tcp;
+    if (mixed || std::exchange(learntTransport, accepted) == accepted)
         return;
     if (accepted == RtspTransport::tcp)
         logger.warning("Tavro8::Utility::RTSPClient::performDefaultSteps",
@@ -277,12 +283,8 @@ void RTSPClient::State::judgeTime(Clock::time_point now)
 void RTSPClient::State::supervise(Clock::time_point now)
 {
     warnOfOddities();
-    if (transport == RtspTransport::udp && !learntTransport && isUdpSilent()) {
-        if (now - playingSince >= timing.firstDatagramLimit)
-            return giveUpUdp();
-    } else if (watchProgress(now)) {
+    if (watchProgress(now))
         return;
-    }
     if (now >= nextKeepAlive) {
         nextKeepAlive = now + keepAliveInterval();
         perform(session->keepAlive());
@@ -291,19 +293,6 @@ void RTSPClient::State::supervise(Clock::time_point now)
         nextReport = now + timing.reportInterval;
         sendReports(now);
     }
-}
-
-/// Whether tracks come over UDP, and nothing of any of them has.
-bool RTSPClient::State::isUdpSilent() const noexcept
-{
-    bool silent = false;
-    for (const auto& track : tracks) {
-        const RtpPorts* ports = track->getPorts();
-        if (ports != nullptr && ports->rtpDatagrams() != 0)
-            return false;
-        silent = silent || ports != nullptr;
-    }
-    return silent;
 }
 
 void RTSPClient::State::warnOfOddities()
@@ -321,40 +310,62 @@ void RTSPClient::State::warnOfOddities()
 /// Ends a stream that sends nothing, or nothing that fits its description. True when it has been ended.
 bool RTSPClient::State::watchProgress(Clock::time_point now)
 {
-    std::uint64_t admitted = 0;
-    std::uint64_t foreign = 0;
-    std::uint64_t malformed = 0;
-    bool receives = false;
-    bool bye = false;
-    bool formatChanged = false;
+    const auto receives = [](const auto& track) { return track->isReceiving() && track->isEstablished(); };
+    const bool hasPictures =
+        std::ranges::any_of(tracks, [&](const auto& track) { return receives(track) && track->isVideo(); });
+    std::optional<Ending> ending;
     for (const auto& track : tracks) {
-        if (!track->isReceiving() || !track->isEstablished())
-            continue;
-        const media::TrackReceiver::Statistics total = track->statistics();
-        receives = true;
-        bye = bye || track->hasSaidBye(total);
-        admitted += total.packets;
-        foreign += total.foreignPackets;
-        malformed += total.malformedPackets;
-        formatChanged =
-            track->sendsOnlyForeign(total, now, timing.foreignLimit) || total.formatChanged || formatChanged;
+        if (receives(track) && !ending)
+            ending = judge(*track, track->isVideo() || !hasPictures, now);
     }
-    if (admitted != admittedBefore) {
-        admittedBefore = admitted;
-        lastProgress = now;
-    }
-    if (malformed != 0 && !std::exchange(malformedReported, true))
+    if (ending && ending->byUdp)
+        giveUpUdp();
+    else if (ending)
+        fail(ending->result, "receiving", ending->reason);
+    return ending.has_value();
+}
+
+/// Each track by itself: living sound does not make up for pictures that stand still. Sound beside pictures is not
+/// vital, its silence ends nothing.
+std::optional<RTSPClient::State::Ending> RTSPClient::State::judge(RTSPTrack& track, bool vital, Clock::time_point now)
+{
+    const media::TrackReceiver::Statistics total = track.statistics();
+    const auto silence = track.silence(total, now);
+    if (total.malformedPackets != 0 && !std::exchange(malformedReported, true))
         logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": packets that cannot be read are dropped");
-    const auto silence = now - lastProgress;
-    if (formatChanged)
-        fail(ResultCode::connectionLost, "receiving", "the format of the stream has changed");
-    else if (receives && bye && silence >= timing.silenceAfterBye)
-        fail(ResultCode::connectionLost, "receiving", "the device has ended the stream");
-    else if (receives && stallTimeout.count() != 0 && silence >= stallTimeout && admitted == 0 && foreign != 0)
-        fail(ResultCode::unsupportedMedia, "receiving", "the packets do not fit the description");
-    else if (receives && stallTimeout.count() != 0 && silence >= stallTimeout)
-        fail(ResultCode::timedOut, "receiving", "no packet has come for too long");
-    return phase != Phase::playing;
+    if (track.sendsOnlyForeign(total, now, timing.foreignLimit) || total.formatChanged)
+        return Ending{ResultCode::connectionLost, "the format of the stream has changed"};
+    if (vital)
+        return judgeSilence(track, total, silence, now);
+    if (stallTimeout.count() != 0 && silence >= stallTimeout)
+        reportSilentSound();
+    return std::nullopt;
+}
+
+std::optional<RTSPClient::State::Ending> RTSPClient::State::judgeSilence(const RTSPTrack& track,
+                                                                         const media::TrackReceiver::Statistics& total,
+                                                                         std::chrono::steady_clock::duration silence,
+                                                                         Clock::time_point now) const
+{
+    if (transport == RtspTransport::udp && track.awaitsFirstDatagram()) {
+        if (now - playingSince < timing.firstDatagramLimit)
+            return std::nullopt;
+        return Ending{ResultCode::timedOut, "nothing arrives over UDP", true};
+    }
+    if (track.hasSaidBye(total) && silence >= timing.silenceAfterBye)
+        return Ending{ResultCode::connectionLost, "the device has ended the stream"};
+    if (stallTimeout.count() == 0 || silence < stallTimeout)
+        return std::nullopt;
+    if (total.packets == 0 && total.foreignPackets != 0)
+        return Ending{ResultCode::unsupportedMedia, "the packets do not fit the description"};
+    return Ending{ResultCode::timedOut, track.isVideo() ? "no packet of the pictures has come for too long"
+                                                        : "no packet of the sound has come for too long"};
+}
+
+void RTSPClient::State::reportSilentSound()
+{
+    if (!std::exchange(silentSoundReported, true))
+        logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": no sound comes beside the pictures");
 }
 
 void RTSPClient::State::sendReports(Clock::time_point now)

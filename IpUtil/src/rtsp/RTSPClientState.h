@@ -95,17 +95,27 @@ private:
     wire::RtspTrackRequest requestOf(RTSPTrack& track);
     void establishTracks();
     void establish(std::size_t number, const wire::RtspTrack& agreed);
-    void learnTransport(const wire::RtspTrack& agreed);
+    void learnTransport(bool refusesInterleaved);
     void giveUpUdp();
     RTSPTrack* playingTrack(std::size_t number) const noexcept;
     void deliverRtp(RTSPTrack& track, wire::ByteView packet, const media::ArrivalTime& arrival);
     template <typename Body>
     void whileDelivering(Body&& body);
 
+    /// Why a stream is not worth going on with.
+    struct Ending {
+        ResultCode result;
+        const char* reason;  // a part of a sentence
+        bool byUdp = false;  // it never began: the other transport may do better
+    };
+
     void judgeTime(TimePoint now);
     void supervise(TimePoint now);
     bool watchProgress(TimePoint now);
-    bool isUdpSilent() const noexcept;
+    std::optional<Ending> judge(RTSPTrack& track, bool vital, TimePoint now);
+    std::optional<Ending> judgeSilence(const RTSPTrack& track, const media::TrackReceiver::Statistics& total,
+                                       std::chrono::steady_clock::duration silence, TimePoint now) const;
+    void reportSilentSound();
     void warnOfOddities();
     void sendReports(TimePoint now);
     std::chrono::milliseconds keepAliveInterval() const;
@@ -143,12 +153,11 @@ private:
     TimePoint deadline;
     TimePoint nextKeepAlive;
     TimePoint nextReport;
-    TimePoint lastProgress;
     TimePoint playingSince;
-    std::uint64_t admittedBefore = 0;
     bool refusalReported = false;
     bool skipReported = false;
     bool strayReported = false;
     bool malformedReported = false;
+    bool silentSoundReported = false;
 };
 }  // namespace Tavro8::Utility

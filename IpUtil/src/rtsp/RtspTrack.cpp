@@ -34,6 +34,7 @@ wire::RtcpReportBlock blockOf(const media::ReceptionReport& report)
             report.lastSenderReport,
             report.delaySinceLastSenderReport};
 }
+
 /// RFC 3550 section 6.1: each compound packet begins with a report and names its source.
 wire::Bytes beginCompound(std::uint32_t ownSource, std::span<const wire::RtcpReportBlock> blocks)
 {
@@ -179,6 +180,14 @@ std::vector<std::uint8_t> RTSPTrack::makePacket(const std::vector<std::uint8_t>&
 media::TrackReceiver::Statistics RTSPTrack::statistics() const noexcept
 {
     return receiver == nullptr ? media::TrackReceiver::Statistics{} : receiver->statistics();
+}
+
+std::chrono::steady_clock::duration RTSPTrack::silence(const media::TrackReceiver::Statistics& total,
+                                                       std::chrono::steady_clock::time_point now) noexcept
+{
+    if (std::exchange(packetsWatched, total.packets) != total.packets)
+        lastProgress = now;
+    return now - lastProgress;
 }
 
 bool RTSPTrack::sendsOnlyForeign(const media::TrackReceiver::Statistics& total,

@@ -73,6 +73,14 @@ public:
 
     StreamCounters counters() const noexcept;
     media::TrackReceiver::Statistics statistics() const noexcept;
+    bool isVideo() const noexcept { return description().kind == "video"; }
+    /// The time from which on silence counts.
+    void beginWatch(std::chrono::steady_clock::time_point now) noexcept { lastProgress = now; }
+    /// To be asked at each tick: for how long no packet of the track's format has come.
+    std::chrono::steady_clock::duration silence(const media::TrackReceiver::Statistics& total,
+                                                std::chrono::steady_clock::time_point now) noexcept;
+    /// Whether the track is to come over UDP and no datagram has.
+    bool awaitsFirstDatagram() const noexcept { return getPorts() != nullptr && getPorts()->rtpDatagrams() == 0; }
     /// To be asked at each tick: whether the track, having played, has brought nothing but unknown payload types for
     /// `limit`.
     bool sendsOnlyForeign(const media::TrackReceiver::Statistics& total, std::chrono::steady_clock::time_point now,
@@ -103,6 +111,8 @@ private:
     std::uint32_t lastJitter = 0;  // of the last report, in units of the clock rate
 
     // As of the last tick.
+    std::uint64_t packetsWatched = 0;
+    std::chrono::steady_clock::time_point lastProgress;
     std::uint64_t packetsBefore = 0;
     std::uint64_t foreignBefore = 0;
     std::optional<std::chrono::steady_clock::time_point> foreignSince;

@@ -11,6 +11,8 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <memory>
+#include <thread>
 
 namespace Tavro8::Utility
 {
@@ -347,6 +349,63 @@ TEST(RtpOverUdp, givesUpWhenNothingGetsThrough)
     EXPECT_EQ(scene.peer->count("TEARDOWN"), 1U) << "ended in good order before anybody is told";
     EXPECT_EQ(scene.player.log.errorCount(), 0U);
     EXPECT_THAT(scene.player.log.text(), HasSubstr(silentUdp));
+}
+
+TEST(RtpOverUdp, givesUpWhenSoundGetsThroughAndPicturesDoNot)
+{
+    Scene scene(videoAndAudioSdp, [](StreamTiming& timing) { timing.firstDatagramLimit = milliseconds(30); });
+    scene.camera.beforePlayAnswer = [&](ScriptedPeer::Connection&) {
+        scene.audio.sendRtp(rtp(0, 7, 160, false, Bytes(160, 0x55), 0x99));
+    };
+    scene.start();
+    ASSERT_TRUE(scene.loop.runUntil([&] { return scene.player.closed.has_value(); }));
+    EXPECT_EQ(scene.player.closed, make_error_code(ResultCode::timedOut));
+    EXPECT_EQ(scene.player.audio.size(), 1U);
+    EXPECT_EQ(scene.player.client->getWorkingTransport(), RtspTransport::tcp);
+    EXPECT_THAT(scene.player.log.text(), HasSubstr(silentUdp));
+}
+
+TEST(RtpOverUdp, givesUpWhenSoundTakesTheConnectionAndPicturesDoNotGetThrough)
+{
+    const struct {
+        const char* name;
+        bool refuses;  // and does not just answer with channels
+    } cases[] = {{"refused", true}, {"answered with channels", false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Scene scene(videoAndAudioSdp, [](StreamTiming& timing) { timing.firstDatagramLimit = milliseconds(30); });
+        scene.camera.transport = [&](std::size_t track, const std::string& asked) {
+            if (track == 0)
+                return scene.video.accept(asked);
+            return std::string("RTP/AVP/TCP;unicast;interleaved=2-3");
+        };
+        if (c.refuses)
+            scene.refuse([setups = std::make_shared<int>(0)](const std::string&) { return ++*setups != 2; });
+        scene.camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+            for (std::uint16_t i = 0; !connection.hasMore(); ++i) {
+                connection.sendFrame(2, rtp(0, i, 160U * i, false, Bytes(160, 0x55), 0x99));
+                std::this_thread::yield();
+            }
+        };
+        scene.start();
+        ASSERT_TRUE(scene.loop.runUntil([&] { return scene.player.closed.has_value(); }));
+        EXPECT_EQ(scene.player.closed, make_error_code(ResultCode::timedOut));
+        EXPECT_GE(scene.player.audio.size(), 1U);
+        EXPECT_EQ(scene.player.client->getWorkingTransport(), RtspTransport::tcp);
+        EXPECT_THAT(scene.player.log.text(), HasSubstr(silentUdp));
+    }
+}
+
+TEST(RtpOverUdp, isKeptWhenPicturesGetThroughAndSoundDoesNot)
+{
+    Scene scene(videoAndAudioSdp, [](StreamTiming& timing) { timing.firstDatagramLimit = milliseconds(20); });
+    scene.player.client->setStallTimeout(milliseconds(400));
+    ASSERT_TRUE(scene.play());
+    ASSERT_TRUE(scene.loop.runUntil([&] {
+        scene.video.sendRtp(scene.sender.keyFrameRtp());
+        return scene.player.log.text().find("no sound comes") != std::string::npos;
+    }));
+    EXPECT_FALSE(scene.player.closed);
 }
 
 TEST(RtpOverUdp, tellsNobodyOfGivingUpAfterATeardown)

@@ -66,6 +66,71 @@ void sendFrames(ScriptedPeer::Connection& connection, PacketSender& sender, int 
 }
 }  // namespace
 
+// ---- silence --------------------------------------------------------------------------------------------------
+
+TEST(StreamLife, picturesThatStandStillBesideSoundAreAskedForAgain)
+{
+    Camera camera = sendingCamera();
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        VideoSender video;
+        video.run(connection, 5);
+        for (std::uint16_t i = 0; !connection.hasMore(); ++i) {
+            if (connection.number != 0)
+                video.sendPicture(connection);
+            if (!connection.sendFrame(2, rtp(0, i, i * 160U, false, Bytes(160, 0x55), 0x99)))
+                return;
+            std::this_thread::yield();
+        }
+    };
+    Fixture fixture(camera);
+    const auto video = fixture.add(MediaKind::video);
+    const auto audio = fixture.add(MediaKind::audio);
+    video->stallTimeout = audio->stallTimeout = milliseconds(300);
+    ASSERT_TRUE(fixture.loop.runUntil([&] { return video->states.size() == 3 && video->framesSinceState > 5; }))
+        << fixture.log.text();
+    EXPECT_EQ(video->states[1], errorOf(ResultCode::timedOut));
+    EXPECT_FALSE(video->states[2]);
+    EXPECT_EQ(fixture.peer.connectionCount(), 2U);
+    EXPECT_THAT(fixture.log.text(), HasSubstr("no packet of the pictures has come"));
+}
+
+TEST(StreamLife, soundThatFallsSilentBesidePicturesEndsNothing)
+{
+    Camera camera = sendingCamera();
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        VideoSender video;
+        connection.sendFrame(2, rtp(0, 1, 160, false, Bytes(160, 0x55), 0x99));
+        while (!connection.hasMore() && video.sendKeyFrame(connection))
+            std::this_thread::yield();
+    };
+    Fixture fixture(camera);
+    const auto video = fixture.add(MediaKind::video);
+    const auto audio = fixture.add(MediaKind::audio);
+    video->stallTimeout = audio->stallTimeout = milliseconds(300);
+    const std::string line = "no sound comes";
+    ASSERT_TRUE(fixture.loop.runUntil([&] { return fixture.log.text().find(line) != std::string::npos; }));
+    const std::size_t frames = video->frames;
+    ASSERT_TRUE(fixture.loop.runUntil([&] { return video->frames > frames + 20; }));
+    const std::string text = fixture.log.text();
+    EXPECT_EQ(text.find(line), text.rfind(line)) << "said once";
+    EXPECT_EQ(fixture.peer.connectionCount(), 1U);
+    EXPECT_EQ(audio->frames, 1U);
+    EXPECT_EQ(audio->states.size(), 1U);
+}
+
+TEST(StreamLife, soundAloneIsAskedForAgainWhenItFallsSilent)
+{
+    Camera camera = sendingCamera();
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        connection.sendFrame(0, rtp(0, 1, 160, false, Bytes(160, 0x55), 0x99));
+    };
+    Fixture fixture(camera);
+    const auto audio = fixture.add(MediaKind::audio);
+    audio->stallTimeout = milliseconds(50);
+    ASSERT_TRUE(fixture.loop.runUntil([&] { return audio->frames == 2; })) << fixture.log.text();
+    EXPECT_EQ(audio->states[1], errorOf(ResultCode::timedOut));
+}
+
 // ---- another format -------------------------------------------------------------------------------------------
 
 TEST(StreamLife, describesAgainWhenTheCodecChangesUnderItsPayloadType)
