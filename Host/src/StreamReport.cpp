@@ -51,6 +51,8 @@ std::string pictureLine(const StreamSummary& summary)
                        " of them key frames, in " + decimalText(seconds, 1) + " s";
     if (summary.streams > 1)
         line += " on " + std::to_string(summary.streams) + " streams";
+    if (summary.silentStreams > 0)
+        line += ", " + std::to_string(summary.silentStreams) + " of them silent";
     line += "\nVideo     " + std::string(codecName(video.codec)) + ' ' + sizeOf(video) + ", " +
             decimalText(static_cast<double>(video.frames) * perSecond, 1) + " frames/s, " +
             bitRateText(static_cast<double>(video.bytes) * 8 * perSecond) + ", " +
@@ -201,6 +203,7 @@ void reportSummary(Output& output, const StreamSummary& summary)
     const ReceivedMedia& video = summary.video;
     Json::Value fields(Json::objectValue);
     fields["streams"] = number(summary.streams);
+    fields["silentStreams"] = number(summary.silentStreams);
     fields["frames"] = number(video.frames);
     fields["keyFrames"] = number(video.keyFrames);
     fields["damagedFrames"] = number(video.damagedFrames);

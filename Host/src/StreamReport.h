@@ -41,6 +41,7 @@ std::string progressText(const ReceivedMedia& video, std::chrono::duration<doubl
 /// All that the event `summary` says.
 struct StreamSummary {
     std::size_t streams = 1;
+    std::size_t silentStreams = 0;  ///< of these: on which no picture has arrived
     ReceivedMedia video;
     std::optional<ReceivedMedia> audio;
     std::chrono::duration<double> elapsed{0};  ///< since the first frame

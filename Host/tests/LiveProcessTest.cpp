@@ -136,8 +136,22 @@ TEST_F(Live, receivesFromManyDevicesAtOnce)
     EXPECT_EQ(status, 0);
     const Json::Value summary = getEvent("summary");
     EXPECT_EQ(summary["streams"], 5);
+    EXPECT_EQ(summary["silentStreams"], 0);
     EXPECT_GE(summary["frames"].asUInt(), 5U * 12U);
     EXPECT_GE(summary["keyFrames"].asUInt(), 5U);
+}
+
+TEST_F(Live, measuresTheStreamsThatPlayWhenTheDeviceHasTooFewPlaces)
+{
+    const ChildProcess& host = run(
+        {"--json", "--device", "crowded", "--timeout", "0.3", "live", "--seconds", "0.5", "--count", "5", "--discard"});
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(host.errors(), HasSubstr("going on without some: no picture arrived in time on 3 of 5 streams: the "
+                                         "device refused the stream (result 1025)"));
+    const Json::Value summary = getEvent("summary");
+    EXPECT_EQ(summary["streams"], 5);
+    EXPECT_EQ(summary["silentStreams"], 3);
+    EXPECT_GE(summary["frames"].asUInt(), 2U * 12U);
 }
 
 TEST_F(Live, saysWhenNoPictureArrives)

@@ -113,7 +113,11 @@ private:
         firstFrame = received().firstFrame;
         if (ready || surroundings.interrupted.stop_requested())
             return;
-        throw silence();
+        const Failure failure = silence();
+        if (!firstFrame)
+            throw Failure(failure);
+        // Who asks for many wants to know how many the device serves, and what those cost.
+        surroundings.console.line(std::string("going on without some: ") + failure.what());
     }
 
     Failure silence() const
@@ -177,6 +181,7 @@ private:
                 summary.picture = options.snapshot;
         }
         summary.streams = streams.size();
+        summary.silentStreams = silentStreams();
         summary.video = received();
         if (options.request.sound)
             summary.audio = receivedSound();

@@ -4,6 +4,7 @@
 
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 namespace Sample
@@ -15,6 +16,9 @@ using Tavro8::toResult;
 namespace
 {
 constexpr std::chrono::milliseconds retryDelay{20};
+
+constexpr unsigned crowdedPlaces = 2;
+std::atomic<unsigned> placesTaken{0};  // of the crowded device, to which every object of that name belongs
 
 template <typename Object>
 std::int32_t notSupported(Object** object) noexcept
@@ -82,8 +86,8 @@ void SampleDevice::Close() noexcept
 
 std::int32_t SampleDevice::resultOfAttempt()
 {
-    const char* const working[] = {"camera", "recorder",  "multichannel", "dark",  "barred",
-                                   "mute",   "voiceless", "growing",      "flaky", "stuck"};
+    const char* const working[] = {"camera",    "recorder", "multichannel", "dark",  "barred", "mute",
+                                   "voiceless", "growing",  "flaky",        "stuck", "crowded"};
     const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
     const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
     const bool atLast = hostName == "late" && attempts > 2;
@@ -134,7 +138,8 @@ std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_
         return toResult(ResultCode::notFound);
     return create(source, [&] {
         auto produce = hostName == "dark" ? nothing() : testPicture(hostName == "growing");
-        const auto state = hostName == "barred" ? ResultCode::streamRefused : ResultCode::success;
+        const bool full = hostName == "crowded" && ++placesTaken > crowdedPlaces;
+        const auto state = hostName == "barred" || full ? ResultCode::streamRefused : ResultCode::success;
         return new Source<GDRV::IVideoSource>(
             channel, std::make_shared<Stream>(*loop, channelHandler, frames, std::move(produce), toResult(state)));
     });

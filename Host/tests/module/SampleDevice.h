@@ -19,6 +19,7 @@ namespace Sample
 /// | silent | never answers |
 /// | dark | connects but sends nothing |
 /// | barred | connects but refuses every stream, with 1025 |
+/// | crowded | serves the first two streams that are made in the process and refuses all others, with 1025 |
 /// | mute | connects; makes no audio source |
 /// | voiceless | sends a test picture; its sound is refused with 1024 |
 /// | growing | the picture becomes larger after a second |
