@@ -8,6 +8,7 @@
 
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <charconv>
 #include <json/value.h>
 
 namespace Host
@@ -22,6 +23,35 @@ Json::Value number(std::uint64_t value)
     return {static_cast<Json::UInt64>(value)};
 }
 
+std::optional<std::uint64_t> countOf(const std::string& text)
+{
+    std::uint64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    return error == std::errc{} && stop == end ? std::optional(value) : std::nullopt;
+}
+
+/// Counters make a sum. A text stays when all streams agree on it.
+std::string together(const std::string& one, const std::string& other)
+{
+    const auto count = countOf(one);
+    const auto further = countOf(other);
+    if (count && further)
+        return std::to_string(*count + *further);
+    return one == other ? one : "mixed";
+}
+
+void addUp(decltype(StreamStatistics::named)& sum, const decltype(StreamStatistics::named)& more)
+{
+    for (const auto& [name, value] : more) {
+        const auto known = std::find_if(sum.begin(), sum.end(), [&](const auto& entry) { return entry.first == name; });
+        if (known == sum.end())
+            sum.emplace_back(name, value);
+        else
+            known->second = together(known->second, value);
+    }
+}
+
 void addUp(StreamStatistics& sum, const StreamStatistics& one)
 {
     sum.bitsPerSecond += one.bitsPerSecond;
@@ -34,7 +64,7 @@ void addUp(StreamStatistics& sum, const StreamStatistics& one)
     sum.connects += one.connects;
     sum.reconnects += one.reconnects;
     sum.jitterMs = std::max(sum.jitterMs, one.jitterMs);
-    sum.named.insert(sum.named.end(), one.named.begin(), one.named.end());
+    addUp(sum.named, one.named);
 }
 
 std::string sizeOf(const ReceivedMedia& video)

@@ -16,7 +16,8 @@ class Output;
 /// What a receiving command has to tell, in the words and members that are the same for live and recorded media.
 
 /// The received media of several streams, counted together; format and size are the first stream's, and the
-/// state is that of the first from which nothing came.
+/// state is that of the first from which nothing came. Of the named statistics, numbers are added up, and texts that
+/// differ become "mixed".
 ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams);
 
 /// A sentence about a stream from which nothing came: `what`, the reason that the stream's `state` tells, and
