@@ -244,6 +244,7 @@ void reportSummary(Output& output, const StreamSummary& summary)
     fields["bytes"] = number(video.bytes);
     fields["lost"] = number(video.statistics.lostPackets);
     fields["reconnects"] = video.statistics.reconnects;
+    fields["connectSeconds"] = summary.connecting.count();
     fields["seconds"] = summary.elapsed.count();
     fields["cpuSeconds"] = summary.load.cpuSeconds;
     fields["residentBytes"] = number(summary.load.residentBytes);

@@ -26,7 +26,7 @@ std::string silenceReason(const std::string& what, std::int32_t state);
 
 /// What the program has cost so far.
 struct ProcessLoad {
-    double cpuSeconds = 0;            ///< user and system time since the streams were started
+    double cpuSeconds = 0;            ///< user and system time since the first picture
     std::uint64_t residentBytes = 0;  ///< in RAM now
 };
 
@@ -45,9 +45,10 @@ struct StreamSummary {
     std::size_t silentStreams = 0;  ///< of these: on which no picture has arrived
     ReceivedMedia video;
     std::optional<ReceivedMedia> audio;
-    std::chrono::duration<double> elapsed{0};  ///< since the first frame
-    ProcessLoad load;                          ///< at the end
-    std::uint64_t droppedFrames = 0;           ///< received, but the disk or the decoder did not keep up
+    std::chrono::duration<double> connecting{0};  ///< from the start to the last stream's first frame
+    std::chrono::duration<double> elapsed{0};     ///< since the first frame of all
+    ProcessLoad load;                             ///< at the end
+    std::uint64_t droppedFrames = 0;              ///< received, but the disk or the decoder did not keep up
     std::vector<std::filesystem::path> recordings;
     std::filesystem::path picture;  ///< empty when none was saved
 };

@@ -141,6 +141,16 @@ TEST_F(Live, receivesFromManyDevicesAtOnce)
     EXPECT_GE(summary["keyFrames"].asUInt(), 5U);
 }
 
+TEST_F(Live, doesNotCountThePreparationsAsTheCostOfReceiving)
+{
+    run({"--json", "--device", "tardy", "live", "--seconds", "0.2", "--discard"});
+    EXPECT_EQ(status, 0);
+    const Json::Value summary = getEvent("summary");
+    EXPECT_GE(summary["connectSeconds"].asDouble(), 0.2);
+    EXPECT_GE(summary["seconds"].asDouble(), 0.2);
+    EXPECT_LT(summary["cpuSeconds"].asDouble(), 0.2) << "that much was spent on the way to the first picture";
+}
+
 TEST_F(Live, measuresTheStreamsThatPlayWhenTheDeviceHasTooFewPlaces)
 {
     const ChildProcess& host = run(

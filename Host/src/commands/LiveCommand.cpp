@@ -57,11 +57,12 @@ public:
     ExitStatus run()
     {
         raiseDescriptorLimit();
-        cpuAtStart = processCpuSeconds();
+        startedAt = Clock::now();
         for (const auto& stream : streams)
             stream->start();
         awaitFirstFrames();
         receive();
+        summary.connecting = connecting();
         summary.elapsed = elapsed();
         summary.load = load();
         stop();
@@ -101,15 +102,30 @@ private:
         return firstFrame ? Clock::now() - *firstFrame : std::chrono::duration<double>(0);
     }
 
-    ProcessLoad load() const { return {processCpuSeconds() - cpuAtStart, processResidentBytes()}; }
+    /// From the start to the first picture of the stream that took longest, of those that play.
+    std::chrono::duration<double> connecting() const
+    {
+        Clock::time_point last = startedAt;
+        for (const auto& stream : streams)
+            last = std::max(last, stream->getVideo().firstFrame.value_or(startedAt));
+        return last - startedAt;
+    }
+
+    ProcessLoad load() const { return {processCpuSeconds() - cpuAtFirstFrame, processResidentBytes()}; }
 
     bool recorderFailed() const { return recorder && recorder->hasFailed(); }
 
     void awaitFirstFrames()
     {
         surroundings.console.progress("waiting for the first picture ...");
-        const bool ready = surroundings.monitor.wait(surroundings.interrupted, surroundings.timeoutFromNow(),
-                                                     [this] { return silentStreams() == 0 || recorderFailed(); });
+        const auto deadline = surroundings.timeoutFromNow();
+        const auto await = [&](std::size_t silent) {
+            return surroundings.monitor.wait(surroundings.interrupted, deadline,
+                                             [this, silent] { return silentStreams() <= silent || recorderFailed(); });
+        };
+        await(streams.size() - 1);
+        cpuAtFirstFrame = processCpuSeconds();
+        const bool ready = await(0);
         firstFrame = received().firstFrame;
         if (ready || surroundings.interrupted.stop_requested())
             return;
@@ -202,7 +218,8 @@ private:
 
     const Surroundings& surroundings;
     const LiveOptions& options;
-    double cpuAtStart = 0;
+    Clock::time_point startedAt;
+    double cpuAtFirstFrame = 0;
     std::uint64_t frameIndex = 0;  // used by the recorder's thread
     std::optional<Clock::time_point> firstFrame;
     StreamSummary summary;

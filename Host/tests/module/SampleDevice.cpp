@@ -86,8 +86,8 @@ void SampleDevice::Close() noexcept
 
 std::int32_t SampleDevice::resultOfAttempt()
 {
-    const char* const working[] = {"camera",    "recorder", "multichannel", "dark",  "barred", "mute",
-                                   "voiceless", "growing",  "flaky",        "stuck", "crowded"};
+    const char* const working[] = {"camera",    "recorder", "multichannel", "dark",  "barred",  "mute",
+                                   "voiceless", "growing",  "flaky",        "stuck", "crowded", "tardy"};
     const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
     const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
     const bool atLast = hostName == "late" && attempts > 2;
@@ -137,7 +137,9 @@ std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_
     if (channel >= channels)
         return toResult(ResultCode::notFound);
     return create(source, [&] {
-        auto produce = hostName == "dark" ? nothing() : testPicture(hostName == "growing");
+        auto produce = hostName == "dark"    ? nothing()
+                       : hostName == "tardy" ? afterHardWork(testPicture(false))
+                                             : testPicture(hostName == "growing");
         const bool full = hostName == "crowded" && ++placesTaken > crowdedPlaces;
         const auto state = hostName == "barred" || full ? ResultCode::streamRefused : ResultCode::success;
         return new Source<GDRV::IVideoSource>(

@@ -20,6 +20,7 @@ namespace Sample
 /// | dark | connects but sends nothing |
 /// | barred | connects but refuses every stream, with 1025 |
 /// | crowded | serves the first two streams that are made in the process and refuses all others, with 1025 |
+/// | tardy | computes for 0.4 s before its first picture |
 /// | mute | connects; makes no audio source |
 /// | voiceless | sends a test picture; its sound is refused with 1024 |
 /// | growing | the picture becomes larger after a second |

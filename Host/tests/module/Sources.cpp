@@ -3,6 +3,8 @@
 #include "Clip.h"
 
 #include <chrono>
+#include <ctime>
+#include <utility>
 
 namespace Sample
 {
@@ -108,6 +110,16 @@ Stream::Produce testTone()
         frame.channelCount = 1;
         frame.sampleCount = static_cast<std::uint32_t>(samples.size());
         return samples;
+    };
+}
+
+Stream::Produce afterHardWork(Stream::Produce produce)
+{
+    return [produce = std::move(produce)](std::uint64_t index, GDRV::MediaFrame& frame) {
+        const std::clock_t enough = std::clock() + CLOCKS_PER_SEC * 4 / 10;  // CPU of the process
+        while (index == 0 && std::clock() < enough)
+            ;
+        return produce(index, frame);
     };
 }
 

@@ -84,5 +84,6 @@ private:
 
 Stream::Produce testPicture(bool changesSize);  ///< `changesSize`: the picture is larger from the second second on
 Stream::Produce testTone();
-Stream::Produce nothing();  ///< frames without payload are not delivered
+Stream::Produce afterHardWork(Stream::Produce produce);  ///< the first frame costs 0.4 s of CPU more
+Stream::Produce nothing();                               ///< frames without payload are not delivered
 }  // namespace Sample
