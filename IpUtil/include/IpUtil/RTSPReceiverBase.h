@@ -152,6 +152,8 @@ public:
 
     void onStreamState(const error_code& ec) override
     {
+        if (!ec)
+            publishTransport();
         if (context.frames != nullptr)
             gate->call([this, &ec] { context.frames->OnStreamState(contract(), translateSystemError(ec)); });
     }
@@ -249,6 +251,17 @@ private:
             const auto from = weakSource.lock();
             return receiver && from ? from->counters(*receiver) : StreamCounters{};
         });
+    }
+
+    /// The way that media really come may be another than the parameter `transport` asks for.
+    void publishTransport()
+    {
+        std::unique_lock lock(steps);
+        const auto from = stream;
+        const auto to = reporter;
+        lock.unlock();
+        if (from != nullptr && to != nullptr)
+            to->updateStatistic("transport", from->getTransport() == RtspTransport::udp ? "udp" : "tcp");
     }
 
     std::shared_ptr<ConnectsStatistic> currentConnects() const

@@ -16,6 +16,7 @@
 namespace Tavro8::Utility
 {
 class RTSPClient;
+enum class RtspTransport;
 
 enum class MediaKind : std::uint32_t { video, audio };
 
@@ -89,6 +90,9 @@ public:
 
     /// Counters of one receiver since it was registered; only on `service()`.
     virtual StreamCounters counters(const RTSPReceiver& receiver) const;
+
+    /// How the media of the connection that plays come, `tcp` or `udp`, whatever was asked for; only on `service()`.
+    virtual RtspTransport getTransport() const;
 
 private:
     struct State;

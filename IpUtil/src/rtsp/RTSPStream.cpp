@@ -207,6 +207,13 @@ void RTSPStream::State::chooseTransport()
         client->setTransport(*learntTransport);
 }
 
+RtspTransport RTSPStream::State::getTransport() const noexcept
+{
+    // As long as nothing else was learnt, what was asked for holds, and `automatic` begins with the connection.
+    const bool udp = client != nullptr && client->getWorkingTransport() == RtspTransport::udp;
+    return udp ? RtspTransport::udp : RtspTransport::tcp;
+}
+
 /// True when the client has found out something new.
 bool RTSPStream::State::learnTransport()
 {
@@ -549,6 +556,11 @@ void RTSPStream::deviceClosed()
 StreamCounters RTSPStream::counters(const RTSPReceiver& receiver) const
 {
     return state->counters(receiver);
+}
+
+RtspTransport RTSPStream::getTransport() const
+{
+    return state->getTransport();
 }
 
 // ---- RTSPSource -----------------------------------------------------------------------------------------------

@@ -40,6 +40,7 @@ struct RTSPStream::State final : private StreamContext::Client, public std::enab
     /// The public object has gone.
     void shutDown();
     StreamCounters counters(const RTSPReceiver& receiver) const;
+    RtspTransport getTransport() const noexcept;
 
 private:
     enum class Phase : std::uint8_t {

@@ -38,6 +38,7 @@ public:
     }
     void restart() override { ++restarts; }
     StreamCounters counters(const RTSPReceiver&) const override { return {}; }
+    RtspTransport getTransport() const override { return transport; }
 
     /// Every unregistration so far has completed.
     void complete()
@@ -60,6 +61,7 @@ public:
     std::vector<std::shared_ptr<RTSPReceiver>> registered;
     std::vector<std::function<void()>> completions;
     int restarts = 0;
+    RtspTransport transport = RtspTransport::tcp;
 };
 
 struct FakeDevice {
@@ -283,6 +285,21 @@ TEST_F(RTSPReceiverBaseTest, stoppingWhileStatisticsAreReadDoesNotLockUp)
     io.join();
     stream->complete();
     EXPECT_EQ(stream->registrations(), 0U);
+}
+
+TEST_F(RTSPReceiverBaseTest, theHostHearsWhichWayTheMediaCome)
+{
+    using Named = std::vector<std::pair<std::string, std::string>>;
+    source->Start();
+    source->onStreamState(make_error_code(ResultCode::streamRefused));
+    context.poll();
+    EXPECT_TRUE(channel.statistics().named.empty());
+    for (const RtspTransport transport : {RtspTransport::udp, RtspTransport::tcp}) {
+        stream->transport = transport;
+        source->onStreamState({});
+        context.poll();
+        EXPECT_EQ(channel.statistics().named, (Named{{"transport", transport == RtspTransport::udp ? "udp" : "tcp"}}));
+    }
 }
 
 TEST_F(RTSPReceiverBaseTest, aStartThatFailsMayBeRepeated)
