@@ -104,10 +104,11 @@ std::optional<ReceptionReport> RtpReceiver::makeReport(std::chrono::steady_clock
         return std::nullopt;
     ReceptionReport report;
     report.ssrc = source;
-    report.extendedHighestSequence = cycles + highestSequence;
+    const std::uint64_t extendedHighest = cycles + highestSequence;
+    report.extendedHighestSequence = static_cast<std::uint32_t>(extendedHighest);
     report.jitter = static_cast<std::uint32_t>(scaledJitter >> 4);
 
-    const std::uint64_t expected = std::uint64_t{report.extendedHighestSequence} - baseSequence + 1;
+    const std::uint64_t expected = extendedHighest - baseSequence + 1;
     const auto lost = static_cast<std::int64_t>(expected) - static_cast<std::int64_t>(receivedOfSource);
     report.cumulativeLost = static_cast<std::int32_t>(std::clamp<std::int64_t>(lost, -0x800000, 0x7fffff));
 

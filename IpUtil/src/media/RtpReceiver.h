@@ -107,7 +107,7 @@ private:
 
     // Arrival order (RFC 3550 A.1).
     std::uint16_t highestSequence = 0;
-    std::uint32_t cycles = 0;  // already shifted: counts in steps of 65536
+    std::uint64_t cycles = 0;  // already shifted: counts in steps of 65536; reports have room for 32 bits
     std::uint32_t baseSequence = 0;
     std::uint64_t receivedOfSource = 0;
 

@@ -197,6 +197,23 @@ TEST_F(RtpReceiverTest, reportsTheDelaySinceTheSenderReport)
     EXPECT_EQ(receiver.makeReport(at(4s).monotonic)->lastSenderReport, 0U) << "that report was of another source";
 }
 
+TEST_F(RtpReceiverTest, countsOnBeyondTheReportsSequence)
+{
+    // 2^32 packets are 124 days at 400 a second; steps of 2000 count as loss, which makes it quick.
+    constexpr std::uint64_t step = 2000;
+    std::uint64_t sequence = 0;
+    for (; sequence < (std::uint64_t{1} << 32) - step; sequence += step)
+        see(static_cast<std::uint16_t>(sequence));
+    receiver.makeReport({});
+    for (int i = 0; i < 2; ++i, sequence += step)
+        see(static_cast<std::uint16_t>(sequence));
+    const auto report = receiver.makeReport({});
+    EXPECT_EQ(report->extendedHighestSequence, static_cast<std::uint32_t>(sequence - step));
+    EXPECT_EQ(report->cumulativeLost, 0x7fffff);
+    EXPECT_EQ(report->fractionLost, 1999 * 256 / 2000);
+    EXPECT_EQ(receiver.getCounters().restarts, 0U);
+}
+
 TEST_F(RtpReceiverTest, keepsCumulativeLossWithinItsField)
 {
     see(1);
