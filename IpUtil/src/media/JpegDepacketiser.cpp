@@ -106,10 +106,11 @@ void JpegDepacketiser::push(const RtpPacket& packet, bool lostBefore)
 
 void JpegDepacketiser::flush()
 {
+    if (!frame.open)
+        return;
     // Where pictures are marked, the rest of one without may be on its way.
     frame.damaged = frame.damaged || markersSeen;
-    if (frame.open)
-        endFrame();
+    endFrame();
 }
 
 void JpegDepacketiser::reset()

@@ -62,10 +62,11 @@ void VideoDepacketiser<Codec>::push(const RtpPacket& packet, bool lostBefore)
 template <typename Codec>
 void VideoDepacketiser<Codec>::flush()
 {
+    if (!frame.hasSlice)
+        return;
     // Where frames are marked, the rest of one without may be on its way.
     frame.damaged = frame.damaged || markersSeen;
-    if (frame.hasSlice)
-        endFrame();
+    endFrame();
 }
 
 template <typename Codec>

@@ -565,6 +565,30 @@ TEST(H264Depacketiser, doesNotPassAFrameForWholeWhoseMarkerIsMissingAtTheEnd)
     EXPECT_EQ(bench.frames.size(), 1U) << "this camera marks its frames, so that another slice may have followed";
 }
 
+TEST(H264Depacketiser, damagesNoFrameByAFlushBetweenTwo)
+{
+    Bench bench(h264Format());
+    begin(bench);
+    bench.depacketiser->flush();
+    bench.push(slice, 1, true);
+    ASSERT_EQ(bench.frames.size(), 2U);
+    EXPECT_FALSE(bench.frames[1].info.damaged);
+    EXPECT_EQ(bench.counters().damagedFrames, 0U);
+}
+
+TEST(H264Depacketiser, leavesParameterSetsForTheirFrameAtAFlush)
+{
+    Bench bench(h264Format());
+    begin(bench);
+    bench.push(sps, 1);
+    bench.push(pps, 1);
+    bench.depacketiser->flush();
+    bench.push(keySlice, 1, true);
+    ASSERT_EQ(bench.frames.size(), 2U);
+    EXPECT_TRUE(bench.frames[1].info.keyFrame);
+    EXPECT_EQ(bench.frames[1].data, annexB({sps, pps, keySlice}));
+}
+
 TEST(H264Depacketiser, givesUpAFrameBeyondTheLimit)
 {
     for (const bool flag : {false, true}) {

@@ -345,6 +345,21 @@ TEST(JpegDepacketiser, endsAPictureWithoutMarkerAtTheNextTimestamp)
     EXPECT_EQ(bench.counters().damagedFrames, 0U);
 }
 
+TEST(JpegDepacketiser, damagesNoPictureByAFlushBetweenTwo)
+{
+    Bench bench(jpegFormat());
+    bench.push(mainHeader(0) + inBand + scan, 0, true);
+    bench.depacketiser->flush();
+    bench.push(mainHeader(0) + inBand + scan, 3600, true);
+    ASSERT_EQ(bench.frames.size(), 2U);
+    EXPECT_FALSE(bench.frames[1].info.damaged);
+    EXPECT_EQ(bench.counters().damagedFrames, 0U);
+
+    bench.push(mainHeader(0) + inBand + part(scan, 0, 6), 7200);
+    bench.depacketiser->flush();
+    EXPECT_EQ(bench.frames.size(), 2U) << "this camera marks its pictures, so that the rest may be on its way";
+}
+
 TEST(JpegDepacketiser, takesEachFieldForAPicture)
 {
     Bench bench(jpegFormat());
