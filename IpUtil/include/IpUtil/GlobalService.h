@@ -26,10 +26,14 @@ public:
     /// How many streams one I/O context is given before the next one has its turn.
     static constexpr std::uint32_t streamsPerTurn = 256;
 
-    /// An I/O context for a new device of at most so many streams. It lives as long as the service. Devices share a
-    /// context until it has `streamsPerTurn`: one thread that finds several packets when it wakes costs less than
-    /// two that wake for each, and its caches stay warm.
+    /// An I/O context for a new device of at most so many streams (0 counts as 1). It lives as long as the service.
+    /// Devices share a context until it has `streamsPerTurn`: one thread that finds several packets when it wakes costs
+    /// less than two that wake for each, and its caches stay warm. When all have as many, the one with the fewest is
+    /// given. Any thread.
     boost::asio::io_context& assignContext(std::uint32_t streams = 1) noexcept;
+    /// The device that `assignContext` gave `context` for so many streams is gone: others may have its place. Any
+    /// thread.
+    void releaseContext(const boost::asio::io_context& context, std::uint32_t streams = 1) noexcept;
     std::size_t getContextCount() const noexcept;
 
     /// Where blocking work runs. Devices that keep failing have threads of their own, so that first attempts and

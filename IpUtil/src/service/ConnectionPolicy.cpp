@@ -89,6 +89,7 @@ struct AsyncConnectionPolicyBase::State : std::enable_shared_from_this<State> {
           handler(handler),
           logger(logger, "IpUtil/src/service/ConnectionPolicy"),
           service(service),
+          streams(streams),
           context(service.assignContext(streams)),
           timer(context),
           retries(backoff),
@@ -148,6 +149,7 @@ struct AsyncConnectionPolicyBase::State : std::enable_shared_from_this<State> {
     GDRV::IDeviceHandler* const handler;
     const LoggerHelper logger;
     GlobalService& service;
+    const std::uint32_t streams;
     boost::asio::io_context& context;
     http::CancellationSource cancellation;
     HandlerGate gate;
@@ -447,7 +449,8 @@ void AsyncConnectionPolicyBase::closeConnection()
 
 void AsyncConnectionPolicyBase::shutDown() noexcept
 {
-    state->shut = true;
+    if (!state->shut.exchange(true))
+        state->service.releaseContext(state->context, state->streams);
     state->connected = false;
     state->cancellation.cancel();
     if (const auto attempt = state->getAttempt())

@@ -4,7 +4,6 @@
 #include "service/ThreadName.h"
 #include <IpUtil/GlobalService.h>
 #include <algorithm>
-#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -46,6 +45,7 @@ public:
     }
 
     boost::asio::io_context context;
+    std::uint64_t streams = 0;  // assigned; guarded by the service's `assignment`
 
 private:
     void run() noexcept
@@ -103,7 +103,7 @@ struct GlobalService::State {
     BlockingLane prompt;
     BlockingLane failing;
     std::vector<std::unique_ptr<Worker>> workers;
-    std::atomic<std::uint64_t> assignedStreams{0};
+    std::mutex assignment;
 };
 
 std::shared_ptr<GlobalService> GlobalService::instance()
@@ -138,8 +138,23 @@ GlobalService::~GlobalService()
 
 boost::asio::io_context& GlobalService::assignContext(std::uint32_t streams) noexcept
 {
-    const std::uint64_t before = state->assignedStreams.fetch_add(std::max(1U, streams), std::memory_order_relaxed);
-    return state->workers[before / streamsPerTurn % state->workers.size()]->context;
+    const auto& workers = state->workers;
+    const std::lock_guard lock(state->assignment);
+    auto chosen = std::ranges::find_if(workers, [](const auto& worker) { return worker->streams < streamsPerTurn; });
+    if (chosen == workers.end())
+        chosen = std::ranges::min_element(workers, {}, [](const auto& worker) { return worker->streams; });
+    (*chosen)->streams += std::max(1U, streams);
+    return (*chosen)->context;
+}
+
+void GlobalService::releaseContext(const boost::asio::io_context& context, std::uint32_t streams) noexcept
+{
+    const std::lock_guard lock(state->assignment);
+    const auto found =
+        std::ranges::find(state->workers, &context, [](const auto& worker) { return &std::as_const(worker->context); });
+    assert(found != state->workers.end() && (*found)->streams >= std::max(1U, streams));
+    if (found != state->workers.end())
+        (*found)->streams -= std::min<std::uint64_t>((*found)->streams, std::max(1U, streams));
 }
 
 std::size_t GlobalService::getContextCount() const noexcept

@@ -726,6 +726,17 @@ TEST_F(ConnectionPolicy, survivesAStormFromSeveralThreads)
     }
 }
 
+TEST_F(ConnectionPolicy, leavesItsPlaceOnTheThreadToTheNextDevice)
+{
+    const auto fail = [](Policy& self, const std::string&) { self.handleConnected(unreachable); };
+    make(fail);
+    auto* const context = &policy->service();
+    for (std::uint32_t i = 0; i < 2 * GlobalService::streamsPerTurn; ++i) {
+        const auto other = std::make_shared<Policy>(&handler, &logger, *service, Backoff(1ms, 4ms), fail);
+        ASSERT_EQ(&other->service(), context) << i;
+    }
+}
+
 TEST_F(ConnectionPolicy, isDestroyedInEveryPhase)
 {
     for (unsigned seed = 1; seed <= 150; ++seed) {

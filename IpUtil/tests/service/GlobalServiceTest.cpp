@@ -12,6 +12,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 using namespace Tavro8::Utility;
 using Lane = GlobalService::Lane;
@@ -62,6 +63,34 @@ TEST(GlobalService, fillsOneContextBeforeTheNextHasItsTurn)
     EXPECT_NE(second, first);
     EXPECT_EQ(&service->assignContext(GlobalService::streamsPerTurn / 2), second);
     EXPECT_NE(&service->assignContext(), second);
+}
+
+TEST(GlobalService, givesThePlacesOfGoneDevicesToOthers)
+{
+    const auto service = GlobalService::instance();
+    auto* const first = &service->assignContext();
+    for (std::uint32_t i = 0; i < 3 * GlobalService::streamsPerTurn; ++i) {
+        auto& context = service->assignContext();
+        ASSERT_EQ(&context, first) << "devices come and go, and there are never more than two; " << i;
+        service->releaseContext(context);
+    }
+    for (int i = 0; i < 3; ++i) {
+        auto& none = service->assignContext(0);
+        ASSERT_EQ(&none, first);
+        service->releaseContext(none, 0);
+    }
+}
+
+TEST(GlobalService, givesTheContextWithTheFewestStreamsWhenAllAreFull)
+{
+    const auto service = GlobalService::instance();
+    std::vector<boost::asio::io_context*> contexts;
+    for (std::size_t i = 0; i < service->getContextCount(); ++i)
+        contexts.push_back(&service->assignContext(2 * GlobalService::streamsPerTurn));
+    EXPECT_EQ(std::set(contexts.begin(), contexts.end()).size(), contexts.size());
+    auto* const last = contexts.back();
+    service->releaseContext(*last, GlobalService::streamsPerTurn / 2);
+    EXPECT_EQ(&service->assignContext(), last) << "it has a turn and a half, the others have two";
 }
 
 TEST(GlobalService, aDeviceWithoutStreamsCountsAsOneWithOne)
