@@ -192,11 +192,11 @@ void RTSPStream::State::onSession(const error_code& ec)
 {
     if (ec)
         return onAttemptFailed(ec);
-    chooseTransport();
     client->performDefaultSteps({}, bound(&State::onSdp), bound(&State::onPlay));
 }
 
-/// What did not work is not tried again and again, unless somebody asks for something else.
+/// What did not work is not tried again and again, unless somebody asks for something else. Chosen when no receiver can
+/// set up the client any more.
 void RTSPStream::State::chooseTransport()
 {
     const RtspTransport wanted = client->getTransport();
@@ -214,11 +214,11 @@ RtspTransport RTSPStream::State::getTransport() const noexcept
     return udp ? RtspTransport::udp : RtspTransport::tcp;
 }
 
-/// True when the client has found out something new.
-bool RTSPStream::State::learnTransport()
+void RTSPStream::State::learnTransport()
 {
     const RtspTransport working = client->getWorkingTransport();
-    return working != client->getTransport() && std::exchange(learntTransport, working) != working;
+    if (working != client->getTransport())
+        learntTransport = working;
 }
 
 void RTSPStream::State::onSdp(const error_code& ec, const SessionDescription& description)
@@ -226,6 +226,7 @@ void RTSPStream::State::onSdp(const error_code& ec, const SessionDescription& de
     if (ec)
         return onAttemptFailed(ec);
     phase = Phase::settingUp;
+    chooseTransport();
     chooseTracks(description);
 }
 
@@ -268,6 +269,7 @@ void RTSPStream::State::onPlay(const error_code& ec)
         return onAttemptFailed(ec);
     phase = Phase::playing;
     learnTransport();
+    playedOver = client->getWorkingTransport();
     played = true;
     lost = false;
     healthTimer.emplace(service, timing.healthyLife);
@@ -366,6 +368,9 @@ void RTSPStream::State::deliverToJoining(Registration& registration, const GDRV:
 void RTSPStream::State::onAttemptFailed(const error_code& ec)
 {
     learnTransport();
+    // The way that was taken instead is refused as well: all of them are tried again, one after the other.
+    if (ec == ResultCode::streamRefused || ec == ResultCode::deviceError)
+        learntTransport.reset();
     collectCounters();
     client.reset();
     const bool firstAfterLoss = std::exchange(lost, false);
@@ -379,7 +384,8 @@ void RTSPStream::State::onAttemptFailed(const error_code& ec)
 
 void RTSPStream::State::onClosed(const error_code& ec)
 {
-    const bool otherWay = learnTransport();
+    const bool otherWay = client->getWorkingTransport() != playedOver;
+    learnTransport();
     collectCounters();
     client.reset();
     if (otherWay)

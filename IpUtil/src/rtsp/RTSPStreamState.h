@@ -78,7 +78,7 @@ private:
     void onEnded(const error_code&) { connect(); }
     void prepareClient();
     void chooseTransport();
-    bool learnTransport();
+    void learnTransport();
     void onSession(const error_code& ec);
     void onSdp(const error_code& ec, const SessionDescription& description);
     void onPlay(const error_code& ec);
@@ -125,8 +125,10 @@ private:
     std::array<Kind, 2> kinds;
     std::shared_ptr<RTSPClient> client;
     std::optional<RtspTransport> wantedTransport;  // by the parameters, at the last connection
-    std::optional<RtspTransport> learntTransport;  // what has worked instead, until the device is connected anew
-    std::uint64_t connectionNumber = 0;            // tells handlers of an older connection from those of this one
+    // What has worked instead, until it does not any more or the device is connected anew.
+    std::optional<RtspTransport> learntTransport;
+    std::optional<RtspTransport> playedOver;  // what the client took when the present connection began to play
+    std::uint64_t connectionNumber = 0;       // tells handlers of an older connection from those of this one
     std::optional<boost::asio::steady_timer> retryTimer;
     std::optional<boost::asio::steady_timer> healthTimer;
     std::optional<boost::asio::steady_timer> leftoverTimer;

@@ -600,12 +600,17 @@ TEST(RtpOverUdp, mayOutliveItsContext)
 class Viewer final : public RTSPReceiver {
 public:
     MediaKind mediaKind() const noexcept override { return MediaKind::video; }
-    void initializeClient(RTSPClient& client) override { client.setTransport(transport); }
+    void initializeClient(RTSPClient& client) override
+    {
+        client.setTransport(transport);
+        client.setStallTimeout(stallTimeout);
+    }
     void onConnectionStart() override { ++starts; }
     void onFrame(const GDRV::MediaFrame&) noexcept override { ++frames; }
     void onStreamState(const error_code& ec) override { failed = failed || ec; }
 
     RtspTransport transport = RtspTransport::udp;
+    milliseconds stallTimeout{5000};
     int starts = 0;
     std::size_t frames = 0;
     bool failed = false;
@@ -721,6 +726,49 @@ TEST(StreamTransport, remembersARefusal)
     EXPECT_EQ(refusals, 1);
     EXPECT_EQ(scene.viewer->starts, 2);
     EXPECT_THAT(scene.log.text(), HasSubstr(refusedUdp));
+}
+
+TEST(StreamTransport, isNotForgottenWhenAnotherReceiverComesBeforeTheDescription)
+{
+    Blocked scene;
+    std::promise<void> joined;
+    scene.camera.intercept = [&, waits = joined.get_future().share()](ScriptedPeer::Connection& connection,
+                                                                      const ScriptedPeer::Request& request) {
+        if (request.method == "DESCRIBE" && connection.number == 2)
+            waits.wait();
+        return false;
+    };
+    scene.start();
+    ASSERT_TRUE(scene.awaitFrames(1));
+    scene.stream->restart();
+    EXPECT_TRUE(scene.loop.runUntil([&] { return scene.peer->count("DESCRIBE") == 3; }));
+    const auto second = std::make_shared<Viewer>();
+    scene.stream->regReceiver(second);
+    EXPECT_TRUE(scene.loop.runUntil([&] { return second->starts == 1; }));
+    joined.set_value();
+    ASSERT_TRUE(scene.loop.runUntil([&] { return second->frames == 1; }));
+    EXPECT_EQ(scene.udpRequests, 1);
+    EXPECT_EQ(scene.warnings(), 1U) << scene.log.text();
+}
+
+TEST(StreamTransport, goesRoundAgainWhenBothWaysHaveFailed)
+{
+    Blocked scene;
+    scene.viewer->transport = RtspTransport::automatic;
+    scene.viewer->stallTimeout = milliseconds(20);
+    std::atomic<int> refusals{0};
+    scene.camera.intercept = [&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        // It refuses media over the connection until it has done so often enough, and UDP never gets through.
+        if (request.method != "SETUP" || !Scene::isInterleaved(request.headers.at("transport")) || refusals == 4)
+            return false;
+        ++refusals;
+        connection.reply(request, 461);
+        return true;
+    };
+    scene.start();
+    ASSERT_TRUE(scene.awaitFrames(1)) << scene.log.text();
+    EXPECT_EQ(refusals, 4);
+    EXPECT_GE(scene.udpRequests, 2) << "both ways in turn";
 }
 
 TEST(StreamTransport, doesNotWaitForADeviceThatWillNotEndTheSession)
