@@ -468,13 +468,23 @@ RtspClientSession::Step RtspClientSession::onSetup(const Pending& pending, const
 RtspClientSession::Step RtspClientSession::setupRefused(RtspError error, const RtspResponse& response)
 {
     const RtspTrackRequest& request = wanted[settingUp];
-    if (error == RtspError::unsupportedTransport && turnsToOtherTransport(request))
+    const bool refusesTransport = error == RtspError::unsupportedTransport || mayMeanTransport(response.status);
+    if (refusesTransport && turnsToOtherTransport(request))
         return setupNextTrack();
     if (!request.optional)
         return fail(error, RtspStepKind::setup, &response);
     lastRefusal = failureOf(error, RtspStepKind::setup, &response);
     ++settingUp;
     return setupNextTrack();
+}
+
+/// Of the first SETUP: what a later one is refused with has nothing to do with its transport.
+bool RtspClientSession::mayMeanTransport(unsigned status) const noexcept
+{
+    if (settingUp != 0 || (status != 501 && (status < 400 || status >= 500)))
+        return false;
+    constexpr std::array<unsigned, 5> others = {401, 403, 404, 453, 454};  // rights, place and session
+    return std::find(others.begin(), others.end(), status) == others.end();
 }
 
 bool RtspClientSession::asksForUdp(const RtspTrackRequest& request) const noexcept

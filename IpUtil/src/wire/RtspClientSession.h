@@ -64,6 +64,8 @@ struct RtspSessionConfig {
 
 /// Which transport a track is asked for that has UDP ports. What the device refuses with 461, or by an answer that
 /// names another transport, is asked for in the other way in the same session, and not again for the tracks after it.
+/// Devices that do not know 461 refuse a transport with other statuses: while none has been accepted, any 4xx or 501
+/// does that has no meaning of its own.
 enum class RtspTransportOrder : std::uint8_t { udpOnly, udpThenInterleaved, interleavedThenUdp };
 
 /// A track that is to be set up.
@@ -139,7 +141,7 @@ public:
     const SessionDescription& description() const noexcept { return sdp; }
     /// Valid from `Playing` on.
     const std::vector<RtspTrack>& tracks() const noexcept { return established; }
-    /// Half of the timeout that the device states, 30 s at most and 1 s at least.
+    /// Half of the timeout that the device states, 30 s at most and 500 ms at least.
     std::chrono::milliseconds keepAliveInterval() const noexcept;
     const std::string& sessionId() const noexcept { return session.id; }
 
@@ -164,6 +166,7 @@ private:
     Step sendDescribe();
     Step setupNextTrack();
     Step setupRefused(RtspError error, const RtspResponse& response);
+    bool mayMeanTransport(unsigned status) const noexcept;
     bool asksForUdp(const RtspTrackRequest& request) const noexcept;
     bool turnsToOtherTransport(const RtspTrackRequest& request) noexcept;
     Step failWithoutTracks();

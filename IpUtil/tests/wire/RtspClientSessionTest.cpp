@@ -276,12 +276,49 @@ TEST(RtspClientSession, endsWhenEveryTransportIsRefused)
     }
 }
 
-TEST(RtspClientSession, asksInTheOtherWayOnlyWhenTheTransportIsTheReason)
+TEST(RtspClientSession, asksInTheOtherWayWhateverTheFirstSetupIsRefusedWith)
+{
+    for (const unsigned status : {400U, 405U, 406U, 415U, 451U, 455U, 459U, 461U, 462U, 499U, 501U}) {
+        SCOPED_TRACE(status);
+        Talk talk;
+        talk.toDescribed();
+        talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}, RtspTransportOrder::udpThenInterleaved}});
+        EXPECT_EQ(header(talk.answer(status).request(), "Transport"), "RTP/AVP/TCP;unicast;interleaved=0-1");
+        talk.answer(200, {"Session: 88", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1"}).answer(200);
+        ASSERT_TRUE(talk.is<Session::Playing>());
+        EXPECT_TRUE(talk.session.tracks()[0].refusedOther);
+    }
+}
+
+TEST(RtspClientSession, asksInTheOtherWayOnlyWhenTheTransportMayBeTheReason)
+{
+    for (const unsigned status : {302U, 401U, 403U, 404U, 453U, 454U, 500U, 503U, 551U}) {
+        SCOPED_TRACE(status);
+        RtspSessionConfig config = plainConfig();
+        config.credentials = {};
+        Talk talk(std::move(config));
+        talk.toDescribed();
+        talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}, RtspTransportOrder::udpThenInterleaved}});
+        EXPECT_EQ(talk.answer(status).failure().status, status);
+    }
+}
+
+TEST(RtspClientSession, takesOtherRefusalsForTheTransportsOnlyWhereAnOrderAllowsIt)
 {
     Talk talk;
     talk.toDescribed();
-    talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}, RtspTransportOrder::udpThenInterleaved}});
-    EXPECT_EQ(talk.answer(453).failure().error, RtspError::notEnoughBandwidth);
+    talk.step = talk.session.setup({{0, false, PortPair{5000, 5001}}});
+    EXPECT_EQ(talk.answer(400).failure().error, RtspError::requestRefused);
+}
+
+TEST(RtspClientSession, leavesALaterTrackOutThatIsRefusedForAnotherReason)
+{
+    Talk talk;
+    talk.toDescribed();
+    talk.step = talk.session.setup({{0, true, PortPair{5000, 5001}, RtspTransportOrder::udpThenInterleaved},
+                                    {1, true, PortPair{5002, 5003}, RtspTransportOrder::udpThenInterleaved}});
+    talk.answer(200, {"Session: 88", "Transport: RTP/AVP;unicast;client_port=5000-5001;server_port=6970-6971"});
+    EXPECT_EQ(talk.answer(400).request().method, "PLAY");
 }
 
 TEST(RtspClientSession, followsADeviceThatAnswersPortsWithChannels)
