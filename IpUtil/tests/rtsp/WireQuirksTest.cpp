@@ -505,7 +505,7 @@ TEST(WireQuirks, keepAliveRefusedWithAnyMethodAndStatusGoesOnStreaming)
         player.start(addressOf(stage.peer));
         ASSERT_TRUE(stage.loop.runUntil([&] { return player.frames.size() >= 6; })) << player.log.text();
         EXPECT_FALSE(player.failure());
-        EXPECT_EQ(player.log.count(std::to_string(c.status)), 1U) << "said once";
+        EXPECT_EQ(player.log.count("status " + std::to_string(c.status)), 1U) << "said once";
         EXPECT_EQ(player.client->counters(player.videoTrack).lostPackets, 0U);
     }
 }
