@@ -335,6 +335,9 @@ std::optional<RTSPClient::State::Ending> RTSPClient::State::judge(RTSPTrack& tra
         logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": packets that cannot be read are dropped");
     if (track.sendsOnlyForeign(total, now, timing.foreignLimit) || total.formatChanged)
         return Ending{ResultCode::connectionLost, "the format of the stream has changed"};
+    const bool frameless = track.bringsNoFrame(total, now, timing.framelessLimit);
+    if (vital && frameless)
+        return Ending{ResultCode::timedOut, "packets come, but no frame for too long"};
     if (vital)
         return judgeSilence(track, total, silence, now);
     if (stallTimeout.count() != 0 && silence >= stallTimeout)

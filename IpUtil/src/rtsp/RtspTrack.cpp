@@ -11,6 +11,8 @@ namespace Tavro8::Utility
 namespace
 {
 constexpr std::size_t rtpHeaderBytes = 12;
+// Fewer may be the slow beginning of one frame.
+constexpr std::uint64_t manyPackets = 100;
 constexpr std::size_t maxInterleavedBytes = 0xFFFF;  // the length field has 16 bits
 
 /// The header of an interleaved frame, RFC 2326 section 10.12.
@@ -188,6 +190,17 @@ std::chrono::steady_clock::duration RTSPTrack::silence(const media::TrackReceive
     if (std::exchange(packetsWatched, total.packets) != total.packets)
         lastProgress = now;
     return now - lastProgress;
+}
+
+bool RTSPTrack::bringsNoFrame(const media::TrackReceiver::Statistics& total, std::chrono::steady_clock::time_point now,
+                              std::chrono::milliseconds limit) noexcept
+{
+    const bool frames = std::exchange(framesWatched, total.frames) != total.frames;
+    if (frames || total.packetsSinceFrame == 0)
+        framelessSince.reset();
+    else if (!framelessSince)
+        framelessSince = now;
+    return framelessSince && now - *framelessSince >= limit && total.packetsSinceFrame >= manyPackets;
 }
 
 bool RTSPTrack::sendsOnlyForeign(const media::TrackReceiver::Statistics& total,

@@ -79,6 +79,10 @@ public:
     /// To be asked at each tick: for how long no packet of the track's format has come.
     std::chrono::steady_clock::duration silence(const media::TrackReceiver::Statistics& total,
                                                 std::chrono::steady_clock::time_point now) noexcept;
+    /// To be asked at each tick: whether packets have come for `limit`, a hundred at least, and no frame was made of
+    /// them.
+    bool bringsNoFrame(const media::TrackReceiver::Statistics& total, std::chrono::steady_clock::time_point now,
+                       std::chrono::milliseconds limit) noexcept;
     /// Whether the track is to come over UDP and no datagram has.
     bool awaitsFirstDatagram() const noexcept { return getPorts() != nullptr && getPorts()->rtpDatagrams() == 0; }
     /// To be asked at each tick: whether the track, having played, has brought nothing but unknown payload types for
@@ -113,6 +117,8 @@ private:
     // As of the last tick.
     std::uint64_t packetsWatched = 0;
     std::chrono::steady_clock::time_point lastProgress;
+    std::uint64_t framesWatched = 0;
+    std::optional<std::chrono::steady_clock::time_point> framelessSince;
     std::uint64_t packetsBefore = 0;
     std::uint64_t foreignBefore = 0;
     std::optional<std::chrono::steady_clock::time_point> foreignSince;

@@ -19,11 +19,13 @@ class DatagramBatch;
 
 /// Waiting times of the RTSP client that are nobody's setting.
 struct StreamTiming {
-    std::chrono::milliseconds tickInterval{250};                 ///< how exact all the others are
-    std::chrono::milliseconds requestTimeout{10000};             ///< for the answer to one RTSP request
-    std::chrono::milliseconds teardownTimeout{1000};             ///< for the answer to TEARDOWN
-    std::chrono::milliseconds reportInterval{5000};              ///< between RTCP receiver reports of a track
-    std::chrono::milliseconds foreignLimit{2000};                ///< only unknown payload types: the format has changed
+    std::chrono::milliseconds tickInterval{250};      ///< how exact all the others are
+    std::chrono::milliseconds requestTimeout{10000};  ///< for the answer to one RTSP request
+    std::chrono::milliseconds teardownTimeout{1000};  ///< for the answer to TEARDOWN
+    std::chrono::milliseconds reportInterval{5000};   ///< between RTCP receiver reports of a track
+    std::chrono::milliseconds foreignLimit{2000};     ///< only unknown payload types: the format has changed
+    /// Packets and no frame: something was missed, the stream is described anew. Longer than the way to any key frame.
+    std::chrono::milliseconds framelessLimit{60000};
     std::chrono::milliseconds firstDatagramLimit{3000};          ///< nothing came over UDP: it does not get through
     std::chrono::milliseconds silenceAfterBye{1000};             ///< RTCP BYE and then nothing: the stream has ended
     std::optional<std::chrono::milliseconds> keepAliveInterval;  ///< instead of half of the session's time-out

@@ -131,6 +131,44 @@ TEST(StreamLife, soundAloneIsAskedForAgainWhenItFallsSilent)
     EXPECT_EQ(audio->states[1], errorOf(ResultCode::timedOut));
 }
 
+TEST(StreamLife, packetsWithoutFramesAreAskedForAgain)
+{
+    Camera camera = sendingCamera(videoSdp);
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        VideoSender video;
+        bool there = connection.number == 0 || video.sendKeyFrame(connection);
+        while (there && !connection.hasMore()) {
+            there = video.sendPicture(connection);
+            std::this_thread::yield();
+        }
+    };
+    Fixture fixture(camera);
+    fixture.loop.timing().framelessLimit = milliseconds(50);
+    fixture.makeStream();
+    const auto video = fixture.add(MediaKind::video);
+    ASSERT_TRUE(fixture.loop.runUntil([&] { return video->framesSinceState > 5; })) << fixture.log.text();
+    ASSERT_EQ(video->states.size(), 3U);
+    EXPECT_EQ(video->states[1], errorOf(ResultCode::timedOut));
+    EXPECT_EQ(fixture.peer.count("DESCRIBE"), 2U);
+    EXPECT_EQ(fixture.log.count("no frame for too long"), 1U);
+    EXPECT_TRUE(video->firstWasKeyFrame);
+}
+
+TEST(StreamLife, longWayToAKeyFrameIsNotCutShort)
+{
+    Camera camera = sendingCamera(videoSdp);
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        VideoSender video;
+        for (int i = 0; i < 1000; ++i)
+            video.sendPicture(connection);
+        video.sendKeyFrame(connection);
+    };
+    Fixture fixture(camera);
+    const auto video = fixture.add(MediaKind::video);
+    ASSERT_TRUE(fixture.loop.runUntil([&] { return video->frames == 1; })) << fixture.log.text();
+    EXPECT_EQ(fixture.peer.connectionCount(), 1U);
+}
+
 // ---- another format -------------------------------------------------------------------------------------------
 
 TEST(StreamLife, describesAgainWhenTheCodecChangesUnderItsPayloadType)
