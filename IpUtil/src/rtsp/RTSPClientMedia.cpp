@@ -96,6 +96,7 @@ wire::RtspTrackRequest RTSPClient::State::requestOf(RTSPTrack& track)
 void RTSPClient::State::establishTracks()
 {
     channelTable.fill(nobody);
+    channelsShared = false;
     for (const wire::RtspTrack& agreed : session->tracks()) {
         const auto found = std::ranges::find_if(
             tracks, [&](const auto& track) { return track->description().index == agreed.mediaIndex; });
@@ -118,6 +119,8 @@ void RTSPClient::State::establish(std::size_t number, const wire::RtspTrack& agr
     RTSPTrack& track = *tracks[number];
     if (agreed.transport.tcp) {
         track.establish(agreed.channels);
+        if (channelTable[agreed.channels.rtp] != nobody || channelTable[agreed.channels.rtcp] != nobody)
+            return shareChannels(number);
         channelTable[agreed.channels.rtcp] = static_cast<std::uint8_t>(number * 2 + 1);
         channelTable[agreed.channels.rtp] = static_cast<std::uint8_t>(number * 2);
     } else if (track.establishPorts(agreed.transport.ssrc)) {
@@ -125,6 +128,21 @@ void RTSPClient::State::establish(std::size_t number, const wire::RtspTrack& agr
         ports.start(*this, number, {connection.deviceAddress(), agreed.transport.source, agreed.transport.serverPort});
         ports.openWay(RTSPTrack::makeEmptyReport(ownSource));
     }
+}
+
+/// The device has named channels that are another track's already. Some do so and use those that they were asked for,
+/// others send both tracks on one channel, where only the payload type tells them apart.
+void RTSPClient::State::shareChannels(std::size_t number)
+{
+    channelsShared = true;
+    const std::size_t asked = number * 2;
+    if (channelTable[asked] == nobody && channelTable[asked + 1] == nobody) {
+        channelTable[asked] = static_cast<std::uint8_t>(number * 2);
+        channelTable[asked + 1] = static_cast<std::uint8_t>(number * 2 + 1);
+    }
+    if (!std::exchange(sharingReported, true))
+        logger.warning("Tavro8::Utility::RTSPClient::performDefaultSteps", url,
+                       ": tracks share interleaved channels, they are told apart by their payload types");
 }
 
 /// Says once which way the device has refused, and remembers the other. A device that sends some tracks one way and
@@ -166,10 +184,33 @@ void RTSPClient::State::onInterleaved(const wire::InterleavedFrame& frame, const
     RTSPTrack* track = number == nobody ? nullptr : playingTrack(number / 2U);
     if (track == nullptr)
         return;
-    if (number % 2 != 0)
+    if (channelsShared)
+        onSharedChannel(*track, number % 2 != 0, frame.payload, arrival);
+    else if (number % 2 != 0)
         track->onRtcp(frame.payload, arrival);
     else if (track->isReceiving())
         deliverRtp(*track, frame.payload, arrival);
+}
+
+/// Reports name their source, by which each track knows its own.
+void RTSPClient::State::onSharedChannel(RTSPTrack& named, bool rtcp, wire::ByteView packet,
+                                        const media::ArrivalTime& arrival)
+{
+    const auto receives = [](const RTSPTrack& track) {
+        return track.isReceiving() && track.isEstablished() && track.getPorts() == nullptr;
+    };
+    RTSPTrack* owner = receives(named) ? &named : nullptr;
+    const auto payloadType = static_cast<std::uint8_t>(packet.size() < 2 ? 0 : packet[1] & 0x7FU);
+    for (const auto& track : tracks) {
+        if (!receives(*track))
+            continue;
+        if (rtcp)
+            track->onRtcp(packet, arrival);
+        else if (track->takes(payloadType) && (owner == nullptr || !owner->takes(payloadType)))
+            owner = track.get();
+    }
+    if (!rtcp && owner != nullptr)
+        deliverRtp(*owner, packet, arrival);
 }
 
 void RTSPClient::State::onRtpDatagram(std::size_t number, wire::ByteView bytes, const media::ArrivalTime& arrival)

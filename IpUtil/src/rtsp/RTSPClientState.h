@@ -97,6 +97,8 @@ private:
     void establish(std::size_t number, const wire::RtspTrack& agreed);
     void learnTransport(bool refusesInterleaved);
     void giveUpUdp();
+    void shareChannels(std::size_t number);
+    void onSharedChannel(RTSPTrack& named, bool rtcp, wire::ByteView packet, const media::ArrivalTime& arrival);
     RTSPTrack* playingTrack(std::size_t number) const noexcept;
     void deliverRtp(RTSPTrack& track, wire::ByteView packet, const media::ArrivalTime& arrival);
     template <typename Body>
@@ -146,6 +148,7 @@ private:
 
     std::vector<std::shared_ptr<RTSPTrack>> tracks;
     std::array<std::uint8_t, 256> channelTable;  // interleaved channel -> 2 * track, + 1 for RTCP
+    bool channelsShared = false;
     bool addingTracks = false;
     bool delivering = false;
     std::uint32_t ownSource;  // SSRC of our receiver reports
@@ -159,5 +162,6 @@ private:
     bool strayReported = false;
     bool malformedReported = false;
     bool silentSoundReported = false;
+    bool sharingReported = false;
 };
 }  // namespace Tavro8::Utility

@@ -73,6 +73,7 @@ public:
 
     StreamCounters counters() const noexcept;
     media::TrackReceiver::Statistics statistics() const noexcept;
+    bool takes(std::uint8_t payloadType) const noexcept { return payloadTypes[payloadType]; }
     bool isVideo() const noexcept { return description().kind == "video"; }
     /// The time from which on silence counts.
     void beginWatch(std::chrono::steady_clock::time_point now) noexcept { lastProgress = now; }

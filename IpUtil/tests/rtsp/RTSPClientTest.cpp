@@ -290,6 +290,44 @@ TEST(RTSPClient, takesTheChannelsThatTheDeviceNames)
     EXPECT_EQ(player.client->counters(player.videoTrack).lostPackets, 0U);
 }
 
+TEST(RTSPClient, receivesTracksThatAreAnsweredWithTheSameChannels)
+{
+    const std::string soundFirst = "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\n"
+                                   "m=audio 0 RTP/AVP 0\r\na=control:track1\r\n"
+                                   "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:track2\r\n";
+    const struct {
+        const char* name;
+        std::string sdp;
+        std::uint8_t videoChannel, audioChannel;
+    } cases[] = {
+        {"on one channel", videoAndAudioSdp, 0, 0},
+        {"on the channels asked for", videoAndAudioSdp, 0, 2},
+        {"on one channel, sound first", soundFirst, 0, 0},
+        {"on the channels asked for, sound first", soundFirst, 2, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Camera camera = cameraWith(c.sdp.c_str());
+        camera.transport = [](std::size_t, const std::string&) { return "RTP/AVP/TCP;unicast;interleaved=0-1"; };
+        camera.afterPlay = [&c](ScriptedPeer::Connection& connection) {
+            VideoSender video(c.videoChannel);
+            for (std::uint16_t i = 0; i < 3; ++i) {
+                video.sendKeyFrame(connection);
+                connection.sendFrame(1, senderReport(videoSource, 0, 0));
+                connection.sendFrame(c.audioChannel, rtp(0, i, i * 160U, false, Bytes(160, 0x55), 0x99));
+            }
+        };
+        ScriptedPeer peer(camera.script());
+        Loop loop;
+        Player player(loop);
+        player.start(addressOf(peer));
+        ASSERT_TRUE(loop.runUntil([&] { return player.audio.size() == 3; })) << player.log.text();
+        EXPECT_EQ(player.video.size(), 3U);
+        EXPECT_EQ(player.log.count("share interleaved channels"), 1U);
+        EXPECT_EQ(player.client->counters(player.videoTrack).lostPackets, 0U);
+    }
+}
+
 TEST(RTSPClient, receivesMediaThatComesBeforeTheAnswerToPlay)
 {
     Camera camera = cameraWith(videoSdp);
