@@ -171,12 +171,11 @@ bool RtpPorts::isFromDevice(const udp::endpoint& sender) noexcept
 
 void RtpPorts::openWay(wire::ByteView report) noexcept
 {
-    for (const address& target : deviceAddresses) {
-        if (devicePorts[rtp] != 0)
-            send(rtp, udp::endpoint(target, devicePorts[rtp]), emptyPacket);
-        if (devicePorts[rtcp] != 0)
-            send(rtcp, udp::endpoint(target, devicePorts[rtcp]), report);
-    }
+    const address& target = deviceAddresses.front();
+    if (devicePorts[rtp] != 0)
+        send(rtp, udp::endpoint(target, devicePorts[rtp]), emptyPacket);
+    if (devicePorts[rtcp] != 0)
+        send(rtcp, udp::endpoint(target, devicePorts[rtcp]), report);
 }
 
 void RtpPorts::sendRtcp(wire::ByteView packet) noexcept

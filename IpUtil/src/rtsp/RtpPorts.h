@@ -61,7 +61,9 @@ public:
     void start(Events& receiver, std::size_t track, const Device& device);
     bool isStarted() const noexcept { return started; }
 
-    /// Sends a first packet to each of the device's ports, so that firewalls on the way let its answers through.
+    /// Sends a first packet to each of the device's ports, so that firewalls on the way let its answers through. Never
+    /// to another source that it names: what it says must not aim our packets at others. That one gets reports, once
+    /// packets have come from it.
     /// `report` is an RTCP packet that says nothing.
     void openWay(wire::ByteView report) noexcept;
     /// Dropped while the device's RTCP port is unknown, and when the system will not take it now.

@@ -149,6 +149,22 @@ TEST_F(RtpPortsTest, reportToWhereTheDevicesReportsComeFromWhenItNamesNoPorts)
     EXPECT_THAT(got, ElementsAre(Bytes{3}));
 }
 
+TEST_F(RtpPortsTest, sendNothingToAnotherSourceBeforeItHasSent)
+{
+    const std::string answer = other.accept("client_port=" + std::to_string(ports->numbers().rtp) + '-' +
+                                            std::to_string(ports->numbers().rtcp));
+    ports->start(taker, 3, {make_address("127.0.0.1"), "127.0.0.2", wire::parseTransport(answer)->serverPort});
+    ports->openWay(Bytes{1});
+    ports->sendRtcp(Bytes{2});
+    other.sendRtp(Bytes{7});
+    ASSERT_TRUE(loop.runUntil([&] { return taker.rtp.size() == 1; }));
+    ports->sendRtcp(Bytes{3});
+    std::vector<Bytes> got;
+    ASSERT_TRUE(loop.runUntil([&] { return !(got = other.takeRtcp()).empty(); }));
+    EXPECT_THAT(got, ElementsAre(Bytes{3}));
+    EXPECT_TRUE(other.takeRtp().empty());
+}
+
 TEST(RtpPorts, areOfTheFamilyOfTheConnection)
 {
     Loop loop;
