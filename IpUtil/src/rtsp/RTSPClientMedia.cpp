@@ -85,11 +85,28 @@ wire::RtspTrackRequest RTSPClient::State::requestOf(RTSPTrack& track)
                        "), the stream is to be received over the RTSP connection: ", url);
         return request;
     }
+    reportSmallBuffer(*ports);
     request.clientPort = ports->numbers();
     request.order = transport == RtspTransport::udp ? wire::RtspTransportOrder::udpThenInterleaved
                                                     : wire::RtspTransportOrder::interleavedThenUdp;
     track.offer(std::move(ports));
     return request;
+}
+
+/// Once for all streams: it is the same for each of them.
+void RTSPClient::State::reportSmallBuffer(const RtpPorts& ports)
+{
+    const int given = ports.receiveBufferBytes();
+    if (given >= context->datagramBufferBytes || std::exchange(context->smallBufferReported, true))
+        return;
+#ifdef __linux__
+    constexpr const char* limit = ", which net.core.rmem_max limits";
+#else
+    constexpr const char* limit = "";
+#endif
+    logger.info("Tavro8::Utility::RTSPClient::performDefaultSteps", "the system holds ", given, " bytes of ",
+                context->datagramBufferBytes, " asked for of a track over UDP", limit,
+                ": bursts of packets may be lost under load");
 }
 
 /// Makes ready for media, also a second time when the device wants PLAY authorized.

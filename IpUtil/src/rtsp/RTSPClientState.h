@@ -93,6 +93,7 @@ private:
     void onKeepAliveRefused(unsigned status);
 
     wire::RtspTrackRequest requestOf(RTSPTrack& track);
+    void reportSmallBuffer(const RtpPorts& ports);
     void establishTracks();
     void establish(std::size_t number, const wire::RtspTrack& agreed);
     void learnTransport(bool refusesInterleaved);

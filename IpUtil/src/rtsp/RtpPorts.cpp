@@ -72,7 +72,7 @@ std::shared_ptr<RtpPorts> RtpPorts::open(boost::asio::io_context& service, Strea
         return nullptr;
     ec.clear();  // of neighbours that were taken
     error_code ignored;
-    pair->first.set_option(boost::asio::socket_base::receive_buffer_size(systemBufferBytes), ignored);
+    pair->first.set_option(boost::asio::socket_base::receive_buffer_size(context.datagramBufferBytes), ignored);
     return std::make_shared<RtpPorts>(context, std::move(pair->first), std::move(pair->second));
 }
 
@@ -81,6 +81,15 @@ RtpPorts::RtpPorts(StreamContext& context, udp::socket rtpSocket, udp::socket rt
 {
     sockets[rtp].emplace(std::move(rtpSocket));
     sockets[rtcp].emplace(std::move(rtcpSocket));
+}
+
+int RtpPorts::receiveBufferBytes() const noexcept
+{
+    boost::asio::socket_base::receive_buffer_size size;
+    error_code ec;
+    if (sockets[rtp])
+        sockets[rtp]->get_option(size, ec);
+    return size.value();  // without what the system adds for its own records
 }
 
 void RtpPorts::start(Events& receiver, std::size_t track, const Device& device)

@@ -56,6 +56,8 @@ public:
     RtpPorts(StreamContext& context, boost::asio::ip::udp::socket rtp, boost::asio::ip::udp::socket rtcp);
 
     wire::PortPair numbers() const noexcept { return portNumbers; }
+    /// How much the system holds for the RTP port; it may give less than it is asked for.
+    int receiveBufferBytes() const noexcept;
 
     /// Begins to receive, once. `events` must outlive `close`.
     void start(Events& receiver, std::size_t track, const Device& device);

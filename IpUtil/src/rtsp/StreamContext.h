@@ -84,6 +84,9 @@ public:
     void stopTicking(Client& client) noexcept;
 
     StreamTiming timing;
+    /// What the system is asked to hold of a track over UDP while others have their turn: a large key frame.
+    int datagramBufferBytes = 512 * 1024;
+    bool smallBufferReported = false;  ///< that it gives less
 
 private:
     void shutdown() override;

@@ -595,6 +595,20 @@ TEST(RtpOverUdp, mayOutliveItsContext)
     EXPECT_FALSE(scene.player.closed);
 }
 
+TEST(RtpOverUdp, tellsOnceOfASmallReceiveBuffer)
+{
+    const std::string line = "bytes of 1073741824 asked for";
+    Scene scene(videoAndAudioSdp);
+    StreamContext::of(*scene.loop.io).datagramBufferBytes = 1 << 30;  // more than any system gives
+    ASSERT_TRUE(scene.play());
+    EXPECT_EQ(scene.player.log.count(line), 1U) << scene.player.log.text();
+
+    Scene modest;
+    StreamContext::of(*modest.loop.io).datagramBufferBytes = 8 * 1024;
+    ASSERT_TRUE(modest.play());
+    EXPECT_EQ(modest.player.log.count("asked for"), 0U) << modest.player.log.text();
+}
+
 // ---- streams --------------------------------------------------------------------------------------------------
 
 class Viewer final : public RTSPReceiver {
