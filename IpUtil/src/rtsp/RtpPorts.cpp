@@ -4,6 +4,7 @@
 
 #include "rtsp/DatagramBatch.h"
 #include "rtsp/NeighbourPorts.h"
+#include "rtsp/SocketSupport.h"
 
 #include <Tavro8/ResultCode.h>
 #include <boost/asio/buffer.hpp>
@@ -19,17 +20,8 @@ namespace
 using boost::asio::ip::address;
 using boost::asio::ip::udp;
 
-// A stream that sends faster than it is read lets others have their turn after so many reads.
-constexpr unsigned maxReadsPerTurn = 4;
-// What the system holds for us while others have their turn: a large key frame. It may give less.
-constexpr int systemBufferBytes = 512 * 1024;
 // An RTP packet of nothing: version 2 and zeros.
 constexpr std::array<std::uint8_t, 12> emptyPacket{0x80};
-
-error_code hostError(const error_code& ec)
-{
-    return {translateSystemError(ec), get_tavro8_category()};
-}
 
 std::optional<udp::socket> openSocket(boost::asio::io_context& service, const udp::endpoint& local, error_code& ec)
 {

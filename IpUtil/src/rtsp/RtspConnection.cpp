@@ -1,5 +1,7 @@
 #include "rtsp/RtspConnection.h"
 
+#include "rtsp/SocketSupport.h"
+
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
 #include <bit>
@@ -16,15 +18,8 @@ namespace Tavro8::Utility
 {
 namespace
 {
-// A stream that sends faster than it is read lets others have their turn after so many reads.
-constexpr unsigned maxReadsPerTurn = 4;
 // An unfinished unit up to this size may keep its memory between bursts.
 constexpr std::size_t modestTailBytes = 2048;
-
-error_code hostError(const error_code& ec)
-{
-    return {translateSystemError(ec), get_tavro8_category()};
-}
 }  // namespace
 
 RtspConnection::RtspConnection(boost::asio::io_context& service, StreamContext& context, Events& events)
