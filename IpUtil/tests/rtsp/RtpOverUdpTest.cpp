@@ -399,7 +399,7 @@ TEST(RtpOverUdp, givesUpWhenSoundTakesTheConnectionAndPicturesDoNotGetThrough)
 TEST(RtpOverUdp, isKeptWhenPicturesGetThroughAndSoundDoesNot)
 {
     Scene scene(videoAndAudioSdp, [](StreamTiming& timing) { timing.firstDatagramLimit = milliseconds(20); });
-    scene.player.client->setStallTimeout(milliseconds(400));
+    scene.player.client->setStallTimeout(milliseconds(800));
     ASSERT_TRUE(scene.play());
     ASSERT_TRUE(scene.loop.runUntil([&] {
         scene.video.sendRtp(scene.sender.keyFrameRtp());

@@ -85,7 +85,7 @@ TEST(StreamLife, picturesThatStandStillBesideSoundAreAskedForAgain)
     Fixture fixture(camera);
     const auto video = fixture.add(MediaKind::video);
     const auto audio = fixture.add(MediaKind::audio);
-    video->stallTimeout = audio->stallTimeout = milliseconds(300);
+    video->stallTimeout = audio->stallTimeout = milliseconds(800);
     ASSERT_TRUE(fixture.loop.runUntil([&] { return video->states.size() == 3 && video->framesSinceState > 5; }))
         << fixture.log.text();
     EXPECT_EQ(video->states[1], errorOf(ResultCode::timedOut));
@@ -106,7 +106,7 @@ TEST(StreamLife, soundThatFallsSilentBesidePicturesEndsNothing)
     Fixture fixture(camera);
     const auto video = fixture.add(MediaKind::video);
     const auto audio = fixture.add(MediaKind::audio);
-    video->stallTimeout = audio->stallTimeout = milliseconds(300);
+    video->stallTimeout = audio->stallTimeout = milliseconds(800);
     const std::string line = "no sound comes";
     ASSERT_TRUE(fixture.loop.runUntil([&] { return fixture.log.text().find(line) != std::string::npos; }));
     const std::size_t frames = video->frames;
