@@ -40,6 +40,8 @@ public:
     /// Waits until the sources have reported that they stopped; no frame follows.
     void awaitStop();
 
+    bool isPlaying() const { return videoReceiver.hasFrames(); }  ///< at least one picture has come
+    std::uint64_t getVideoReports() const { return videoReceiver.getStatisticsCount(); }
     ReceivedMedia getVideo() const { return videoReceiver.getReceived(); }
     ReceivedMedia getAudio() const { return audioReceiver.getReceived(); }
 

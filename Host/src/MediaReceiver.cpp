@@ -12,6 +12,18 @@ ReceivedMedia MediaReceiver::getReceived() const
     return received;
 }
 
+bool MediaReceiver::hasFrames() const
+{
+    const std::lock_guard lock(mutex);
+    return received.frames > 0;
+}
+
+std::uint64_t MediaReceiver::getStatisticsCount() const
+{
+    const std::lock_guard lock(mutex);
+    return received.statisticsCount;
+}
+
 void* MediaReceiver::FindContract(const char* name) noexcept
 {
     if (void* handler = Tavro8::findContractIn<GDRV::IAsyncDeviceChannelHandler>(getChannelHandler(), name))

@@ -38,6 +38,8 @@ public:
     Tavro8::GDRV::IMediaFrameHandler* getFrameHandler() noexcept { return this; }
 
     ReceivedMedia getReceived() const;
+    bool hasFrames() const;
+    std::uint64_t getStatisticsCount() const;
     bool isStopped() const noexcept { return stopped; }  ///< call under the monitor's lock
 
     void* FindContract(const char* name) noexcept override;

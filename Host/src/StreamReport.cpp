@@ -163,9 +163,8 @@ ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams)
         sum.bytes += one.bytes;
         sum.damagedFrames += one.damagedFrames;
         addUp(sum.statistics, one.statistics);
+        sum.statisticsCount += one.statisticsCount;
     }
-    // The first stream's reports set the pace for all.
-    sum.statisticsCount = streams.empty() ? 0 : streams.front().statisticsCount;
     return sum;
 }
 

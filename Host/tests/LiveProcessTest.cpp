@@ -89,6 +89,21 @@ TEST_F(Live, reportsStatisticsEverySecond)
     EXPECT_GT(statistics["residentBytes"].asUInt64(), 1000000U);
 }
 
+TEST_F(Live, reportsStatisticsOnceAllStreamsHaveToldTheirs)
+{
+    ChildProcess& host = start({"--json", "--device", "camera", "live", "--seconds", "0", "--count", "8", "--discard"});
+    host.awaitOutput("statistics");
+    host.signal(SIGINT);
+    host.awaitEnd();
+    // Each device tells 25 frames more, at a moment of its own.
+    const auto events = getEvents();
+    ASSERT_FALSE(events.empty());
+    const Json::Value& first = events.front();
+    EXPECT_EQ(first["event"], "statistics");
+    EXPECT_GE(first["frames"].asUInt(), 8U * 25U);
+    EXPECT_GE(first["framesPerSecond"].asDouble(), 8 * 25.0);
+}
+
 TEST_F(Live, tellsOfEachFrameWhenAsked)
 {
     run({"--json", "--device", "camera", "live", "--seconds", "0.2", "--frames"});

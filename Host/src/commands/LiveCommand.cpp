@@ -29,6 +29,36 @@ struct LiveOptions {
     bool frames = false;
 };
 
+using LiveStreams = std::vector<std::unique_ptr<LiveStream>>;
+
+/// Waits until all streams that play have told their statistics anew, so that a report never adds up new numbers of
+/// some and old ones of others.
+class StatisticsRound {
+public:
+    explicit StatisticsRound(const LiveStreams& allStreams) : streams(allStreams) { begin(); }
+
+    void begin()
+    {
+        seen.clear();
+        for (const auto& stream : streams)
+            seen.push_back(stream->getVideoReports());
+        next = 0;
+    }
+
+    /// Goes on where it came to last time: called each time any of perhaps thousands of streams has told something.
+    bool isComplete()
+    {
+        while (next < streams.size() && (!streams[next]->isPlaying() || streams[next]->getVideoReports() != seen[next]))
+            ++next;
+        return next == streams.size();
+    }
+
+private:
+    const LiveStreams& streams;
+    std::vector<std::uint64_t> seen;
+    std::size_t next = 0;
+};
+
 /// One run of the command. The members are in the order in which they are needed, so that they go away in the
 /// order that the module asks for: streams, then the recorder with the frames it holds, then the devices, and
 /// last the module.
@@ -93,8 +123,8 @@ private:
 
     std::size_t silentStreams() const
     {
-        return static_cast<std::size_t>(std::count_if(
-            streams.begin(), streams.end(), [](const auto& stream) { return !stream->getVideo().firstFrame; }));
+        return static_cast<std::size_t>(
+            std::count_if(streams.begin(), streams.end(), [](const auto& stream) { return !stream->isPlaying(); }));
     }
 
     std::chrono::duration<double> elapsed() const
@@ -157,16 +187,17 @@ private:
         const auto end = options.seconds > 0 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                                   std::chrono::duration<double>(options.seconds))
                                              : Clock::time_point::max();
-        std::uint64_t reported = 0;
-        const auto news = [&] { return recorderFailed() || streams.front()->getVideo().statisticsCount != reported; };
+        StatisticsRound round(streams);
+        const auto news = [&] { return recorderFailed() || round.isComplete(); };
         while (!surroundings.interrupted.stop_requested() && Clock::now() < end) {
             surroundings.console.progress(progressText(received(), elapsed()));
             surroundings.monitor.wait(surroundings.interrupted, std::min(end, Clock::now() + tick), news);
             if (surroundings.monitor.read([this] { return recorderFailed(); }))
                 return;
-            const ReceivedMedia now = received();
-            if (std::exchange(reported, now.statisticsCount) != now.statisticsCount)
-                reportStatistics(surroundings.output, now, load());
+            if (!round.isComplete())
+                continue;
+            round.begin();
+            reportStatistics(surroundings.output, received(), load());
         }
     }
 
@@ -226,7 +257,7 @@ private:
 
     ConnectedDevices devices;
     std::optional<FrameRecorder> recorder;
-    std::vector<std::unique_ptr<LiveStream>> streams;
+    LiveStreams streams;
 };
 
 class LiveCommand final : public Command {
