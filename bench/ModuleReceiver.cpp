@@ -67,6 +67,7 @@ public:
     std::filesystem::path folder;
 };
 
+/// The same few lines as in docs/examples/FirstFrame.cpp, which is to be read alone and therefore shares nothing.
 class Host final : public IModuleContext, public ILoggingContext {
 public:
     explicit Host(const std::filesystem::path& repository) : repository(repository.wstring()) {}
