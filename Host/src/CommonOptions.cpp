@@ -27,7 +27,8 @@ void describeDevice(CLI::App& app, CommonOptions& options)
         ->group(group);
     app.add_option("--password-file", options.passwordFile,
                    "Take the password from the first line of FILE; without it and without\n"
-                   "one in the address it is taken from the variable KELVO_DEVICE_PASSWORD")
+                   "one in the address it is taken from the variable KELVO_DEVICE_PASSWORD\n"
+                   "when the address names a user")
         ->type_name("FILE")
         ->group(group);
     app.add_option("--channels", options.channels, "Number of video channels that the device has")
@@ -126,10 +127,12 @@ DeviceAddress deviceAddress(const CommonOptions& options)
     if (fromFile && address.hasPassword())
         throw Failure(ExitStatus::usage, "give the password in --device or with --password-file, not in both");
     const char* variable = std::getenv(passwordVariable);
-    if (address.hasPassword() || (!fromFile && variable == nullptr))
-        return address;
-    if (!address.hasUser())
+    if (fromFile && !address.hasUser())
         throw Failure(ExitStatus::usage, "there is a password but no user name: write --device http://user@host");
+    // The variable is there for all devices, also for those that ask nobody who he is.
+    const bool fromVariable = variable != nullptr && address.hasUser();
+    if (address.hasPassword() || (!fromFile && !fromVariable))
+        return address;
     address.setPassword(fromFile ? readPassword(options.passwordFile) : variable);
     return address;
 }

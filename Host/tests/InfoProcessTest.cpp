@@ -114,6 +114,14 @@ TEST_F(Info, takesThePasswordFromTheEnvironment)
     EXPECT_EQ(status, 3);
 }
 
+TEST_F(Info, needsNoPasswordOfTheEnvironmentWhenTheAddressNamesNoUser)
+{
+    environment["KELVO_DEVICE_PASSWORD"] = "p@ss:%";
+    const ChildProcess& host = run({"--device", "camera", "info"});
+    EXPECT_EQ(status, 0) << host.errors();
+    EXPECT_EQ(host.errors(), "");
+}
+
 TEST_F(Info, takesThePasswordFromTheFirstLineOfAFile)
 {
     environment["KELVO_DEVICE_PASSWORD"] = "wrong";
