@@ -104,6 +104,15 @@ TEST_F(Live, reportsStatisticsOnceAllStreamsHaveToldTheirs)
     EXPECT_GE(first["framesPerSecond"].asDouble(), 8 * 25.0);
 }
 
+TEST_F(Live, takesTheTransportInAnyCase)
+{
+    for (const char* transport : {"UDP", "Tcp", "auto"}) {
+        const ChildProcess& host =
+            run({"--device", "camera", "live", "--seconds", "0.1", "--discard", "--transport", transport});
+        EXPECT_EQ(status, 0) << host.errors();
+    }
+}
+
 TEST_F(Live, tellsOfEachFrameWhenAsked)
 {
     run({"--json", "--device", "camera", "live", "--seconds", "0.2", "--frames"});

@@ -279,9 +279,9 @@ public:
             ->capture_default_str();
         app.add_flag("--audio", request.sound, "Receive the channel's sound too");
         app.add_option("--transport", request.transport,
-                       "How media travel: tcp (over the RTSP connection), udp,\n"
-                       "or auto (udp where the device refuses tcp)")
-            ->check(CLI::IsMember({"tcp", "udp", "auto"}).description(""))
+                       "How media travel: tcp (over the RTSP connection), udp (tcp where the\n"
+                       "device refuses udp or nothing arrives), or auto (udp where it refuses tcp)")
+            ->check(CLI::IsMember({"tcp", "udp", "auto"}, CLI::ignore_case).description(""))
             ->type_name("HOW")
             ->capture_default_str();
         app.add_option("--output", options.output, "Record to FILE.mp4 or FILE.mkv, pictures as received")
