@@ -209,7 +209,7 @@ TEST(LiveEndToEnd, saysOverWhichTransportItReceives)
     const struct {
         const char* transport;
         bool udp;
-    } cases[] = {{"tcp", false}, {"udp", true}, {"auto", false}};
+    } cases[] = {{"tcp", false}, {"UDP", true}, {"auto", false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.transport);
         const ScratchFolder folder;
@@ -218,6 +218,7 @@ TEST(LiveEndToEnd, saysOverWhichTransportItReceives)
         EXPECT_EQ(run.status, 0) << run.errors;
         EXPECT_THAT(run.errors, HasSubstr("playing rtsp://"));
         EXPECT_EQ(run.errors.find("over UDP") != std::string::npos, c.udp);
+        EXPECT_EQ(run.event("summary")["transport"], c.udp ? "udp" : "tcp");
     }
 }
 

@@ -67,6 +67,30 @@ void addUp(StreamStatistics& sum, const StreamStatistics& one)
     addUp(sum.named, one.named);
 }
 
+/// "tcp", "udp" or "mixed"; empty when the module does not tell.
+std::string transportOf(const ReceivedMedia& video)
+{
+    for (const auto& [name, value] : video.statistics.named)
+        if (name == "transport")
+            return value;
+    return {};
+}
+
+const char* transportPhrase(const std::string& transport) noexcept
+{
+    if (transport == "tcp")
+        return " over TCP";
+    if (transport == "udp")
+        return " over UDP";
+    return transport == "mixed" ? " over TCP and UDP" : "";
+}
+
+void addTransport(Json::Value& fields, const ReceivedMedia& video)
+{
+    if (const std::string transport = transportOf(video); !transport.empty())
+        fields["transport"] = transport;
+}
+
 std::string sizeOf(const ReceivedMedia& video)
 {
     return std::to_string(video.width) + 'x' + std::to_string(video.height);
@@ -85,7 +109,7 @@ std::string pictureLine(const StreamSummary& summary)
         line += ", " + std::to_string(summary.silentStreams) + " of them silent";
     line += "\nVideo     " + std::string(codecName(video.codec)) + ' ' + sizeOf(video) + ", " +
             decimalText(static_cast<double>(video.frames) * perSecond, 1) + " frames/s, " +
-            bitRateText(static_cast<double>(video.bytes) * 8 * perSecond) + ", " +
+            bitRateText(static_cast<double>(video.bytes) * 8 * perSecond) + transportPhrase(transportOf(video)) + ", " +
             std::to_string(video.statistics.lostPackets) + " packets lost";
     if (video.statistics.reconnects > 0)
         line += ", " + std::to_string(video.statistics.reconnects) + " reconnections";
@@ -182,6 +206,7 @@ void reportStatistics(Output& output, const ReceivedMedia& video, const ProcessL
     fields["connects"] = statistics.connects;
     fields["reconnects"] = statistics.reconnects;
     fields["jitterMs"] = statistics.jitterMs;
+    addTransport(fields, video);
     fields["cpuSeconds"] = load.cpuSeconds;
     fields["residentBytes"] = number(load.residentBytes);
     for (const auto& [name, value] : statistics.named)
@@ -243,6 +268,7 @@ void reportSummary(Output& output, const StreamSummary& summary)
     fields["bytes"] = number(video.bytes);
     fields["lost"] = number(video.statistics.lostPackets);
     fields["reconnects"] = video.statistics.reconnects;
+    addTransport(fields, video);
     fields["connectSeconds"] = summary.connecting.count();
     fields["seconds"] = summary.elapsed.count();
     fields["cpuSeconds"] = summary.load.cpuSeconds;
