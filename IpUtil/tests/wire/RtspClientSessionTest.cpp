@@ -632,6 +632,23 @@ TEST(RtspClientSession, namesTheRequiredFeatureOnEveryRequest)
                                                  "TEARDOWN"}));
 }
 
+TEST(RtspClientSession, playsASpanOfTheDayAtAnotherSpeed)
+{
+    RtspSessionConfig config = plainConfig();
+    config.range = "clock=20170426T021045Z-20170426T021945Z";
+    config.scale = "2";
+    Talk talk(config);
+    talk.toDescribe();
+    EXPECT_FALSE(talk.request().headers.contains("Range"));
+    talk.answer(200, {}, testing::dataText("back_channel_with_a_dozen_formats.sdp"));
+    talk.step = talk.session.setup({{2}});
+    EXPECT_FALSE(talk.request().headers.contains("Range"));
+    talk.answer(200, {"Session: 5"});
+    EXPECT_EQ(talk.request().method, "PLAY");
+    EXPECT_EQ(header(talk.request(), "Range"), "clock=20170426T021045Z-20170426T021945Z");
+    EXPECT_EQ(header(talk.request(), "Scale"), "2");
+}
+
 TEST(RtspClientSession, tearsDownWhateverTheDeviceAnswers)
 {
     for (const unsigned status : {200U, 454U, 500U}) {
