@@ -135,7 +135,12 @@ void receivesPlayableMedia(const std::vector<std::string>& deviceArguments,
     ASSERT_EQ(run.status, 0) << run.errors;
 
     const auto summary = run.event("summary");
-    EXPECT_NEAR(summary["frames"].asDouble(), framesPerSecond * summary["seconds"].asDouble(), framesPerSecond / 2);
+    // Not by the clock: a busy machine encodes late and delivers what has gathered meanwhile at once. The device may
+    // have sent a few frames more before it heard that nobody wants them.
+    const double sent = device.admin("GET", "counters")["rtsp"]["streams"][0]["frames"].asDouble();
+    EXPECT_LE(summary["frames"].asDouble(), sent);
+    EXPECT_GE(summary["frames"].asDouble(), sent - 6);
+    EXPECT_GE(sent, framesPerSecond);
     EXPECT_GE(summary["keyFrames"].asUInt(), 1U);
     EXPECT_EQ(summary["lost"].asUInt(), 0U);
     EXPECT_EQ(summary["reconnects"].asUInt(), 0U);
