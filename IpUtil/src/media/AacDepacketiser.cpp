@@ -180,7 +180,8 @@ void AacDepacketiser::takeUnits(std::span<const std::uint8_t> headers, std::size
         }
         reader.skip(packing.randomAccessFlag ? 1 : 0);
         reader.skip(packing.streamStateLength);
-        if (reader.failed() || reader.left() < paddingBits || (size > data.size() && number != 0))
+        if (reader.failed() || reader.left() < paddingBits || (size > data.size() && number != 0) ||
+            number == maxUnitsPerPacket)
             return refuse();
         if (size > data.size())
             return takeFragment(size, data);
@@ -197,6 +198,8 @@ void AacDepacketiser::takeUnitsOfConstantSize(std::span<const std::uint8_t> data
     const std::size_t size = packing.constantSize;
     if (data.size() < size)
         return takeFragment(size, data);
+    if (data.size() / size > maxUnitsPerPacket)
+        return refuse();
     for (std::uint32_t number = 0; data.size() >= size; ++number) {
         takeUnit(data.first(size), number);
         data = data.subspan(size);

@@ -12,6 +12,10 @@
 
 namespace Tavro8::media
 {
+/// RFC 3640 sets no limit. This one is seconds of sound, far beyond what a device holds back; without one a packet
+/// could be tens of thousands of frames of a byte each.
+inline constexpr std::size_t maxUnitsPerPacket = 128;
+
 /// How `mpeg4-generic` packets are laid out (RFC 3640 section 4.1): widths of the fields of an access unit's header in
 /// bits, 0 for fields that are not there.
 struct AacPacking {

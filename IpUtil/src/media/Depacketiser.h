@@ -53,8 +53,9 @@ struct DepacketiserOptions {
     std::size_t maxFrameBytes = 8 * 1024 * 1024;  ///< a larger frame is discarded as damaged
 };
 
-/// Takes the frames of a depacketiser. Called from within `push` or `flush`, so that no frame is queued,
-/// copied or allocated on its way; a packet yields at most two (the one it ends by its timestamp and its own).
+/// Takes the frames of a depacketiser. Called from within `push` or `flush`, so that no frame is queued, copied or
+/// allocated on its way. A packet yields the one it ends by its timestamp, and at most one of its own; of AAC as many
+/// as it holds, up to `maxUnitsPerPacket`.
 class AccessUnitSink {
 public:
     /// All of `frame` is set but `timestampMs` and, for video, `durationMs`. The sink may fill them in, and

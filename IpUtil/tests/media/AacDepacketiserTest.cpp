@@ -352,6 +352,37 @@ TEST(AacDepacketiser, refusesPacketsAgainstTheFormat)
     }
 }
 
+TEST(AacDepacketiser, handsOutABoundedNumberOfUnitsOfAPacket)
+{
+    const struct {
+        const char* what;
+        std::vector<std::pair<std::string, std::string>> parameters;
+        bool hasHeaders;  // of 8 bits, each
+    } cases[] = {
+        {"with headers", {{"sizelength", "8"}}, true},
+        {"of one size", {{"constantsize", "1"}}, false},
+    };
+    const auto packetOf = [](std::size_t units, bool hasHeaders) {
+        const std::size_t bits = units * 8;
+        const Bytes head{static_cast<std::uint8_t>(bits >> 8), static_cast<std::uint8_t>(bits)};
+        return hasHeaders ? head + Bytes(units, 1) + Bytes(units, 0x55) : Bytes(units, 0x55);
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Bench bench(withParameters(c.parameters));
+        bench.push(packetOf(maxUnitsPerPacket, c.hasHeaders), 0, true);
+        EXPECT_EQ(bench.frames.size(), maxUnitsPerPacket);
+        EXPECT_EQ(bench.counters().malformed, 0U);
+        bench.push(packetOf(maxUnitsPerPacket + 1, c.hasHeaders), 1 << 20, true);
+        EXPECT_LE(bench.frames.size(), 2 * maxUnitsPerPacket);
+        EXPECT_EQ(bench.counters().malformed, 1U);
+        const std::size_t before = bench.frames.size();
+        bench.push(packetOf(1, c.hasHeaders), 2 << 20, true);
+        ASSERT_EQ(bench.frames.size(), before + 1);
+        EXPECT_TRUE(bench.frames.back().info.lostPacketsBefore);
+    }
+}
+
 TEST(AacDepacketiser, noticesFragmentsThatDoNotFit)
 {
     const struct {
