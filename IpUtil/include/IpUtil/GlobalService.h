@@ -10,8 +10,8 @@
 
 namespace Tavro8::Utility
 {
-/// The worker threads that all modules of a process share: a fixed pool of I/O contexts with one thread each, and
-/// two bounded pools for work that blocks. They live as long as somebody holds the shared reference.
+/// The worker threads that all modules of a process share: a fixed pool of I/O contexts with one thread each, one more
+/// for servers, and two bounded pools for work that blocks. They live as long as somebody holds the shared reference.
 class IPUTIL_API GlobalService {
 public:
     /// The service of the process, made when nobody holds one. Any thread.
@@ -35,6 +35,10 @@ public:
     /// thread.
     void releaseContext(const boost::asio::io_context& context, std::uint32_t streams = 1) noexcept;
     std::size_t getContextCount() const noexcept;
+
+    /// The I/O context of servers, on which devices call us. Apart from the others, so that neither waits for the
+    /// other; its one thread starts with the first call. Raises `std::system_error` when the system gives none.
+    boost::asio::io_context& getServerContext();
 
     /// Where blocking work runs. Devices that keep failing have threads of their own, so that first attempts and
     /// fresh losses never queue behind their time-outs.

@@ -29,9 +29,9 @@ class Worker {
 public:
     Worker() : context(1), guard(context.get_executor()) {}
 
-    void start(const void* service, std::size_t number)
+    void start(const void* service, std::string name)
     {
-        thread = std::thread([this, service, name = "ipu-io-" + std::to_string(number)] {
+        thread = std::thread([this, service, name = std::move(name)] {
             nameThisThread(name.c_str());
             serviceOfThisThread = service;
             run();
@@ -90,6 +90,8 @@ struct GlobalService::State {
         // Blocked work may wait for the I/O threads, so these end last.
         prompt.stop();
         failing.stop();
+        if (server != nullptr)
+            server->stop();
         for (const auto& worker : workers)
             worker->stop();
     }
@@ -97,13 +99,31 @@ struct GlobalService::State {
     void start()
     {
         for (std::size_t i = 0; i < workers.size(); ++i)
-            workers[i]->start(this, i);
+            workers[i]->start(this, "ipu-io-" + std::to_string(i));
+    }
+
+    Worker& startedServer()
+    {
+        const std::lock_guard lock(serverMutex);
+        if (server == nullptr) {
+            auto made = std::make_unique<Worker>();
+            made->start(this, "ipu-server");
+            server = std::move(made);
+        }
+        return *server;
+    }
+    Worker* getServer()
+    {
+        const std::lock_guard lock(serverMutex);
+        return server.get();
     }
 
     BlockingLane prompt;
     BlockingLane failing;
     std::vector<std::unique_ptr<Worker>> workers;
-    std::mutex assignment;
+    std::mutex assignment;  // guards the counts of the workers
+    std::mutex serverMutex;  // guards the pointer below, which once set stays
+    std::unique_ptr<Worker> server;
 };
 
 std::shared_ptr<GlobalService> GlobalService::instance()
@@ -157,6 +177,11 @@ void GlobalService::releaseContext(const boost::asio::io_context& context, std::
         (*found)->streams -= std::min<std::uint64_t>((*found)->streams, std::max(1U, streams));
 }
 
+boost::asio::io_context& GlobalService::getServerContext()
+{
+    return state->startedServer().context;
+}
+
 std::size_t GlobalService::getContextCount() const noexcept
 {
     return state->workers.size();
@@ -170,9 +195,11 @@ void GlobalService::runBlocking(Lane lane, std::function<void()> work)
 void GlobalService::barrier()
 {
     assert(serviceOfThisThread != state.get());
-    // The lanes first: what ends there is reported to the I/O contexts.
+    // The lanes and the server first: what ends there is reported to the I/O contexts.
     state->prompt.waitForPresentWork();
     state->failing.waitForPresentWork();
+    if (Worker* const server = state->getServer())
+        drain(server->context);
     for (const auto& worker : state->workers)
         drain(worker->context);
 }

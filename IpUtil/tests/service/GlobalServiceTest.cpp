@@ -298,3 +298,48 @@ TEST(GlobalService, isMadeAndReleasedBySeveralThreads)
     for (std::thread& user : users)
         user.join();
 }
+
+TEST(GlobalService, hasAThreadOfItsOwnForServers)
+{
+    const auto service = GlobalService::instance();
+    auto& server = service->getServerContext();
+    EXPECT_EQ(&server, &service->getServerContext());
+    std::set<std::thread::id> threads;
+    std::promise<std::thread::id> ids[2];
+    boost::asio::post(server, [&] { ids[0].set_value(std::this_thread::get_id()); });
+    boost::asio::post(service->assignContext(), [&] { ids[1].set_value(std::this_thread::get_id()); });
+    for (auto& id : ids)
+        threads.insert(id.get_future().get());
+    EXPECT_EQ(threads.size(), 2U);
+}
+
+TEST(GlobalService, barrierWaitsForServersAndForWhatTheyPassOn)
+{
+    const auto service = GlobalService::instance();
+    auto& context = service->assignContext();
+    Door door;
+    std::promise<void> inside;
+    int ended = 0;  // no atomic: the barrier orders it
+    boost::asio::post(service->getServerContext(), [&] {
+        inside.set_value();
+        door.pass();
+        boost::asio::post(context, [&] { ++ended; });
+    });
+    inside.get_future().wait();
+    std::thread opener([&] { door.open(); });
+    service->barrier();
+    EXPECT_EQ(ended, 1);
+    opener.join();
+}
+
+TEST(GlobalService, isReleasedOnItsServerThread)
+{
+    auto service = GlobalService::instance();
+    auto& context = service->getServerContext();
+    auto [token, gone] = makeToken();
+    auto timer = std::make_shared<boost::asio::steady_timer>(context, std::chrono::hours(1));
+    timer->async_wait([timer, token = std::move(token)](const boost::system::error_code&) {});
+    timer.reset();
+    boost::asio::post(context, [last = std::move(service)]() mutable { last.reset(); });
+    gone.wait();  // the context is destroyed
+}

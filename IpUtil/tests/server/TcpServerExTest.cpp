@@ -1,0 +1,505 @@
+#include "ServerTestKit.h"
+
+#include <future>
+#include <stdexcept>
+#include <thread>
+
+namespace Tavro8::server::testing
+{
+namespace
+{
+using TcpServerExTest = ServerTest;
+
+/// Blocks who passes until it is opened.
+class Door {
+public:
+    ~Door() { open(); }
+    void open()
+    {
+        if (!std::exchange(opened, true))
+            promise.set_value();
+    }
+    void pass() const { future.wait(); }
+
+private:
+    bool opened = false;
+    std::promise<void> promise;
+    std::shared_future<void> future{promise.get_future()};
+};
+}  // namespace
+
+TEST_F(TcpServerExTest, deliversANotificationWithTheAddressOfItsDevice)
+{
+    std::string from;
+    RecordingClient client(
+        [&](const std::string&, const RecordingClient::Session& session) { from = session->getRemoteAddress(); });
+    start(client);
+    Peer device(port);
+    device.send(notification("{}"));
+    EXPECT_EQ(client.waitFor(1).front(), notification("{}"));
+    stop();
+    EXPECT_EQ(from, "127.0.0.1");
+    EXPECT_EQ(logger.count("Listening on port " + std::to_string(port)), 1U);
+}
+
+TEST_F(TcpServerExTest, deliversEachOfSeveralNotificationsOnOneConnection)
+{
+    RecordingClient client;
+    start(client);
+    Peer device(port);
+    device.send(notification("{\"a\": 1}") + notification("{\"b\": 2}"));
+    device.send(notification("{\"c\": 3}"));
+    EXPECT_EQ(client.waitFor(3),
+              (std::vector{notification("{\"a\": 1}"), notification("{\"b\": 2}"), notification("{\"c\": 3}")}));
+    stop();
+}
+
+TEST_F(TcpServerExTest, putsANotificationTogetherThatComesByteByByte)
+{
+    RecordingClient client;
+    start(client);
+    Peer slow(port);
+    Peer other(port);
+    std::size_t others = 0;
+    for (const char c : notification("{}")) {
+        EXPECT_EQ(client.count(), others);
+        slow.send(std::string(1, c));
+        // Its turn on the same thread shows that the byte has been read, or will be before what follows.
+        other.send(notification("o"));
+        client.waitFor(++others);
+    }
+    const auto messages = client.waitFor(others + 1);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), notification("{}")), 1);
+    stop();
+}
+
+TEST_F(TcpServerExTest, putsANotificationTogetherWhereverItIsSplit)
+{
+    RecordingClient client;
+    start(client);
+    const std::string message = notification("{\"a\": 1}");
+    for (std::size_t cut = 1; cut < message.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        Peer device(port);
+        device.send(message.substr(0, cut));
+        settle();
+        device.send(message.substr(cut));
+        ASSERT_EQ(client.waitFor(cut).back(), message);
+        ASSERT_EQ(client.count(), cut);
+    }
+    stop();
+}
+
+TEST_F(TcpServerExTest, handsOnBytesThatAreNoHttp)
+{
+    RecordingClient client;
+    start(client);
+    Peer device(port);
+    device.send("{\"AlarmInfo\": {}}");
+    EXPECT_EQ(client.waitFor(1).back(), "{\"AlarmInfo\": {}}");
+    device.send("PING");  // may become a request
+    device.endSending();
+    EXPECT_EQ(client.waitFor(2).back(), "PING");
+    stop();
+}
+
+TEST_F(TcpServerExTest, deliversByTheAddressOfTheDevice)
+{
+    RecordingClient first;
+    RecordingClient second;
+    start(first, "127.0.0.2");
+    add(second, "127.0.0.3");
+    Peer(port, "127.0.0.3").send(notification("second"));
+    Peer(port, "127.0.0.2").send(notification("first"));
+    EXPECT_EQ(first.waitFor(1), std::vector{notification("first")});
+    EXPECT_EQ(second.waitFor(1), std::vector{notification("second")});
+    stop("127.0.0.2");
+    stop("127.0.0.3");
+}
+
+TEST_F(TcpServerExTest, servesIpv6)
+{
+    RecordingClient client;
+    start(client, "[0:0::1]");
+    Peer(port, "::1", "::1").send(notification("six"));
+    EXPECT_EQ(client.waitFor(1), std::vector{notification("six")});
+    stop("::1");
+}
+
+TEST_F(TcpServerExTest, takesMappedAddressesForIpv4)
+{
+    RecordingClient client;
+    start(client, "::ffff:127.0.0.1");
+    Peer(port).send(notification("four"));
+    EXPECT_EQ(client.waitFor(1), std::vector{notification("four")});
+    Peer(port, "::ffff:127.0.0.1", "::ffff:127.0.0.1").send(notification("mapped"));
+    EXPECT_EQ(client.waitFor(2).back(), notification("mapped"));
+    stop("127.0.0.1");
+    EXPECT_TRUE(logger.contains("is closed"));
+}
+
+TEST_F(TcpServerExTest, closesConnectionsOfUnknownAddressesAndSaysSoOnce)
+{
+    RecordingClient client;
+    start(client, "127.0.0.2");
+    for (int i = 0; i < 200; ++i) {
+        Peer stranger(port, "127.0.0.3");
+        static_cast<void>(stranger.trySend(notification("stranger")));
+        EXPECT_EQ(stranger.readToEnd(), "");
+    }
+    Peer(port, "127.0.0.2").send(notification("device"));
+    EXPECT_EQ(client.waitFor(1), std::vector{notification("device")});
+    stop("127.0.0.2");
+    EXPECT_EQ(logger.count("Refused"), 1U);
+    EXPECT_TRUE(logger.contains("127.0.0.3"));
+}
+
+TEST_F(TcpServerExTest, sendsWhatAClientAnswers)
+{
+    RecordingClient client([](const std::string& message, const RecordingClient::Session& session) {
+        EXPECT_TRUE(session->send("answer to "));
+        EXPECT_TRUE(session->send(message.substr(message.size() - 1)));
+    });
+    start(client);
+    Peer device(port);
+    for (const char* body : {"1", "2"}) {
+        device.send(notification(body));
+        EXPECT_EQ(device.read(11), std::string("answer to ") + body);
+    }
+    device.send(notification("3"));
+    device.endSending();
+    EXPECT_EQ(device.readToEnd(), "answer to 3");
+    stop();
+}
+
+TEST_F(TcpServerExTest, closesAConnectionForItsClientOnceTheAnswerIsSent)
+{
+    const std::string answer(300000, 'a');
+    RecordingClient client([&](const std::string&, const RecordingClient::Session& session) {
+        EXPECT_TRUE(session->send(answer));
+        session->close();
+        EXPECT_FALSE(session->send("too late"));
+    });
+    start(client);
+    Peer device(port);
+    device.send(notification("1") + notification("2"));
+    EXPECT_EQ(device.readToEnd(), answer);
+    EXPECT_TRUE(client.waitForClosed(1));
+    EXPECT_EQ(client.count(), 1U);
+    stop();
+}
+
+TEST_F(TcpServerExTest, letsASessionOutliveItsConnection)
+{
+    RecordingClient::Session kept;
+    RecordingClient client([&](const std::string&, const RecordingClient::Session& session) { kept = session; });
+    start(client);
+    {
+        Peer device(port);
+        device.send(notification("1"));
+        client.waitFor(1);
+    }
+    EXPECT_TRUE(client.waitForClosed(1));
+    EXPECT_FALSE(kept->send("nobody"));
+    stop();
+    service.reset();
+    EXPECT_FALSE(kept->send("nobody"));
+    kept->close();
+    EXPECT_EQ(kept->getRemoteAddress(), "127.0.0.1");
+}
+
+TEST_F(TcpServerExTest, refusesToQueueAnswersWithoutEnd)
+{
+    RecordingClient client([](const std::string&, const RecordingClient::Session& session) {
+        EXPECT_FALSE(session->send(std::string(EventSession::maxWaitingBytes + 1, 'x')));
+    });
+    start(client);
+    Peer device(port);
+    device.send(notification("1"));
+    EXPECT_EQ(device.readToEnd(), "");
+    stop();
+}
+
+TEST_F(TcpServerExTest, goesOnAfterAClientHasThrown)
+{
+    int calls = 0;
+    RecordingClient client([&](const std::string&, const RecordingClient::Session&) {
+        if (++calls == 1)
+            throw std::out_of_range("string_view::substr");
+        if (calls == 2)
+            throw 5;
+    });
+    start(client);
+    Peer device(port);
+    device.send(notification("1") + notification("2") + notification("3"));
+    client.waitFor(3);
+    Peer(port).send(notification("4"));
+    client.waitFor(4);
+    stop();
+    EXPECT_EQ(logger.count("string_view::substr"), 1U);
+    EXPECT_EQ(logger.count("unknown exception"), 1U);
+    EXPECT_EQ(logger.find("string_view::substr").severity, LogSeverity::error);
+}
+
+TEST_F(TcpServerExTest, foldsTheFailuresOfAClientThatRepeat)
+{
+    RecordingClient client(
+        [](const std::string&, const RecordingClient::Session&) { throw std::runtime_error("again"); });
+    start(client);
+    Peer device(port);
+    for (int i = 0; i < 101; ++i)
+        device.send(notification("x"));
+    client.waitFor(101);
+    stop();
+    EXPECT_EQ(logger.count("again"), 3U);
+}
+
+TEST_F(TcpServerExTest, deliversToTheNewestRegistrationAndEndsThatFirst)
+{
+    RecordingClient older;
+    RecordingClient newer;
+    start(older);
+    add(newer, "::ffff:127.0.0.1");
+    EXPECT_EQ(logger.count("registered 2 times"), 1U);
+    Peer device(port);
+    device.send(notification("1"));
+    EXPECT_EQ(newer.waitFor(1).size(), 1U);
+    stop();
+    EXPECT_EQ(logger.count("The newest of 2 registrations"), 1U);
+    device.send(notification("2"));
+    EXPECT_EQ(older.waitFor(1), std::vector{notification("2")});
+    EXPECT_EQ(newer.count(), 1U);
+    stop();
+    EXPECT_EQ(device.readToEnd(), "");
+}
+
+TEST_F(TcpServerExTest, endsAllRegistrationsOfAClientThatGoes)
+{
+    RecordingClient staying;
+    {
+        RecordingClient going;
+        start(going);
+        add(staying, "127.0.0.1");
+        add(going, "127.0.0.1");
+        add(going, "127.0.0.2");
+        TcpServerEx::stopAllOfClient(&going);
+        EXPECT_TRUE(logger.contains("3 registration(s)"));
+        EXPECT_EQ(Peer(port, "127.0.0.2").readToEnd(), "");
+    }
+    Peer(port).send(notification("1"));
+    EXPECT_EQ(staying.waitFor(1), std::vector{notification("1")});
+    TcpServerEx::stopAllOfClient(&staying);
+    TcpServerEx::stopAllOfClient(&staying);
+    EXPECT_TRUE(logger.contains("1 registration(s)"));
+}
+
+TEST_F(TcpServerExTest, closesThePortWithItsLastRegistration)
+{
+    RecordingClient client;
+    start(client, "127.0.0.1");
+    add(client, "127.0.0.2");
+    stop("127.0.0.1");
+    EXPECT_EQ(Peer(port, "127.0.0.1").readToEnd(), "");  // still listened on, for the other
+    stop("127.0.0.2");
+    settle();
+    EXPECT_THROW(Peer(port, "127.0.0.2"), boost::system::system_error);
+    stop("127.0.0.2");  // nothing is left to stop
+    EXPECT_EQ(logger.count("is closed"), 1U);
+}
+
+TEST_F(TcpServerExTest, canBeginAgainAtOnceOnThePortThatWasLeft)
+{
+    RecordingClient client;
+    start(client);
+    for (std::size_t round = 1; round <= 50; ++round) {
+        stop();
+        add(client, "127.0.0.1");
+        Peer(port).send(notification("again"));
+        client.waitFor(round);
+    }
+    stop();
+    EXPECT_EQ(logger.errorCount(), 0U);
+}
+
+TEST_F(TcpServerExTest, doesNotListenOnPortZeroOrForTextThatIsNoAddress)
+{
+    RecordingClient client;
+    TcpServerEx::startForClient(0, &logger, "127.0.0.1", &client);
+    EXPECT_EQ(logger.count("Port 0"), 1U);
+    TcpServerEx::startForClient(freePort(), &logger, "", &client);
+    EXPECT_EQ(logger.count("is no IP address"), 1U);
+    TcpServerEx::startForClient(freePort(), &logger, "127.0.0.1", nullptr);
+    EXPECT_EQ(logger.errorCount(), 3U);
+    EXPECT_EQ(logger.lines().size(), 3U);
+    TcpServerEx::stopForClient(0, "127.0.0.1");
+    TcpServerEx::stopForClient(1, "camera");
+}
+
+TEST_F(TcpServerExTest, servesWithoutALogger)
+{
+    RecordingClient client([](const std::string&, const RecordingClient::Session&) { throw 1; });
+    start(client);
+    TcpServerEx::startForClient(port, nullptr, "127.0.0.2", &client);
+    Peer(port, "127.0.0.2").send(notification("1"));
+    client.waitFor(1);
+    stop("127.0.0.2");
+    stop();
+}
+
+TEST_F(TcpServerExTest, takesAPortThatIsFreedLaterAndReportsItOnce)
+{
+    EventServerLimits limits;
+    limits.firstRetry = limits.longestRetry = std::chrono::milliseconds(2);
+    setLimits(limits);
+    boost::asio::io_context context;
+    tcp::acceptor holder(context, tcp::endpoint(tcp::v6(), 0));
+    port = holder.local_endpoint().port();
+    RecordingClient client;
+    add(client, "127.0.0.1");
+    add(client, "127.0.0.2");
+    EXPECT_EQ(logger.count("Cannot listen on port " + std::to_string(port) + ": Address already in use"), 1U);
+    for (int i = 0; i < 3; ++i)
+        settle();
+    holder.close();
+    ASSERT_TRUE(logger.waitFor("at last"));
+    EXPECT_EQ(logger.count("Cannot listen"), 1U);
+    Peer(port).send(notification("1"));
+    client.waitFor(1);
+    stop("127.0.0.1");
+    stop("127.0.0.2");
+}
+
+TEST_F(TcpServerExTest, givesUpATakenPortThatNobodyWantsAnyMore)
+{
+    EventServerLimits limits;
+    limits.firstRetry = limits.longestRetry = std::chrono::milliseconds(1);
+    setLimits(limits);
+    boost::asio::io_context context;
+    tcp::acceptor holder(context, tcp::endpoint(tcp::v6(), 0));
+    port = holder.local_endpoint().port();
+    RecordingClient client;
+    add(client, "127.0.0.1");
+    stop();
+    settle();
+    holder.close();
+    settle();
+    EXPECT_THROW(Peer(port, "127.0.0.1"), boost::system::system_error);
+    EXPECT_FALSE(logger.contains("at last"));
+}
+
+TEST_F(TcpServerExTest, waitsForADeliveryThatIsUnderWay)
+{
+    Door door;
+    std::promise<void> inside;
+    std::atomic<bool> left{false};
+    RecordingClient client([&](const std::string&, const RecordingClient::Session&) {
+        inside.set_value();
+        door.pass();
+        left = true;
+    });
+    start(client);
+    Peer device(port);
+    device.send(notification("1") + notification("2"));
+    inside.get_future().wait();
+    std::thread stopper([&] {
+        stop();
+        EXPECT_TRUE(left);
+    });
+    door.open();
+    stopper.join();
+    EXPECT_EQ(client.count(), 1U);
+    EXPECT_EQ(device.readToEnd(), "");
+}
+
+TEST_F(TcpServerExTest, doesNotWaitForADeliveryToSomebodyElse)
+{
+    Door door;
+    std::promise<void> inside;
+    RecordingClient busy([&](const std::string&, const RecordingClient::Session&) {
+        inside.set_value();
+        door.pass();
+    });
+    RecordingClient other;
+    start(busy, "127.0.0.2");
+    add(other, "127.0.0.3");
+    Peer device(port, "127.0.0.2");
+    device.send(notification("1"));
+    inside.get_future().wait();
+    stop("127.0.0.3");
+    add(other, "127.0.0.3");
+    stop("127.0.0.3");
+    door.open();
+    stop("127.0.0.2");
+}
+
+TEST_F(TcpServerExTest, canBeLeftFromWithinADelivery)
+{
+    RecordingClient client([&](const std::string&, const RecordingClient::Session&) { stop(); });
+    start(client);
+    Peer device(port);
+    device.send(notification("1") + notification("2"));
+    EXPECT_EQ(device.readToEnd(), "");
+    EXPECT_EQ(client.count(), 1U);
+    settle();
+    EXPECT_THROW(Peer(port, "127.0.0.1"), boost::system::system_error);
+}
+
+TEST_F(TcpServerExTest, canBeJoinedFromWithinADelivery)
+{
+    RecordingClient second;
+    RecordingClient first([&](const std::string&, const RecordingClient::Session&) { add(second, "127.0.0.1"); });
+    start(first);
+    Peer(port).send(notification("1") + notification("2"));
+    EXPECT_EQ(second.waitFor(1), std::vector{notification("2")});
+    stop();
+    stop();
+}
+
+TEST_F(TcpServerExTest, endsItsThreadWithTheLastRegistrationWhenNobodyElseHoldsTheService)
+{
+    std::weak_ptr<Utility::GlobalService> watched = service;
+    RecordingClient client;
+    start(client);
+    service.reset();
+    EXPECT_FALSE(watched.expired());
+    Peer(port).send(notification("1"));
+    client.waitFor(1);
+    stop();
+    EXPECT_TRUE(watched.expired());
+    EXPECT_THROW(Peer(port, "127.0.0.1"), boost::system::system_error);
+}
+
+TEST_F(TcpServerExTest, isEndedByItsOwnThreadWithinADelivery)
+{
+    std::weak_ptr<Utility::GlobalService> watched = service;
+    RecordingClient client([&](const std::string&, const RecordingClient::Session&) { stop(); });
+    start(client);
+    service.reset();
+    Peer device(port);
+    device.send(notification("1"));
+    EXPECT_EQ(device.readToEnd(), "");  // the sockets go with the context, which another thread destroys
+    EXPECT_TRUE(watched.expired());
+}
+
+TEST_F(TcpServerExTest, lettingTheServiceGoWaitsForABusyDelivery)
+{
+    Door door;
+    std::promise<void> inside;
+    std::atomic<bool> left{false};
+    RecordingClient client([&](const std::string&, const RecordingClient::Session&) {
+        stop();
+        inside.set_value();
+        door.pass();
+        left = true;
+    });
+    start(client);
+    Peer device(port);
+    device.send(notification("1"));
+    inside.get_future().wait();
+    std::thread opener([&] { door.open(); });
+    service->barrier();  // as a module does before its code goes
+    EXPECT_TRUE(left);
+    service.reset();
+    opener.join();
+}
+}  // namespace Tavro8::server::testing
