@@ -2,7 +2,9 @@
 
 #include "server/EventServer.h"
 
+#include <algorithm>
 #include <boost/asio/post.hpp>
+#include <iterator>
 
 namespace Tavro8::server
 {
@@ -72,16 +74,20 @@ EventServer::Released EventServer::stop(std::uint16_t port, const ClientAddress&
             return released;
         isWanted = known->isWanted();
         released.push_back(std::move(ended->service));
+        ending.push_back(ended);
     }
     if (left == 0)
         forgetLater(known, address);
-    ended->gate.close();
-    const LoggerHelper log(ended->logger, sourcePath);
-    if (left != 0)
-        log.warning(stopOperation, "The newest of ", left + 1, " registrations of ", address.toText(), " on port ",
-                    port, " has ended; the one before it receives");
-    if (!isWanted)
-        log.info(stopOperation, "Port ", port, " is closed: no device uses it any more");
+    // Through the gate, since the registration may be that of somebody else, who takes the logger along.
+    ended->gate.call([&] {
+        const LoggerHelper log(ended->logger, sourcePath);
+        if (left != 0)
+            log.warning(stopOperation, "The newest of ", left + 1, " registrations of ", address.toText(), " on port ",
+                        port, " has ended; the one before it receives");
+        if (!isWanted)
+            log.info(stopOperation, "Port ", port, " is closed: no device uses it any more");
+    });
+    close({ended});
     return released;
 }
 
@@ -90,6 +96,7 @@ EventServer::Released EventServer::stopAllOf(const TcpServerEx::IClient* client)
     std::vector<std::shared_ptr<Registration>> ended;
     std::vector<std::pair<std::shared_ptr<EventPort>, ClientAddress>> emptied;
     Released released;
+    std::size_t left = 0;
     {
         const std::lock_guard lock(mutex);
         std::vector<ClientAddress> addresses;
@@ -99,18 +106,34 @@ EventServer::Released EventServer::stopAllOf(const TcpServerEx::IClient* client)
             for (const ClientAddress& address : addresses)
                 emptied.emplace_back(port, address);
         }
+        left = ended.size();
         for (const auto& registration : ended)
             released.push_back(std::move(registration->service));
+        // Somebody else may be about to end one of this client's, and still wait for its delivery: so do we.
+        std::ranges::copy_if(ending, std::back_inserter(ended),
+                             [client](const auto& registration) { return registration->client == client; });
+        ending.insert(ending.end(), ended.begin(), ended.begin() + static_cast<std::ptrdiff_t>(left));
     }
     for (const auto& [port, address] : emptied)
         forgetLater(port, address);
+    if (left != 0)
+        ended.front()->gate.call([&] {
+            LoggerHelper(ended.front()->logger, sourcePath)
+                .warning("Tavro8::TcpServerEx::stopAllOfClient", "A client goes with ", left,
+                         " registration(s) left; ended");
+        });
+    close(ended);
+    return released;
+}
+
+/// Waits until nobody is inside the client any more.
+void EventServer::close(const std::vector<std::shared_ptr<Registration>>& ended)
+{
     for (const auto& registration : ended)
         registration->gate.close();
-    if (!ended.empty())
-        LoggerHelper(ended.front()->logger, sourcePath)
-            .warning("Tavro8::TcpServerEx::stopAllOfClient", "A client goes with ", ended.size(),
-                     " registration(s) left; ended");
-    return released;
+    const std::lock_guard lock(mutex);
+    for (const auto& registration : ended)
+        std::erase(ending, registration);
 }
 
 void EventServer::forgetLater(const std::shared_ptr<EventPort>& port, const ClientAddress& address)

@@ -69,6 +69,7 @@ public:
 
 private:
     void shutdown() override;
+    void close(const std::vector<std::shared_ptr<Registration>>& ended);
     void forgetLater(const std::shared_ptr<EventPort>& port, const ClientAddress& address);
     void forget(EventPort& port, const ClientAddress& address);
     void armSweep();
@@ -79,6 +80,7 @@ private:
 
     std::mutex mutex;
     std::map<std::uint16_t, std::shared_ptr<EventPort>> ports;  // guarded by `mutex`
+    std::vector<std::shared_ptr<Registration>> ending;          // guarded by `mutex`; their gates are being closed
 
     // The server's thread:
     std::unique_ptr<char[]> buffer;

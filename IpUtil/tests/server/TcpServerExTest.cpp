@@ -1,5 +1,6 @@
 #include "ServerTestKit.h"
 
+#include <atomic>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -293,6 +294,31 @@ TEST_F(TcpServerExTest, endsAllRegistrationsOfAClientThatGoes)
     EXPECT_TRUE(logger.contains("1 registration(s)"));
 }
 
+TEST_F(TcpServerExTest, waitsForADeliveryWhoseRegistrationSomebodyElseIsEnding)
+{
+    Door door;
+    std::promise<void> inside;
+    std::atomic<bool> left{false};
+    RecordingClient going([&](const std::string&, const RecordingClient::Session&) {
+        inside.set_value();
+        door.pass();
+        left = true;
+    });
+    start(going);
+    Peer device(port);
+    device.send(notification("1"));
+    inside.get_future().wait();
+    std::thread other([&] { stop(); });
+    ASSERT_TRUE(logger.waitFor("is closed"));  // said when the registration has ended, before the wait for its delivery
+    std::thread owner([&] {
+        TcpServerEx::stopAllOfClient(&going);
+        EXPECT_TRUE(left);
+    });
+    door.open();
+    other.join();
+    owner.join();
+}
+
 TEST_F(TcpServerExTest, closesThePortWithItsLastRegistration)
 {
     RecordingClient client;
@@ -472,11 +498,16 @@ TEST_F(TcpServerExTest, endsItsThreadWithTheLastRegistrationWhenNobodyElseHoldsT
 TEST_F(TcpServerExTest, isEndedByItsOwnThreadWithinADelivery)
 {
     std::weak_ptr<Utility::GlobalService> watched = service;
-    RecordingClient client([&](const std::string&, const RecordingClient::Session&) { stop(); });
+    std::promise<void> left;
+    RecordingClient client([&](const std::string&, const RecordingClient::Session&) {
+        stop();
+        left.set_value();
+    });
     start(client);
     service.reset();
     Peer device(port);
     device.send(notification("1"));
+    left.get_future().wait();
     EXPECT_EQ(device.readToEnd(), "");  // the sockets go with the context, which another thread destroys
     EXPECT_TRUE(watched.expired());
 }
