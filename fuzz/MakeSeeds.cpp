@@ -226,6 +226,31 @@ void saveHttp()
     http("two_lengths", lines("HTTP/1.1 200 OK\nContent-Length: 2\nContent-Length: 3\n\n{}}"));
 }
 
+std::string notification(const std::string& headers, const std::string& body)
+{
+    return lines("POST /LAPI/V1.0/System/Event/Notification/Alarm HTTP/1.1\nHost: 192.0.2.1:32000\n" + headers) +
+           "\r\n" + body;
+}
+
+void saveNotifications()
+{
+    const std::string asStream = {'\0', '\x07'};
+    const std::string body = "{\"AlarmInfo\":\t{\"AlarmType\":\t\"MotionAlarmOn\",\t\"AlarmSrcID\":\t1}}";
+    const std::string plain = notification("Content-Length: " + std::to_string(body.size()) + "\n", body);
+    save("http_request", "two_on_a_connection", asStream + plain + "\r\n" + plain);
+    save("http_request", "chunked",
+         asStream + notification("Transfer-Encoding: chunked\n", "5;a=b\r\n{\"a\":\r\n3\n 1}\n0\r\nX: y\r\n\r\n") +
+             plain);
+    save("http_request", "without_length_until_the_end", asStream + notification("Connection: close\n", body));
+    save("http_request", "without_body", asStream + lines("GET /alive HTTP/1.1\n\n") + plain);
+    save("http_request", "length_too_short", asStream + notification("Content-Length: 9\n", body) + plain);
+    save("http_request", "contradicting_lengths",
+         asStream + notification("Content-Length: 2\nContent-Length: 3\n", "{}"));
+    save("http_request", "huge_length", asStream + notification("Content-Length: 18446744073709551615\n", "{}"));
+    save("http_request", "no_http", asStream + body);
+    save("http_request", "written", std::string("\x01\x05\x00\x04{  }\x05\x03{ }\x01\x00\x00\x02{}", 19));
+}
+
 void saveLapi()
 {
     const std::string ok(2, '\0');  // a status that counts as 200
@@ -497,6 +522,7 @@ try {
     saveRtcp();
     saveDescriptions();
     saveHttp();
+    saveNotifications();
     saveLapi();
     saveTracks();
     saveMedia();
