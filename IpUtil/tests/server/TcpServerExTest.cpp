@@ -431,6 +431,7 @@ TEST_F(TcpServerExTest, waitsForADeliveryThatIsUnderWay)
         stop();
         EXPECT_TRUE(left);
     });
+    ASSERT_TRUE(logger.waitFor("is closed"));  // the registration has ended, and its delivery goes on
     door.open();
     stopper.join();
     EXPECT_EQ(client.count(), 1U);
