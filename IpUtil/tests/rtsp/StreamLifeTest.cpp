@@ -487,12 +487,17 @@ TEST(StreamLife, rubbishForALongTimeIsOneLineOfEachKind)
     ASSERT_TRUE(fixture.loop.runUntil([&] { return fixture.peer.connectionCount() >= connections; }));
     enough = true;
     ASSERT_TRUE(fixture.loop.runUntil([&] { return video->framesSinceState > 30; }));
-    EXPECT_LE(fixture.log.count("bytes that belong to no packet are skipped"), 1U);
-    EXPECT_LE(fixture.log.count("packets that cannot be read are dropped"), 1U);
+    // Told at a tick, which the short connections may all have missed; the last one lasts.
+    ASSERT_TRUE(fixture.loop.runUntil([&] {
+        return fixture.log.count("bytes that belong to no packet are skipped") != 0 &&
+               fixture.log.count("packets that cannot be read are dropped") != 0;
+    }));
+    EXPECT_EQ(fixture.log.count("bytes that belong to no packet are skipped"), 1U);
+    EXPECT_EQ(fixture.log.count("packets that cannot be read are dropped"), 1U);
     std::size_t lines = 0;
     for (const auto& line : fixture.log.lines())
         lines += line.severity >= LogSeverity::warning ? 1 : 0;
-    EXPECT_GE(lines, 2U);
+    EXPECT_GE(lines, 3U);
     EXPECT_LE(lines, 6U) << fixture.log.text();
     EXPECT_GT(video->frames, connections * 20) << "what is good between the rubbish is received";
 }
