@@ -14,7 +14,7 @@ const char* describe(RtpFault fault) noexcept
 {
     switch (fault) {
     case RtpFault::none:
-        return "no fault";
+        return "against the payload format";
     case RtpFault::tooShort:
         return "shorter than an RTP header";
     case RtpFault::badVersion:

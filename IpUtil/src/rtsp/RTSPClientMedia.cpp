@@ -376,11 +376,25 @@ bool RTSPClient::State::watchProgress(Clock::time_point now)
         if (receives(track) && !ending)
             ending = judge(*track, track->isVideo() || !hasPictures, now);
     }
-    if (ending && ending->byUdp)
+    if (ending && ending->farewell)
+        handOutLast();
+    if (!ending || phase != Phase::playing)
+        return phase != Phase::playing;
+    if (ending->byUdp)
         giveUpUdp();
-    else if (ending)
+    else
         fail(ending->result, "receiving", ending->reason);
-    return ending.has_value();
+    return true;
+}
+
+/// Where frames are not marked the last one waits for the next to begin, which does not come after a farewell. Only
+/// then: where a connection breaks or falls silent, it may be half a frame.
+void RTSPClient::State::handOutLast()
+{
+    for (std::size_t i = 0; playingTrack(i) != nullptr; ++i) {
+        if (tracks[i]->isReceiving() && tracks[i]->hasSaidBye(tracks[i]->statistics()))
+            whileDelivering([&] { tracks[i]->flush(); });
+    }
 }
 
 /// Each track by itself: living sound does not make up for pictures that stand still. Sound beside pictures is not
@@ -390,7 +404,8 @@ std::optional<RTSPClient::State::Ending> RTSPClient::State::judge(RTSPTrack& tra
     const media::TrackReceiver::Statistics total = track.statistics();
     const auto silence = track.silence(total, now);
     if (total.malformedPackets != 0 && !std::exchange(malformedReported, true))
-        logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": packets that cannot be read are dropped");
+        logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": packets that cannot be read are dropped (",
+                       media::describe(track.lastFault()), ')');
     if (track.sendsOnlyForeign(total, now, timing.foreignLimit) || total.formatChanged)
         return Ending{ResultCode::connectionLost, "the format of the stream has changed"};
     const bool frameless = track.bringsNoFrame(total, now, timing.framelessLimit);
@@ -414,7 +429,7 @@ std::optional<RTSPClient::State::Ending> RTSPClient::State::judgeSilence(const R
         return Ending{ResultCode::timedOut, "nothing arrives over UDP", true};
     }
     if (track.hasSaidBye(total) && silence >= timing.silenceAfterBye)
-        return Ending{ResultCode::connectionLost, "the device has ended the stream"};
+        return Ending{ResultCode::connectionLost, "the device has ended the stream", false, true};
     if (stallTimeout.count() == 0 || silence < stallTimeout)
         return std::nullopt;
     if (total.packets == 0 && total.foreignPackets != 0)

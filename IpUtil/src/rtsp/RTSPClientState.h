@@ -108,13 +108,15 @@ private:
     /// Why a stream is not worth going on with.
     struct Ending {
         ResultCode result;
-        const char* reason;  // a part of a sentence
-        bool byUdp = false;  // it never began: the other transport may do better
+        const char* reason;     // a part of a sentence
+        bool byUdp = false;     // it never began: the other transport may do better
+        bool farewell = false;  // of the device: nothing more comes
     };
 
     void judgeTime(TimePoint now);
     void supervise(TimePoint now);
     bool watchProgress(TimePoint now);
+    void handOutLast();
     std::optional<Ending> judge(RTSPTrack& track, bool vital, TimePoint now);
     std::optional<Ending> judgeSilence(const RTSPTrack& track, const media::TrackReceiver::Statistics& total,
                                        std::chrono::steady_clock::duration silence, TimePoint now) const;

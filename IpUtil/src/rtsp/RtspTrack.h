@@ -57,6 +57,8 @@ public:
         if (receiver != nullptr)
             receiver->onTick(now);
     }
+    /// Nothing more comes: hands out what waits for other packets.
+    void flush() { receiver->flush(); }
     /// From now on frames are dropped; allowed inside the delivery of one.
     void mute() noexcept { muted = true; }
 
@@ -73,6 +75,8 @@ public:
 
     StreamCounters counters() const noexcept;
     media::TrackReceiver::Statistics statistics() const noexcept;
+    /// Of the last packet that is no RTP; none when those that cannot be read break the payload format.
+    media::RtpFault lastFault() const noexcept { return receiver->getLastFault(); }
     bool takes(std::uint8_t payloadType) const noexcept { return payloadTypes[payloadType]; }
     bool isVideo() const noexcept { return description().kind == "video"; }
     /// The time from which on silence counts.
