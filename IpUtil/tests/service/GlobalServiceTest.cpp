@@ -340,6 +340,11 @@ TEST(GlobalService, isReleasedOnItsServerThread)
     auto timer = std::make_shared<boost::asio::steady_timer>(context, std::chrono::hours(1));
     timer->async_wait([timer, token = std::move(token)](const boost::system::error_code&) {});
     timer.reset();
-    boost::asio::post(context, [last = std::move(service)]() mutable { last.reset(); });
+    Door door;
+    boost::asio::post(context, [&door, last = std::move(service)]() mutable {
+        door.pass();
+        last.reset();
+    });
+    door.open();
     gone.wait();  // the context is destroyed
 }
