@@ -1,20 +1,17 @@
 #include "LoadSource.h"
 
-#include "Descriptor.h"
 #include "LoadRecording.h"
+#include "LoadRequests.h"
+#include "LoadSockets.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <array>
-#include <charconv>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <optional>
 #include <queue>
 #include <string>
 #include <string_view>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 #include <vector>
 
 namespace kelvo::bench
@@ -27,8 +24,6 @@ constexpr std::size_t maxPendingBytes = std::size_t{4} * 1024 * 1024;
 constexpr std::size_t maxInputBytes = std::size_t{64} * 1024;
 // At full speed: so many groups of pictures, then the other connections have their turn.
 constexpr int groupsPerTurn = 8;
-
-using Address = sockaddr_in;
 
 /// What plays on one connection.
 struct Playing {
@@ -64,139 +59,6 @@ struct Due {
     std::uint64_t serial;  // of the connection: descriptors are used again
     bool operator>(const Due& other) const noexcept { return time > other.time; }
 };
-
-/// Datagrams on their way to `sendmmsg`, copied: the recording changes with each stream.
-class Outbox {
-public:
-    explicit Outbox(int udpSocket) : socket(udpSocket)
-    {
-        for (std::size_t i = 0; i < capacity; ++i) {
-            vectors[i].iov_base = bytes[i].data();
-            messages[i].msg_hdr.msg_iov = &vectors[i];
-            messages[i].msg_hdr.msg_iovlen = 1;
-            messages[i].msg_hdr.msg_name = &targets[i];
-            messages[i].msg_hdr.msg_namelen = sizeof(Address);
-        }
-    }
-
-    void add(std::span<const std::uint8_t> packet, const Address& target)
-    {
-        if (used == capacity)
-            flush();
-        std::memcpy(bytes[used].data(), packet.data(), packet.size());
-        vectors[used].iov_len = packet.size();
-        targets[used++] = target;
-    }
-
-    void flush()
-    {
-        for (unsigned sent = 0; sent < used;) {
-            const int count = ::sendmmsg(socket, &messages[sent], static_cast<unsigned>(used) - sent, 0);
-            sent += count > 0 ? static_cast<unsigned>(count) : 1U;  // a receiver that has gone refuses the datagram
-        }
-        used = 0;
-    }
-
-private:
-    static constexpr std::size_t capacity = 128;
-    int socket;
-    std::size_t used = 0;
-    std::array<std::array<std::uint8_t, 1500>, capacity> bytes{};
-    std::array<iovec, capacity> vectors{};
-    std::array<Address, capacity> targets{};
-    std::array<mmsghdr, capacity> messages{};
-};
-
-Address loopback(std::uint16_t port)
-{
-    Address address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
-Descriptor bound(int type, std::uint16_t port)
-{
-    Descriptor socket(checked(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket"));
-    const Address address = loopback(port);
-    if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return {};
-    return socket;
-}
-
-std::uint16_t portOf(int socket)
-{
-    Address address{};
-    socklen_t length = sizeof address;
-    checked(::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
-    return ntohs(address.sin_port);
-}
-
-Descriptor listener()
-{
-    Descriptor socket = bound(SOCK_STREAM | SOCK_NONBLOCK, 0);
-    checked(::listen(socket.get(), SOMAXCONN), "listen");
-    return socket;
-}
-
-struct UdpPair {
-    Descriptor rtp;
-    Descriptor rtcp;
-};
-
-/// An even port and the one above it (RFC 3550 section 11).
-UdpPair bindUdpPair()
-{
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        Descriptor rtp = bound(SOCK_DGRAM, 0);
-        const std::uint16_t port = portOf(rtp.get());
-        if (port % 2 != 0)
-            continue;
-        if (Descriptor rtcp = bound(SOCK_DGRAM | SOCK_NONBLOCK, static_cast<std::uint16_t>(port + 1)); rtcp.get() >= 0)
-            return {std::move(rtp), std::move(rtcp)};
-    }
-    throw std::runtime_error("no pair of UDP ports is free");
-}
-
-std::string lower(std::string_view text)
-{
-    std::string result(text);
-    std::ranges::transform(result, result.begin(),
-                           [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return result;
-}
-
-/// The number behind `name` in `text`; names are written in lower case.
-std::optional<std::uint16_t> numberAfter(std::string_view text, std::string_view name)
-{
-    const std::size_t at = text.find(name);
-    if (at == std::string_view::npos)
-        return std::nullopt;
-    text.remove_prefix(at + name.size());
-    text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
-    std::uint16_t value = 0;
-    if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{})
-        return std::nullopt;
-    return value;
-}
-
-/// What the module asks a device for when it connects.
-std::string managementReply(std::string_view path, std::uint16_t httpPort, std::uint16_t rtspPort)
-{
-    std::string data;
-    if (path == "/LAPI/V1.0/Network/Port")
-        data = "{\"HTTPPort\":\t" + std::to_string(httpPort) + ",\n\"RTSPPort\":\t" + std::to_string(rtspPort) + "}";
-    else if (path == "/LAPI/V1.0/System/DeviceInfo")
-        data = "{\"DeviceName\":\t\"Load\",\n\"DeviceModel\":\t\"LOAD-1\",\n\"DeviceType\":\t0}";
-    else
-        return "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n";
-    const std::string body = "{\n\"Response\":\t{\n\"ResponseURL\":\t\"" + std::string(path) +
-                             "\",\n\"ResponseCode\":\t0,\n\"ResponseString\":\t\"Succeed\",\n\"Data\":\t" + data +
-                             "}\n}";
-    return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n\r\n" + body;
-}
 
 std::span<const std::uint8_t> asBytes(std::string_view text)
 {
