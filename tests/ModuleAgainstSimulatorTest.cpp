@@ -66,6 +66,39 @@ protected:
     IModule* module = nullptr;
 };
 
+/// With a device that is connected and a stream of it that runs.
+class ReceivingModule : public ModuleAgainstSimulator {
+protected:
+    ReceivingModule() : device(connect(handler))
+    {
+        pictures.keepFrames = true;
+        video = startVideo(device, pictures);
+    }
+    ~ReceivingModule() override
+    {
+        video->Destroy();
+        device->Destroy();
+    }
+
+    /// Frames up to the first that `isWanted`, that one included; a few may follow it.
+    template <typename Predicate>
+    std::vector<FrameReference> framesUntil(Predicate isWanted)
+    {
+        std::vector<FrameReference> frames;
+        while (std::ranges::none_of(frames, isWanted) && frames.size() < 500) {
+            if (!pictures.waitFrames(pictures.frameTotal() + 1))
+                break;
+            std::ranges::move(pictures.takeFrames(), std::back_inserter(frames));
+        }
+        return frames;
+    }
+
+    DeviceHandler handler;
+    ChannelHandler pictures;
+    IDevice* const device;
+    IVideoSource* video = nullptr;
+};
+
 TEST_F(ModuleAgainstSimulator, pictureAndSoundShareOneConnection)
 {
     DeviceHandler handler;
@@ -120,18 +153,12 @@ TEST_F(ModuleAgainstSimulator, timesAreThoseOfTheDevicesClockAndNeverRunBackward
     EXPECT_LT(std::abs(now - frames.back()->timestampMs), 10000);
 }
 
-TEST_F(ModuleAgainstSimulator, statisticsTellWhatIsReceived)
+TEST_F(ReceivingModule, statisticsTellWhatIsReceived)
 {
-    DeviceHandler handler;
-    IDevice* const device = connect(handler);
-    ChannelHandler pictures;
-    IVideoSource* const video = startVideo(device, pictures);
     EXPECT_TRUE(pictures.waitStatistics([](const StreamStatistics& s) {
         return s.frames > 20 && s.keyFrames > 0 && s.framesPerSecond > 15 && s.bitsPerSecond > 10000 &&
                s.connects == 1 && s.reconnects == 0 && s.lostPackets == 0;
     }));
-    video->Destroy();
-    device->Destroy();
 }
 
 TEST_F(ModuleAgainstSimulator, aSourceStartedBeforeTheConnectionReceivesOnceItStands)
@@ -148,14 +175,9 @@ TEST_F(ModuleAgainstSimulator, aSourceStartedBeforeTheConnectionReceivesOnceItSt
     device->Destroy();
 }
 
-TEST_F(ModuleAgainstSimulator, aClosedDeviceSendsNothingAndANewAddressIsFollowed)
+TEST_F(ReceivingModule, aClosedDeviceSendsNothingAndANewAddressIsFollowed)
 {
     const SimulatorProcess other({"--size", "160x128", "--no-audio"});
-    DeviceHandler handler;
-    IDevice* const device = connect(handler);
-    ChannelHandler pictures;
-    pictures.keepFrames = true;
-    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_TRUE(pictures.waitFrames(3));
     device->Close();
     ASSERT_TRUE(handler.waitClosed());
@@ -167,8 +189,6 @@ TEST_F(ModuleAgainstSimulator, aClosedDeviceSendsNothingAndANewAddressIsFollowed
     const auto frames = pictures.takeFrames();
     EXPECT_EQ(frames.back()->width, 160U);
     EXPECT_EQ(frames.back()->height, 128U);
-    video->Destroy();
-    device->Destroy();
 }
 
 TEST_F(ModuleAgainstSimulator, aStreamThatTheDeviceDoesNotHaveIsReported)
@@ -182,73 +202,45 @@ TEST_F(ModuleAgainstSimulator, aStreamThatTheDeviceDoesNotHaveIsReported)
     device->Destroy();
 }
 
-TEST_F(ModuleAgainstSimulator, aRebootedDeviceIsLostAndFoundAgain)
+TEST_F(ReceivingModule, aRebootedDeviceIsLostAndFoundAgain)
 {
-    DeviceHandler handler;
-    IDevice* const device = connect(handler);
-    ChannelHandler pictures;
-    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_TRUE(pictures.waitFrames(5));
     camera.admin("POST", "reboot", R"({"milliseconds": 1500})");
     EXPECT_TRUE(handler.waitLost());
     EXPECT_TRUE(handler.waitConnected(2));
     EXPECT_TRUE(pictures.waitFrames(pictures.frameTotal() + 10));
-    video->Destroy();
-    device->Destroy();
 }
 
-TEST_F(ModuleAgainstSimulator, anotherSizeComesWithTheNextKeyFrameOfTheRunningStream)
+TEST_F(ReceivingModule, anotherSizeComesWithTheNextKeyFrameOfTheRunningStream)
 {
-    DeviceHandler handler;
-    IDevice* const device = connect(handler);
-    ChannelHandler pictures;
-    pictures.keepFrames = true;
-    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_TRUE(pictures.waitFrames(5));
     camera.admin("POST", "picture", R"({"size": "640x360"})");
-    std::vector<FrameReference> frames;
     const auto isLarge = [](const FrameReference& frame) { return frame->width == 640; };
-    for (std::size_t at = 10; std::ranges::none_of(frames, isLarge); at += 5) {
-        ASSERT_TRUE(pictures.waitFrames(at));
-        std::ranges::move(pictures.takeFrames(), std::back_inserter(frames));
-        ASSERT_LT(frames.size(), 500U) << "the size never changed";
-    }
+    const auto frames = framesUntil(isLarge);
     const auto first = std::ranges::find_if(frames, isLarge);
+    ASSERT_NE(first, frames.end()) << "the size never changed";
     EXPECT_EQ((*first)->height, 360U);
     EXPECT_TRUE((*first)->keyFrame);
     EXPECT_FALSE((*first)->parameterSets.empty());
     EXPECT_FALSE((*first)->lostPacketsBefore) << "the connection stands";
     EXPECT_EQ(camera.admin("GET", "counters")["rtsp"]["connections"].asUInt(), 1U);
-    video->Destroy();
-    device->Destroy();
 }
 
-TEST_F(ModuleAgainstSimulator, anotherCodecIsDescribedAnewWhenTheDeviceEndsItsConnections)
+TEST_F(ReceivingModule, anotherCodecIsDescribedAnewWhenTheDeviceEndsItsConnections)
 {
-    DeviceHandler handler;
-    IDevice* const device = connect(handler);
-    ChannelHandler pictures;
-    pictures.keepFrames = true;
-    IVideoSource* const video = startVideo(device, pictures);
     ASSERT_TRUE(pictures.waitFrames(5));
     camera.admin("POST", "picture", R"({"codec": "h265"})");
     camera.admin("POST", "rtsp/drop");
-    std::vector<FrameReference> frames;
     const auto isHevc = [](const FrameReference& frame) { return frame->codec == MediaCodec::h265; };
-    for (std::size_t at = 10; std::ranges::none_of(frames, isHevc); at += 5) {
-        ASSERT_TRUE(pictures.waitFrames(at));
-        std::ranges::move(pictures.takeFrames(), std::back_inserter(frames));
-        ASSERT_LT(frames.size(), 500U) << "the codec never changed";
-    }
+    const auto frames = framesUntil(isHevc);
     const auto first = std::ranges::find_if(frames, isHevc);
+    ASSERT_NE(first, frames.end()) << "the codec never changed";
     EXPECT_EQ((*first)->width, 320U);
     EXPECT_TRUE((*first)->keyFrame);
     EXPECT_TRUE((*first)->lostPacketsBefore);
     for (std::size_t at = 1; at < frames.size(); ++at)
         EXPECT_GE(frames[at]->timestampMs, frames[at - 1]->timestampMs);
     EXPECT_EQ(handler.lostTotal(), 0) << "the device was there all the time";
-    video->Destroy();
-    device->Destroy();
 }
 
 TEST_F(ModuleAgainstSimulator, sourcesMayBeStartedStoppedAndDestroyedFromManyThreads)

@@ -2,7 +2,6 @@
 
 #include "Player.h"
 
-#include <array>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -24,20 +23,6 @@ using testing::StartsWith;
 constexpr const char* realm = "48ea63000102";  // devices name their MAC address
 constexpr const char* user = "admin";
 constexpr const char* password = "s3cret";
-
-std::string hash(const EVP_MD* algorithm, const std::string& text)
-{
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned length = 0;
-    EVP_Digest(text.data(), text.size(), digest.data(), &length, algorithm, nullptr);
-    std::string hex;
-    for (unsigned i = 0; i < length; ++i) {
-        constexpr const char* digits = "0123456789abcdef";
-        hex += digits[digest[i] >> 4];
-        hex += digits[digest[i] & 15];
-    }
-    return hex;
-}
 
 /// The value of a parameter of an Authorization header, in quotes or not; empty when it is missing.
 std::string parameter(const std::string& header, const std::string& name)
@@ -98,17 +83,17 @@ struct Guard {
         const bool sha = algorithm.find("SHA-256") != std::string::npos;
         const EVP_MD* function = sha ? EVP_sha256() : EVP_md5();
         const std::string cnonce = parameter(header, "cnonce");
-        std::string a1 = hash(function, std::string(user) + ':' + realm + ':' + password);
+        std::string a1 = hexDigest(function, std::string(user) + ':' + realm + ':' + password);
         if (algorithm.find("sess") != std::string::npos)
-            a1 = hash(function, a1 + ':' + nonce() + ':' + cnonce);
-        const std::string a2 = hash(function, request.method + ':' + request.uri);
+            a1 = hexDigest(function, a1 + ':' + nonce() + ':' + cnonce);
+        const std::string a2 = hexDigest(function, request.method + ':' + request.uri);
         if (qop.empty())
-            return parameter(header, "response") == hash(function, a1 + ':' + nonce() + ':' + a2);
+            return parameter(header, "response") == hexDigest(function, a1 + ':' + nonce() + ':' + a2);
         const std::string count = parameter(header, "nc");
         const bool fresh = counts.insert(nonce() + count).second;
         return fresh && parameter(header, "qop") == "auth" &&
                parameter(header, "response") ==
-                   hash(function, a1 + ':' + nonce() + ':' + count + ':' + cnonce + ":auth:" + a2);
+                   hexDigest(function, a1 + ':' + nonce() + ':' + count + ':' + cnonce + ":auth:" + a2);
     }
 
     int nonceNumber = 1;
@@ -194,8 +179,8 @@ TEST(RtspAuthentication, answersARealmOfAMacAddressWithoutQopToTheByte)
     GuardedSession session({.stale = "stale=\"FALSE\"", .open = {"OPTIONS"}});
     ASSERT_TRUE(session.isPlayedToTheEnd()) << session.player.log.text();
     const std::string uri = "rtsp://127.0.0.1:" + std::to_string(session.peer.port()) + "/media/video1";
-    const std::string response =
-        hash(EVP_md5(), hash(EVP_md5(), "admin:48ea63000102:s3cret") + ":f00d1:" + hash(EVP_md5(), "DESCRIBE:" + uri));
+    const std::string response = hexDigest(EVP_md5(), hexDigest(EVP_md5(), "admin:48ea63000102:s3cret") +
+                                                          ":f00d1:" + hexDigest(EVP_md5(), "DESCRIBE:" + uri));
     EXPECT_EQ(session.proofs().at(0), "Digest username=\"admin\", realm=\"48ea63000102\", nonce=\"f00d1\", uri=\"" +
                                           uri + "\", response=\"" + response + '"');
 }

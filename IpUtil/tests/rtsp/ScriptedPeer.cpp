@@ -22,20 +22,6 @@ std::string lower(std::string text)
     return text;
 }
 
-std::string md5(const std::string& text)
-{
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned length = 0;
-    EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_md5(), nullptr);
-    std::string hex;
-    for (unsigned i = 0; i < length; ++i) {
-        constexpr const char* digits = "0123456789abcdef";
-        hex += digits[digest[i] >> 4];
-        hex += digits[digest[i] & 15];
-    }
-    return hex;
-}
-
 /// The value of `name="..."` in an Authorization header.
 std::string quoted(const std::string& header, const std::string& name)
 {
@@ -53,10 +39,10 @@ bool isDigestRight(const ScriptedPeer::Request& request, const std::string& nonc
     const auto found = request.headers.find("authorization");
     if (found == request.headers.end() || quoted(found->second, "nonce") != nonce)
         return false;
-    const std::string a1 = md5(std::string("admin:") + realm + ":s3cret");
-    const std::string a2 = md5(request.method + ':' + quoted(found->second, "uri"));
+    const std::string a1 = hexDigest(EVP_md5(), std::string("admin:") + realm + ":s3cret");
+    const std::string a2 = hexDigest(EVP_md5(), request.method + ':' + quoted(found->second, "uri"));
     return quoted(found->second, "uri") == request.uri &&
-           quoted(found->second, "response") == md5(a1 + ':' + nonce + ':' + a2);
+           quoted(found->second, "response") == hexDigest(EVP_md5(), a1 + ':' + nonce + ':' + a2);
 }
 
 /// True when the request may pass; otherwise it has been answered with 401.
@@ -84,6 +70,20 @@ bool authorize(ScriptedPeer::Connection& connection, const ScriptedPeer::Request
     return false;
 }
 }  // namespace
+
+std::string hexDigest(const evp_md_st* algorithm, const std::string& text)
+{
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned length = 0;
+    EVP_Digest(text.data(), text.size(), digest.data(), &length, algorithm, nullptr);
+    std::string hex;
+    for (unsigned i = 0; i < length; ++i) {
+        constexpr const char* digits = "0123456789abcdef";
+        hex += digits[digest[i] >> 4];
+        hex += digits[digest[i] & 15];
+    }
+    return hex;
+}
 
 // ---- connection -----------------------------------------------------------------------------------------------
 

@@ -14,9 +14,14 @@
 #include <thread>
 #include <vector>
 
+struct evp_md_st;  // OpenSSL's EVP_MD
+
 namespace Tavro8::Utility::testkit
 {
 using Bytes = std::vector<std::uint8_t>;
+
+/// The digest of `text` in small hexadecimal digits.
+std::string hexDigest(const evp_md_st* algorithm, const std::string& text);
 
 /// An RTSP device whose every byte a test decides. Shares no code with the client. Each connection is served by a
 /// thread that runs the script.
