@@ -25,7 +25,7 @@ using namespace kelvo::bench;
 
 struct Settings {
     std::size_t streams = 200;
-    std::size_t toolStreams = 10;  // of ffmpeg and GStreamer, which have a process for each
+    std::size_t toolStreams = 10;  // of ffmpeg and GStreamer, which have a process for each; 0 leaves them out
     double seconds = 4;
     double warmUp = 1.5;
     int rounds = 3;
@@ -335,7 +335,7 @@ private:
     void addTool(const char* name, const char* programName, const Load& load, const std::vector<Sample>& floor,
                  const std::function<std::vector<std::string>(const std::string&)>& command)
     {
-        if (!isInstalled(programName))
+        if (settings.toolStreams == 0 || !isInstalled(programName))
             return;
         std::fprintf(stderr, "%s: %s\n", load.name.c_str(), name);
         std::vector<Sample> samples;
