@@ -3,6 +3,7 @@
 #include "BenchChild.h"
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -41,6 +42,11 @@ struct Load {
     double aimedRatio;  // of our receiver to the floor
 };
 
+// What is received may differ by so much from what is sent meanwhile. A row with more tells what a machine does that is
+// too small or too busy, and no cost of receiving.
+constexpr double backlogPercent = 3;
+constexpr double aimedLatencyMs = 1;
+
 const std::vector<Load> loads{
     {"one connection at full speed, TCP", "full", "tcp", false, 1.5},
     {"bursts, TCP", "burst", "tcp", true, 1.5},
@@ -55,7 +61,8 @@ struct Sample {
     double residentMb = 0;
     double sourcePercent = 0;
     std::uint64_t bytes = 0;
-    Json::Value result;  // of a receiver of ours
+    double receivedPercent = 100;  // of what the source sent meanwhile
+    Json::Value result;            // of a receiver of ours
 };
 
 Json::Value parse(const std::optional<std::string>& line)
@@ -140,6 +147,8 @@ Sample runReceiver(const std::string& receiver, const Load& load, const Settings
     sample.secondsPerGb = result["cpuSeconds"].asDouble() / static_cast<double>(sample.bytes) * 1e9;
     sample.residentMb = result["residentBytes"].asDouble() / 1e6;
     sample.sourcePercent = 100 * perSecond(before, after, "cpuSeconds", seconds);
+    const double sent = after["wireBytes"].asDouble() - before["wireBytes"].asDouble();
+    sample.receivedPercent = 100 * static_cast<double>(sample.bytes) / sent;
     return sample;
 }
 
@@ -242,6 +251,7 @@ public:
                         text(ratio.middle, 2) + " (" + text(ratio.least, 2) + " to " + text(ratio.most, 2) + ")" +
                         " | " + text(load.aimedRatio, 1) + " |");
         addQuality(load, ours);
+        judge(load, ratio, ours, floor);
         addTools(load, floor);
         return true;
     }
@@ -253,11 +263,15 @@ public:
                "|\n|---|---|---|---|---|---|---|---|\n";
         for (const std::string& row : costs)
             std::cout << row << '\n';
-        std::cout << "\n| load, our module | connected in s | frame handed over after µs: median, 99th percentile | "
-                     "allocations a packet, a frame | frames missing, damaged | % of a core for the source |\n"
-                     "|---|---|---|---|---|---|\n";
+        std::cout
+            << "\n| load, our module | connected in s | frame handed over after µs: median, 99th percentile | "
+               "allocations a packet, a frame | frames missing, damaged | received, % of sent | % of a core for the "
+               "source |\n|---|---|---|---|---|---|---|\n";
         for (const std::string& row : qualities)
             std::cout << row << '\n';
+        std::cout << '\n';
+        for (const std::string& verdict : verdicts)
+            std::cout << "- " << verdict << '\n';
         std::cout << std::flush;
     }
 
@@ -305,8 +319,36 @@ private:
         qualities.push_back("| " + load.name + " | " + text(field("connectSeconds"), 2) + " | " + latency + " | " +
                             text(field("allocations") / field("wirePackets"), 4) + ", " +
                             text(field("framesWithAllocation") / field("frames"), 4) + " | " + text(missing, 0) + ", " +
-                            text(bad, 0) + " | " +
+                            text(bad, 0) + " | " + text(worstReceived(ours), 1) + " | " +
                             text(medianOf(ours, [](const Sample& s) { return s.sourcePercent; }), 0) + " |");
+    }
+
+    /// Of the run that differs most from what was sent: less when bytes pile up, more when it catches up.
+    static double worstReceived(const std::vector<Sample>& samples)
+    {
+        return std::ranges::max(samples, {}, [](const Sample& s) { return std::abs(s.receivedPercent - 100); })
+            .receivedPercent;
+    }
+
+    /// Says in words which aims are met.
+    void judge(const Load& load, const Ratio& ratio, const std::vector<Sample>& ours, const std::vector<Sample>& floor)
+    {
+        const double received = worstReceived(ours);
+        const double floorReceived = worstReceived(floor);
+        std::string verdict = load.name + ": ";
+        if (std::max(std::abs(received - 100), std::abs(floorReceived - 100)) > backlogPercent)
+            verdict += "no verdict, the receivers got " + text(received, 1) + " and " + text(floorReceived, 1) +
+                       " % of what was sent meanwhile";
+        else
+            verdict += text(ratio.middle, 2) + " times the floor, " +
+                       (ratio.middle <= load.aimedRatio ? "met" : "MISSED") + " (aim " + text(load.aimedRatio, 1) + ")";
+        if (load.many) {
+            const double late =
+                medianOf(ours, [](const Sample& s) { return s.result["latency99Ns"].asDouble() / 1e6; });
+            verdict += "; 99 % of the frames within " + text(late, 2) + " ms, " +
+                       (late <= aimedLatencyMs ? "met" : "MISSED") + " (aim " + text(aimedLatencyMs, 0) + " ms)";
+        }
+        verdicts.push_back(std::move(verdict));
     }
 
     void addTools(const Load& load, const std::vector<Sample>& floor)
@@ -353,6 +395,7 @@ private:
     const Settings settings;
     std::vector<std::string> costs;
     std::vector<std::string> qualities;
+    std::vector<std::string> verdicts;
 };
 }  // namespace
 
