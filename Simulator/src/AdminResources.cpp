@@ -2,6 +2,7 @@
 
 #include "LapiEnvelope.h"
 #include "MediaServer.h"
+#include "Replies.h"
 
 #include <memory>
 #include <optional>
@@ -16,16 +17,6 @@ namespace
 
 constexpr unsigned defaultRebootMs = 2000;
 constexpr unsigned longestRebootMs = 600'000;
-
-Reply badRequest(const std::string& why)
-{
-    return {.status = 400, .code = 1, .text = why};
-}
-
-Reply withData(Json::Value data)
-{
-    return {.data = std::move(data)};
-}
 
 /// The text member `name` of a JSON body; nothing when there is none.
 std::optional<std::string> textMember(const std::string& body, const char* name)

@@ -3,10 +3,14 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace simulator
 {
+
+/// What is sent where HTTP is expected, by faults and by events.
+inline constexpr std::string_view garbageBytes = "\x16\x03\x01\x02 This is not HTTP \xff\xfe\xfd\r\n\r\n";
 
 /// An HTTP request as the services see it.
 struct HttpQuestion {
@@ -14,8 +18,9 @@ struct HttpQuestion {
     std::string target{};
     std::string authorization{};
     std::string body{};
-    std::string peer{};         ///< address and port
-    bool fromLoopback = false;  ///< the peer runs on this machine
+    std::string peer{};           ///< address and port
+    std::string deviceAddress{};  ///< our end of the connection, without the port
+    bool fromLoopback = false;    ///< the peer runs on this machine
 };
 
 /// What the server does with a request, misbehaviour included.

@@ -37,8 +37,6 @@ constexpr std::uint64_t maximumBodyBytes = std::uint64_t{4} * 1024 * 1024;
 /// The longest that a client is made to wait by a fault before the simulator gives up on it.
 constexpr auto maximumSilence = std::chrono::minutes(10);
 
-constexpr std::string_view garbageBytes = "\x16\x03\x01\x02 This is not HTTP \xff\xfe\xfd\r\n\r\n";
-
 std::string toText(const tcp::endpoint& endpoint)
 {
     std::ostringstream out;
@@ -46,7 +44,15 @@ std::string toText(const tcp::endpoint& endpoint)
     return out.str();
 }
 
-HttpQuestion makeQuestion(const HttpRequest& request, const tcp::endpoint& peer)
+/// IPv4 in its own form, also when it came in through an IPv6 socket.
+std::string toText(const boost::asio::ip::address& address)
+{
+    if (address.is_v6() && address.to_v6().is_v4_mapped())
+        return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6()).to_string();
+    return address.to_string();
+}
+
+HttpQuestion makeQuestion(const HttpRequest& request, const tcp::endpoint& peer, const tcp::endpoint& device)
 {
     HttpQuestion question;
     question.method = std::string(request.method_string());
@@ -54,6 +60,7 @@ HttpQuestion makeQuestion(const HttpRequest& request, const tcp::endpoint& peer)
     question.authorization = std::string(request[http::field::authorization]);
     question.body = request.body();
     question.peer = toText(peer);
+    question.deviceAddress = toText(device.address());
     question.fromLoopback = peer.address().is_loopback();
     return question;
 }
@@ -107,6 +114,7 @@ public:
     {
         error_code error;
         const tcp::endpoint peer = lowest().socket().remote_endpoint(error);
+        const tcp::endpoint device = error ? tcp::endpoint() : lowest().socket().local_endpoint(error);
         while (!error) {
             http::request_parser<http::string_body> parser;
             parser.body_limit(maximumBodyBytes);
@@ -115,7 +123,7 @@ public:
             if (error)
                 break;
             const HttpRequest request = parser.release();
-            const HttpAnswer answer = service(makeQuestion(request, peer));
+            const HttpAnswer answer = service(makeQuestion(request, peer, device));
             const bool goesOn = co_await give(answer, request);
             if (answer.afterwards)
                 answer.afterwards();

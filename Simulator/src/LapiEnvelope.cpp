@@ -83,7 +83,14 @@ std::string prettyPrint(const Json::Value& value)
     return printed(value, 0);
 }
 
-std::optional<Json::Value> parseJson(std::string_view text)
+std::string compactPrint(const Json::Value& value)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+std::optional<Json::Value> parseJson(std::string_view text, std::string* errors)
 {
     try {
         Json::CharReaderBuilder builder;
@@ -91,11 +98,12 @@ std::optional<Json::Value> parseJson(std::string_view text)
         builder["stackLimit"] = 100;
         const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value value;
-        std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors))
+        if (!reader->parse(text.data(), text.data() + text.size(), &value, errors))
             return std::nullopt;
         return value;
-    } catch (const Json::Exception&) {  // nested deeper than the limit
+    } catch (const Json::Exception& error) {  // nested deeper than the limit
+        if (errors != nullptr)
+            *errors = error.what();
         return std::nullopt;
     }
 }

@@ -1,30 +1,12 @@
 #include "LapiResources.h"
 
 #include "LapiEnvelope.h"
+#include "Replies.h"
 
 namespace simulator
 {
 namespace
 {
-
-/// Firmware answers a path whose channel it does not have like any other path it does not know.
-Reply unknownChannel()
-{
-    return {.status = 599, .code = 1, .text = "Channel does not exist"};
-}
-
-/// The exchange went well, but the device did not like what it was told: HTTP 200 and a non-zero code.
-Reply invalidArguments(const std::string& why)
-{
-    return {.status = 200, .code = 2, .text = "Invalid Arguments: " + why};
-}
-
-Reply withData(const Json::Value& data)
-{
-    Reply reply;
-    reply.data = data;
-    return reply;
-}
 
 /// Runs `handle` with the index of the channel that the path names.
 template <typename Handle>
@@ -32,7 +14,7 @@ Handler forChannel(const DeviceState& state, Handle handle)
 {
     return [&state, handle](const Call& call) {
         const auto channel = state.channelIndex(call.captures.at(0));
-        return channel ? handle(call, *channel) : unknownChannel();
+        return channel ? handle(call, *channel) : unknownPath("Channel does not exist");
     };
 }
 

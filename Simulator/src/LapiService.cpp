@@ -1,6 +1,7 @@
 #include "LapiService.h"
 
 #include "LapiEnvelope.h"
+#include "Replies.h"
 
 #include <utility>
 
@@ -8,8 +9,6 @@ namespace simulator
 {
 namespace
 {
-
-constexpr unsigned unknownPathStatus = 599;
 
 Call makeCall(const HttpQuestion& question)
 {
@@ -20,6 +19,7 @@ Call makeCall(const HttpQuestion& question)
     if (mark != std::string::npos)
         call.query = question.target.substr(mark + 1);
     call.body = question.body;
+    call.deviceAddress = question.deviceAddress;
     return call;
 }
 
@@ -27,8 +27,7 @@ Reply dispatch(const Router& router, Call call)
 {
     auto match = router.find(call.method, call.path);
     if (match.handler == nullptr)
-        return {
-            .status = unknownPathStatus, .code = 1, .text = match.pathKnown ? "Method not supported" : "Common Error"};
+        return unknownPath(match.pathKnown ? "Method not supported" : "Common Error");
     call.captures = std::move(match.captures);
     return (*match.handler)(call);
 }
@@ -147,7 +146,7 @@ HttpAnswer answerAdministration(const Router& router, const HttpQuestion& questi
 {
     Reply reply = dispatch(router, makeCall(question));
     HttpAnswer answer;
-    answer.status = reply.status == unknownPathStatus ? 404 : reply.status;
+    answer.status = reply.status == unknownPath({}).status ? 404 : reply.status;
     if (reply.code != 0) {
         reply.data = Json::Value(Json::objectValue);
         reply.data["error"] = reply.text;

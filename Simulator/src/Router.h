@@ -17,6 +17,7 @@ struct Call {
     std::string query;                  ///< what follows '?', as received
     std::vector<std::string> captures;  ///< the path elements that stood at the pattern's `{}`, in order
     std::string body;
+    std::string deviceAddress;  ///< by which the peer reached the device
 };
 
 /// A handler's answer. LAPI wraps it in the envelope, the administration sends `data` alone.

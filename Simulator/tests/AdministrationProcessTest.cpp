@@ -1,10 +1,9 @@
+#include "Eventually.h"
 #include "JsonText.h"
 #include "Programs.h"
 #include "SimulatorProcess.h"
 
 #include <gtest/gtest.h>
-
-#include <functional>
 
 namespace simulator::test
 {
@@ -15,16 +14,6 @@ using namespace kelvo::test;
 
 constexpr int curlCannotConnect = 7;
 constexpr const char* portPath = "/LAPI/V1.0/Network/Port";
-
-/// Asks again until the answer is the expected one or the time is over.
-bool eventually(const std::function<bool()>& expected)
-{
-    const auto deadline = ChildProcess::Clock::now() + std::chrono::seconds(15);
-    while (ChildProcess::Clock::now() < deadline)
-        if (expected())
-            return true;
-    return false;
-}
 
 TEST(Administration, addsAndRemovesFaults)
 {

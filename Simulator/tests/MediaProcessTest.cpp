@@ -2,11 +2,11 @@
 #include "Programs.h"
 #include "RtspPeer.h"
 #include "SimulatorProcess.h"
+#include "TemporaryFile.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
 #include <ostream>
 #include <thread>
 
@@ -50,28 +50,6 @@ ProgramResult decodeVideo(const std::string& url, unsigned frames)
                        "-frames:v", std::to_string(frames), "-fps_mode", "passthrough", "-enc_time_base", "-1", "-f",
                        "null", "-"});
 }
-
-class TemporaryFile {
-public:
-    explicit TemporaryFile(const std::string& suffix)
-    {
-        const auto* info = testing::UnitTest::GetInstance()->current_test_info();
-        path = std::filesystem::temp_directory_path() /
-               ("simulator-" + std::to_string(::getpid()) + "-" + info->name() + suffix);
-    }
-    ~TemporaryFile()
-    {
-        std::error_code ignored;
-        std::filesystem::remove(path, ignored);
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    std::string name() const { return path.string(); }
-
-private:
-    std::filesystem::path path;
-};
 
 struct KindPaths {
     const char* kind;
