@@ -1,5 +1,6 @@
 #include "AdminResources.h"
 
+#include "DeviceEvents.h"
 #include "LapiEnvelope.h"
 #include "MediaServer.h"
 #include "Replies.h"
@@ -105,6 +106,7 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
     router.add("DELETE", "/simulator/counters", [admin](const Call&) {
         admin->activity.clear();
         admin->media.clearCounters();
+        admin->events.clearCounters();
         return Reply{};
     });
     router.add("GET", "/simulator/requests", [admin](const Call&) { return withData(admin->activity.requests()); });

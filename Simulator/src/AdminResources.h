@@ -10,6 +10,7 @@
 namespace simulator
 {
 
+class DeviceEvents;
 class MediaServer;
 
 /// What the administration may do to the simulator. Nothing is owned; everything outlives the router.
@@ -17,6 +18,7 @@ struct Administered {
     Activity& activity;
     FaultTable& faults;
     MediaServer& media;
+    DeviceEvents& events;
     std::function<void()> openRtspPort;
     std::function<void()> closeRtspPort;  ///< and its connections
     std::function<void(std::chrono::milliseconds)> reboot;

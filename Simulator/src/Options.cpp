@@ -1,5 +1,7 @@
 #include "Options.h"
 
+#include "EventCommand.h"
+
 #include <CLI/CLI.hpp>
 
 #include <map>
@@ -41,7 +43,23 @@ ready line calls adminPort (faults and restarts never touch it) and, for loopbac
   POST   /simulator/rtsp/start     opens it again
   POST   /simulator/picture        {"codec": "h265", "size": "640x360"} (either): the size changes in the running main
                                    streams, the codec when they are described anew
-  POST   /simulator/reboot         {"milliseconds": 2000} closes every port and connection for so long
+  POST   /simulator/reboot         {"milliseconds": 2000} closes every port and connection for so long and forgets all
+                                   subscriptions
+  GET    /simulator/state          subscriptions, what became of their notifications, inputs and relays
+  POST   /simulator/events         one event or an array of them, pushed to every subscriber
+  POST   /simulator/inputs/N       {"state": true} sets an input (from 0) and reports it
+  DELETE /simulator/subscriptions  forgets them all without a word
+
+An event: {"type": "MotionAlarmOn"} and, where it matters, "channel" or "input" (from 0), "level", "time" (Unix seconds),
+"fields" (members of "AlarmInfo" to add or replace; null removes one), "count" (so many in one write). In place of
+"type": "pictureBytes" (structured data with a picture of that size) or "body" (any text). With each "path", "form",
+"connection" ("kept", or "fresh": one of its own), and "interval" (ms between the pieces of a form). Forms:
+)";
+
+constexpr const char* scriptFooter = R"(
+A script: {"repeat": 10, "steps": [{"at": 0.5, "event": EVENT}, {"at": 2, "input": 0, "state": true}]}. It begins with the
+first subscription, ends with the last and begins anew with the next; times are seconds from its beginning, at "repeat"
+(if given) it begins again.
 
 Exit status: 0 stopped by a signal or the end of its input, 1 could not start, 2 wrong command line.
 )";
@@ -131,7 +149,7 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
 
     CLI::App app{"A simulated camera or recorder: LAPI over HTTP, live media over RTSP, faults on demand.",
                  "uniview-simulator"};
-    app.footer(footer + describeFaults() + adminFooter);
+    app.footer(footer + describeFaults() + adminFooter + describeForms() + scriptFooter);
     addChoice(app, "--kind", options.kind, kinds, "what to simulate [camera]");
     auto* channels = app.add_option("--channels", options.channels, "video channels [1, or 4 unless a camera]")
                          ->check(CLI::Range(1u, 64u));
@@ -173,6 +191,10 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     addChoice(app, "--audio-codec", options.audioCodec, audioCodecs, "codec of the tone [g711u]");
     app.add_option("--media", options.mediaFile, "serve this MP4, MKV or TS file in a loop instead of the test picture")
         ->check(CLI::ExistingFile);
+
+    app.add_option("--inputs", options.inputs, "alarm inputs")->check(CLI::Range(0u, 64u))->capture_default_str();
+    app.add_option("--relays", options.relays, "relay outputs")->check(CLI::Range(0u, 64u))->capture_default_str();
+    app.add_option("--script", options.scriptFile, "JSON file of timed events, see below")->check(CLI::ExistingFile);
 
     app.add_option("--fault", faults, "NAME[:N][@TEXT], see below")->take_all();
     app.add_flag("--exit-with-stdin", options.exitWithStdin, "end when standard input is closed");

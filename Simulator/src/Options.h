@@ -62,6 +62,10 @@ struct Options {
     AudioCodec audioCodec = AudioCodec::g711u;  ///< of the tone; a media file's sound always becomes G.711
     std::string mediaFile;                      ///< empty: the test picture
 
+    unsigned inputs = 4;
+    unsigned relays = 2;
+    std::string scriptFile;  ///< of events; empty: nothing happens by itself
+
     std::vector<Fault> faults;
     bool exitWithStdin = false;
 };

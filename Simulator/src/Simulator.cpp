@@ -6,16 +6,19 @@
 #include "AdminResources.h"
 #include "Authentication.h"
 #include "Certificate.h"
+#include "DeviceEvents.h"
 #include "DeviceState.h"
+#include "EventResources.h"
 #include "HttpServer.h"
+#include "IoState.h"
+#include "LapiEnvelope.h"
 #include "LapiResources.h"
 #include "LapiService.h"
 #include "Listener.h"
 #include "Log.h"
 #include "MediaServer.h"
+#include "Notification.h"
 #include "RtspPort.h"
-
-#include <json/writer.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -44,6 +47,13 @@ tcp::endpoint endpointFor(const std::string& address, std::uint16_t port)
     return {parsed, port};
 }
 
+std::optional<EventScript> scriptOf(const Options& options)
+{
+    if (options.scriptFile.empty())
+        return std::nullopt;
+    return loadEventScript(options.scriptFile, options.inputs);
+}
+
 Authenticator::Settings authenticatorSettings(const Options& options, const std::string& realm)
 {
     const Authentication scheme = options.authentication;
@@ -53,12 +63,6 @@ Authenticator::Settings authenticatorSettings(const Options& options, const std:
             scheme == Authentication::digest || scheme == Authentication::both,
             scheme == Authentication::basic || scheme == Authentication::both,
             options.nonceLifetime};
-}
-
-/// An address as it stands in a URL.
-std::string hostForUrl(const std::string& address)
-{
-    return address.find(':') == std::string::npos ? address : '[' + address + ']';
 }
 
 }  // namespace
@@ -77,6 +81,8 @@ struct Simulator::State {
     FaultTable faults;
     MediaServer media;   ///< changes `options` to what a media file holds,
     DeviceState device;  ///< which the device then reports
+    IoState io;
+    DeviceEvents events;
     Activity activity;
     Authenticator authenticator;
 
@@ -100,6 +106,8 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
       faults(options.faults),
       media(options, macAddress, faults),
       device(options),
+      io(options.inputs, options.relays),
+      events(context, io, scriptOf(options)),
       authenticator(authenticatorSettings(options, macAddress), randomNonce),
       lapi(lapiRoutes, authenticator, faults, activity),
       lapiServer({options.idleTimeout, options.maxConnections},
@@ -120,9 +128,13 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
                           [this](tcp::socket socket) { acceptLapi(std::move(socket), &*tls); });
     }
     device.setPorts({httpPort.port(), httpsPort ? httpsPort->port() : 0u, rtspPort.port()});
+    events.setHttpPort(httpPort.port());
     addLapiResources(lapiRoutes, device, options.pluralPorts);
-    addAdminResources(adminRoutes, {activity, faults, media, [this] { rtspPort.open(); }, [this] { rtspPort.close(); },
-                                    [this](std::chrono::milliseconds duration) { reboot(duration); }});
+    addEventResources(lapiRoutes, events, io);
+    addEventAdministration(adminRoutes, events, io);
+    addAdminResources(adminRoutes,
+                      {activity, faults, media, events, [this] { rtspPort.open(); }, [this] { rtspPort.close(); },
+                       [this](std::chrono::milliseconds duration) { reboot(duration); }});
     watchSessions();
 }
 
@@ -165,6 +177,7 @@ void Simulator::State::reboot(std::chrono::milliseconds duration)
     logLine("restarting");
     closePorts();
     authenticator.forgetNonces();
+    events.forgetSubscriptions();
     rebootTimer.expires_after(duration);
     rebootTimer.async_wait([this](const error_code& cancelled) {
         if (cancelled)
@@ -203,14 +216,11 @@ std::string Simulator::readyLine() const
     line["rtspPort"] = state->rtspPort.port();
     line["adminPort"] = state->adminPort.port();
     line["urls"] = Json::Value(Json::arrayValue);
-    const std::string base =
-        "rtsp://" + hostForUrl(state->options.bindAddress) + ':' + std::to_string(state->rtspPort.port());
+    const std::string base = "rtsp://" + hostAndPort(state->options.bindAddress, state->rtspPort.port());
     for (const std::string& path : state->media.paths())
         line["urls"].append(base + path);
 
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, line);
+    return compactPrint(line);
 }
 
 void Simulator::stop()
@@ -218,6 +228,7 @@ void Simulator::stop()
     state->closePorts();
     state->adminPort.close();
     state->adminServer.closeConnections();
+    state->events.stop();
     state->rebootTimer.cancel();
     state->sessionTimer.cancel();
 }

@@ -30,6 +30,9 @@ TEST(Options, haveDefaultsForOneCamera)
     EXPECT_EQ(options.size, (Size{1280, 720}));
     EXPECT_EQ(options.subSize, (Size{640, 360}));
     EXPECT_TRUE(options.audio);
+    EXPECT_EQ(options.inputs, 4u);
+    EXPECT_EQ(options.relays, 2u);
+    EXPECT_TRUE(options.scriptFile.empty());
     EXPECT_TRUE(options.faults.empty());
 }
 
@@ -80,6 +83,10 @@ TEST(Options, areReadInFull)
                                       "2",
                                       "--max-connections",
                                       "3",
+                                      "--inputs",
+                                      "8",
+                                      "--relays",
+                                      "0",
                                       "--fault",
                                       "hang",
                                       "--fault",
@@ -106,6 +113,8 @@ TEST(Options, areReadInFull)
     EXPECT_EQ(options.sessionTimeout, 20u);
     EXPECT_EQ(options.idleTimeout.count(), 2000);
     EXPECT_EQ(options.maxConnections, 3u);
+    EXPECT_EQ(options.inputs, 8u);
+    EXPECT_EQ(options.relays, 0u);
     ASSERT_EQ(options.faults.size(), 2u);
     EXPECT_EQ(options.faults[1].kind, FaultKind::status);
     EXPECT_TRUE(options.exitWithStdin);
@@ -143,6 +152,9 @@ TEST(Options, thatAreWrongEndWithStatusTwoAndAReason)
         {{"--codec", "av1"}, "'av1' is none of h264|h265|mjpeg"},
         {{"--fault", "explode"}, "There is no fault 'explode'"},
         {{"--media", "/there/is/no/such.mp4"}, "/there/is/no/such.mp4"},
+        {{"--script", "/there/is/no/such.json"}, "/there/is/no/such.json"},
+        {{"--inputs", "65"}, "--inputs"},
+        {{"--relays", "-1"}, "--relays"},
         {{"--user", ""}, "--user"},
         {{"--user", "a:b"}, "no colon"},
     };
@@ -162,7 +174,8 @@ TEST(Options, haveAHelpThatNamesFaultsAndAdministration)
     const auto* usage = std::get_if<Usage>(&result);
     ASSERT_NE(usage, nullptr);
     EXPECT_EQ(usage->exitStatus, 0);
-    for (const char* part : {"--kind", "--fault", "brokenjson", "/simulator/counters", "KELVO_SIMULATOR_PASSWORD"})
+    for (const char* part : {"--kind", "--fault", "brokenjson", "/simulator/counters", "/simulator/events",
+                             "wronglength", "A script:", "KELVO_SIMULATOR_PASSWORD"})
         EXPECT_NE(usage->text.find(part), std::string::npos) << part;
 }
 
