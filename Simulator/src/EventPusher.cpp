@@ -33,6 +33,7 @@ using boost::system::error_code;
 constexpr auto connectPatience = std::chrono::seconds(5);
 /// For one piece; a receiver that reads nothing for so long is given up.
 constexpr auto writePatience = std::chrono::seconds(10);
+constexpr int mostReadsAtOnce = 256;  // a receiver that answers without end must not hold up the device
 constexpr std::size_t mostBytesWaiting = std::size_t{64} * 1024 * 1024;
 
 /// Throws away what the receiver has answered; false when it has closed the connection, or when there is none.
@@ -43,9 +44,9 @@ bool stillOpen(tcp::socket& socket)
     error_code error;
     std::array<char, 4096> answer;
     socket.non_blocking(true, error);
-    while (!error)
+    for (int reads = 0; !error && reads < mostReadsAtOnce; ++reads)
         socket.read_some(boost::asio::buffer(answer), error);
-    return error == boost::asio::error::would_block;
+    return !error || error == boost::asio::error::would_block;
 }
 
 /// One connection to one receiver, made when there is something to bring.

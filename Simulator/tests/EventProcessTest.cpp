@@ -132,6 +132,16 @@ TEST_F(Events, thatNobodyTakesAreCounted)
     EXPECT_EQ(state()["counters"]["failed"], 0);
 }
 
+TEST_F(Events, areLostWhenTooManyWait)
+{
+    subscribe();
+    const std::string picture = R"({"pictureBytes": 16777216})";
+    push('[' + picture + ',' + picture + ',' + picture + ',' + picture + ',' + picture + ']');
+    EXPECT_EQ(state()["counters"]["failed"], 2) << "64 MiB may wait";
+    peer.accept();
+    EXPECT_GT(peer.readMessage().size(), 16'777'216u) << "those before them are on their way";
+}
+
 TEST_F(Events, comeInPieces)
 {
     subscribe();
