@@ -21,6 +21,8 @@
 
 namespace Uniview
 {
+class IEventSubscriber;
+
 /// What the configuration says of one device: the host's description, with the properties of the settings repository
 /// beneath those of the host. Constant once it is made.
 struct DeviceTraits {
@@ -95,6 +97,14 @@ public:
     /// The number of a channel in management paths: the index itself on a single-channel camera whose
     /// `channelNumbering` is 1, otherwise the index plus one.
     std::uint32_t channelNumber(std::uint32_t channel) const;
+
+    /// Offers the events that the device pushes to `subscriber`, which is not owned, from the time on that the device
+    /// has connected. In the order of registration; one that registers twice is asked twice. Any thread, but since it
+    /// may wait for a connection to be made (1 s at most), objects post it to `service()` when they start.
+    void addSubscriber(IEventSubscriber* subscriber);
+    /// Ends every registration of `subscriber`. When this returns it is not called any more: a delivery to it that is
+    /// under way on another thread is waited for; from within that delivery itself this returns at once. Any thread.
+    void removeSubscriber(IEventSubscriber* subscriber);
 
 protected:
     void tryConnect(const std::string& address) override;
