@@ -2,14 +2,19 @@
 
 #include "HostFakes.h"
 
+#include <algorithm>
+#include <boost/asio/buffers_iterator.hpp>
+#include <boost/asio/completion_condition.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/streambuf.hpp>
 #include <boost/asio/write.hpp>
 #include <condition_variable>
-#include <istream>
 #include <mutex>
+#include <sstream>
+#include <string_view>
 #include <thread>
 
 namespace kelvo::test
@@ -40,21 +45,51 @@ struct ScriptedHttpPeer::State {
     void read(const std::shared_ptr<Connection>& connection)
     {
         boost::asio::async_read_until(connection->socket, connection->input, "\r\n\r\n",
-                                      [this, connection](const boost::system::error_code& ec, std::size_t) {
+                                      [this, connection](const boost::system::error_code& ec, std::size_t head) {
                                           if (!ec)
-                                              respond(connection);
+                                              readBody(connection, head);
                                       });
     }
 
-    void respond(const std::shared_ptr<Connection>& connection)
+    /// The first `head` bytes of the input are the request without its body.
+    void readBody(const std::shared_ptr<Connection>& connection, std::size_t head)
     {
-        std::istream stream(&connection->input);
+        const std::size_t whole = head + statedLength(textOf(*connection).substr(0, head));
+        const std::size_t there = connection->input.size();
+        boost::asio::async_read(connection->socket, connection->input,
+                                boost::asio::transfer_exactly(whole > there ? whole - there : 0),
+                                [this, connection, head](const boost::system::error_code& ec, std::size_t) {
+                                    if (!ec)
+                                        respond(connection, head);
+                                });
+    }
+
+    static std::string textOf(const Connection& connection)
+    {
+        const auto bytes = connection.input.data();
+        return {boost::asio::buffers_begin(bytes), boost::asio::buffers_end(bytes)};
+    }
+
+    static std::size_t statedLength(std::string head)
+    {
+        std::ranges::transform(head, head.begin(),
+                               [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; });
+        constexpr std::string_view name = "\r\ncontent-length:";
+        const auto at = head.find(name);
+        return at == std::string::npos ? 0 : std::stoul(head.substr(at + name.size()));
+    }
+
+    void respond(const std::shared_ptr<Connection>& connection, std::size_t head)
+    {
+        const std::string request = textOf(*connection);
+        std::istringstream stream(request);
         std::string method;
         std::string path;
         stream >> method >> path;
         {
             const std::lock_guard lock(mutex);
             seen.push_back(method + " " + path);
+            seenBodies.push_back(request.substr(head));
             const auto found = answers.find(path);
             connection->reply = found == answers.end() ? format(404, "") : found->second;
             changed.notify_all();
@@ -84,6 +119,7 @@ struct ScriptedHttpPeer::State {
     mutable std::condition_variable changed;
     std::map<std::string, std::string> answers;
     std::vector<std::string> seen;
+    std::vector<std::string> seenBodies;
 };
 
 ScriptedHttpPeer::ScriptedHttpPeer() : state(std::make_unique<State>())
@@ -128,6 +164,12 @@ std::vector<std::string> ScriptedHttpPeer::requests() const
 {
     const std::lock_guard lock(state->mutex);
     return state->seen;
+}
+
+std::vector<std::string> ScriptedHttpPeer::bodies() const
+{
+    const std::lock_guard lock(state->mutex);
+    return state->seenBodies;
 }
 
 bool ScriptedHttpPeer::waitForRequests(std::size_t count) const

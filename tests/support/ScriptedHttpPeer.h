@@ -21,7 +21,7 @@ public:
     std::uint16_t port() const noexcept;
     std::string address() const;  ///< "127.0.0.1:PORT"
 
-    /// What a GET of `path` is answered with from now on.
+    /// What a request of `path` is answered with from now on, whatever its method.
     void answer(const std::string& path, unsigned status, const std::string& body);
     /// The same in raw bytes, for what is not HTTP.
     void answerRaw(const std::string& path, const std::string& bytes);
@@ -30,6 +30,8 @@ public:
 
     /// "GET /path" of each request so far.
     std::vector<std::string> requests() const;
+    /// The body of each of them, as it came.
+    std::vector<std::string> bodies() const;
     bool waitForRequests(std::size_t count) const;
 
 private:
