@@ -12,6 +12,7 @@
 #include <boost/asio/streambuf.hpp>
 #include <boost/asio/write.hpp>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <sstream>
 #include <string_view>
@@ -22,7 +23,9 @@ namespace kelvo::test
 using boost::asio::ip::tcp;
 
 struct ScriptedHttpPeer::State {
-    State() : acceptor(context, tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0)) {}
+    explicit State(const std::string& host)
+        : host(host), acceptor(context, tcp::endpoint(boost::asio::ip::make_address(host), 0))
+    {}
 
     struct Connection {
         explicit Connection(boost::asio::io_context& context) : socket(context) {}
@@ -90,8 +93,8 @@ struct ScriptedHttpPeer::State {
             const std::lock_guard lock(mutex);
             seen.push_back(method + " " + path);
             seenBodies.push_back(request.substr(head));
-            const auto found = answers.find(path);
-            connection->reply = found == answers.end() ? format(404, "") : found->second;
+            seenWhole.push_back(request);
+            connection->reply = replyTo(method, path);
             changed.notify_all();
         }
         if (connection->reply.empty()) {
@@ -105,12 +108,28 @@ struct ScriptedHttpPeer::State {
                                  });
     }
 
+    /// Under `mutex`.
+    std::string replyTo(const std::string& method, const std::string& path)
+    {
+        for (const std::string& target : {method + ' ' + path, path}) {
+            if (auto& once = answersOnce[target]; !once.empty()) {
+                std::string reply = std::move(once.front());
+                once.pop_front();
+                return reply;
+            }
+            if (const auto found = answers.find(target); found != answers.end())
+                return found->second;
+        }
+        return format(404, "");
+    }
+
     static std::string format(unsigned status, const std::string& body)
     {
         return "HTTP/1.1 " + std::to_string(status) +
                " Scripted\r\nConnection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
     }
 
+    const std::string host;
     boost::asio::io_context context;
     tcp::acceptor acceptor;
     std::vector<std::shared_ptr<Connection>> silent;  // held open; only the peer's thread
@@ -118,11 +137,13 @@ struct ScriptedHttpPeer::State {
     mutable std::mutex mutex;  // guards all below
     mutable std::condition_variable changed;
     std::map<std::string, std::string> answers;
+    std::map<std::string, std::deque<std::string>> answersOnce;
     std::vector<std::string> seen;
     std::vector<std::string> seenBodies;
+    std::vector<std::string> seenWhole;
 };
 
-ScriptedHttpPeer::ScriptedHttpPeer() : state(std::make_unique<State>())
+ScriptedHttpPeer::ScriptedHttpPeer(const std::string& host) : state(std::make_unique<State>(host))
 {
     state->accept();
     state->thread = std::thread([this] { state->context.run(); });
@@ -141,23 +162,29 @@ std::uint16_t ScriptedHttpPeer::port() const noexcept
 
 std::string ScriptedHttpPeer::address() const
 {
-    return "127.0.0.1:" + std::to_string(port());
+    return state->host + ':' + std::to_string(port());
 }
 
-void ScriptedHttpPeer::answer(const std::string& path, unsigned status, const std::string& body)
+void ScriptedHttpPeer::answer(const std::string& target, unsigned status, const std::string& body)
 {
-    answerRaw(path, State::format(status, body));
+    answerRaw(target, State::format(status, body));
 }
 
-void ScriptedHttpPeer::answerRaw(const std::string& path, const std::string& bytes)
+void ScriptedHttpPeer::answerOnce(const std::string& target, unsigned status, const std::string& body)
 {
     const std::lock_guard lock(state->mutex);
-    state->answers[path] = bytes;
+    state->answersOnce[target].push_back(State::format(status, body));
 }
 
-void ScriptedHttpPeer::staySilent(const std::string& path)
+void ScriptedHttpPeer::answerRaw(const std::string& target, const std::string& bytes)
 {
-    answerRaw(path, "");
+    const std::lock_guard lock(state->mutex);
+    state->answers[target] = bytes;
+}
+
+void ScriptedHttpPeer::staySilent(const std::string& target)
+{
+    answerRaw(target, "");
 }
 
 std::vector<std::string> ScriptedHttpPeer::requests() const
@@ -170,6 +197,19 @@ std::vector<std::string> ScriptedHttpPeer::bodies() const
 {
     const std::lock_guard lock(state->mutex);
     return state->seenBodies;
+}
+
+std::vector<std::string> ScriptedHttpPeer::wholeRequests() const
+{
+    const std::lock_guard lock(state->mutex);
+    return state->seenWhole;
+}
+
+bool ScriptedHttpPeer::waitForRequest(const std::string& request, std::size_t times) const
+{
+    std::unique_lock lock(state->mutex);
+    return state->changed.wait_for(
+        lock, patience, [&] { return static_cast<std::size_t>(std::ranges::count(state->seen, request)) >= times; });
 }
 
 bool ScriptedHttpPeer::waitForRequests(std::size_t count) const
