@@ -1,6 +1,11 @@
+#include <utility>
+
 #include "Device.h"
 
+#include "EventListener.h"
 #include "Lapi.h"
+#include "LocalAddress.h"
+#include "LocalServerSettings.h"
 #include "ModuleSettings.h"
 #include "RtspPort.h"
 
@@ -11,7 +16,6 @@
 #include <json/value.h>
 #include <locale>
 #include <sstream>
-#include <utility>
 
 namespace Uniview
 {
@@ -26,12 +30,11 @@ constexpr const char* constructing = "Uniview::Device::Device";
 constexpr const char* connecting = "Uniview::Device::tryConnect";
 constexpr const char* identifying = "Uniview::Device::fillDeviceType";
 
+constexpr std::chrono::seconds addressLimit{1};  // for each address that a host name stands for
+
 constexpr const char* portPath = "/LAPI/V1.0/Network/Port";
 constexpr const char* alternativePortPath = "/LAPI/V1.0/Network/Ports";
 constexpr const char* deviceInfoPath = "/LAPI/V1.0/System/DeviceInfo";
-
-constexpr const char* localServerIp = "localServerIP";
-constexpr const char* localServerPort = "localServerPort";
 
 /// The text of a property, or an empty one when it is not set or not a text.
 std::string textProperty(const ParameterMap& properties, const char* key)
@@ -97,11 +100,13 @@ Device::~Device() = default;
 void Device::setParameters()
 {
     const ParameterMap& properties = getDescription()->properties;
-    if (const std::string ip = textProperty(properties, localServerIp); !ip.empty()) {
-        parameters.setPersistentParam(localServerIp, ip);
+    if (const std::string ip = textProperty(properties, localServerIpKey); !ip.empty()) {
+        parameters.setPersistentParam(localServerIpKey, ip);
         logger.info(constructing, "Set listener IP from repository, value='", ip, "'");
+    } else {
+        parameters.setPersistentParam(localServerIpKey, {});  // also what is no text
     }
-    const auto port = properties.find(localServerPort);
+    const auto port = properties.find(localServerPortKey);
     if (port != properties.end())
         setListenerPort(port->second);
 }
@@ -110,31 +115,22 @@ void Device::setParameters()
 /// integer that the event listener reads.
 void Device::setListenerPort(const boost::any& value)
 {
-    int port = 0;
-    if (const auto* const number = boost::any_cast<int>(&value)) {
-        port = *number;
-    } else {
-        const auto* const text = boost::any_cast<std::string>(&value);
-        if (text == nullptr || text->empty()) {
-            parameters.setPersistentParam(localServerPort, {});
-            return;
-        }
-        const bool digitsOnly = text->find_first_not_of("0123456789") == std::string::npos && text->size() <= 5;
-        port = digitsOnly ? Tavro8::Utility::toInt(*text) : -1;
-    }
-    if (port < 0 || port > 65535) {
-        logger.error(constructing, "The value of localServerPort is no port and is ignored");
-        parameters.setPersistentParam(localServerPort, {});
+    const auto port = portOf(value);
+    if (!port) {
+        if (!isUnset(value))
+            logger.error(constructing, "The value of localServerPort is no port and is ignored");
+        parameters.setPersistentParam(localServerPortKey, {});
         return;
     }
-    parameters.setPersistentParam(localServerPort, port);
-    logger.info(constructing, "Set listener port from repository, value='", port, "'");
+    parameters.setPersistentParam(localServerPortKey, static_cast<int>(*port));
+    logger.info(constructing, "Set listener port from repository, value='", *port, "'");
 }
 
-void Device::tryConnect(const std::string& address)
+void Device::tryConnect(const std::string& target)
 {
+    attemptClosings = closings.load();
     try {
-        connect(address);
+        connect(target);
     } catch (const std::exception& e) {
         logger.error(connecting, "Unknown exception while connecting to device. Error code:", e.what());
         handleConnected(ResultCode::unexpected);
@@ -144,10 +140,10 @@ void Device::tryConnect(const std::string& address)
     }
 }
 
-void Device::connect(const std::string& address)
+void Device::connect(const std::string& target)
 {
     std::string reason;
-    const auto info = Tavro8::asio::parseConnectionInfo(address, &reason);
+    const auto info = Tavro8::asio::parseConnectionInfo(target, &reason);
     if (info == nullptr) {
         logger.error(connecting, "The device address is unusable: ", reason);
         return handleConnected(ResultCode::deviceUnreachable);
@@ -169,6 +165,7 @@ void Device::connect(const std::string& address)
         const std::lock_guard lock(mutex);
         httpConnectionInfo = info;
     }
+    makeListener();
     fillDeviceType();
 
     const lapi::Reply reply = lapi::judge(*response, body, lapi::Expect::status);
@@ -179,8 +176,10 @@ void Device::connect(const std::string& address)
         return handleConnected(ResultCode::deviceUnreachable);
     }
     const std::uint16_t port = findRtspPort(body);
+    std::string resolved = resolveAddress(info->host, info->port, addressLimit);
     {
         const std::lock_guard lock(mutex);
+        address = std::move(resolved);
         rtspConnectionInfo = Tavro8::asio::changePort(httpConnectionInfo, port);
     }
     logger.info(connecting, "RTSP port is reachable");
@@ -284,10 +283,13 @@ try {
     return 0;
 }
 
-std::int32_t Device::ApplySettings(const ParameterMap& changed, Tavro8::IAsyncActionHandler*) noexcept
+std::int32_t Device::ApplySettings(const ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler) noexcept
 {
-    // Nothing can be adjusted yet, so nothing is ever left to tell the handler.
-    return adjuster.isEmpty() ? toResult(ResultCode::notSupported) : adjuster.apply(changed);
+    return guarded(logger, "Uniview::Device::ApplySettings", toResult(ResultCode::unexpected), [&] {
+        if (changed.count(localServerIpKey) != 0 || changed.count(localServerPortKey) != 0)
+            return applyLocalServer(changed, actionHandler);
+        return adjuster.isEmpty() ? toResult(ResultCode::notSupported) : adjuster.apply(changed);
+    });
 }
 
 Device::ConnectionInfoPtr Device::getHttpConnectionInfo() const
@@ -300,6 +302,12 @@ Device::ConnectionInfoPtr Device::getRtspConnectionInfo() const
 {
     const std::lock_guard lock(mutex);
     return rtspConnectionInfo;
+}
+
+std::string Device::getAddress() const
+{
+    const std::lock_guard lock(mutex);
+    return address;
 }
 
 std::uint32_t Device::channelNumber(std::uint32_t channel) const

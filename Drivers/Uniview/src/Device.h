@@ -21,6 +21,7 @@
 
 namespace Uniview
 {
+class EventListener;
 class IEventSubscriber;
 
 /// What the configuration says of one device: the host's description, with the properties of the settings repository
@@ -76,6 +77,12 @@ public:
                             std::size_t capacity) const noexcept override;
 
     // IDevice
+    void Destroy() noexcept override;
+    std::int32_t Open(const char* address) noexcept override;
+    void Close() noexcept override;
+    /// Knows `localServerPort` (an integer or a text) and `localServerIP` (an IP address). Both are remembered and,
+    /// when the device's listener is at work, followed at once; an empty text means the default, or what is detected,
+    /// from the next start on. With a wrong value nothing is changed (3).
     std::int32_t ApplySettings(const Tavro8::ParameterMap& changed,
                                Tavro8::IAsyncActionHandler* actionHandler) noexcept override;
     std::int32_t CreateVideoSource(std::uint32_t channel, std::uint32_t stream,
@@ -91,6 +98,8 @@ public:
     // Offered to child objects. Any thread.
     ConnectionInfoPtr getHttpConnectionInfo() const;  ///< null before the first attempt that understood its address
     ConnectionInfoPtr getRtspConnectionInfo() const;  ///< null before the first successful connection
+    /// The device's own address as text, as connections reach it; empty before the first successful connection.
+    std::string getAddress() const;
     const Tavro8::Utility::ParametersContainer& getParameters() const noexcept { return parameters; }
     /// Keeps `finiModule` waiting while it is held.
     const std::shared_ptr<void>& getLifetimeToken() const noexcept { return lifetime; }
@@ -108,6 +117,7 @@ public:
 
 protected:
     void tryConnect(const std::string& address) override;
+    void onConnected() override;
     std::shared_ptr<void> keepAlive() override { return shared_from_this(); }
 
 private:
@@ -118,13 +128,28 @@ private:
     void setParameters();
     void setListenerPort(const boost::any& value);
 
+    // The event listener:
+    std::shared_ptr<EventListener> getListener() const;
+    void makeListener();
+    void pauseEvents();
+    void endEvents();
+    std::int32_t applyLocalServer(const Tavro8::ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler);
+
     Tavro8::Utility::ParametersContainer parameters;
     Tavro8::Utility::SimpleAdjuster adjuster;
     std::atomic<std::uint32_t> deviceKind{0};  // a GDRV::DeviceKind
     const std::uint32_t channelCount;
     ConnectionInfoPtr rtspConnectionInfo;  // guarded by `mutex`
     ConnectionInfoPtr httpConnectionInfo;  // guarded by `mutex`
+    std::string address;                   // guarded by `mutex`
     mutable std::mutex mutex;
+    mutable std::mutex listenerMutex;         // guards the next three; the listener may be called while it is held
+    std::shared_ptr<EventListener> listener;  // made by the first attempt that got so far
+    std::vector<IEventSubscriber*> waitingSubscribers;  // came before the listener
+    bool eventsEnded = false;
+    std::atomic<std::uint64_t> closings{0};         // how often the host has closed, reopened or destroyed the device
+    std::atomic<std::uint64_t> attemptClosings{0};  // when the attempt under way began
+    Tavro8::Utility::HandlerGate actionGate;        // in front of the handlers of `ApplySettings`
     const Tavro8::LoggerHelper logger;
     const Tavro8::LoggerHelper moduleLogger;
     const std::shared_ptr<void> lifetime;

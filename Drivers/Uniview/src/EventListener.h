@@ -1,0 +1,198 @@
+#pragma once
+
+#include <utility>
+
+#include "EventSubscriber.h"
+#include "Subscription.h"
+
+#include <IpUtil/Http.h>
+#include <IpUtil/Logger.h>
+#include <IpUtil/LoggerHelper.h>
+#include <IpUtil/TcpServerEx.h>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Uniview
+{
+class Device;
+
+/// Waiting times that are nobody's setting.
+struct EventListenerTiming {
+    std::chrono::milliseconds renewPeriod{50000};   ///< between renewals: ten seconds before the device would forget us
+    std::chrono::milliseconds retryDelay{10000};    ///< after a reply to the subscription that cannot be used
+    std::chrono::milliseconds firstPause{100};      ///< of a subscription that fails again and again, doubling
+    std::chrono::milliseconds longestPause{10000};  ///< up to here
+    std::chrono::milliseconds addressDetection{1000};  ///< for the connection that shows our own address
+    std::chrono::milliseconds farewell{1000};          ///< for the last cancellation, which keeps `finiModule` waiting
+};
+
+/// Makes one device push its notifications to a port of ours, and hands each to the subscribers. It registers with the
+/// TCP server and subscribes at the device when the first subscriber comes, and ends both when the last one leaves.
+///
+/// Threads. Host threads, the device's I/O thread and the threads that connect the device call the operations; `mutex`
+/// makes one wait for the other. Requests, their replies and the timers belong to the I/O thread: other threads post
+/// to it, and none of this takes `mutex`. `processData` runs on the TCP server's thread and takes no `mutex` either: it
+/// walks an immutable list of the subscribers. Nothing that may wait for a delivery is called while `mutex` is held,
+/// since a subscriber may come back here from within a delivery.
+///
+/// Shared by the device and by handlers in flight. These hold it weakly, and the device with it; only the cancellation
+/// of a subscription, which has to reach the device also when everybody has left, keeps the listener and knows no
+/// device.
+class EventListener final : public Tavro8::LoggerHelper,
+                            public Tavro8::TcpServerEx::IClient,
+                            public std::enable_shared_from_this<EventListener> {
+public:
+    static constexpr std::uint16_t defaultServerPort = 32000;
+
+    /// `device` is not owned; it owns the listener and has been told its address.
+    explicit EventListener(Device* device, const EventListenerTiming& timing = {});
+    ~EventListener();
+    EventListener(const EventListener&) = delete;
+    EventListener& operator=(const EventListener&) = delete;
+
+    /// The first subscriber makes the listener work; may block for `EventListenerTiming::addressDetection` then. Raises
+    /// `boost::bad_any_cast` when the setting `localServerPort` is no int, and has not registered then. Any thread.
+    void addSubscriber(IEventSubscriber* subscriber);
+
+    /// Ends all registrations of `subscriber`; afterwards it is not called any more, see `Device::removeSubscriber`.
+    ///
+    /// Cancels the subscription at the device also when other subscribers remain. These receive nothing then until
+    /// something subscribes anew: the next first subscriber, `setLocalServer`, or a retry that is already due. Any
+    /// thread.
+    void removeSubscriber(IEventSubscriber* subscriber);
+
+    /// Moves to another port or names another address to the device. Port 0 and an empty address mean the present one;
+    /// without any difference nothing happens. Any thread.
+    void setLocalServer(std::uint16_t port, const std::string& ip);
+
+    /// The device is closed: ends subscription and registration, keeps the subscribers. Any thread.
+    void pause();
+    /// The device is connected: goes on for the subscribers that are there, and follows a device whose address has
+    /// changed. A subscription that was due for renewal later, or for a repeat, is seen to at once. Does nothing when
+    /// `permitted`, asked under `mutex`, says no: the device may have been closed meanwhile. May block as
+    /// `addSubscriber`. Any thread.
+    void resume(const std::function<bool()>& permitted);
+    /// The device goes: as `pause`, and nothing begins any more. The last cancellation has a moment to reach the
+    /// device. Any thread.
+    void close() noexcept;
+
+    /// Slot 0 of the TCP server's client: one message of the device. Raises `std::out_of_range` when it holds no '{',
+    /// and whatever a subscriber raises.
+    void processData(const boost::iterator_range<const char*>& data,
+                     const boost::shared_ptr<Tavro8::TcpServerEx::Session>& session) override;
+
+    // For whoever wants to see what comes next; on the device's I/O thread.
+    bool isRenewTimerPending() const noexcept { return renewTimerPending; }
+    bool isRetryTimerPending() const noexcept { return retryTimerPending; }
+    bool isRepeatPending() const noexcept { return repeatPending; }
+    std::chrono::steady_clock::time_point getRenewTime() const { return renewTimer.expiry(); }
+    std::chrono::steady_clock::time_point getRetryTime() const { return retryTimer.expiry(); }
+
+private:
+    class Seat;
+    using Seats = std::vector<std::shared_ptr<Seat>>;
+    using OnReply = void (EventListener::*)(const std::string& failure, const std::vector<char>& body);
+    /// What is registered with the TCP server.
+    struct Registration {
+        std::uint16_t port = 0;
+        std::string clientIp;
+    };
+    /// What the device is told to send to.
+    struct LocalServer {
+        std::string ip;
+        std::uint16_t port = 0;
+
+        bool operator==(const LocalServer&) const = default;
+    };
+
+    // Under `mutex`:
+    bool isWanted() const;
+    void start();
+    void begin();
+    std::optional<Registration> end();
+    void getCurrentIpAndPort();
+    std::string chooseServerIp(const Tavro8::http::ConnectionInfoPtr& info) const;
+    void setServer(LocalServer server);
+    void setSubscribers(Seats changed);
+    Seats takeSeats(const IEventSubscriber* subscriber);
+
+    // On any thread, without `mutex`:
+    static void stop(const std::optional<Registration>& registration) noexcept;
+    void release(const Seats& taken);
+    LocalServer getServer() const;
+    std::shared_ptr<const Seats> getSubscribers() const;
+
+    // On any thread:
+    template <typename Body>
+    auto whileAlive(Body body);
+    template <typename Body>
+    void onService(Body body);
+    void cancelLater();
+
+    // On the I/O thread. A failure is the text for the log, empty when there is none.
+    void sendSubscriptionRequest();
+    void sendRenewSubscriptionRequest(const boost::system::error_code& ec);
+    void sendUnsubscriptionRequest(const Tavro8::http::ConnectionInfoPtr& info);
+    Tavro8::http::CompletionHandler inChain(std::uint64_t request, std::string path, OnReply onReply);
+    void onSubscribed(const std::string& failure, const std::vector<char>& body);
+    void onRenewed(const std::string& failure, const std::vector<char>& body);
+    void onUnsubscribed(std::uint64_t request, const std::string& failure);
+    bool parse(const std::vector<char>& body, Json::Value& document, const char* operation) const;
+    void armRenewTimer();
+    void armRetryTimer();
+    void onRetryTimer(const boost::system::error_code& ec);
+    void repeatSubscription();
+    void cancelAndSubscribe();
+    void catchUp();
+    void cancelRenewTimer();
+    void cancelRetryTimer();
+    void cancelRepeat();
+    void giveUpChain();
+    void giveUpAll();
+    void sayFarewell(const Tavro8::http::ConnectionInfoPtr& subscribedAt);
+
+    Device* const device;
+    std::shared_ptr<const Seats> subscribers;  // in the order of registration; replaced whole
+    mutable std::mutex mutex;  // guards `subscribers`, `running`, `serverIp`, `serverPort`, `clientIp`; see `readMutex`
+    bool running = false;      // somebody has subscribed, and we are registered with the TCP server
+    std::string subscriptionId = "0";  // the I/O thread's
+    std::string serverIp;
+    std::uint16_t serverPort = 0;
+    std::string clientIp;                  // the device's, under which we are registered
+    boost::asio::steady_timer renewTimer;  // this and the next three are the I/O thread's
+    bool renewTimerPending = false;
+    boost::asio::steady_timer retryTimer;
+    bool retryTimerPending = false;
+    const std::chrono::milliseconds renewPeriod;
+
+    const EventListenerTiming timing;
+    const std::weak_ptr<Device> owner;  // of whoever does not know whether it is still there
+    boost::asio::io_context& context;
+    const std::shared_ptr<Tavro8::ILogger> deviceLogger;  // what the base logs through
+    const std::shared_ptr<void> lifetime;                 // in every handler, so that `finiModule` waits for it
+    /// For those who may not take `mutex`: `subscribers`, `serverIp` and `serverPort` are changed under both and read
+    /// under either. Nothing else is locked while it is held.
+    mutable std::mutex readMutex;
+    bool paused = false;  // this and the next two are guarded by `mutex`
+    bool closed = false;
+    Seats leaving;  // removed, and perhaps still inside a delivery
+
+    // The I/O thread's:
+    std::uint64_t chain = 0;        // the subscription that replies belong to; those to an earlier one change nothing
+    std::uint64_t lastRequest = 0;  // numbers those under way
+    std::map<std::uint64_t, Tavro8::http::CancellationPtr> subscribing;    // under way: subscriptions and renewals
+    std::map<std::uint64_t, Tavro8::http::CancellationPtr> unsubscribing;  // under way: cancellations
+    boost::asio::steady_timer repeatTimer;
+    bool repeatPending = false;
+    subscription::RepeatPace pace;
+    boost::asio::steady_timer farewellTimer;
+};
+}  // namespace Uniview
