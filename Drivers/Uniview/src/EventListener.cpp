@@ -282,9 +282,7 @@ void EventListener::stop(const std::optional<Registration>& registration) noexce
 
 void EventListener::getCurrentIpAndPort()
 {
-    const auto& parameters = device->getParameters();
-    const auto value = parameters.get<int>(localServerPortKey);
-    const auto port = static_cast<std::uint16_t>(static_cast<unsigned>(value.value_or(defaultServerPort)));
+    const std::uint16_t port = localServerPortOf(device->getParameters());
     setServer({serverIp, port});
     if (port == 0) {
         error(choosing, "Server local port is not defined");

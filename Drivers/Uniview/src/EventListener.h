@@ -50,8 +50,6 @@ class EventListener final : public Tavro8::LoggerHelper,
                             public Tavro8::TcpServerEx::IClient,
                             public std::enable_shared_from_this<EventListener> {
 public:
-    static constexpr std::uint16_t defaultServerPort = 32000;
-
     /// `device` is not owned; it owns the listener and has been told its address.
     explicit EventListener(Device* device, const EventListenerTiming& timing = {});
     ~EventListener();

@@ -38,4 +38,10 @@ std::optional<std::string> addressOf(const boost::any& value)
     boost::asio::ip::make_address(*text, ec);
     return ec ? std::nullopt : std::optional(*text);
 }
+
+std::uint16_t localServerPortOf(const Tavro8::Utility::ParametersContainer& parameters)
+{
+    const auto port = parameters.get<int>(localServerPortKey);
+    return port ? static_cast<std::uint16_t>(static_cast<unsigned>(*port)) : defaultLocalServerPort;
+}
 }  // namespace Uniview

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <IpUtil/ParametersContainer.h>
 #include <boost/any.hpp>
 #include <cstdint>
 #include <optional>
@@ -11,6 +12,7 @@ namespace Uniview
 {
 inline constexpr const char* localServerIpKey = "localServerIP";
 inline constexpr const char* localServerPortKey = "localServerPort";
+inline constexpr std::uint16_t defaultLocalServerPort = 32000;
 
 /// Nothing, or an empty text: what holds without the setting.
 bool isUnset(const boost::any& value);
@@ -18,4 +20,8 @@ bool isUnset(const boost::any& value);
 std::optional<std::uint16_t> portOf(const boost::any& value);
 /// A text that is an IPv4 or IPv6 address; nothing for anything else.
 std::optional<std::string> addressOf(const boost::any& value);
+
+/// The port that a device's parameters say: what is set, else their default, else ours; of a larger number the low 16
+/// bits. Raises `boost::bad_any_cast` for a value that is no int.
+std::uint16_t localServerPortOf(const Tavro8::Utility::ParametersContainer& parameters);
 }  // namespace Uniview

@@ -1,7 +1,6 @@
 #include "Device.h"
 
-#include "HostFakes.h"
-#include "ScriptedHttpPeer.h"
+#include "DeviceFixture.h"
 
 #include <Tavro8/ResultCode.h>
 #include <future>
@@ -12,57 +11,13 @@ namespace
 {
 using namespace Uniview;
 using namespace kelvo::test;
+using namespace Uniview::test;
 using Tavro8::ParameterMap;
 using Tavro8::ResultCode;
 using Tavro8::toResult;
 using Tavro8::Utility::GlobalService;
 
-constexpr const char* portPath = "/LAPI/V1.0/Network/Port";
-constexpr const char* portsPath = "/LAPI/V1.0/Network/Ports";
-constexpr const char* infoPath = "/LAPI/V1.0/System/DeviceInfo";
-
-std::string deviceInfo(int type)
-{
-    return "{\"Response\":{\"ResponseCode\":0,\"Data\":{\"DeviceName\":\"x\",\"DeviceType\":\t" + std::to_string(type) +
-           "}}}";
-}
-
-class DeviceTest : public ::testing::Test {
-protected:
-    ~DeviceTest() override
-    {
-        if (device != nullptr)
-            device->Destroy();
-    }
-
-    /// Makes the device and a peer that answers like a camera with RTSP port 8554.
-    void make(std::uint32_t channels = 1, const ParameterMap& properties = {})
-    {
-        peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"HTTPPort\":80,\"RTSPPort\":\t8554}}}");
-        peer.answer(infoPath, 200, deviceInfo(0));
-        const auto description = std::make_shared<DeviceTraits>();
-        description->videoChannelCount = channels;
-        description->properties = properties;
-        device = Device::create(&handler, &logger, description, *service);
-    }
-    void open() { ASSERT_EQ(device->Open(("http://admin:secret@" + peer.address()).c_str()), 0); }
-    void connect()
-    {
-        open();
-        ASSERT_TRUE(handler.waitConnected());
-    }
-    void failToConnect()
-    {
-        open();
-        ASSERT_TRUE(handler.waitFailed());
-    }
-
-    RecordingLogger logger;
-    DeviceHandler handler;
-    ScriptedHttpPeer peer;
-    std::shared_ptr<GlobalService> service = GlobalService::instance();
-    std::shared_ptr<Device> device;
-};
+class DeviceTest : public DeviceFixture {};
 
 TEST_F(DeviceTest, takesTheRtspPortFromThePortReply)
 {
