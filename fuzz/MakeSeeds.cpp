@@ -274,6 +274,23 @@ void saveLapi()
     save("rtsp_port", "without_a_number", "\"RTSPPort\":  ");
 }
 
+void saveEvents()
+{
+    const std::string head = "POST /LAPI/V1.0/System/Event/Notification/Alarm HTTP/1.1\r\nContent-Length: 9\r\n\r\n";
+    const std::string third(1, '\x04');  // which subscriber claims
+    save("notification", "motion",
+         third + head +
+             "{\"Reference\": \"192.0.2.10:80/LAPI/V1.0/System/Event/Subscribers/178\", \"AlarmInfo\": {\"AlarmType\": "
+             "\"MotionAlarmOn\", \"AlarmLevel\": 0, \"TimeStamp\": 1489040894, \"AlarmSeq\": 327, \"AlarmSrcID\": 1, "
+             "\"AlarmSrcType\": 8, \"AlarmSrcName\": \"Camera1\"}}");
+    save("notification", "structured_data",
+         third + head + "{\"StructureInfo\":{\"ObjInfo\":[{\"Data\":\"/9j/4A==\"}]}}");
+    save("notification", "headers_only", third + head);
+    save("notification", "half", third + head + "{\"AlarmInfo\":{\"AlarmType\":\"InputAl");
+    save("notification", "odd_shape", third + "{\"AlarmInfo\":[1,-2.5e3,null]} {\"AlarmInfo\":{}}");
+    save("notification", "deep", third + "{\"AlarmInfo\":" + std::string(1200, '['));
+}
+
 const std::string h264Sps = hex("6742c00dd9016096c044000003000400000300c83c50a920");
 const std::string h264OtherSps = hex("674d401feca02802dd80880000030008000003019078c18cb0");
 const std::string h264Pps = hex("68cb83cb20");
@@ -524,6 +541,7 @@ try {
     saveHttp();
     saveNotifications();
     saveLapi();
+    saveEvents();
     saveTracks();
     saveMedia();
     return 0;

@@ -69,6 +69,13 @@ private:
 
 class EventFixture : public DeviceFixture {
 protected:
+    /// The device goes before those that hear of its events.
+    ~EventFixture() override
+    {
+        if (device != nullptr)
+            std::exchange(device, nullptr)->Destroy();
+    }
+
     /// A connected device that accepts the subscription "5" and its renewal, and uses a port of its own here.
     void makeReady()
     {
@@ -132,5 +139,7 @@ protected:
     }
 
     std::uint16_t port = 0;
+    RecordingSubscriber subscriber;
+    RecordingSubscriber second;
 };
 }  // namespace Uniview::test

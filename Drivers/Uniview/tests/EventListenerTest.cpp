@@ -57,7 +57,6 @@ protected:
         return onService([&] { return (listener.get()->*timer)(); });
     }
 
-    RecordingSubscriber subscriber;
     std::shared_ptr<EventListener> listener;
 };
 
@@ -137,7 +136,6 @@ TEST_F(EventListenerTest, goesOnRenewingWhileRenewalsSucceed)
 TEST_F(EventListenerTest, furtherSubscribersSendNothing)
 {
     subscribe();
-    RecordingSubscriber second;
     RecordingSubscriber third;
     listener->addSubscriber(&second);
     listener->addSubscriber(&third);
@@ -149,7 +147,6 @@ TEST_F(EventListenerTest, furtherSubscribersSendNothing)
 TEST_F(EventListenerTest, removingOneOfTwoCancelsAtTheDeviceAndKeepsThePort)
 {
     subscribe();
-    RecordingSubscriber second;
     listener->addSubscriber(&second);
     listener->removeSubscriber(&subscriber);
     ASSERT_TRUE(logger.waitFor("Event unsubscription completed successfully"));
@@ -508,7 +505,6 @@ TEST_F(EventListenerTest, anotherAddressAtTheSamePortSubscribesAnew)
     ASSERT_EQ(all.size(), 5U);
     std::sort(all.begin() + 2, all.begin() + 4);  // two connections
     EXPECT_EQ(all, (Strings{post(), put("5"), cancel("5"), post(), put("5")}));
-    EXPECT_NE(peer.wholeRequests().size(), 0U);
     const auto whole = peer.wholeRequests();
     EXPECT_EQ(
         std::ranges::count_if(whole, [](const auto& text) { return text.find("\"192.0.2.9\"") != std::string::npos; }),
@@ -573,13 +569,13 @@ TEST_F(EventListenerTest, isOfferedInTheOrderOfRegistrationUntilOneClaims)
 {
     listen();
     Strings order;
-    RecordingSubscriber first(false, [&](const std::string&) { order.push_back("first"); });
-    RecordingSubscriber second(true, [&](const std::string&) { order.push_back("second"); });
-    RecordingSubscriber third(true, [&](const std::string&) { order.push_back("third"); });
-    for (RecordingSubscriber* const each : {&first, &second, &third})
+    RecordingSubscriber indifferent(false, [&](const std::string&) { order.push_back("indifferent"); });
+    RecordingSubscriber first(true, [&](const std::string&) { order.push_back("first"); });
+    RecordingSubscriber next(true, [&](const std::string&) { order.push_back("next"); });
+    for (RecordingSubscriber* const each : {&indifferent, &first, &next})
         listener->addSubscriber(each);
     process(alarm("EnterArea"));
-    EXPECT_EQ(order, (Strings{"first", "second"}));
+    EXPECT_EQ(order, (Strings{"indifferent", "first"}));
 }
 
 TEST_F(EventListenerTest, theServerGoesOnAfterWhatCannotBeRead)
