@@ -307,7 +307,7 @@ TEST_F(EventListenerTest, theRetrySubscribesAgain)
     EXPECT_EQ(exchanges(), (Strings{post(), post(), put("5")}));
 }
 
-TEST_F(EventListenerTest, aRetryThatIsDueHappensAlsoWhenNobodyIsLeft)
+TEST_F(EventListenerTest, aRetryStaysDueWhenNobodyIsLeft)
 {
     EventListenerTiming timing;
     timing.retryDelay = never;
@@ -318,6 +318,41 @@ TEST_F(EventListenerTest, aRetryThatIsDueHappensAlsoWhenNobodyIsLeft)
     ASSERT_TRUE(logger.waitFor("Can't get subscription id."));
     listener->removeSubscriber(&subscriber);
     EXPECT_TRUE(isPending(&EventListener::isRetryTimerPending));
+}
+
+TEST_F(EventListenerTest, retriesGoOnAlsoWhenNobodyIsLeft)
+{
+    EventListenerTiming timing;
+    timing.retryDelay = 1ms;
+    makeReady();
+    peer.answer(post(), 200, replyWithData("{}"));
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(logger.waitFor("Can't get subscription id."));
+    listener->removeSubscriber(&subscriber);
+    const auto all = exchanges();
+    const auto before = static_cast<std::size_t>(std::count(all.begin(), all.end(), post()));
+    EXPECT_TRUE(peer.waitForRequest(post(), before + 3));
+}
+
+TEST_F(EventListenerTest, aPausedListenerHasNothingDue)
+{
+    EventListenerTiming timing;
+    timing.retryDelay = never;
+    makeReady();
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed());
+    ASSERT_TRUE(isPending(&EventListener::isRenewTimerPending));
+    listener->pause();
+    EXPECT_FALSE(isPending(&EventListener::isRenewTimerPending));
+
+    peer.answer(post(), 200, replyWithData("{}"));
+    listener->resume([] { return true; });
+    ASSERT_TRUE(logger.waitFor("Can't get subscription id."));
+    ASSERT_TRUE(isPending(&EventListener::isRetryTimerPending));
+    listener->pause();
+    EXPECT_FALSE(isPending(&EventListener::isRetryTimerPending));
 }
 
 // Failures of renewals.
