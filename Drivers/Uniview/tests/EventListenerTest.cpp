@@ -784,6 +784,24 @@ TEST_F(EventListenerTest, anExchangeUnderWayIsGivenUpWhenTheListenerIsPaused)
     EXPECT_EQ(exchanges(), (Strings{post(), cancel("0"), post(), put("5")}));
 }
 
+TEST_F(EventListenerTest, followsADeviceThatHasAnotherAddressAfterAReconnection)
+{
+    subscribe();
+    kelvo::test::ScriptedHttpPeer elsewhere("127.0.0.2");
+    elsewhere.answer(portPath, 200, "{}");
+    elsewhere.answer(infoPath, 200, deviceInfo(0));
+    accept(elsewhere);
+    ASSERT_EQ(device->Open(elsewhere.address().c_str()), 0);  // this listener is not the device's own
+    ASSERT_TRUE(handler.waitConnected(2));
+    listener->resume([] { return true; });
+    ASSERT_TRUE(elsewhere.waitForRequest(put("5")));
+    EXPECT_TRUE(elsewhere.waitForRequest(cancel("5")));
+    PushPeer(port, "127.0.0.2").send(kelvo::test::notification(alarm("EnterArea")));
+    EXPECT_TRUE(subscriber.waitFor(1));
+    listener->close();  // its farewell goes there too
+    EXPECT_TRUE(elsewhere.waitForRequest(cancel("5"), 2));
+}
+
 TEST_F(EventListenerTest, resumesOnlyWhenPermitted)
 {
     listen();
