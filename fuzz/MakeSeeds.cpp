@@ -5,6 +5,7 @@
 // Only needed when the form of a target's input has changed, or for a new target; the seeds are kept in fuzz/corpus.
 #include "FuzzTarget.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -291,6 +292,41 @@ void saveEvents()
     save("notification", "deep", third + "{\"AlarmInfo\":" + std::string(1200, '['));
 }
 
+void saveAlarms()
+{
+    const auto alarms = [](std::string_view types, const std::string& members) {
+        std::string all;
+        for (std::size_t at = 0; at < types.size();) {
+            const std::size_t end = std::min(types.find(' ', at), types.size());
+            all.append("{\"AlarmType\":\"").append(types.substr(at, end - at)).append("\"," + members + "}");
+            all += '\0';
+            at = end + 1;
+        }
+        return all;
+    };
+    const std::string camera(1, '\x02');  // two inputs, first channel
+    save("alarm_info", "camera",
+         camera + "{\"AlarmType\":\t\"MotionAlarmOn\",\t\"AlarmLevel\":\t0,\t\"TimeStamp\":\t1489040894,\t\"AlarmSeq\":"
+                  "\t327,\t\"AlarmSrcID\":\t1,\t\"AlarmSrcType\":\t8,\t\"AlarmSrcName\":\t\"Camera1\"}");
+    save("alarm_info", "conditions",
+         camera + alarms("MotionAlarmOn MotionAlarmOn MotionAlarmOff MotionAlarmOff AbnormalAudioOn AbnormalAudioOff "
+                         "TemperatureDetectionAlarm ThermalTemperatureDetectOff",
+                         "\"AlarmSrcID\":1,\"TimeStamp\":\"1489040894\""));
+    save("alarm_info", "moments",
+         '\x0a' + alarms("LineDetectorCrossed EnterArea LeaveArea FieldDetectorObjectsInside CrowdDensity",
+                         "\"SourceID\":2,\"AlarmSrcID\":1,\"TimeStamp\":1489040894.5"));
+    save("alarm_info", "inputs",
+         camera + alarms("InputAlarmOff InputAlarmOn InputAlarmOn", "\"AlarmSrcID\":2") +
+             alarms("InputAlarmOn", "\"AlarmSrcID\":0") + alarms("InputAlarmOff", "\"AlarmSrcID\":\"1\"") +
+             alarms("InputAlarmOn", "\"AlarmSeq\":1489040894123"));
+    std::string odd = camera;
+    for (const char* const shape : {"[1,{}]", "\"x\"", "{\"AlarmType\":{}}",
+                                    "{\"AlarmType\":\"EnterArea\",\"AlarmSrcID\":1.5,\"TimeStamp\":-1,"
+                                    "\"Name\":\"\xff\xc3\",\"Seq\":18446744073709551615}"})
+        odd.append(shape).append(1, '\0');
+    save("alarm_info", "odd_shapes", odd);
+}
+
 const std::string h264Sps = hex("6742c00dd9016096c044000003000400000300c83c50a920");
 const std::string h264OtherSps = hex("674d401feca02802dd80880000030008000003019078c18cb0");
 const std::string h264Pps = hex("68cb83cb20");
@@ -542,6 +578,7 @@ try {
     saveNotifications();
     saveLapi();
     saveEvents();
+    saveAlarms();
     saveTracks();
     saveMedia();
     return 0;
