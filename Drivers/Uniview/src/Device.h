@@ -94,6 +94,11 @@ public:
                                    Tavro8::GDRV::IMediaFrameHandler* frames,
                                    const Tavro8::ParameterMap& channelParameters, Tavro8::IContract* parent,
                                    Tavro8::GDRV::IAudioSource** source) noexcept override;
+    std::int32_t CreateIODevice(std::uint32_t channel, Tavro8::GDRV::IIODeviceHandler* ioHandler,
+                                Tavro8::GDRV::IIODevice** ioDevice) noexcept override;
+    std::int32_t CreateDetector(std::uint32_t channel, const Tavro8::ParameterMap& detectorParameters,
+                                Tavro8::GDRV::IDetectorHandler* detectorHandler,
+                                Tavro8::GDRV::IDetector** detector) noexcept override;
 
     // Offered to child objects. Any thread.
     ConnectionInfoPtr getHttpConnectionInfo() const;  ///< null before the first attempt that understood its address

@@ -1,5 +1,7 @@
 #include "AudioSource.h"
+#include "Detector.h"
 #include "Device.h"
+#include "IODevice.h"
 #include "ModuleSettings.h"
 #include "ProcessRecord.h"
 #include "VideoSource.h"
@@ -137,7 +139,8 @@ std::int32_t ModuleSettings::createDiscovery(Tavro8::GDRV::IDeviceDiscoveryHandl
 
 namespace
 {
-/// What every factory operation does first; `create` makes the object of a channel that exists.
+/// What every factory operation does first; `create` makes the object of a channel that exists, or null when there is
+/// none of the kind asked for.
 template <typename Interface, typename Create>
 std::int32_t createChild(const Device& device, std::uint32_t channel, Interface** object, Tavro8::LogPlace operation,
                          Create&& create) noexcept
@@ -150,8 +153,16 @@ std::int32_t createChild(const Device& device, std::uint32_t channel, Interface*
     const Tavro8::LoggerHelper logger(device.getLogger().get(), sourcePath);
     return Tavro8::guarded(logger, operation, toResult(ResultCode::unexpected), [&] {
         *object = std::forward<Create>(create)();
-        return toResult(ResultCode::success);
+        return toResult(*object == nullptr ? ResultCode::notFound : ResultCode::success);
     });
+}
+
+/// The kind of detector that the host asks for; null when there is none such.
+const DetectorType* findRequestedType(const Tavro8::ParameterMap& parameters)
+{
+    const auto found = parameters.find("detectionType");
+    const auto* const name = found == parameters.end() ? nullptr : boost::any_cast<std::string>(&found->second);
+    return name == nullptr ? nullptr : findDetectorType(*name);
 }
 }  // namespace
 
@@ -173,6 +184,26 @@ std::int32_t Device::CreateAudioSource(std::uint32_t channel, Tavro8::GDRV::IAsy
 {
     return createChild(*this, channel, source, "Uniview::Device::CreateAudioSource", [&] {
         return AudioSource::create(this, channel, channelHandler, frames, channelParameters, parent);
+    });
+}
+
+std::int32_t Device::CreateIODevice(std::uint32_t channel, Tavro8::GDRV::IIODeviceHandler* ioHandler,
+                                    Tavro8::GDRV::IIODevice** ioDevice) noexcept
+{
+    return createChild(*this, channel, ioDevice, "Uniview::Device::CreateIODevice",
+                       [&] { return IODevice::create(this, channel, ioHandler); });
+}
+
+std::int32_t Device::CreateDetector(std::uint32_t channel, const Tavro8::ParameterMap& detectorParameters,
+                                    Tavro8::GDRV::IDetectorHandler* detectorHandler,
+                                    Tavro8::GDRV::IDetector** detector) noexcept
+{
+    constexpr const char* operation = "Uniview::Device::CreateDetector";
+    return createChild(*this, channel, detector, operation, [&]() -> Tavro8::GDRV::IDetector* {
+        if (const DetectorType* const type = findRequestedType(detectorParameters))
+            return Detector::create(this, channel, *type, detectorHandler);
+        logger.error(operation, "There is no detector of the detectionType that was asked for");
+        return nullptr;
     });
 }
 }  // namespace Uniview

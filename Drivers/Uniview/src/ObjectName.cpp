@@ -12,6 +12,9 @@ namespace
 struct Templates {
     boost::format video{"vs %1%.%2%", std::locale::classic()};
     boost::format audio{"chan %1%", std::locale::classic()};
+    boost::format io{"io: %1%", std::locale::classic()};
+    boost::format ioOfNamed{"io: %1%, %2%", std::locale::classic()};
+    boost::format detector{"detector %1%.%2%", std::locale::classic()};
 };
 
 const Templates& templates()
@@ -31,5 +34,19 @@ std::string audioObjectName(std::uint32_t channel)
 {
     boost::format name = templates().audio;
     return (name % channel).str();
+}
+
+std::string ioObjectName(const std::string& deviceName, std::uint32_t channelIndex)
+{
+    boost::format name = deviceName.empty() ? templates().io : templates().ioOfNamed;
+    if (!deviceName.empty())
+        name % deviceName;
+    return (name % channelIndex).str();
+}
+
+std::string detectorObjectName(const char* detectionType, std::uint32_t channel)
+{
+    boost::format name = templates().detector;
+    return (name % detectionType % channel).str();
 }
 }  // namespace Uniview

@@ -364,9 +364,8 @@ TEST_F(DeviceTest, whatIsNotBuiltIsNotSupported)
     Tavro8::GDRV::ITelemetry* telemetry = nullptr;
     EXPECT_EQ(device->CreateTelemetry(0, &telemetry), toResult(ResultCode::notSupported));
     EXPECT_EQ(telemetry, nullptr);
-    Tavro8::GDRV::IDetector* detector = nullptr;
-    EXPECT_EQ(device->CreateDetector(0, {{"detectionType", std::string("motion")}}, nullptr, &detector),
-              toResult(ResultCode::notSupported));
+    Tavro8::GDRV::IRecordingSearch* search = nullptr;
+    EXPECT_EQ(device->CreateRecordingSearch(&search), toResult(ResultCode::notSupported));
 }
 
 TEST_F(DeviceTest, mayBeDestroyedFromInsideItsCallback)

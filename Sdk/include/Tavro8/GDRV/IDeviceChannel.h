@@ -43,10 +43,11 @@ struct StreamStatistics {
 class IAsyncDeviceChannelHandler : public IContract {
 public:
     /// Slot 3. The source runs; media follows when the device delivers it. Called on the thread of `Start`; when
-    /// `Stop` is called meanwhile on another thread, `Stopped` may overtake it.
+    /// `Stop` is called meanwhile on another thread, `Stopped` may overtake it. Objects that report events tell it on
+    /// the device's I/O thread, in turns with `Stopped`.
     virtual void Started(IContract* source) noexcept = 0;
 
-    /// Slot 4. The source has really stopped: no frame follows.
+    /// Slot 4. The source has really stopped: no frame and no event follows.
     virtual void Stopped(IContract* source) noexcept = 0;
 
     /// Slot 5. Counters of the running source. The structure is the caller's.

@@ -24,7 +24,7 @@ public:
     virtual const ParameterMap& GetModelParameters() const noexcept = 0;
 
     /// Slot 7. Parameters of the device model for one channel (counted from 0): integers such as
-    /// `presetCount`, `rayCount` and `panSpeed`, flags such as `supportsAreaZoom`, and the `TextMap`
+    /// `presetCount`, `rayCount`, `relayCount` and `panSpeed`, flags such as `supportsAreaZoom`, and the `TextMap`
     /// `maxFpsForCodec`. An unknown channel gives an empty map.
     virtual const ParameterMap& GetChannelModelParameters(std::uint32_t channel) const noexcept = 0;
 };
