@@ -300,6 +300,7 @@ TEST_F(DetectorTest, worksWithoutAHandler)
     makeDevice();
     Detector& detector = make("motion", nullptr);
     detector.Start();
+    ASSERT_TRUE(logger.waitFor("Started."));
     detector.handleTriggerInfo(alarmOf("MotionAlarmOn"));
     detector.Stop();
     EXPECT_TRUE(logger.waitFor("Stopped."));
