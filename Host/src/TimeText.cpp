@@ -35,6 +35,13 @@ std::string clockText(std::chrono::system_clock::time_point time)
            padded(clock.seconds().count(), 2) + '.' + padded(clock.subseconds().count(), 3);
 }
 
+std::string isoText(std::chrono::system_clock::time_point time)
+{
+    const std::chrono::year_month_day date(std::chrono::floor<std::chrono::days>(time));
+    return padded(static_cast<int>(date.year()), 4) + '-' + padded(static_cast<unsigned>(date.month()), 2) + '-' +
+           padded(static_cast<unsigned>(date.day()), 2) + 'T' + clockText(time) + 'Z';
+}
+
 std::string durationText(std::chrono::duration<double> duration)
 {
     const auto seconds = static_cast<std::int64_t>(std::max(duration.count(), 0.0));

@@ -8,6 +8,9 @@ namespace Host
 /// Time of day in UTC, "23:59:07.042".
 std::string clockText(std::chrono::system_clock::time_point time);
 
+/// Date and time in UTC, "2017-03-09T06:28:14.042Z" (ISO 8601).
+std::string isoText(std::chrono::system_clock::time_point time);
+
 /// A length of time: "07:03", from one hour on "1:07:03". Parts of a second are cut off; below 0 counts as 0.
 std::string durationText(std::chrono::duration<double> duration);
 

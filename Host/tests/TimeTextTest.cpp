@@ -15,6 +15,12 @@ TEST(TimeText, writesTheTimeOfDayInUtc)
     EXPECT_EQ(clockText(std::chrono::system_clock::time_point(48h + 7h + 3min + 9s + 42ms)), "07:03:09.042");
 }
 
+TEST(TimeText, writesDateAndTimeInUtc)
+{
+    EXPECT_EQ(isoText(std::chrono::system_clock::time_point(0ms)), "1970-01-01T00:00:00.000Z");
+    EXPECT_EQ(isoText(std::chrono::system_clock::time_point(1489040894042ms)), "2017-03-09T06:28:14.042Z");
+}
+
 TEST(TimeText, writesDurations)
 {
     EXPECT_EQ(durationText(0s), "00:00");

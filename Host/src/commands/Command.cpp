@@ -61,6 +61,8 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(makeInfoCommand());
     commands.push_back(makeLiveCommand());
+    commands.push_back(makeEventsCommand());
+    commands.push_back(makeRelayCommand());
     return commands;
 }
 }  // namespace Host

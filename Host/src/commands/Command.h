@@ -98,6 +98,8 @@ public:
 
 std::unique_ptr<Command> makeInfoCommand();
 std::unique_ptr<Command> makeLiveCommand();
+std::unique_ptr<Command> makeEventsCommand();
+std::unique_ptr<Command> makeRelayCommand();
 
 /// All commands in the order of the help.
 std::vector<std::unique_ptr<Command>> makeCommands();

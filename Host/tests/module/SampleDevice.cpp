@@ -1,5 +1,6 @@
 #include "SampleDevice.h"
 
+#include "Events.h"
 #include "Sources.h"
 
 #include <Tavro8/ResultCode.h>
@@ -168,9 +169,12 @@ std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t, GDRV::IAsyncDev
     return notSupported(destination);
 }
 
-std::int32_t SampleDevice::CreateIODevice(std::uint32_t, GDRV::IIODeviceHandler*, GDRV::IIODevice** ioDevice) noexcept
+std::int32_t SampleDevice::CreateIODevice(std::uint32_t channel, GDRV::IIODeviceHandler* ioHandler,
+                                          GDRV::IIODevice** ioDevice) noexcept
 {
-    return notSupported(ioDevice);
+    if (hostName == "mute")
+        return notSupported(ioDevice);
+    return create(ioDevice, [&] { return new IODevice(*loop, channel, ioHandler, hostName != "dark"); });
 }
 
 std::int32_t SampleDevice::CreateTelemetry(std::uint32_t, GDRV::ITelemetry** telemetry) noexcept
@@ -178,10 +182,15 @@ std::int32_t SampleDevice::CreateTelemetry(std::uint32_t, GDRV::ITelemetry** tel
     return notSupported(telemetry);
 }
 
-std::int32_t SampleDevice::CreateDetector(std::uint32_t, const ParameterMap&, GDRV::IDetectorHandler*,
-                                          GDRV::IDetector** detector) noexcept
+std::int32_t SampleDevice::CreateDetector(std::uint32_t channel, const ParameterMap& parameters,
+                                          GDRV::IDetectorHandler* detectorHandler, GDRV::IDetector** detector) noexcept
 {
-    return notSupported(detector);
+    *detector = nullptr;
+    const auto found = parameters.find("detectionType");
+    const auto* type = found == parameters.end() ? nullptr : boost::any_cast<std::string>(&found->second);
+    if (type == nullptr || !Detector::knows(*type))
+        return toResult(ResultCode::notFound);
+    return create(detector, [&] { return new Detector(*loop, channel, *type, detectorHandler); });
 }
 
 std::int32_t SampleDevice::CreateRecordingSearch(GDRV::IRecordingSearch** search) noexcept

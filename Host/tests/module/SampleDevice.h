@@ -17,11 +17,11 @@ namespace Sample
 /// | refusing, unreachable | every attempt fails with 513, 256 |
 /// | late | the first two attempts fail, the third connects |
 /// | silent | never answers |
-/// | dark | connects but sends nothing |
+/// | dark | connects but sends nothing and answers no relay |
 /// | barred | connects but refuses every stream, with 1025 |
 /// | crowded | serves the first two streams that are made in the process and refuses all others, with 1025 |
 /// | tardy | computes for 0.4 s before its first picture |
-/// | mute | connects; makes no audio source |
+/// | mute | connects; makes no audio source and no inputs and relays |
 /// | voiceless | sends a test picture; its sound is refused with 1024 |
 /// | growing | the picture becomes larger after a second |
 /// | stuck | works, but never reports that it was closed |
