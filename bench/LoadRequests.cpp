@@ -26,6 +26,15 @@ std::optional<std::uint16_t> numberAfter(std::string_view text, std::string_view
     return value;
 }
 
+std::string succeeded(std::string_view path, std::string_view data)
+{
+    const std::string body = "{\n\"Response\":\t{\n\"ResponseURL\":\t\"" + std::string(path) +
+                             "\",\n\"ResponseCode\":\t0,\n\"ResponseString\":\t\"Succeed\",\n\"Data\":\t" +
+                             std::string(data) + "}\n}";
+    return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+}
+
 std::string managementReply(std::string_view path, std::uint16_t httpPort, std::uint16_t rtspPort)
 {
     std::string data;
@@ -35,10 +44,6 @@ std::string managementReply(std::string_view path, std::uint16_t httpPort, std::
         data = "{\"DeviceName\":\t\"Load\",\n\"DeviceModel\":\t\"LOAD-1\",\n\"DeviceType\":\t0}";
     else
         return "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n";
-    const std::string body = "{\n\"Response\":\t{\n\"ResponseURL\":\t\"" + std::string(path) +
-                             "\",\n\"ResponseCode\":\t0,\n\"ResponseString\":\t\"Succeed\",\n\"Data\":\t" + data +
-                             "}\n}";
-    return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n\r\n" + body;
+    return succeeded(path, data);
 }
 }  // namespace kelvo::bench

@@ -2,6 +2,7 @@
 // source. Counts what reaches the frame handler, checks that nothing is missing, and measures what all of it costs.
 #include "AllocationCounter.h"
 #include "Arguments.h"
+#include "BenchHost.h"
 #include "FrameStamp.h"
 #include "LatencyHistogram.h"
 #include "ProcessCost.h"
@@ -11,12 +12,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
-#include <dlfcn.h>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,109 +27,6 @@ using namespace Tavro8;
 using namespace Tavro8::GDRV;
 
 constexpr std::string_view startCode("\0\0\0\1", 4);
-
-/// Log lines of weight go to standard error.
-class Logger final : public ILogger {
-public:
-    void* FindContract(const char* name) noexcept override { return findContractIn<ILogger, IContract>(this, name); }
-    LogSeverity GetLevel() const noexcept override { return LogSeverity::warning; }
-    void Log(LogSeverity, const char* function, const char*, int, const char* message) noexcept override
-    {
-        std::fprintf(stderr, "%s: %s\n", function, message);
-    }
-    void Destroy() noexcept override {}
-};
-
-/// An empty settings repository, for as long as the program runs.
-class Repository {
-public:
-    Repository()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "module-receiver-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("no directory can be made for the settings");
-        folder = pattern;
-        std::filesystem::create_directory(folder / moduleName);
-        std::ofstream(folder / moduleName / "Kelvo.Uniview.rep") << "";
-    }
-    ~Repository()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder, ignored);
-    }
-    Repository(const Repository&) = delete;
-    Repository& operator=(const Repository&) = delete;
-
-    static constexpr const char* moduleName = "Kelvo.Uniview";
-    std::filesystem::path folder;
-};
-
-/// The same few lines as in docs/examples/FirstFrame.cpp, which is to be read alone and therefore shares nothing.
-class Host final : public IModuleContext, public ILoggingContext {
-public:
-    explicit Host(const std::filesystem::path& repository) : repository(repository.wstring()) {}
-
-    void* FindContract(const char* name) noexcept override
-    {
-        return findContractIn<IModuleContext, ILoggingContext>(this, name);
-    }
-    ILoggingContext* GetLoggingContext() noexcept override { return this; }
-    std::uint32_t GetSdkVersion() noexcept override { return sdkVersion; }
-    ILogger* GetLogger() noexcept override { return &logger; }
-    const wchar_t* GetRepositoryDirectory() noexcept override { return repository.c_str(); }
-    const wchar_t* GetLogFile() noexcept override { return nullptr; }
-
-private:
-    Logger logger;
-    std::wstring repository;
-};
-
-class Module {
-public:
-    Module(const char* path, IModuleContext& host) : library(::dlopen(path, RTLD_NOW | RTLD_LOCAL))
-    {
-        if (library == nullptr)
-            throw std::runtime_error(::dlerror());
-        const auto initModule = reinterpret_cast<InitModule>(::dlsym(library, "initModule"));
-        const auto getModule = reinterpret_cast<GetModule>(::dlsym(library, "getModule"));
-        finiModule = reinterpret_cast<FiniModule>(::dlsym(library, "finiModule"));
-        if (initModule == nullptr || getModule == nullptr || finiModule == nullptr)
-            throw std::runtime_error(std::string(path) + " is no driver module");
-        if (!initModule(&host, Repository::moduleName))
-            throw std::runtime_error("the module refuses to start");
-        module = getModule();
-    }
-    ~Module()
-    {
-        finiModule();
-        ::dlclose(library);
-    }
-    Module(const Module&) = delete;
-    Module& operator=(const Module&) = delete;
-
-    IModule& operator*() const noexcept { return *module; }
-
-private:
-    void* library;
-    FiniModule finiModule = nullptr;
-    IModule* module = nullptr;
-};
-
-class Camera final : public IDeviceDescription {
-public:
-    void* FindContract(const char* name) noexcept override
-    {
-        return findContractIn<IDeviceDescription, IContract>(this, name);
-    }
-    const char* GetName() const noexcept override { return "camera"; }
-    std::uint32_t GetVideoChannelCount() const noexcept override { return 1; }
-    const ParameterMap& GetProperties() const noexcept override { return none; }
-    const ParameterMap& GetModelParameters() const noexcept override { return none; }
-    const ParameterMap& GetChannelModelParameters(std::uint32_t) const noexcept override { return none; }
-
-private:
-    ParameterMap none;
-};
 
 /// Wakes the main thread when a stream has come to a point that it waits for.
 struct Progress {
@@ -204,7 +98,7 @@ void increase(std::atomic<std::uint64_t>& counter, std::uint64_t by) noexcept
 /// One camera and its stream.
 class Stream final : private IDeviceHandler, private IAsyncDeviceChannelHandler, private IMediaFrameHandler {
 public:
-    Stream(IModule& module, const Camera& camera, const std::string& transport, Run& run) : run(run)
+    Stream(IModule& module, const CameraDescription& camera, const std::string& transport, Run& run) : run(run)
     {
         if (module.CreateDevice(&camera, this, &device) != 0)
             throw std::runtime_error("the module makes no device");
@@ -382,11 +276,8 @@ void pause(double seconds)
 
 int measure(const Arguments& arguments)
 {
-    const Repository repository;
-    Host host(repository.folder);
-    const std::string path = arguments.text("module", KELVO_BIN "/Kelvo.Uniview.ipd");
-    const Module module(path.c_str(), host);
-    const Camera camera;
+    const HostedModule module(arguments.text("module", HostedModule::builtPath()));
+    const CameraDescription camera;
     Run run;
     run.framesAwaited = arguments.number<std::uint64_t>("frames", 0);
     const auto count = arguments.number<std::size_t>("streams", 1);
