@@ -188,10 +188,10 @@ TEST(RelayEndToEnd, isSwitchedOnAndOff)
     const auto relay = [&](const char* index, const char* state) {
         return runHost(folder, deviceAddress(device), {"relay", index, state});
     };
-    EXPECT_EQ(relay("0", "on").status, 0);
+    EXPECT_EQ(relay("0", "ON").status, 0);
     EXPECT_EQ(device.admin("GET", "state")["relays"][0], true);
     EXPECT_EQ(device.admin("GET", "state")["relays"][1], false);
-    EXPECT_EQ(relay("0", "off").status, 0);
+    EXPECT_EQ(relay("0", "OFF").status, 0);
     EXPECT_EQ(device.admin("GET", "state")["relays"][0], false);
 
     const HostRun beyond = relay("2", "on");  // the host's generous model knows sixteen, the device two

@@ -116,9 +116,15 @@ TEST_F(Relay, isSwitched)
     const ChildProcess& host = run({"--device", "camera", "relay", "0", "on"});
     EXPECT_EQ(status, 0) << host.errors();
     EXPECT_EQ(host.output(), "relay 0 is on\n");
-    run({"--json", "--device", "camera", "relay", "0", "OFF"});
+    run({"--json", "--device", "camera", "relay", "0", "off"});
     EXPECT_EQ(status, 0);
     EXPECT_EQ(getEvent("result")["code"], 0);
+}
+
+TEST_F(Relay, stateMayBeWrittenInAnyCase)
+{
+    EXPECT_EQ(run({"--device", "camera", "relay", "0", "ON"}).output(), "relay 0 is on\n");
+    EXPECT_EQ(run({"--device", "camera", "relay", "0", "Off"}).output(), "relay 0 is off\n");
 }
 
 TEST_F(Relay, thatIsNotThereOrJamsIsAFailure)

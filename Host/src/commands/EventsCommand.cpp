@@ -205,7 +205,9 @@ public:
         app.footer(
             app.get_footer() +
             "\n\nThe device sends its events to this machine, to the port that --set localServerPort=N names (32000\n"
-            "without it) and at the address through which the device is reached (or --set localServerIP=A).");
+            "without it) and at the address through which the device is reached (or --set localServerIP=A).\n"
+            "One program can have a port at a time. A device that has restarted is asked for its events again after\n"
+            "50 seconds at most");
     }
 
     ExitStatus run(const Surroundings& surroundings) override

@@ -21,7 +21,7 @@ public:
         app.add_option("INDEX", index, "Relay, counted from 0")->required()->type_name("");
         app.add_option("STATE", state, "on or off")
             ->required()
-            ->check(CLI::IsMember({"on", "off"}, CLI::ignore_case).description(""))
+            ->transform(CLI::IsMember({"on", "off"}, CLI::ignore_case).description(""))  // "ON" becomes "on"
             ->type_name("");
         app.add_option("--channel", channel, "Channel whose relays are meant, counted from 0")
             ->type_name("N")
