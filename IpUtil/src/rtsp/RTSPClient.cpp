@@ -341,8 +341,10 @@ void RTSPClient::State::close() noexcept
     if (context != nullptr)
         context->stopTicking(*this);
     connection.close();
-    for (const auto& track : tracks)
+    for (const auto& track : tracks) {
+        track->mute();
         track->closePorts();
+    }
 }
 
 void RTSPClient::State::dropTracks()
@@ -355,7 +357,7 @@ void RTSPClient::State::dropTracks()
 void RTSPClient::State::onContextShutdown() noexcept
 {
     phase = Phase::closed;
-    connection.release();
+    const auto keptUntilTheEnd = connection.release();
     onSession = nullptr;
     onSdp = nullptr;
     onPlay = nullptr;

@@ -41,13 +41,13 @@ void RtspConnection::resolve(const std::string& host, std::uint16_t port)
 {
     resolver.emplace(service);
     resolver->async_resolve(
-        host, std::to_string(port), tcp::resolver::numeric_service,
-        [this, alive = events.keepAlive()](const error_code& ec, const tcp::resolver::results_type& results) {
+        host, std::to_string(port), Resolver::numeric_service,
+        [this, alive = events.keepAlive()](const error_code& ec, const Resolver::results_type& results) {
             guard([&] { onResolved(ec, results); });
         });
 }
 
-void RtspConnection::onResolved(const error_code& ec, const tcp::resolver::results_type& results)
+void RtspConnection::onResolved(const error_code& ec, const Resolver::results_type& results)
 {
     if (ec || results.empty())
         return breakWith(ResultCode::nameNotResolved, "the host name cannot be resolved");
@@ -80,8 +80,18 @@ void RtspConnection::onConnect(const error_code& ec)
 
 void RtspConnection::waitReadable()
 {
-    socket->async_wait(tcp::socket::wait_read,
-                       [this, alive = events.keepAlive()](const error_code& ec) { guard([&] { onReadable(ec); }); });
+    // A bare `this`: `alive` stays while a wait is pending. Holding the owner anew for each wait would cost two counted
+    // references a frame, whose memory has left the caches.
+    socket->async_wait(Socket::wait_read, [this](const error_code& ec) { onWaitEnded(ec); });
+    if (alive == nullptr)
+        alive = events.keepAlive();
+}
+
+/// Also when the wait was cancelled: the only way out of it but the end of the I/O context, for which see `release`.
+void RtspConnection::onWaitEnded(const error_code& ec)
+{
+    guard([&] { onReadable(ec); });
+    const std::shared_ptr<void> last = open ? nullptr : std::move(alive);  // with it, this connection may go
 }
 
 void RtspConnection::onReadable(const error_code& ec)
@@ -212,7 +222,7 @@ void RtspConnection::close() noexcept
         resolver->cancel();
     if (socket) {
         error_code ignored;
-        socket->shutdown(tcp::socket::shutdown_both, ignored);
+        socket->shutdown(Socket::shutdown_both, ignored);
         socket->close(ignored);
     }
     // The bytes stay until their write has been called back.
@@ -221,11 +231,12 @@ void RtspConnection::close() noexcept
     tail = {};
 }
 
-void RtspConnection::release() noexcept
+std::shared_ptr<void> RtspConnection::release() noexcept
 {
     close();
     resolver.reset();
     socket.reset();
+    return std::move(alive);
 }
 
 void RtspConnection::trim()

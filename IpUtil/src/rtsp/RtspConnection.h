@@ -61,8 +61,9 @@ public:
     const boost::asio::ip::address& deviceAddress() const noexcept { return theirAddress; }
 
     void close() noexcept;
-    /// The I/O context is going: let go of everything that belongs to it.
-    void release() noexcept;
+    /// The I/O context is going, and handlers with it: let go of everything that belongs to it. Returns what they held,
+    /// which may be the last to hold this object.
+    [[nodiscard]] std::shared_ptr<void> release() noexcept;
 
     /// Gives back memory that a burst needed; called now and then.
     void trim();
@@ -72,16 +73,21 @@ public:
 
 private:
     using tcp = boost::asio::ip::tcp;
+    // Named with its executor: the type-erased one of `tcp::socket` makes the way from a wait to its handler longer.
+    using Executor = boost::asio::io_context::executor_type;
+    using Socket = boost::asio::basic_stream_socket<tcp, Executor>;
+    using Resolver = boost::asio::ip::basic_resolver<tcp, Executor>;
     struct Outgoing {
         std::vector<std::uint8_t> bytes;
         Written done;
     };
 
     void resolve(const std::string& host, std::uint16_t port);
-    void onResolved(const error_code& ec, const tcp::resolver::results_type& results);
+    void onResolved(const error_code& ec, const Resolver::results_type& results);
     void connectNext();
     void onConnect(const error_code& ec);
     void waitReadable();
+    void onWaitEnded(const error_code& ec);
     void onReadable(const error_code& ec);
     void readTurn();
     bool readOnce(std::span<std::uint8_t> buffer, std::size_t& held);
@@ -97,13 +103,14 @@ private:
     StreamContext& context;
     Events& events;
 
-    std::optional<tcp::resolver> resolver;  // only for a name
-    std::optional<tcp::socket> socket;
+    std::optional<Resolver> resolver;  // only for a name
+    std::optional<Socket> socket;
     std::vector<tcp::endpoint> endpoints;
     std::size_t nextEndpoint = 0;
     boost::asio::ip::address ourAddress;
     boost::asio::ip::address theirAddress;
     bool open = false;
+    std::shared_ptr<void> alive;  // while a wait is pending: the owner of this object
 
     wire::InterleavedParser parser;
     std::vector<std::uint8_t> tail;  // an incomplete unit, until the rest of it arrives
