@@ -24,6 +24,7 @@ bool ParameterSets::put(NalRole kind, const ParameterSetInfo& info, std::span<co
     entry->nal.assign(nal.begin(), nal.end());
     if (kind == NalRole::sequenceSet)
         newestSize = info.size;
+    lastSize.reset();
     rebuildStream();
     ++changes;
     return true;
@@ -34,7 +35,7 @@ bool ParameterSets::has(NalRole kind) const noexcept
     return std::ranges::any_of(entries, [kind](const Entry& entry) { return entry.kind == kind; });
 }
 
-PictureSize ParameterSets::sizeFor(std::uint32_t pictureSetId) const noexcept
+PictureSize ParameterSets::lookUpSize(std::uint32_t pictureSetId) const noexcept
 {
     const Entry* const picture = find(NalRole::pictureSet, pictureSetId);
     const Entry* const sequence = picture == nullptr ? nullptr : find(NalRole::sequenceSet, picture->info.parentId);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -29,7 +30,14 @@ public:
     std::uint64_t version() const noexcept { return changes; }
 
     /// Picture size by way of the picture set that a slice names; the newest sequence set's when that fails.
-    PictureSize sizeFor(std::uint32_t pictureSetId) const noexcept;
+    PictureSize sizeFor(std::uint32_t pictureSetId) noexcept
+    {
+        if (lastSize && lastSize->pictureSetId == pictureSetId)
+            return lastSize->size;
+        const PictureSize size = lookUpSize(pictureSetId);
+        lastSize = {pictureSetId, size};
+        return size;
+    }
 
 private:
     struct Entry {
@@ -38,6 +46,7 @@ private:
         std::vector<std::uint8_t> nal;
     };
 
+    PictureSize lookUpSize(std::uint32_t pictureSetId) const noexcept;
     Entry* find(NalRole kind, std::uint32_t id) noexcept;
     const Entry* find(NalRole kind, std::uint32_t id) const noexcept;
     void rebuildStream();
@@ -45,6 +54,12 @@ private:
     std::vector<Entry> entries;  // sorted by kind, then id
     std::vector<std::uint8_t> stream;
     PictureSize newestSize;
+    // What the last slice asked for; most streams have one picture set. Nothing after a change.
+    struct KnownSize {
+        std::uint32_t pictureSetId = 0;
+        PictureSize size;
+    };
+    std::optional<KnownSize> lastSize;
     std::uint64_t changes = 0;
 };
 }  // namespace Tavro8::media

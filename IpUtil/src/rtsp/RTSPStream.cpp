@@ -66,7 +66,7 @@ void RTSPStream::State::add(const std::shared_ptr<RTSPReceiver>& receiver)
         std::ranges::find(registrations, receiver, &Registration::receiver) != registrations.end())
         return;
     const MediaKind kind = receiver->mediaKind();
-    registrations.push_back({receiver, totals(kind), framesFlowed});
+    registrations.push_back({receiver, kind, framesFlowed, totals(kind)});
     switch (phase) {
     case Phase::idle:
         connect();
@@ -250,10 +250,11 @@ void RTSPStream::State::chooseTracks(const SessionDescription& description)
 
 bool RTSPStream::State::offerTrack(const SdpTrack& description, MediaKind kind)
 {
-    const auto weakTrack = client->addTrack({description, [weak = weak_from_this(), kind](const auto& frame) {
-                                                 if (const auto self = weak.lock())
-                                                     self->deliver(kind, frame);
-                                             }});
+    // A bare `this`, for the sake of the path of each frame: the track delivers nothing after the teardown of its
+    // client, its failure or the end of the I/O context, and one of these comes before the stream lets go of the
+    // client.
+    const auto weakTrack =
+        client->addTrack({description, [this, kind](const GDRV::MediaFrame& frame) { deliver(kind, frame); }});
     const auto track = weakTrack.lock();
     if (track == nullptr)
         return false;
@@ -326,7 +327,7 @@ void RTSPStream::State::deliver(MediaKind kind, const GDRV::MediaFrame& frame)
     if (!frame.parameterSets.empty())
         of(kind).parameterSets.assign(frame.parameterSets.begin(), frame.parameterSets.end());
     for (Registration& registration : registrations) {
-        if (registration.receiver->mediaKind() != kind)
+        if (registration.kind != kind)
             continue;
         if (registration.joining)
             deliverToJoining(registration, frame);

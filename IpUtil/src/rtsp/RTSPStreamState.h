@@ -55,8 +55,9 @@ private:
 
     struct Registration {
         std::shared_ptr<RTSPReceiver> receiver;
-        StreamCounters before;  // of its kind, when it was registered
+        MediaKind kind{};       // as the receiver says
         bool joining = false;   // came while frames flowed, and has not had a key frame yet
+        StreamCounters before;  // of its kind, when it was registered
     };
 
     /// One kind of media, whichever connection brings it.
@@ -122,6 +123,7 @@ private:
     Hooks hooks;
     Phase phase = Phase::idle;
     std::vector<Registration> registrations;  // changed only in handlers of their own, never while frames are told
+    bool framesFlowed = false;                // in the present connection
     std::array<Kind, 2> kinds;
     std::shared_ptr<RTSPClient> client;
     std::optional<RtspTransport> wantedTransport;  // by the parameters, at the last connection
@@ -135,8 +137,7 @@ private:
     Backoff backoff;
     std::minstd_rand random;
     std::chrono::steady_clock::time_point playingSince;
-    bool framesFlowed = false;  // in the present connection
-    bool played = false;        // at any time since the first receiver came
-    bool lost = false;          // it played, and no attempt has been made since
+    bool played = false;  // at any time since the first receiver came
+    bool lost = false;    // it played, and no attempt has been made since
 };
 }  // namespace Tavro8::Utility
