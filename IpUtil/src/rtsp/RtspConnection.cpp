@@ -13,6 +13,9 @@
 #include <cstring>
 #include <exception>
 #include <utility>
+#ifdef BOOST_ASIO_HAS_EPOLL
+#include <unistd.h>
+#endif
 
 namespace Tavro8::Utility
 {
@@ -20,6 +23,28 @@ namespace
 {
 // An unfinished unit up to this size may keep its memory between bursts.
 constexpr std::size_t modestTailBytes = 2048;
+
+/// Asio has asked epoll about writing too, to learn that the socket is connected, and does so for as long as it knows
+/// the socket. Since that can nearly always be written to, each wait for bytes would wake the thread twice: at once for
+/// nothing, and when they come. A socket that is handed to Asio as a connected one is asked about reading alone, and
+/// about writing from the moment on when the system takes no more.
+template <typename Socket>
+error_code forgetWriting(Socket& socket, const boost::asio::ip::tcp& protocol)
+{
+    error_code ec;
+#ifdef BOOST_ASIO_HAS_EPOLL
+    const auto native = socket.release(ec);
+    if (ec)
+        return ec;
+    socket.assign(protocol, native, ec);
+    if (ec)
+        ::close(native);
+#else
+    static_cast<void>(socket);
+    static_cast<void>(protocol);
+#endif
+    return ec;
+}
 }  // namespace
 
 RtspConnection::RtspConnection(boost::asio::io_context& service, StreamContext& context, Events& events)
@@ -68,10 +93,13 @@ void RtspConnection::onConnect(const error_code& ec)
         return connectNext();
     if (ec)
         return breakWith(hostError(ec), "cannot connect: " + ec.message());
+    error_code failed = forgetWriting(*socket, endpoints[nextEndpoint - 1].protocol());
+    if (!failed)
+        socket->non_blocking(true, failed);
+    if (failed)
+        return breakWith(hostError(failed), failed.message());
     error_code ignored;
     socket->set_option(tcp::no_delay(true), ignored);
-    if (error_code failed; socket->non_blocking(true, failed), failed)
-        return breakWith(hostError(failed), failed.message());
     ourAddress = socket->local_endpoint(ignored).address();
     theirAddress = socket->remote_endpoint(ignored).address();
     waitReadable();

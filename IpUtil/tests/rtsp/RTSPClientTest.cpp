@@ -409,6 +409,20 @@ TEST(RTSPClient, readsStreamsLargerThanItsBuffer)
         EXPECT_EQ(player.audio[i], Bytes(65000, static_cast<std::uint8_t>(i)));
 }
 
+TEST(RTSPClient, isWokenByNothingButWhatArrives)
+{
+    Camera camera = cameraWith(videoSdp);
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) { VideoSender().sendKeyFrame(connection); };
+    ScriptedPeer peer(camera.script());
+    Loop loop;
+    loop.timing().tickInterval = std::chrono::hours(1);
+    Player player(loop);
+    player.start(addressOf(peer));
+    ASSERT_TRUE(loop.runUntil([&] { return player.isPlaying() && player.video.size() == 1; }));
+    loop.io->restart();
+    EXPECT_EQ(loop.io->poll(), 0U) << "the socket can be written to, which nobody waits for";
+}
+
 TEST(RTSPClient, keepsTheSessionAliveAsTheDeviceOffers)
 {
     const struct {
