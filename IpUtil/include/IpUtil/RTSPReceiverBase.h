@@ -58,14 +58,14 @@ public:
     /// `device` is not owned and outlives the source; `handler` is not owned and may be null; `parent` is only logged.
     RTSPReceiverBase(Device* device, GDRV::IAsyncDeviceChannelHandler* handler, IContract* parent,
                      LiveSourceContext context)
-        : device(device),
+        : gate(std::make_shared<HandlerGate>()),
+          device(device),
           handler(handler),
           context(std::move(context)),
           parameters(this->context.parameters),
           deviceLogger(device->getLogger()),
           lifetime(device->getLifetimeToken()),
-          logger(deviceLogger.get(), "IpUtil/include/RTSPReceiverBase", this->context.objectName),
-          gate(std::make_shared<HandlerGate>())
+          logger(deviceLogger.get(), "IpUtil/include/RTSPReceiverBase", this->context.objectName)
     {
         logger.info(names().create.c_str(), "Create", "handler=", static_cast<const void*>(handler),
                     ", parent=", static_cast<const void*>(parent));
@@ -171,6 +171,10 @@ protected:
         return stream;
     }
 
+private:
+    const std::shared_ptr<HandlerGate> gate;  // beside `context`: each frame needs both
+
+protected:
     Device* const device;
     GDRV::IAsyncDeviceChannelHandler* const handler;
     const LiveSourceContext context;
@@ -278,7 +282,6 @@ protected:
     const LoggerHelper logger;
 
 private:
-    const std::shared_ptr<HandlerGate> gate;
     std::atomic<std::int32_t> started{0};  // changed by compare-and-swap alone
     mutable std::mutex steps;
     std::shared_ptr<RTSPStream> stream;           // what this source is registered with

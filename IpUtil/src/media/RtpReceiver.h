@@ -97,11 +97,22 @@ private:
     void restart(const RtpPacket& packet) noexcept;
     void updateJitter(std::uint32_t timestamp, std::chrono::steady_clock::time_point arrival) noexcept;
 
+    std::optional<std::uint32_t> announcedSource;
+
+    // The packet that would confirm a restart.
+    bool suspecting = false;
+    std::uint32_t suspectSource = 0;
+    std::uint16_t suspectNext = 0;
+
+    // Receiver reports (RFC 3550 A.3).
+    std::uint64_t expectedPrior = 0;
+    std::uint64_t receivedPrior = 0;
+    std::optional<LastSenderReport> lastReport;
+
+    // From here on what each packet needs.
     std::bitset<128> payloadTypes;
     std::uint32_t clockRate;
     bool confirmRestart;
-    std::optional<std::uint32_t> announcedSource;
-
     bool started = false;
     std::uint32_t source = 0;
 
@@ -115,20 +126,10 @@ private:
     bool following = false;
     std::uint16_t nextSequence = 0;
 
-    // The packet that would confirm a restart.
-    bool suspecting = false;
-    std::uint32_t suspectSource = 0;
-    std::uint16_t suspectNext = 0;
-
     // Interarrival jitter (RFC 3550 A.8), scaled by 16.
     bool haveTransit = false;
     std::uint32_t lastTransit = 0;
     std::uint64_t scaledJitter = 0;
-
-    // Receiver reports (RFC 3550 A.3).
-    std::uint64_t expectedPrior = 0;
-    std::uint64_t receivedPrior = 0;
-    std::optional<LastSenderReport> lastReport;
 
     Counters counters;
 };

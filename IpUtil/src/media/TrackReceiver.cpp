@@ -23,10 +23,10 @@ std::unique_ptr<TrackReceiver> TrackReceiver::make(const TrackFormat& format, st
 TrackReceiver::TrackReceiver(const TrackFormat& format, std::shared_ptr<FramePool> framePool, FrameSink& frameSink,
                              const Options& options)
     : pool(std::move(framePool)),
+      depacketiser(makeDepacketiser(format, *pool, *this, options.depacketiser)),
       sink(frameSink),
       receiver(RtpReceiver::Settings{format.payloadTypes, clockRateOf(format), options.confirmRestart}),
-      clock(clockRateOf(format)),
-      depacketiser(makeDepacketiser(format, *pool, *this, options.depacketiser))
+      clock(clockRateOf(format))
 {}
 
 void TrackReceiver::expectDatagrams(std::optional<std::uint32_t> source, const ReorderBuffer::Settings& settings)

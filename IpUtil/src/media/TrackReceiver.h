@@ -126,20 +126,21 @@ private:
     void onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp) override;
 
     std::shared_ptr<FramePool> pool;  // outlives the depacketiser, which uses it
+    RtpFault lastFault = RtpFault::none;
+    std::uint64_t notRtp = 0;
+
+    // Datagrams only.
+    std::vector<std::uint8_t> suspect;  // the last suspect packet; keeps its capacity
+    ArrivalTime suspectArrival;
+    std::optional<ReorderBuffer> reorder;
+
+    // What each packet needs stands side by side, behind the end of the reorder buffer.
+    std::unique_ptr<Depacketiser> depacketiser;
     FrameSink& sink;
     RtpReceiver receiver;
     MediaClock clock;
-    std::unique_ptr<Depacketiser> depacketiser;
-
-    // Datagrams only.
-    std::optional<ReorderBuffer> reorder;
-    std::vector<std::uint8_t> suspect;  // the last suspect packet; keeps its capacity
-    ArrivalTime suspectArrival;
-
     std::optional<EarlyReport> earlyReport;
     std::optional<std::uint32_t> lastVideoTimestamp;  // of the last frame handed out, for durations
-    RtpFault lastFault = RtpFault::none;
-    std::uint64_t notRtp = 0;
     Statistics totals;
 
     /// How much speaks for another format than the one described, since the last undamaged frame.

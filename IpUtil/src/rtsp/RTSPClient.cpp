@@ -119,8 +119,8 @@ RTSPClient::State::State(boost::asio::io_context& io, std::shared_ptr<ILogger> h
       loggerOwner(std::move(hostLogger)),
       logger(loggerOwner.get(), sourcePath),
       timing(context->timing),
-      connection(io, *context, *this),
-      ownSource(std::random_device{}())
+      ownSource(std::random_device{}()),
+      connection(io, *context, *this)
 {
     channelTable.fill(nobody);
 }

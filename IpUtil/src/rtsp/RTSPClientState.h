@@ -10,6 +10,7 @@
 #include <IpUtil/RTSPClient.h>
 #include <Tavro8/ResultCode.h>
 #include <array>
+#include <boost/container/static_vector.hpp>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -135,9 +136,7 @@ private:
     void postResult(Completion completion, ResultCode result);
 
     const StreamTiming timing;
-    RtspConnection connection;
     std::optional<wire::RtspClientSession> session;
-    Phase phase = Phase::idle;
     std::string url;  // without credentials
     wire::Credentials credentials;
     error_code lastFailure;
@@ -149,13 +148,7 @@ private:
     Completion onPlay;
     std::vector<Completion> onTornDown;
 
-    std::vector<std::shared_ptr<RTSPTrack>> tracks;
-    std::array<std::uint8_t, 256> channelTable;  // interleaved channel -> 2 * track, + 1 for RTCP
-    bool channelsShared = false;
-    bool addingTracks = false;
-    bool delivering = false;
     std::uint32_t ownSource;  // SSRC of our receiver reports
-
     TimePoint deadline;
     TimePoint nextKeepAlive;
     TimePoint nextReport;
@@ -166,5 +159,14 @@ private:
     bool malformedReported = false;
     bool silentSoundReported = false;
     bool sharingReported = false;
+    bool addingTracks = false;
+
+    // What each packet needs stands side by side, behind the same of the connection.
+    RtspConnection connection;
+    Phase phase = Phase::idle;
+    bool channelsShared = false;
+    bool delivering = false;
+    boost::container::static_vector<std::shared_ptr<RTSPTrack>, maxTracks> tracks;
+    std::array<std::uint8_t, 256> channelTable;  // interleaved channel -> 2 * track, + 1 for RTCP
 };
 }  // namespace Tavro8::Utility

@@ -91,7 +91,8 @@ void RTSPStream::State::add(const std::shared_ptr<RTSPReceiver>& receiver)
 
 void RTSPStream::State::remove(const std::shared_ptr<RTSPReceiver>& receiver)
 {
-    std::erase_if(registrations, [&](const Registration& registration) { return registration.receiver == receiver; });
+    const auto gone = std::ranges::remove(registrations, receiver, &Registration::receiver);
+    registrations.erase(gone.begin(), gone.end());
     if (!registrations.empty())
         return watchLeftover();
     if (phase == Phase::idle)
@@ -140,8 +141,8 @@ void RTSPStream::State::shutDown()
 
 bool RTSPStream::State::wants(MediaKind kind) const
 {
-    return std::ranges::any_of(
-        registrations, [kind](const Registration& registration) { return registration.receiver->mediaKind() == kind; });
+    return std::ranges::any_of(registrations,
+                               [kind](const Registration& registration) { return registration.kind == kind; });
 }
 
 // ---- one connection -------------------------------------------------------------------------------------------
@@ -462,7 +463,7 @@ error_code RTSPStream::State::stateOf(MediaKind kind) const
 void RTSPStream::State::tellState(MediaKind kind, const error_code& ec)
 {
     for (const Registration& registration : registrations) {
-        if (registration.receiver->mediaKind() == kind)
+        if (registration.kind == kind)
             guardedVoid(logger, "Tavro8::Utility::RTSPStream::tellState",
                         [&] { registration.receiver->onStreamState(ec); });
     }

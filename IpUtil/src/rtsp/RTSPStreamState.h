@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/container/small_vector.hpp>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -122,8 +123,10 @@ private:
     const StreamTiming timing;
     Hooks hooks;
     Phase phase = Phase::idle;
-    std::vector<Registration> registrations;  // changed only in handlers of their own, never while frames are told
-    bool framesFlowed = false;                // in the present connection
+    // Changed only in handlers of their own, never while frames are told. Pictures and sound of one taker each need no
+    // memory elsewhere, which would have left the caches when the next frame comes.
+    boost::container::small_vector<Registration, 2> registrations;
+    bool framesFlowed = false;  // in the present connection
     std::array<Kind, 2> kinds;
     std::shared_ptr<RTSPClient> client;
     std::optional<RtspTransport> wantedTransport;  // by the parameters, at the last connection

@@ -100,24 +100,24 @@ private:
     void breakWith(const error_code& ec, const std::string& reason);
 
     boost::asio::io_context& service;
-    StreamContext& context;
-    Events& events;
-
     std::optional<Resolver> resolver;  // only for a name
-    std::optional<Socket> socket;
     std::vector<tcp::endpoint> endpoints;
     std::size_t nextEndpoint = 0;
     boost::asio::ip::address ourAddress;
     boost::asio::ip::address theirAddress;
-    bool open = false;
-    std::shared_ptr<void> alive;  // while a wait is pending: the owner of this object
-
-    wire::InterleavedParser parser;
-    std::vector<std::uint8_t> tail;  // an incomplete unit, until the rest of it arrives
-    bool readSinceTrim = false;
-    bool mediaCame = false;
-
     std::deque<Outgoing> outgoing;  // the first one is being written
     std::size_t queued = 0;
+
+    // What each read needs stands side by side, from the end of the parser on: it has left the caches when the next
+    // frame comes.
+    wire::InterleavedParser parser;
+    StreamContext& context;
+    Events& events;
+    std::optional<Socket> socket;
+    std::shared_ptr<void> alive;     // while a wait is pending: the owner of this object
+    std::vector<std::uint8_t> tail;  // an incomplete unit, until the rest of it arrives
+    bool open = false;
+    bool readSinceTrim = false;
+    bool mediaCame = false;
 };
 }  // namespace Tavro8::Utility

@@ -48,7 +48,7 @@ wire::Bytes beginCompound(std::uint32_t ownSource, std::span<const wire::RtcpRep
 }  // namespace
 
 RTSPTrack::RTSPTrack(TrackInitializer initializer, const LoggerHelper& logger)
-    : initializer(std::move(initializer)), logger(logger)
+    : logger(logger), initializer(std::move(initializer))
 {
     // RFC 3550 section 5.1: source and first sequence number are random.
     std::random_device random;

@@ -106,15 +106,15 @@ public:
 private:
     void onFrame(const GDRV::MediaFrame& frame) override;
 
-    TrackInitializer initializer;
     LoggerHelper logger;
+    TrackInitializer initializer;                    // from its handler to the payload types: what each frame needs
     std::unique_ptr<media::TrackReceiver> receiver;  // null for a track that is only sent to
-    std::bitset<256> payloadTypes;                   // of the format that is received
+    bool muted = false;
+    bool usesUdp = false;
+    std::bitset<256> payloadTypes;  // of the format that is received
     std::optional<wire::ChannelPair> channels;
     std::shared_ptr<RtpPorts> ports;  // offered or in use
-    bool usesUdp = false;
     bool reported = false;
-    bool muted = false;
     std::optional<std::uint64_t> packetsAtBye;
     bool throwReported = false;
     std::uint32_t lastJitter = 0;  // of the last report, in units of the clock rate

@@ -102,15 +102,15 @@ private:
         consumed += count;
     }
 
-    std::uint64_t consumed = 0;
-    std::uint64_t skippedTotal = 0;
-    std::size_t skippedInARow = 0;
+    RtspMessage message;
+    Malformed failure;
     std::size_t scanned = 0;    ///< bytes at the front of the input already searched for the end of the head
     std::size_t lineStart = 0;  ///< where the head's last, unfinished line begins, from the front of the input
     std::size_t bodyBytes = 0;  ///< of the message whose head has been read
-    Malformed failure;
+    std::uint64_t skippedTotal = 0;
+    std::size_t skippedInARow = 0;
     Stage stage = Stage::unitStart;
     bool inSync = true;  ///< the next byte begins a unit; false inside a message and among stray bytes
-    RtspMessage message;
+    std::uint64_t consumed = 0;
 };
 }  // namespace Tavro8::wire

@@ -266,6 +266,16 @@ TEST(ParameterSets, findTheSizeByWayOfThePictureSet)
     EXPECT_EQ(sets.sizeFor(9).width, 320U) << "the newest sequence set when the slice names none we know";
 }
 
+TEST(ParameterSets, tellTheNewSizeAfterAChange)
+{
+    ParameterSets sets;
+    sets.put(NalRole::sequenceSet, {0, 0, {640, 480}}, Bytes{0x67, 1});
+    sets.put(NalRole::pictureSet, {0, 0, {}}, Bytes{0x68, 1});
+    EXPECT_EQ(sets.sizeFor(0).width, 640U);
+    sets.put(NalRole::sequenceSet, {0, 0, {1920, 1080}}, Bytes{0x67, 2});
+    EXPECT_EQ(sets.sizeFor(0).width, 1920U);
+}
+
 TEST(ParameterSets, areBounded)
 {
     ParameterSets sets;
