@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Tavro8/GDRV/MediaFrame.h"
+#include "media/HotMemory.h"
 #include "media/PictureSize.h"
 #include "media/RtpPacket.h"
 
@@ -79,6 +80,13 @@ public:
     };
 
     virtual ~Depacketiser() = default;
+
+    /// Adds what packets need: nearly all of those for pictures, which are the ones that many have.
+    void listHotMemory(HotMemory& hot) const noexcept
+    {
+        constexpr std::size_t videoBytes = 384;
+        hot.add(this, videoBytes);
+    }
 
     /// Takes one packet in sequence. `lostBefore`: packets are missing right before it.
     /// The packet's bytes are needed only during the call. Throws std::bad_alloc only.

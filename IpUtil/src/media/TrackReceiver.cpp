@@ -29,6 +29,14 @@ TrackReceiver::TrackReceiver(const TrackFormat& format, std::shared_ptr<FramePoo
       clock(clockRateOf(format))
 {}
 
+void TrackReceiver::listHotMemory(HotMemory& hot) const noexcept
+{
+    const auto* const begin = reinterpret_cast<const std::uint8_t*>(&depacketiser);
+    const auto* const end = reinterpret_cast<const std::uint8_t*>(this + 1);
+    hot.add(begin, static_cast<std::size_t>(end - begin));
+    depacketiser->listHotMemory(hot);
+}
+
 void TrackReceiver::expectDatagrams(std::optional<std::uint32_t> source, const ReorderBuffer::Settings& settings)
 {
     receiver.expectDatagrams(source);

@@ -73,6 +73,9 @@ public:
     /// that the device has announced, if it has.
     void expectDatagrams(std::optional<std::uint32_t> source, const ReorderBuffer::Settings& settings = {});
 
+    /// Adds what packets need.
+    void listHotMemory(HotMemory& hot) const noexcept;
+
     /// One RTP packet as received. The bytes are needed only during the call. Throws std::bad_alloc only.
     void onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
 

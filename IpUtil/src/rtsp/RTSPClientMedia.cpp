@@ -195,6 +195,13 @@ void RTSPClient::State::giveUpUdp()
 
 // ---- media ----------------------------------------------------------------------------------------------------
 
+void RTSPClient::State::onReading() noexcept
+{
+    // While these lines are on their way the system copies.
+    for (const auto& track : tracks)
+        track->prefetch();
+}
+
 void RTSPClient::State::onInterleaved(const wire::InterleavedFrame& frame, const media::ArrivalTime& arrival)
 {
     const std::uint8_t number = channelTable[frame.channel];

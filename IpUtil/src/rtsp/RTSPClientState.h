@@ -74,6 +74,7 @@ private:
 
     // RtspConnection::Events
     void onConnected() override;
+    void onReading() noexcept override;
     void onMessage(const wire::RtspMessage& message) override;
     void onInterleaved(const wire::InterleavedFrame& frame, const media::ArrivalTime& arrival) override;
     void onBroken(const error_code& ec, const std::string& reason) override;

@@ -16,6 +16,7 @@ namespace Tavro8::Utility
 namespace
 {
 constexpr const char* sourcePath = "IpUtil/src/rtsp/RTSPStream";
+constexpr std::size_t receiverBytes = 128;  // what a receiver is likely to look at for a frame
 constexpr MediaKind bothKinds[] = {MediaKind::video, MediaKind::audio};
 
 const char* nameOf(MediaKind kind) noexcept
@@ -67,6 +68,7 @@ void RTSPStream::State::add(const std::shared_ptr<RTSPReceiver>& receiver)
         return;
     const MediaKind kind = receiver->mediaKind();
     registrations.push_back({receiver, kind, framesFlowed, totals(kind)});
+    listHotMemory(kind);
     switch (phase) {
     case Phase::idle:
         connect();
@@ -262,7 +264,23 @@ bool RTSPStream::State::offerTrack(const SdpTrack& description, MediaKind kind)
     of(kind).track = weakTrack;
     if (of(kind).clock)
         track->resumeClock(*of(kind).clock);  // times neither run backwards nor jump from one connection to the next
+    listHotMemory(kind);
     return true;
+}
+
+/// What `deliver` needs for each frame.
+void RTSPStream::State::listHotMemory(MediaKind kind)
+{
+    const auto track = of(kind).track.lock();
+    if (track == nullptr)
+        return;
+    media::HotMemory hot;
+    hot.add(&registrations, sizeof registrations + sizeof framesFlowed);
+    for (const Registration& registration : registrations) {
+        if (registration.kind == kind)
+            hot.add(registration.receiver.get(), receiverBytes);
+    }
+    track->setTakersMemory(hot);
 }
 
 void RTSPStream::State::onPlay(const error_code& ec)

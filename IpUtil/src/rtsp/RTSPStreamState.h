@@ -87,6 +87,7 @@ private:
     void onClosed(const error_code& ec);
     void chooseTracks(const SessionDescription& description);
     bool offerTrack(const SdpTrack& track, MediaKind kind);
+    void listHotMemory(MediaKind kind);
     void deliver(MediaKind kind, const GDRV::MediaFrame& frame);
     void deliverToJoining(Registration& registration, const GDRV::MediaFrame& frame);
     void onAttemptFailed(const error_code& ec);

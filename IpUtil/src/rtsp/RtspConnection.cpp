@@ -126,6 +126,7 @@ void RtspConnection::onReadable(const error_code& ec)
 {
     if (ec)
         return breakWith(hostError(ec), ec.message());
+    events.onReading();
     readTurn();
     if (open)
         waitReadable();

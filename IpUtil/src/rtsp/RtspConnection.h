@@ -29,6 +29,8 @@ public:
     class Events {
     public:
         virtual void onConnected() = 0;
+        /// Bytes have come and are about to be read: a word in time for who has something to prepare.
+        virtual void onReading() noexcept = 0;
         virtual void onMessage(const wire::RtspMessage& message) = 0;
         virtual void onInterleaved(const wire::InterleavedFrame& frame, const media::ArrivalTime& arrival) = 0;
         /// The connection could not be made, has ended or sends what cannot be read; it is closed already. `ec` is

@@ -72,7 +72,19 @@ const char* RTSPTrack::receive(const media::TrackFormat& format, const std::shar
     receiver = media::TrackReceiver::make(format, pool, *this, options);
     for (const std::uint8_t type : format.payloadTypes)
         payloadTypes.set(type);
+    setTakersMemory({});
     return receiver == nullptr ? "the format of the track is not supported" : nullptr;
+}
+
+void RTSPTrack::setTakersMemory(const media::HotMemory& takers) noexcept
+{
+    hotMemory = {};
+    const auto* const begin = reinterpret_cast<const std::uint8_t*>(&initializer.onFrame);
+    const auto* const end = reinterpret_cast<const std::uint8_t*>(&payloadTypes);
+    hotMemory.add(begin, static_cast<std::size_t>(end - begin));
+    if (receiver != nullptr)
+        receiver->listHotMemory(hotMemory);
+    hotMemory.add(takers);
 }
 
 void RTSPTrack::establish(const wire::ChannelPair& agreed) noexcept

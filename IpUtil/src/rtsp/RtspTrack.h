@@ -47,6 +47,10 @@ public:
     RtpPorts* getPorts() const noexcept { return usesUdp ? ports.get() : nullptr; }
     void closePorts() noexcept;
 
+    /// Whoever takes the frames needs this for each of them.
+    void setTakersMemory(const media::HotMemory& takers) noexcept;
+    /// Packets are about to be read.
+    void prefetch() const noexcept { hotMemory.prefetch(); }
     /// A packet where RTP is expected; one of RTCP is told by its type.
     void onRtp(wire::ByteView packet, const media::ArrivalTime& arrival);
     void onRtcp(wire::ByteView packet, const media::ArrivalTime& arrival);
@@ -112,6 +116,7 @@ private:
     bool muted = false;
     bool usesUdp = false;
     std::bitset<256> payloadTypes;  // of the format that is received
+    media::HotMemory hotMemory;
     std::optional<wire::ChannelPair> channels;
     std::shared_ptr<RtpPorts> ports;  // offered or in use
     bool reported = false;
