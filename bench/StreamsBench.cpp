@@ -31,7 +31,17 @@ struct Settings {
     double warmUp = 1.5;
     int rounds = 3;
     std::string only;  // a part of the name of the load
+    // Numbers of cores to stay on, as `taskset -c` takes them; empty: the system chooses.
+    std::string sourceCores;
+    std::string receiverCores;
 };
+
+std::vector<std::string> pinned(std::vector<std::string> command, const std::string& cores)
+{
+    if (!cores.empty())
+        command.insert(command.begin(), {"taskset", "-c", cores});
+    return command;
+}
 
 /// How the streams are sent.
 struct Load {
@@ -82,7 +92,8 @@ std::string program(const std::string& name)
 /// A load source, and what it has sent.
 class Source {
 public:
-    explicit Source(const Load& load) : child({program("load_source"), "--pace", load.pace}, true)
+    Source(const Load& load, const Settings& settings)
+        : child(pinned({program("load_source"), "--pace", load.pace}, settings.sourceCores), true)
     {
         const Json::Value ports = parse(child.readLine(10));
         http = ports["http"].asString();
@@ -126,12 +137,14 @@ void requireDatagrams(const Load& load, const Json::Value& before, const Json::V
 /// The floor or our receiver: they tell when their steady interval begins, and what it has cost them.
 Sample runReceiver(const std::string& receiver, const Load& load, const Settings& settings)
 {
-    Source source(load);
+    Source source(load, settings);
     const bool floor = receiver == "floor_receiver";
-    BenchChild child({program(receiver), floor ? "--rtsp" : "--http", floor ? source.rtsp : source.http, "--streams",
-                      std::to_string(streamsOf(load, settings)), "--transport", load.transport, "--warm-up",
-                      std::to_string(settings.warmUp), "--seconds", std::to_string(settings.seconds)},
-                     true);
+    BenchChild child(
+        pinned({program(receiver), floor ? "--rtsp" : "--http", floor ? source.rtsp : source.http, "--streams",
+                std::to_string(streamsOf(load, settings)), "--transport", load.transport, "--warm-up",
+                std::to_string(settings.warmUp), "--seconds", std::to_string(settings.seconds)},
+               settings.receiverCores),
+        true);
     parse(child.readLine(60));
     const Json::Value before = source.report();
     Sample sample;
@@ -156,11 +169,11 @@ Sample runReceiver(const std::string& receiver, const Load& load, const Settings
 Sample runTool(const std::function<std::vector<std::string>(const std::string& url)>& command, const Load& load,
                const Settings& settings)
 {
-    Source source(load);
+    Source source(load, settings);
     const std::string url = "rtsp://127.0.0.1:" + source.rtsp + "/media/video1";
     std::vector<BenchChild> children;
     for (std::size_t i = 0; i < (load.many ? settings.toolStreams : 1); ++i)
-        children.emplace_back(command(url), false);
+        children.emplace_back(pinned(command(url), settings.receiverCores), false);
     sleepFor(settings.warmUp + 2);
     const auto sum = [&] {
         ChildCost all;
@@ -401,7 +414,9 @@ private:
 
 int main(int argc, char** argv)
 try {
-    const Arguments arguments(argc, argv, {"streams", "tool-streams", "seconds", "warm-up", "rounds", "only"});
+    const Arguments arguments(
+        argc, argv,
+        {"streams", "tool-streams", "seconds", "warm-up", "rounds", "only", "source-cores", "receiver-cores"});
     Settings settings;
     settings.streams = arguments.number("streams", settings.streams);
     settings.toolStreams = arguments.number("tool-streams", settings.toolStreams);
@@ -409,6 +424,8 @@ try {
     settings.warmUp = arguments.number("warm-up", settings.warmUp);
     settings.rounds = arguments.number("rounds", settings.rounds);
     settings.only = arguments.text("only");
+    settings.sourceCores = arguments.text("source-cores");
+    settings.receiverCores = arguments.text("receiver-cores");
     std::signal(SIGPIPE, SIG_IGN);
     Table table(settings);
     bool complete = true;
