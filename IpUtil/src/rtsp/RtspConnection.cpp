@@ -13,9 +13,6 @@
 #include <cstring>
 #include <exception>
 #include <utility>
-#ifdef BOOST_ASIO_HAS_EPOLL
-#include <unistd.h>
-#endif
 
 namespace Tavro8::Utility
 {
@@ -23,28 +20,6 @@ namespace
 {
 // An unfinished unit up to this size may keep its memory between bursts.
 constexpr std::size_t modestTailBytes = 2048;
-
-/// Asio has asked epoll about writing too, to learn that the socket is connected, and does so for as long as it knows
-/// the socket. Since that can nearly always be written to, each wait for bytes would wake the thread twice: at once for
-/// nothing, and when they come. A socket that is handed to Asio as a connected one is asked about reading alone, and
-/// about writing from the moment on when the system takes no more.
-template <typename Socket>
-error_code forgetWriting(Socket& socket, const boost::asio::ip::tcp& protocol)
-{
-    error_code ec;
-#ifdef BOOST_ASIO_HAS_EPOLL
-    const auto native = socket.release(ec);
-    if (ec)
-        return ec;
-    socket.assign(protocol, native, ec);
-    if (ec)
-        ::close(native);
-#else
-    static_cast<void>(socket);
-    static_cast<void>(protocol);
-#endif
-    return ec;
-}
 }  // namespace
 
 RtspConnection::RtspConnection(boost::asio::io_context& service, StreamContext& context, Events& events)

@@ -2,6 +2,7 @@
 
 #include "media/RtpTime.h"
 #include "rtsp/StreamContext.h"
+#include "rtsp/StreamSocket.h"
 #include "wire/InterleavedParser.h"
 
 #include <IpUtil/ErrorCode.h>
@@ -75,10 +76,8 @@ public:
 
 private:
     using tcp = boost::asio::ip::tcp;
-    // Named with its executor: the type-erased one of `tcp::socket` makes the way from a wait to its handler longer.
-    using Executor = boost::asio::io_context::executor_type;
-    using Socket = boost::asio::basic_stream_socket<tcp, Executor>;
-    using Resolver = boost::asio::ip::basic_resolver<tcp, Executor>;
+    using Socket = StreamSocket;
+    using Resolver = boost::asio::ip::basic_resolver<tcp, Socket::executor_type>;
     struct Outgoing {
         std::vector<std::uint8_t> bytes;
         Written done;
