@@ -492,7 +492,9 @@ TEST(RTSPClient, streamsOnWhenAKeepAliveIsRefusedBetweenPackets)
     const std::size_t first = text.find("405");
     ASSERT_NE(first, std::string::npos);
     EXPECT_EQ(text.find("405", first + 1), std::string::npos) << "said once";
-    EXPECT_EQ(peer.count("GET_PARAMETER"), 1U) << "the other method is tried then";
+    // A slow answer lets another keep-alive of the same kind go out before it.
+    const auto otherIsTried = [&] { return peer.requests().back().method == "OPTIONS"; };
+    EXPECT_TRUE(loop.runUntil(otherIsTried)) << "after " << peer.count("GET_PARAMETER") << " of the refused kind";
 }
 
 TEST(RTSPClient, sendsTheNextKeepAliveWhenOneIsNeverAnswered)
