@@ -1,6 +1,7 @@
 #pragma once
 
 #include <IpUtil/Export.h>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -27,6 +28,8 @@ struct ConnectionInfo {
     std::string user;     ///< already percent-decoded
     std::string password;
     ConnectionMode mode = ConnectionMode::standard;
+    /// How long an HTTP request may take from the call to its completion; 0 means the client's own limit.
+    std::chrono::milliseconds requestTimeout{0};
 
     /// What the HTTP client has learnt about the device's authentication. All descriptions of the same host,
     /// port and credentials share it, so that only the first request to a device pays the extra round trip.

@@ -89,9 +89,10 @@ using CancellationPtr = std::shared_ptr<ICancellation>;
 /// `io_context::run` from returning. A kept connection that turns out to be dead is replaced, and the request is
 /// repeated on the new one, unless it is a POST that has left entirely and may have had its effect.
 ///
-/// Limits: 5 s to connect, 15 s from the call to its completion, 16 MiB a reply. Digest (MD5, MD5-sess, SHA-256) and
-/// basic authentication, the strongest that the device offers. A body without a Content-Type among `headers` is sent
-/// as application/json. With `https` no certificate is checked, since devices carry self-signed ones.
+/// Limits: 5 s to connect, 15 s (or what `info` says) from the call to its completion, 16 MiB a reply. Digest (MD5,
+/// MD5-sess, SHA-256) and basic authentication, the strongest that the device offers. A body without a Content-Type
+/// among `headers` is sent as application/json. With `https` no certificate is checked, since devices carry self-signed
+/// ones.
 ///
 /// `context` must outlive the request or be destroyed with it: a handler that has not run by then is destroyed with
 /// its context. A host name that is being resolved holds up the end of a context until the system's resolver gives

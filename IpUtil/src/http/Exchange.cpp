@@ -79,6 +79,7 @@ public:
 
 private:
     void queueUp();
+    std::chrono::milliseconds timeLimit() const;
     void openFresh();
     void onOpened(const error_code& ec);
     void send();
@@ -164,12 +165,20 @@ void Exchange::queueUp()
     digest = info->digestMemory != nullptr ? info->digestMemory : DigestMemory::sharedFor(*info);
     pool = ConnectionPool::of(context, *info);
 
-    deadline.expires_after(request.timeout.count() > 0 ? request.timeout : pool->getLimits().requestTimeout);
+    deadline.expires_after(timeLimit());
     deadline.async_wait(bind([](Exchange& self, const error_code& ec) {
         if (!ec)
             self.fail(ResultCode::timedOut);
     }));
     pool->acquire(shared_from_this());
+}
+
+/// The request's own limit, else that of its device, else the client's.
+std::chrono::milliseconds Exchange::timeLimit() const
+{
+    if (request.timeout.count() > 0)
+        return request.timeout;
+    return info->requestTimeout.count() > 0 ? info->requestTimeout : pool->getLimits().requestTimeout;
 }
 
 void Exchange::onTurn(std::shared_ptr<HttpConnection> kept)

@@ -191,6 +191,20 @@ TEST(Exchange, givesUpOnASilentDevice)
     EXPECT_TRUE(peer.awaitScriptEnds(1)) << "the connection was to be closed";
 }
 
+TEST(Exchange, givesUpWhenTheDescriptionOfTheDeviceSaysSo)
+{
+    ScriptedPeer peer([](PeerConnection& connection) {
+        connection.readRequest();
+        connection.awaitClose();
+    });
+    const auto info = std::make_shared<asio::ConnectionInfo>(*infoFor(peer.getPort()));
+    info->requestTimeout = std::chrono::milliseconds(50);
+    Expectation outcome;
+    ClientContext client;
+    asyncPutEx(info, "/", "{}", client.get(), outcome.handler());
+    EXPECT_EQ(outcome.get().ec, hostError(ResultCode::timedOut));
+}
+
 TEST(Exchange, givesUpOnADeviceThatNeverEndsItsReply)
 {
     ScriptedPeer peer([](PeerConnection& connection) {
