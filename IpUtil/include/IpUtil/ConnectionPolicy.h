@@ -47,6 +47,10 @@ public:
 
     bool isConnected() const noexcept;
 
+    /// Whether the device has been connected since it was opened last. A loss does not change that, a close does. Any
+    /// thread.
+    bool hasBeenConnected() const noexcept;
+
     /// Told the transport outcome of each management exchange: two failures in a row lose the device. Any thread.
     void reportExchange(const error_code& transportError);
 

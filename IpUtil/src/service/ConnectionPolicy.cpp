@@ -155,6 +155,7 @@ struct AsyncConnectionPolicyBase::State : std::enable_shared_from_this<State> {
     HandlerGate gate;
     std::atomic<bool> shut{false};
     std::atomic<bool> connected{false};
+    std::atomic<bool> connectedOnce{false};    // since the last open; taken back as soon as the host closes or opens
     std::atomic<std::uint64_t> connection{0};  // which one; tells reports on an earlier one apart
     std::atomic<unsigned> exchangeFailures{0};
 
@@ -235,6 +236,7 @@ void AsyncConnectionPolicyBase::State::finishClose()
     setAttempt(nullptr);
     closing = false;
     connected = false;
+    connectedOnce = false;  // here once more: an attempt may have succeeded since the host's call
     phase = Phase::closed;
     tellHost([](GDRV::IDeviceHandler& host, GDRV::IDevice* device) { host.Closed(device); });
     if (reopen) {
@@ -302,6 +304,7 @@ void AsyncConnectionPolicyBase::State::conclude(Attempt& concluded, const error_
     exchangeFailures = 0;
     ++connection;
     connected = true;
+    connectedOnce = true;
     guard([this] { owner->onConnected(); });
     tellHost([](GDRV::IDeviceHandler& host, GDRV::IDevice* device) { host.Connected(device); });
 }
@@ -399,6 +402,11 @@ bool AsyncConnectionPolicyBase::isConnected() const noexcept
     return state->connected && !state->shut;
 }
 
+bool AsyncConnectionPolicyBase::hasBeenConnected() const noexcept
+{
+    return state->connectedOnce && !state->shut;
+}
+
 void AsyncConnectionPolicyBase::reportExchange(const error_code& transportError)
 {
     if (!transportError) {
@@ -434,6 +442,7 @@ void AsyncConnectionPolicyBase::handleConnected(const error_code& ec)
 void AsyncConnectionPolicyBase::openConnection(const std::string& address)
 {
     std::weak_ptr<void> alive = keepAlive();
+    state->connectedOnce = false;
     {
         const std::lock_guard lock(state->mutex);
         state->ownerAlive.swap(alive);
@@ -444,6 +453,7 @@ void AsyncConnectionPolicyBase::openConnection(const std::string& address)
 void AsyncConnectionPolicyBase::closeConnection()
 {
     state->cancellation.cancel();  // at once, the I/O thread may be busy
+    state->connectedOnce = false;
     state->post([](State& self) { self.close(std::nullopt); });
 }
 

@@ -491,6 +491,25 @@ TEST_F(ConnectionPolicy, isLostAfterTwoTransportFailuresInARow)
     EXPECT_EQ(handler.all().size(), 3U);
 }
 
+TEST_F(ConnectionPolicy, remembersALostConnectionUntilTheHostClosesOrOpensAnother)
+{
+    make([](Policy& self, const std::string&) { self.handleConnected(self.attempts < 3 ? success : unreachable); });
+    EXPECT_FALSE(policy->hasBeenConnected());
+    policy->openConnection("a");
+    handler.wait(1);
+    settle();
+    EXPECT_TRUE(policy->hasBeenConnected());
+    policy->openConnection("b");
+    EXPECT_EQ(handler.wait(3), (Events{"Connected", "Closed", "Connected"}));
+    settle();
+    policy->reportStreamLost();
+    handler.wait(5);  // the loss, and an attempt that fails
+    EXPECT_FALSE(policy->isConnected());
+    EXPECT_TRUE(policy->hasBeenConnected());
+    policy->closeConnection();
+    EXPECT_FALSE(policy->hasBeenConnected());
+}
+
 TEST_F(ConnectionPolicy, isNotLostByExchangesThatWereTakenBack)
 {
     make(succeed);
