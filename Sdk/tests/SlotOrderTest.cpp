@@ -34,12 +34,23 @@ TEST(SlotOrder, telemetryKeepsItsTwentyFourSlots)
     EXPECT_EQ(slotOf(&ITelemetry::Destroy), 3);
     EXPECT_EQ(slotOf(&ITelemetry::GetChannelIndex), 4);
     EXPECT_EQ(slotOf(&ITelemetry::MoveContinuous), 5);
+    EXPECT_EQ(slotOf(&ITelemetry::MoveRelative), 6);
+    EXPECT_EQ(slotOf(&ITelemetry::MoveAbsolute), 7);
     EXPECT_EQ(slotOf(&ITelemetry::ZoomContinuous), 8);
+    EXPECT_EQ(slotOf(&ITelemetry::ZoomRelative), 9);
+    EXPECT_EQ(slotOf(&ITelemetry::ZoomAbsolute), 10);
     EXPECT_EQ(slotOf(&ITelemetry::FocusContinuous), 11);
+    EXPECT_EQ(slotOf(&ITelemetry::FocusRelative), 12);
+    EXPECT_EQ(slotOf(&ITelemetry::FocusAbsolute), 13);
+    EXPECT_EQ(slotOf(&ITelemetry::FocusAuto), 14);
     EXPECT_EQ(slotOf(&ITelemetry::IrisContinuous), 15);
+    EXPECT_EQ(slotOf(&ITelemetry::IrisRelative), 16);
+    EXPECT_EQ(slotOf(&ITelemetry::IrisAbsolute), 17);
+    EXPECT_EQ(slotOf(&ITelemetry::IrisAuto), 18);
     EXPECT_EQ(slotOf(&ITelemetry::GoToPreset), 19);
     EXPECT_EQ(slotOf(&ITelemetry::PlayTour), 20);
     EXPECT_EQ(slotOf(&ITelemetry::StopTour), 21);
+    EXPECT_EQ(slotOf(&ITelemetry::SetAuxiliary), 22);
     EXPECT_EQ(slotOf(&ITelemetry::Calibrate), 23);
 }
 
@@ -50,6 +61,7 @@ TEST(SlotOrder, telemetrySideInterfacesBeginAfterTheContract)
     EXPECT_EQ(slotOf(&ITelemetryAdjuster::StartFillTour), 5);
     EXPECT_EQ(slotOf(&ITelemetryAdjuster::SetPoint), 6);
     EXPECT_EQ(slotOf(&ITelemetryAdjuster::StopFillTour), 7);
+    EXPECT_EQ(slotOf(&ITelemetryAdjuster::RemoveTour), 8);
     EXPECT_EQ(slotOf(&ITelemetryAdjuster::RenamePreset), 9);
     EXPECT_EQ(slotOf(&ITelemetryPointClick::AreaZoom), 3);
     EXPECT_EQ(slotOf(&ITelemetryPointClick::PointMove), 4);

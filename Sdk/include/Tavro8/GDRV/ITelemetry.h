@@ -7,8 +7,9 @@ namespace Tavro8::GDRV
 /// Pan, tilt, zoom, focus and iris of one channel.
 ///
 /// Operations block the caller until the device has answered or the HTTP time-out has passed. Those with a
-/// result return a `ResultCode`, 8 when the channel does not offer the operation. The other telemetry
-/// interfaces are asked for with `queryContract`. Any thread, also several at once.
+/// result return a `ResultCode`: 8 when the channel does not offer the operation, 6 for a value out of range,
+/// 2 before the device has connected. The other telemetry interfaces are asked for with `queryContract`.
+/// Any thread, also several at once; `Destroy` ends calls that are under way, which then return 1.
 class ITelemetry : public IDeviceChannel {
 public:
     /// Slot 5. Moves until told otherwise; the sign of a speed is its direction (positive: right and up),
@@ -29,9 +30,9 @@ public:
     virtual std::int32_t IrisAuto() noexcept = 0;                                           ///< slot 18
     virtual std::int32_t GoToPreset(std::uint32_t index) noexcept = 0;                      ///< slot 19: index from 0
     virtual std::int32_t PlayTour(std::uint32_t index) noexcept = 0;                        ///< slot 20: index 0 or 1
-    virtual std::int32_t StopTour() noexcept = 0;                                           ///< slot 21
-    virtual std::int32_t SetAuxiliary(std::uint32_t index, bool on) noexcept = 0;           ///< slot 22
-    virtual std::int32_t Calibrate() noexcept = 0;                                          ///< slot 23
+    virtual std::int32_t StopTour() noexcept = 0;                                  ///< slot 21: 2 when none plays
+    virtual std::int32_t SetAuxiliary(std::uint32_t index, bool on) noexcept = 0;  ///< slot 22
+    virtual std::int32_t Calibrate() noexcept = 0;                                 ///< slot 23
 };
 
 /// Edits presets and tours.
@@ -40,7 +41,8 @@ public:
     virtual std::int32_t SetPreset(std::uint32_t index) noexcept = 0;      ///< slot 3: stores the present view
     virtual std::int32_t RemovePreset(std::uint32_t index) noexcept = 0;   ///< slot 4
     virtual std::int32_t StartFillTour(std::uint32_t index) noexcept = 0;  ///< slot 5
-    /// Slot 6. Appends a stop to the tour being filled; 2818 when none is.
+    /// Slot 6. Appends a stop to the tour being filled; 2818 when none is. Speed and dwell time are kept for
+    /// the device; the preset is counted from 0.
     virtual std::int32_t SetPoint(std::uint32_t speed, std::uint32_t presetIndex,
                                   std::uint32_t dwellSeconds) noexcept = 0;
     virtual std::int32_t StopFillTour() noexcept = 0;                   ///< slot 7: writes the tour to the device
@@ -77,8 +79,8 @@ enum AbsoluteMoveMask : std::uint32_t {
     absolutePan = 4,
 };
 
-/// Positions in hundredths: of a degree for pan and tilt, of the zoom ratio for zoom. A negative latitude
-/// reaches the host as the two's complement of its 32-bit value.
+/// Positions in hundredths: of a degree for pan and tilt, of the zoom ratio for zoom. A negative angle is
+/// the two's complement of its 32-bit value, in both directions.
 class IAbsoluteTelemetry : public IContract {
 public:
     /// Slot 3. Moves to the positions whose bit is set in `mask`; speeds are 0 to 9 for pan and tilt.
