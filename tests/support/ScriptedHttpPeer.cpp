@@ -94,7 +94,8 @@ struct ScriptedHttpPeer::State {
             seen.push_back(method + " " + path);
             seenBodies.push_back(request.substr(head));
             seenWhole.push_back(request);
-            connection->reply = replyTo(method, path);
+            const bool mayPass = !needsAuthorization || request.find("\r\nAuthorization: ") < head;
+            connection->reply = mayPass ? replyTo(method, path) : challenge();
             changed.notify_all();
         }
         if (connection->reply.empty()) {
@@ -129,6 +130,12 @@ struct ScriptedHttpPeer::State {
                " Scripted\r\nConnection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
     }
 
+    static std::string challenge()
+    {
+        return "HTTP/1.1 401 Unauthorized\r\nConnection: close\r\nContent-Length: 0\r\nWWW-Authenticate: Digest "
+               "realm=\"48ea63000001\", qop=\"auth\", nonce=\"0123456789abcdef\", algorithm=\"MD5\"\r\n\r\n";
+    }
+
     const std::string host;
     boost::asio::io_context context;
     tcp::acceptor acceptor;
@@ -138,6 +145,7 @@ struct ScriptedHttpPeer::State {
     mutable std::condition_variable changed;
     std::map<std::string, std::string> answers;
     std::map<std::string, std::deque<std::string>> answersOnce;
+    bool needsAuthorization = false;
     std::vector<std::string> seen;
     std::vector<std::string> seenBodies;
     std::vector<std::string> seenWhole;
@@ -185,6 +193,12 @@ void ScriptedHttpPeer::answerRaw(const std::string& target, const std::string& b
 void ScriptedHttpPeer::staySilent(const std::string& target)
 {
     answerRaw(target, "");
+}
+
+void ScriptedHttpPeer::requireAuthorization()
+{
+    const std::lock_guard lock(state->mutex);
+    state->needsAuthorization = true;
 }
 
 std::vector<std::string> ScriptedHttpPeer::requests() const

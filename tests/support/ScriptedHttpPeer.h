@@ -32,6 +32,10 @@ public:
     /// Requests are read and never answered.
     void staySilent(const std::string& target);
 
+    /// From now on a request without authorization is answered with a digest challenge (MD5, qop "auth"). What an
+    /// authorization says is not checked.
+    void requireAuthorization();
+
     /// "GET /path" of each request so far.
     std::vector<std::string> requests() const;
     /// The body of each of them, as it came.

@@ -1,13 +1,15 @@
 #include "Lapi.h"
 
+#include "GroupingLocale.h"
+
 #include <Tavro8/ResultCode.h>
 #include <gtest/gtest.h>
-#include <locale>
 #include <string>
 
 namespace
 {
 using namespace Uniview;
+using kelvo::test::GroupingLocale;
 using Tavro8::ResultCode;
 using Tavro8::toResult;
 using Tavro8::http::HttpResponse;
@@ -35,21 +37,6 @@ lapi::Reply judged(const std::string& body, lapi::Expect expect = lapi::Expect::
 {
     return lapi::judge({}, replyWith(200), bytes(body), expect);
 }
-
-/// What a host may do to its process: points between thousands, a comma in front of fractions.
-class GroupingLocale {
-public:
-    GroupingLocale() : before(std::locale::global(std::locale(std::locale::classic(), new Punctuation))) {}
-    ~GroupingLocale() { std::locale::global(before); }
-
-private:
-    class Punctuation final : public std::numpunct<char> {
-        char do_thousands_sep() const override { return '.'; }
-        char do_decimal_point() const override { return ','; }
-        std::string do_grouping() const override { return "\3"; }
-    };
-    std::locale before;
-};
 
 TEST(LapiReply, acceptsTwoHundredsAndThe302Redirect)
 {
