@@ -99,6 +99,7 @@ public:
     std::int32_t CreateDetector(std::uint32_t channel, const Tavro8::ParameterMap& detectorParameters,
                                 Tavro8::GDRV::IDetectorHandler* detectorHandler,
                                 Tavro8::GDRV::IDetector** detector) noexcept override;
+    std::int32_t CreateTelemetry(std::uint32_t channel, Tavro8::GDRV::ITelemetry** telemetry) noexcept override;
 
     // Offered to child objects. Any thread.
     ConnectionInfoPtr getHttpConnectionInfo() const;  ///< null before the first attempt that understood its address

@@ -4,6 +4,7 @@
 #include "IODevice.h"
 #include "ModuleSettings.h"
 #include "ProcessRecord.h"
+#include "TelemetryChannel.h"
 #include "VideoSource.h"
 
 #include <IpUtil/GlobalService.h>
@@ -205,6 +206,12 @@ std::int32_t Device::CreateDetector(std::uint32_t channel, const Tavro8::Paramet
         logger.error(operation, "There is no detector of the detectionType that was asked for");
         return nullptr;
     });
+}
+
+std::int32_t Device::CreateTelemetry(std::uint32_t channel, Tavro8::GDRV::ITelemetry** telemetry) noexcept
+{
+    return createChild(*this, channel, telemetry, "Uniview::Device::CreateTelemetry",
+                       [&] { return std::make_unique<TelemetryChannel>(channel, this).release(); });
 }
 }  // namespace Uniview
 

@@ -15,6 +15,7 @@ struct Templates {
     boost::format io{"io: %1%", std::locale::classic()};
     boost::format ioOfNamed{"io: %1%, %2%", std::locale::classic()};
     boost::format detector{"detector %1%.%2%", std::locale::classic()};
+    boost::format telemetry{"tc %1%", std::locale::classic()};
 };
 
 const Templates& templates()
@@ -48,5 +49,11 @@ std::string detectorObjectName(const char* detectionType, std::uint32_t channel)
 {
     boost::format name = templates().detector;
     return (name % detectionType % channel).str();
+}
+
+std::string telemetryObjectName(std::uint32_t channel)
+{
+    boost::format name = templates().telemetry;
+    return (name % channel).str();
 }
 }  // namespace Uniview
