@@ -2,12 +2,12 @@
 
 #include "Device.h"
 #include "Lapi.h"
+#include "ModelParameters.h"
 #include "ObjectName.h"
 
 #include <IpUtil/Http.h>
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
-#include <stdexcept>
 #include <string>
 
 namespace Uniview
@@ -21,19 +21,10 @@ constexpr const char* switching = "Uniview::IODevice::SetRelayStatus";
 constexpr const char* receiving = "Uniview::IODevice::handleTriggerInfo";
 constexpr const char* relayPath = "/LAPI/V1.0/IO/OutputSwitches/ManualAlarm";
 
-/// A number of inputs or relays among the model parameters of a channel; 0 when it is not there.
+/// A number of inputs or relays among the model parameters of a channel.
 std::uint32_t modelCount(const Device& device, std::uint32_t channelIndex, const char* key)
 {
-    const auto& channels = device.getDescription()->channelModelParameters;
-    if (channelIndex >= channels.size())
-        return 0;
-    const auto found = channels[channelIndex].find(key);
-    if (found == channels[channelIndex].end())
-        return 0;
-    const int count = boost::any_cast<int>(found->second);
-    if (count < 0 || count > IODevice::maxCount)
-        throw std::out_of_range(std::string("the model parameter \"") + key + "\" is out of range");
-    return static_cast<std::uint32_t>(count);
+    return ModelParameters::ofChannel(*device.getDescription(), channelIndex).count(key, IODevice::maxCount);
 }
 
 /// Built as text, because a JSON writer would sort the members. The wire counts relays from 1.

@@ -1,12 +1,11 @@
 #include "TelemetryChannel.h"
 
 #include "Lapi.h"
+#include "ModelParameters.h"
 #include "ObjectName.h"
 
 #include <IpUtil/Http.h>
 #include <algorithm>
-#include <boost/any.hpp>
-#include <stdexcept>
 #include <utility>
 
 namespace Uniview
@@ -15,7 +14,6 @@ namespace
 {
 using Tavro8::LoggerHelper;
 using Tavro8::LogPlace;
-using Tavro8::ParameterMap;
 using Tavro8::ResultCode;
 using Tavro8::toResult;
 using Tavro8::http::CompletionHandler;
@@ -39,49 +37,24 @@ constexpr const char* deleting = "Uniview::TelemetryChannel::sendDeleteRequest";
 
 constexpr const char* absoluteMove = "AbsoluteMove";
 constexpr const char* absoluteZoom = "AbsoluteZoom";
-
-/// The parameter as `T`; 0 or false when it is not set.
-template <typename T>
-T modelParameter(const ParameterMap& parameters, const char* key, const LoggerHelper& logger)
-{
-    const auto found = parameters.find(key);
-    if (found == parameters.end())
-        return T{};
-    if (boost::any_cast<T>(&found->second) == nullptr)
-        logger.error(constructing, "The model parameter \"", key, "\" has the wrong type");
-    return boost::any_cast<T>(found->second);
-}
-
-std::uint32_t modelLimit(const ParameterMap& parameters, const char* key, const LoggerHelper& logger)
-{
-    const int limit = modelParameter<int>(parameters, key, logger);
-    if (limit < 0)
-        throw std::out_of_range(std::string("the model parameter \"") + key + "\" is out of range");
-    return static_cast<std::uint32_t>(limit);
-}
 }  // namespace
 
-TelemetryModel TelemetryModel::read(const DeviceTraits& traits, std::uint32_t channelIndex, const LoggerHelper& logger)
+TelemetryModel TelemetryModel::read(const DeviceTraits& traits, std::uint32_t channelIndex)
 {
-    static const ParameterMap none;
-    const auto& channels = traits.channelModelParameters;
-    const ParameterMap& parameters = channelIndex < channels.size() ? channels[channelIndex] : none;
-    const auto limit = [&](const char* key) { return modelLimit(parameters, key, logger); };
-    const auto flag = [&](const char* key) { return modelParameter<bool>(parameters, key, logger); };
-
+    const auto channel = ModelParameters::ofChannel(traits, channelIndex);
     TelemetryModel model;
-    model.panSpeed = limit("panSpeed");
-    model.tiltSpeed = limit("tiltSpeed");
-    model.presetCount = limit("presetCount");
-    model.zoomSpeed = limit("zoomSpeed");
-    model.focusSpeed = limit("focusSpeed");
-    model.irisSpeed = limit("irisSpeed");
-    model.trackLog = modelParameter<bool>(traits.modelParameters, "trackLog", logger);
-    model.supportsAreaZoom = flag("supportsAreaZoom");
-    model.supportsPointMove = flag("supportsPointMove");
-    model.supportsDirectMove = flag("supportsDirectMove");
-    model.supportsDirectZoom = flag("supportsDirectZoom");
-    model.supportsPresetTour = flag("supportsPresetTour");
+    model.panSpeed = channel.count("panSpeed");
+    model.tiltSpeed = channel.count("tiltSpeed");
+    model.presetCount = channel.count("presetCount");
+    model.zoomSpeed = channel.count("zoomSpeed");
+    model.focusSpeed = channel.count("focusSpeed");
+    model.irisSpeed = channel.count("irisSpeed");
+    model.trackLog = ModelParameters(traits.modelParameters).flag("trackLog");
+    model.supportsAreaZoom = channel.flag("supportsAreaZoom");
+    model.supportsPointMove = channel.flag("supportsPointMove");
+    model.supportsDirectMove = channel.flag("supportsDirectMove");
+    model.supportsDirectZoom = channel.flag("supportsDirectZoom");
+    model.supportsPresetTour = channel.flag("supportsPresetTour");
     return model;
 }
 
@@ -92,7 +65,7 @@ TelemetryChannel::TelemetryChannel(std::uint32_t channelIndex, Device* device)
       channelIndex(channelIndex),
       device(device),
       pathChannel(channelIndex),
-      model(TelemetryModel::read(*device->getDescription(), channelIndex, logger)),
+      model(TelemetryModel::read(*device->getDescription(), this->channelIndex)),
       keepDevice(device->shared_from_this())
 {
     logger.info(constructing, "Created");

@@ -36,8 +36,7 @@ struct TelemetryModel {
     bool supportsPresetTour = false;
 
     /// Raises the cast error for a parameter of the wrong type and `std::out_of_range` for a negative limit.
-    static TelemetryModel read(const DeviceTraits& traits, std::uint32_t channelIndex,
-                               const Tavro8::LoggerHelper& logger);
+    static TelemetryModel read(const DeviceTraits& traits, std::uint32_t channelIndex);
 };
 
 /// Pan, tilt, zoom, presets and tours of one channel.
@@ -86,10 +85,9 @@ public:
                                 std::uint32_t zoom, std::uint32_t zoomSpeed, std::uint32_t mask) noexcept override;
     std::int32_t GetPositionParams(std::uint32_t& pan, std::uint32_t& tilt, std::uint32_t& zoom) noexcept override;
 
-    static constexpr std::uint32_t maxMoveSpeed = 9;  ///< of absolute moves
-    static constexpr std::uint32_t tourCount = 2;     ///< tours 0 and 1
-    static constexpr std::size_t maxTourPoints =
-        1024;  ///< far more than any device takes; bounds what a host can pile up
+    static constexpr std::uint32_t maxMoveSpeed = 9;     ///< of absolute moves
+    static constexpr std::uint32_t tourCount = 2;        ///< tours 0 and 1
+    static constexpr std::size_t maxTourPoints = 1024;   ///< bounds what a host can pile up
     static constexpr std::uint32_t failuresFolded = 50;  ///< of the same kind in one log line
 
 private:

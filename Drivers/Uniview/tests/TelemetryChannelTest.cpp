@@ -40,13 +40,13 @@ protected:
     /// A camera that accepts everything and looks at 359.999, -10.5 through a ratio of 2.5.
     void connectWilling()
     {
-        peer->answer(control, 200, "");
-        peer->answer("PUT " + absoluteMove, 200, "");
-        peer->answer("PUT " + absoluteZoom, 200, "");
-        peer->answer(areaZoomIn, 200, "");
-        peer->answer(areaZoomOut, 200, "");
-        peer->answer("GET " + absoluteMove, 200, reply(R"({"Longitude":359.999,"Latitude":-10.5})"));
-        peer->answer("GET " + absoluteZoom, 200, reply(R"({"ZoomRatio":2.5})"));
+        peer.answer(control, 200, "");
+        peer.answer("PUT " + absoluteMove, 200, "");
+        peer.answer("PUT " + absoluteZoom, 200, "");
+        peer.answer(areaZoomIn, 200, "");
+        peer.answer(areaZoomOut, 200, "");
+        peer.answer("GET " + absoluteMove, 200, reply(R"({"Longitude":359.999,"Latitude":-10.5})"));
+        peer.answer("GET " + absoluteZoom, 200, reply(R"({"ZoomRatio":2.5})"));
         connect();
     }
     std::int32_t readPosition() { return absolute->GetPositionParams(pan, tilt, zoom); }
@@ -248,17 +248,17 @@ TEST_F(TelemetryChannelTest, oneOfTheTwoDirectAbilitiesIsEnough)
 TEST_F(TelemetryChannelTest, tellsWhichStepOfAnAbsoluteMoveFailed)
 {
     connectWilling();
-    peer->answer("PUT " + ::absoluteZoom, 503, "");
+    peer.answer("PUT " + ::absoluteZoom, 503, "");
     EXPECT_EQ(absolute->AbsoluteMoveEx(0, 0, 0, 0, 100, 0, 7), toResult(ResultCode::deviceBusy));
     EXPECT_EQ(logger.find("tc 0: Failed to set current zoom").function, "Uniview::TelemetryChannel::AbsoluteMoveEx");
 
-    peer->answer("PUT " + absoluteMove, 500, "");
+    peer.answer("PUT " + absoluteMove, 500, "");
     takeSent();
     EXPECT_EQ(absolute->AbsoluteMoveEx(0, 0, 0, 0, 100, 0, 7), toResult(ResultCode::deviceError));
     EXPECT_EQ(takeSent().size(), 1U);  // nothing is zoomed then
     EXPECT_TRUE(logger.contains("tc 0: Failed to set current absolute position"));
 
-    peer->answer("GET " + absoluteMove, 403, "");
+    peer.answer("GET " + absoluteMove, 403, "");
     EXPECT_EQ(absolute->AbsoluteMoveEx(0, 0, 0, 0, 100, 0, 1), toResult(ResultCode::accessDenied));
     EXPECT_EQ(takeSent().size(), 1U);  // nothing is moved then
     EXPECT_TRUE(logger.contains("tc 0: Failed to get current absolute position"));
@@ -291,15 +291,15 @@ TEST_F(TelemetryChannelTest, positionsOfOtherShapesAreRefusedAndMoveNothing)
          {"null", "[]", "1", "\"x\"", "{}", R"({"Longitude":1})", R"({"Longitude":"1","Latitude":2})",
           R"({"Longitude":null,"Latitude":2})", R"({"Longitude":1,"Latitude":true})"}) {
         SCOPED_TRACE(data);
-        peer->answer("GET " + absoluteMove, 200, reply(data));
+        peer.answer("GET " + absoluteMove, 200, reply(data));
         takeSent();
         EXPECT_EQ(readPosition(), toResult(ResultCode::malformedReply));
         EXPECT_EQ(absolute->AbsoluteMoveEx(0, 0, 0, 0, 0, 0, absolutePan), toResult(ResultCode::malformedReply));
         EXPECT_EQ(takeSent().size(), 2U);
     }
     EXPECT_EQ(logger.count("Failed to get current absolute position"), 18U);
-    peer->answer("GET " + absoluteMove, 200, reply(R"({"Longitude":1,"Latitude":2})"));
-    peer->answer("GET " + ::absoluteZoom, 200, reply("{}"));
+    peer.answer("GET " + absoluteMove, 200, reply(R"({"Longitude":1,"Latitude":2})"));
+    peer.answer("GET " + ::absoluteZoom, 200, reply("{}"));
     EXPECT_EQ(readPosition(), toResult(ResultCode::malformedReply));
     EXPECT_EQ(logger.find("Failed to get current absolute zoom").function,
               "Uniview::TelemetryChannel::GetPositionParams");
@@ -313,10 +313,10 @@ TEST_F(TelemetryChannelTest, positionsBeyond32BitsAreOutOfRange)
     connectWilling();
     for (const char* const data : {R"({"Longitude":1e10,"Latitude":0})", R"({"Longitude":0,"Latitude":-1e10})",
                                    R"({"Longitude":1e308,"Latitude":0})", R"({"Longitude":0,"Latitude":-1e308})"}) {
-        peer->answer("GET " + absoluteMove, 200, reply(data));
+        peer.answer("GET " + absoluteMove, 200, reply(data));
         EXPECT_EQ(readPosition(), outOfRange) << data;
     }
-    peer->answer("GET " + absoluteMove, 200, reply(R"({"Longitude":1e999,"Latitude":0})"));
+    peer.answer("GET " + absoluteMove, 200, reply(R"({"Longitude":1e999,"Latitude":0})"));
     EXPECT_EQ(readPosition(), toResult(ResultCode::malformedReply));
     EXPECT_EQ(pan, 1U);
 }
@@ -363,12 +363,12 @@ TEST_F(TelemetryChannelTest, acceptsARedirectAndWhateverBodyComesWithAnAcceptedW
     connect();
     for (const char* const body : {"", "nonsense", R"({"Response":{"ResponseCode":7}})"}) {
         for (const unsigned status : {200U, 204U, 299U, 302U}) {
-            peer->answer(areaZoomIn, status, status == 204 ? "" : body);
+            peer.answer(areaZoomIn, status, status == 204 ? "" : body);
             EXPECT_EQ(pointClick->PointMove({0, 0}), 0) << status << body;
         }
     }
     for (const unsigned status : {300U, 301U, 303U, 400U, 599U}) {
-        peer->answer(areaZoomIn, status, "");
+        peer.answer(areaZoomIn, status, "");
         EXPECT_NE(pointClick->PointMove({0, 0}), 0) << status;
     }
 }
@@ -393,11 +393,11 @@ TEST_F(TelemetryChannelTest, wordsEachFailureAsPrescribed)
     connectWilling();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.body);
-        peer->answer("GET " + absoluteMove, c.status, c.body);
+        peer.answer("GET " + absoluteMove, c.status, c.body);
         EXPECT_EQ(readPosition(), c.result);
         EXPECT_TRUE(logger.contains("tc 0: " + c.line)) << logger.text();
     }
-    peer->answerRaw("GET " + absoluteMove, "SSH-2.0-OpenSSH_9.2\r\n");
+    peer.answerRaw("GET " + absoluteMove, "SSH-2.0-OpenSSH_9.2\r\n");
     EXPECT_EQ(readPosition(), toResult(ResultCode::malformedResponse));
     const auto line = logger.find(" HTTP request is finished with error: ");
     EXPECT_NE(line.message.find("tc 0: [collapsed 1] HTTP request is finished with error: the answer does not follow "
