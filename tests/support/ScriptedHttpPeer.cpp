@@ -7,6 +7,7 @@
 #include <boost/asio/completion_condition.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/streambuf.hpp>
@@ -17,6 +18,7 @@
 #include <sstream>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 namespace kelvo::test
 {
@@ -33,6 +35,7 @@ struct ScriptedHttpPeer::State {
         boost::asio::streambuf input;
         std::string reply;
     };
+    using ConnectionPtr = std::shared_ptr<Connection>;
 
     void accept()
     {
@@ -45,7 +48,7 @@ struct ScriptedHttpPeer::State {
         });
     }
 
-    void read(const std::shared_ptr<Connection>& connection)
+    void read(const ConnectionPtr& connection)
     {
         boost::asio::async_read_until(connection->socket, connection->input, "\r\n\r\n",
                                       [this, connection](const boost::system::error_code& ec, std::size_t head) {
@@ -55,7 +58,7 @@ struct ScriptedHttpPeer::State {
     }
 
     /// The first `head` bytes of the input are the request without its body.
-    void readBody(const std::shared_ptr<Connection>& connection, std::size_t head)
+    void readBody(const ConnectionPtr& connection, std::size_t head)
     {
         const std::size_t whole = head + statedLength(textOf(*connection).substr(0, head));
         const std::size_t there = connection->input.size();
@@ -82,7 +85,7 @@ struct ScriptedHttpPeer::State {
         return at == std::string::npos ? 0 : std::stoul(head.substr(at + name.size()));
     }
 
-    void respond(const std::shared_ptr<Connection>& connection, std::size_t head)
+    void respond(const ConnectionPtr& connection, std::size_t head)
     {
         const std::string request = textOf(*connection);
         std::istringstream stream(request);
@@ -98,10 +101,14 @@ struct ScriptedHttpPeer::State {
             connection->reply = mayPass ? replyTo(method, path) : challenge();
             changed.notify_all();
         }
-        if (connection->reply.empty()) {
+        if (connection->reply.empty())
             silent.push_back(connection);
-            return;
-        }
+        else
+            write(connection);
+    }
+
+    static void write(const ConnectionPtr& connection)
+    {
         boost::asio::async_write(connection->socket, boost::asio::buffer(connection->reply),
                                  [connection](const boost::system::error_code&, std::size_t) {
                                      boost::system::error_code ignored;
@@ -139,7 +146,7 @@ struct ScriptedHttpPeer::State {
     const std::string host;
     boost::asio::io_context context;
     tcp::acceptor acceptor;
-    std::vector<std::shared_ptr<Connection>> silent;  // held open; only the peer's thread
+    std::vector<ConnectionPtr> silent;  // held open; only the peer's thread
     std::thread thread;
     mutable std::mutex mutex;  // guards all below
     mutable std::condition_variable changed;
@@ -193,6 +200,16 @@ void ScriptedHttpPeer::answerRaw(const std::string& target, const std::string& b
 void ScriptedHttpPeer::staySilent(const std::string& target)
 {
     answerRaw(target, "");
+}
+
+void ScriptedHttpPeer::breakSilence(unsigned status, const std::string& body)
+{
+    boost::asio::post(state->context, [this, reply = State::format(status, body)] {
+        for (const auto& connection : std::exchange(state->silent, {})) {
+            connection->reply = reply;
+            State::write(connection);
+        }
+    });
 }
 
 void ScriptedHttpPeer::requireAuthorization()

@@ -29,8 +29,10 @@ public:
     void answerOnce(const std::string& target, unsigned status, const std::string& body);
     /// As `answer`, in raw bytes, for what is not HTTP.
     void answerRaw(const std::string& target, const std::string& bytes);
-    /// Requests are read and never answered.
+    /// Requests are read and not answered.
     void staySilent(const std::string& target);
+    /// Answers those that wait for an answer at this moment.
+    void breakSilence(unsigned status, const std::string& body);
 
     /// From now on a request without authorization is answered with a digest challenge (MD5, qop "auth"). What an
     /// authorization says is not checked.

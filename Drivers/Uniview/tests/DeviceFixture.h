@@ -34,11 +34,15 @@ protected:
     /// Makes the device and a peer that answers like a camera with RTSP port 8554.
     void make(std::uint32_t channels = 1, const Tavro8::ParameterMap& properties = {})
     {
-        peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"HTTPPort\":80,\"RTSPPort\":\t8554}}}");
-        peer.answer(infoPath, 200, deviceInfo(0));
         const auto description = std::make_shared<DeviceTraits>();
         description->videoChannelCount = channels;
         description->properties = properties;
+        make(description);
+    }
+    void make(const std::shared_ptr<DeviceTraits>& description)
+    {
+        peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"HTTPPort\":80,\"RTSPPort\":\t8554}}}");
+        peer.answer(infoPath, 200, deviceInfo(0));
         device = Device::create(&handler, &logger, description, *service);
     }
     void open() { ASSERT_EQ(device->Open(("http://admin:secret@" + peer.address()).c_str()), 0); }

@@ -1,13 +1,8 @@
 #pragma once
 
-#include "Device.h"
-
-#include "HostFakes.h"
-#include "ScriptedHttpPeer.h"
+#include "DeviceFixture.h"
 
 #include <cstdint>
-#include <gtest/gtest.h>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,7 +11,7 @@ namespace Uniview::test
 using Lines = std::vector<std::string>;
 
 /// A telemetry channel of a device that is a scripted peer.
-class TelemetryFixture : public ::testing::Test {
+class TelemetryFixture : public DeviceFixture {
 protected:
     enum class Kind { camera, recorder, multichannelCamera };
 
@@ -24,31 +19,26 @@ protected:
     {
         if (telemetry != nullptr)
             telemetry->Destroy();
-        if (device != nullptr)
-            device->Destroy();
     }
 
-    /// Makes the device and, unless the kind is a camera's, four channels.
+    /// Makes the device, with four channels unless it is a camera.
     void make(Kind kind = Kind::camera)
     {
-        peer->answer("/LAPI/V1.0/Network/Port", 200, reply(R"({"RTSPPort":554})"));
-        peer->answer("/LAPI/V1.0/System/DeviceInfo", 200,
-                     reply(kind == Kind::recorder ? R"({"DeviceType":1})" : R"({"DeviceType":0})"));
         const auto description = std::make_shared<DeviceTraits>();
         description->videoChannelCount = kind == Kind::camera ? 1 : 4;
         description->modelParameters = general;
         description->channelModelParameters.assign(description->videoChannelCount, model);
-        device = Device::create(&handler, &logger, description, *service);
+        DeviceFixture::make(description);
+        peer.answer(infoPath, 200, deviceInfo(kind == Kind::recorder ? 1 : 0));
     }
 
     /// Opens the device, makes its telemetry, and forgets what was sent until then.
     void connect(Kind kind = Kind::camera, std::uint32_t channel = 0)
     {
         make(kind);
-        ASSERT_EQ(device->Open(("http://admin:secret@" + peer->address()).c_str()), 0);
-        ASSERT_TRUE(handler.waitConnected());
+        DeviceFixture::connect();
         createTelemetry(channel);
-        sentBefore = peer->requests().size();
+        sentBefore = peer.requests().size();
     }
     void createTelemetry(std::uint32_t channel = 0)
     {
@@ -65,8 +55,8 @@ protected:
     /// "METHOD /path body" of each request of the telemetry.
     Lines sent() const
     {
-        const Lines requests = peer->requests();
-        const Lines bodies = peer->bodies();
+        const Lines requests = peer.requests();
+        const Lines bodies = peer.bodies();
         Lines lines;
         for (std::size_t i = sentBefore; i < requests.size(); ++i)
             lines.push_back(bodies[i].empty() ? requests[i] : requests[i] + ' ' + bodies[i]);
@@ -96,11 +86,6 @@ protected:
     };
     Tavro8::ParameterMap general;
 
-    kelvo::test::RecordingLogger logger;
-    kelvo::test::DeviceHandler handler;
-    std::unique_ptr<kelvo::test::ScriptedHttpPeer> peer = std::make_unique<kelvo::test::ScriptedHttpPeer>();
-    std::shared_ptr<Tavro8::Utility::GlobalService> service = Tavro8::Utility::GlobalService::instance();
-    std::shared_ptr<Device> device;
     Tavro8::GDRV::ITelemetry* telemetry = nullptr;
     Tavro8::GDRV::ITelemetryAdjuster* adjuster = nullptr;
     Tavro8::GDRV::ITelemetryPointClick* pointClick = nullptr;

@@ -23,16 +23,16 @@ protected:
     /// A camera that knows the presets 1 and 3 and the tour 1.
     void connectWilling()
     {
-        peer->answer("GET " + presets, 200,
-                     reply(R"({"Nums":2,"PresetInfos":[{"ID":1,"Name":"Gate"},{"ID":3,"Name":"Yard"}]})"));
-        peer->answer("POST " + presets, 200, "");
-        peer->answer("PUT " + presets, 200, "");
-        peer->answer("GET " + patrols, 200, reply(R"({"Nums":1,"PatrolInfos":[{"ID":1,"Name":"Night"}]})"));
-        peer->answer("POST " + patrols, 200, reply("{}"));
-        peer->answer("PUT " + patrols + "/1", 200, reply("{}"));
+        peer.answer("GET " + presets, 200,
+                    reply(R"({"Nums":2,"PresetInfos":[{"ID":1,"Name":"Gate"},{"ID":3,"Name":"Yard"}]})"));
+        peer.answer("POST " + presets, 200, "");
+        peer.answer("PUT " + presets, 200, "");
+        peer.answer("GET " + patrols, 200, reply(R"({"Nums":1,"PatrolInfos":[{"ID":1,"Name":"Night"}]})"));
+        peer.answer("POST " + patrols, 200, reply("{}"));
+        peer.answer("PUT " + patrols + "/1", 200, reply("{}"));
         for (const char* const tour : {"/0", "/1"}) {
             for (const char* const action : {"/Start", "/Stop"})
-                peer->answer(patrols + tour + action, 200, "");
+                peer.answer(patrols + tour + action, 200, "");
         }
         connect();
     }
@@ -55,7 +55,7 @@ TEST_F(TelemetryPresetsTest, overwritesAPresetThatTheCameraKnows)
 
 TEST_F(TelemetryPresetsTest, storesAPresetOfARecorderWithoutAsking)
 {
-    peer->answer("PUT " + recorderPresets + "/3", 200, "");
+    peer.answer("PUT " + recorderPresets + "/3", 200, "");
     connectRecorder();
     EXPECT_EQ(adjuster->SetPreset(2), 0);
     EXPECT_EQ(sent(), Lines{"PUT " + recorderPresets + R"(/3 { "ID":3, "Name":"Preset3" })"});
@@ -63,8 +63,8 @@ TEST_F(TelemetryPresetsTest, storesAPresetOfARecorderWithoutAsking)
 
 TEST_F(TelemetryPresetsTest, asksAMultichannelCameraToo)
 {
-    peer->answer("GET " + recorderPresets, 200, reply("{}"));
-    peer->answer("POST " + recorderPresets, 200, "");
+    peer.answer("GET " + recorderPresets, 200, reply("{}"));
+    peer.answer("POST " + recorderPresets, 200, "");
     connect(Kind::multichannelCamera, 1);
     EXPECT_EQ(adjuster->SetPreset(0), 0);
     EXPECT_EQ(sent(),
@@ -88,8 +88,8 @@ TEST_F(TelemetryPresetsTest, acceptsTheIndexThatEqualsTheCount)
 TEST_F(TelemetryPresetsTest, goesToPresetsAndRemovesThemInTheSingularOnCameras)
 {
     const std::string preset = "/LAPI/V1.0/Channel/0/PTZ/Presets/6";
-    peer->answer("PUT " + preset + "/goto", 200, "");
-    peer->answer("DELETE " + preset, 200, "");
+    peer.answer("PUT " + preset + "/goto", 200, "");
+    peer.answer("DELETE " + preset, 200, "");
     connect();
     EXPECT_EQ(telemetry->GoToPreset(5), 0);
     EXPECT_EQ(adjuster->RemovePreset(5), 0);
@@ -130,7 +130,7 @@ TEST_F(TelemetryPresetsTest, storesNoPresetWhenTheListCannotBeRead)
     connectWilling();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.body);
-        peer->answer("GET " + presets, c.status, c.body);
+        peer.answer("GET " + presets, c.status, c.body);
         EXPECT_EQ(adjuster->SetPreset(0), toResult(c.result));
         EXPECT_EQ(takeSent(), Lines{"GET " + presets});
     }
@@ -143,7 +143,7 @@ TEST_F(TelemetryPresetsTest, takesAListThatIsLeftOutForAnEmptyOne)
     for (const char* const data : {"null", "{}", R"({"Nums":0,"PresetInfos":[]})", R"({"PresetInfos":null})",
                                    R"({"PresetInfos":[7,"x",{"ID":"1"},{"Name":"1"},{"ID":-1}]})"}) {
         SCOPED_TRACE(data);
-        peer->answer("GET " + presets, 200, reply(data));
+        peer.answer("GET " + presets, 200, reply(data));
         EXPECT_EQ(adjuster->SetPreset(0), 0);
         EXPECT_EQ(takeSent().back(), "POST " + presets + R"( { "ID":1, "Name":"Preset1" })");
     }
@@ -184,11 +184,11 @@ TEST_F(TelemetryPresetsTest, playsAndFillsTheFirstTwoToursOnly)
 TEST_F(TelemetryPresetsTest, canStopATourWhoseStartOrStopFailed)
 {
     connectWilling();
-    peer->answer(patrols + "/1/Start", 500, "");
+    peer.answer(patrols + "/1/Start", 500, "");
     EXPECT_EQ(telemetry->PlayTour(1), toResult(ResultCode::deviceError));
-    peer->answer(patrols + "/1/Stop", 503, "");
+    peer.answer(patrols + "/1/Stop", 503, "");
     EXPECT_EQ(telemetry->StopTour(), toResult(ResultCode::deviceBusy));
-    peer->answer(patrols + "/1/Stop", 200, "");
+    peer.answer(patrols + "/1/Stop", 200, "");
     EXPECT_EQ(telemetry->StopTour(), 0);
     EXPECT_EQ(sent().size(), 3U);
 }
@@ -224,8 +224,8 @@ TEST_F(TelemetryPresetsTest, updatesATourThatTheCameraKnowsUnderItsName)
 
 TEST_F(TelemetryPresetsTest, updatesEveryTourOfARecorder)
 {
-    peer->answer("GET " + recorderPatrols, 200, reply("{}"));
-    peer->answer("PUT " + recorderPatrols + "/0", 200, reply("{}"));
+    peer.answer("GET " + recorderPatrols, 200, reply("{}"));
+    peer.answer("PUT " + recorderPatrols + "/0", 200, reply("{}"));
     connectRecorder();
     EXPECT_EQ(adjuster->StartFillTour(0), 0);
     EXPECT_EQ(adjuster->StopFillTour(), 0);
@@ -273,7 +273,7 @@ TEST_F(TelemetryPresetsTest, aFillingThatCannotBeginLeavesTheUnfinishedOneAsItIs
     EXPECT_EQ(adjuster->StartFillTour(1), 0);
     EXPECT_EQ(adjuster->SetPoint(5, 0, 10), 0);
     for (const auto& body : {std::string(), std::string("nonsense"), reply("[]"), reply(R"({"PatrolInfos":1})")}) {
-        peer->answer("GET " + patrols, 200, body);
+        peer.answer("GET " + patrols, 200, body);
         EXPECT_NE(adjuster->StartFillTour(0), 0) << body;
     }
     EXPECT_EQ(logger.count("tc 0: Failed to get existing tours!"), 4U);
@@ -300,11 +300,11 @@ TEST_F(TelemetryPresetsTest, aTourIsStoredOnlyWhenTheDeviceSaysSoInItsReply)
     ASSERT_EQ(adjuster->SetPoint(5, 0, 10), 0);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.body);
-        peer->answer("POST " + patrols, c.status, c.body);
+        peer.answer("POST " + patrols, c.status, c.body);
         EXPECT_EQ(adjuster->StopFillTour(), toResult(c.result));
     }
     EXPECT_FALSE(logger.contains("Stop fill tour"));
-    peer->answer("POST " + patrols, 200, reply("{}"));
+    peer.answer("POST " + patrols, 200, reply("{}"));
     EXPECT_EQ(adjuster->StopFillTour(), 0);  // the points were kept
     EXPECT_NE(sent().back().find(R"("Num":1)"), std::string::npos);
 }

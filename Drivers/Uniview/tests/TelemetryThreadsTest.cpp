@@ -30,7 +30,7 @@ protected:
     /// An operation with a result, on a thread of its own, whose request is never answered.
     std::future<std::int32_t> hang()
     {
-        peer->staySilent(areaZoomOut);
+        peer.staySilent(areaZoomOut);
         return std::async(std::launch::async, [this] { return pointClick->AreaZoom({0, 0, 2, 2}); });
     }
 };
@@ -42,13 +42,13 @@ TEST_F(TelemetryThreadsTest, cannotDoAnythingBeforeTheDeviceHasConnected)
     EXPECT_EQ(pointClick->PointMove({0, 0}), invalidState);
     EXPECT_EQ(adjuster->SetPreset(0), invalidState);
     telemetry->MoveContinuous(0, 0);
-    EXPECT_EQ(peer->requests(), Lines{});
+    EXPECT_EQ(peer.requests(), Lines{});
     EXPECT_TRUE(logger.contains("tc 0: [collapsed 1] The device has not been connected, request: " + control));
 }
 
 TEST_F(TelemetryThreadsTest, cannotDoAnythingAfterTheDeviceWasClosed)
 {
-    peer->answer(areaZoomIn, 200, "");
+    peer.answer(areaZoomIn, 200, "");
     connect();
     EXPECT_EQ(pointClick->PointMove({0, 0}), 0);
     device->Close();
@@ -57,7 +57,7 @@ TEST_F(TelemetryThreadsTest, cannotDoAnythingAfterTheDeviceWasClosed)
     ASSERT_TRUE(handler.waitClosed());
     EXPECT_EQ(pointClick->PointMove({0, 0}), invalidState);
     EXPECT_EQ(sent(), Lines{});
-    ASSERT_EQ(device->Open(peer->address().c_str()), 0);
+    ASSERT_EQ(device->Open(peer.address().c_str()), 0);
     ASSERT_TRUE(handler.waitConnected(2));
     EXPECT_EQ(pointClick->PointMove({0, 0}), 0);
 }
@@ -76,23 +76,22 @@ TEST_F(TelemetryThreadsTest, survivesADeviceThatIsDestroyedFirst)
 
 TEST_F(TelemetryThreadsTest, goesOnTryingADeviceThatIsLost)
 {
+    peer.answer(control, 200, "");
+    peer.answerRaw(areaZoomIn, "SSH-2.0-OpenSSH_9.2\r\n");
     connect();
-    const std::string address = peer->address();
-    peer.reset();
-    EXPECT_EQ(pointClick->PointMove({0, 0}), toResult(ResultCode::deviceUnreachable));
-    EXPECT_EQ(pointClick->PointMove({0, 0}), toResult(ResultCode::deviceUnreachable));
+    peer.answer(portPath, 500, "");  // the module cannot connect again
+    EXPECT_EQ(pointClick->PointMove({0, 0}), toResult(ResultCode::malformedResponse));
+    EXPECT_EQ(pointClick->PointMove({0, 0}), toResult(ResultCode::malformedResponse));
     EXPECT_TRUE(handler.waitLost());  // two exchanges in a row have failed
-    EXPECT_EQ(pointClick->PointMove({0, 0}), toResult(ResultCode::deviceUnreachable));
-    EXPECT_EQ(logger.count("[collapsed 1] HTTP request is finished with error: the device cannot be reached or its "
-                           "address is unusable, request: " +
-                           areaZoomIn),
-              1U);
+    EXPECT_TRUE(handler.waitFailed());
+    telemetry->MoveContinuous(0, 0);
+    EXPECT_TRUE(peer.waitForRequest("PUT " + control));
 }
 
 TEST_F(TelemetryThreadsTest, isNotHeldUpByOtherRequestsNorByOtherCalls)
 {
-    peer->answer(control, 200, "");
-    peer->staySilent("/slow");
+    peer.answer(control, 200, "");
+    peer.staySilent("/slow");
     connect();
     // All connections that the device's own requests may have are taken.
     constexpr std::size_t slowRequests = 6;
@@ -101,11 +100,11 @@ TEST_F(TelemetryThreadsTest, isNotHeldUpByOtherRequestsNorByOtherCalls)
         slow.push_back(asyncGetEx(device->getHttpConnectionInfo(), "/slow", device->service(),
                                   [](const auto&, const auto&, const auto&) {}));
     }
-    EXPECT_TRUE(peer->waitForRequest("GET /slow", 4));
+    EXPECT_TRUE(peer.waitForRequest("GET /slow", 4));
     std::vector<std::future<std::int32_t>> hanging;
     for (int i = 0; i < 6; ++i)
         hanging.push_back(hang());
-    EXPECT_TRUE(peer->waitForRequest("PUT " + areaZoomOut, 6));
+    EXPECT_TRUE(peer.waitForRequest("PUT " + areaZoomOut, 6));
 
     telemetry->MoveContinuous(0, 0);
     EXPECT_EQ(sent().back().substr(0, 4 + control.size()), "PUT " + control);
@@ -122,7 +121,7 @@ TEST_F(TelemetryThreadsTest, destroyEndsACallThatWaitsForTheDevice)
 {
     connect();
     auto call = hang();
-    ASSERT_TRUE(peer->waitForRequest("PUT " + areaZoomOut));
+    ASSERT_TRUE(peer.waitForRequest("PUT " + areaZoomOut));
     telemetry->Destroy();  // returns when the call has left
     telemetry = nullptr;
     EXPECT_EQ(call.wait_for(patience), std::future_status::ready);
@@ -133,9 +132,9 @@ TEST_F(TelemetryThreadsTest, destroyEndsACallThatWaitsForTheDevice)
 
 TEST_F(TelemetryThreadsTest, aCommandCostsOneExchangeOnceTheDeviceIsKnown)
 {
-    peer->requireAuthorization();
-    peer->answer(control, 200, "");
-    peer->answer(areaZoomIn, 200, "");
+    peer.requireAuthorization();
+    peer.answer(control, 200, "");
+    peer.answer(areaZoomIn, 200, "");
     connect();
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 2; ++thread) {
@@ -152,7 +151,7 @@ TEST_F(TelemetryThreadsTest, aCommandCostsOneExchangeOnceTheDeviceIsKnown)
 
     std::set<std::string> counts;
     std::size_t unauthorized = 0;
-    for (const std::string& request : peer->wholeRequests()) {
+    for (const std::string& request : peer.wholeRequests()) {
         const auto at = request.find("nc=");
         if (at == std::string::npos)
             ++unauthorized;
@@ -160,16 +159,16 @@ TEST_F(TelemetryThreadsTest, aCommandCostsOneExchangeOnceTheDeviceIsKnown)
             counts.insert(request.substr(at + 3, 8));
     }
     EXPECT_EQ(unauthorized, 1U);  // the very first request to the device
-    EXPECT_EQ(counts.size(), peer->requests().size() - 1);
+    EXPECT_EQ(counts.size(), peer.requests().size() - 1);
 }
 
 TEST_F(TelemetryThreadsTest, toursMayBeUsedOnSeveralThreads)
 {
-    peer->answer("GET " + patrols, 200, reply(R"({"PatrolInfos":[{"ID":1,"Name":"Night"}]})"));
-    peer->answer("POST " + patrols, 200, reply("{}"));
-    peer->answer("PUT " + patrols + "/1", 200, reply("{}"));
+    peer.answer("GET " + patrols, 200, reply(R"({"PatrolInfos":[{"ID":1,"Name":"Night"}]})"));
+    peer.answer("POST " + patrols, 200, reply("{}"));
+    peer.answer("PUT " + patrols + "/1", 200, reply("{}"));
     for (const char* const request : {"/0/Start", "/0/Stop", "/1/Start", "/1/Stop"})
-        peer->answer(patrols + request, 200, "");
+        peer.answer(patrols + request, 200, "");
     connect();
     const auto isOneOf = [](std::int32_t result, std::int32_t other) { return result == 0 || result == other; };
     std::vector<std::thread> threads;
@@ -193,20 +192,50 @@ TEST_F(TelemetryThreadsTest, toursMayBeUsedOnSeveralThreads)
 
 TEST_F(TelemetryThreadsTest, aTourBegunWhileAnotherIsStoppedCanBeStopped)
 {
-    peer->answer(patrols + "/0/Start", 200, "");
-    peer->answer(patrols + "/1/Start", 200, "");
-    peer->staySilent(patrols + "/0/Stop");
+    peer.answer(patrols + "/0/Start", 200, "");
+    peer.answer(patrols + "/1/Start", 200, "");
+    peer.staySilent(patrols + "/0/Stop");
     connect();
     ASSERT_EQ(telemetry->PlayTour(0), 0);
     auto stopping = std::async(std::launch::async, [this] { return telemetry->StopTour(); });
-    ASSERT_TRUE(peer->waitForRequest("PUT " + patrols + "/0/Stop"));
+    ASSERT_TRUE(peer.waitForRequest("PUT " + patrols + "/0/Stop"));
     EXPECT_EQ(telemetry->PlayTour(1), 0);
-    peer->answer(patrols + "/1/Stop", 200, "");
+    peer.answer(patrols + "/1/Stop", 200, "");
     EXPECT_EQ(telemetry->StopTour(), 0);
     EXPECT_EQ(sent().back(), "PUT " + patrols + "/1/Stop");
     telemetry->Destroy();
     telemetry = nullptr;
     EXPECT_EQ(stopping.get(), toResult(ResultCode::cancelled));
+}
+
+TEST_F(TelemetryThreadsTest, aTourBegunAgainWhileItIsStoppedIsPlaying)
+{
+    peer.answer(patrols + "/0/Start", 200, "");
+    peer.staySilent(patrols + "/0/Stop");
+    connect();
+    ASSERT_EQ(telemetry->PlayTour(0), 0);
+    auto stopping = std::async(std::launch::async, [this] { return telemetry->StopTour(); });
+    ASSERT_TRUE(peer.waitForRequest("PUT " + patrols + "/0/Stop"));
+    EXPECT_EQ(telemetry->PlayTour(0), 0);
+    peer.breakSilence(200, "");
+    EXPECT_EQ(stopping.get(), 0);
+    peer.answer(patrols + "/0/Stop", 200, "");
+    EXPECT_EQ(telemetry->StopTour(), 0);
+    EXPECT_EQ(telemetry->StopTour(), invalidState);
+}
+
+TEST_F(TelemetryThreadsTest, aFillingBegunWhileAnotherIsStoredGoesOn)
+{
+    peer.answer("GET " + patrols, 200, reply("{}"));
+    peer.staySilent("POST " + patrols);
+    connect();
+    ASSERT_EQ(adjuster->StartFillTour(0), 0);
+    auto storing = std::async(std::launch::async, [this] { return adjuster->StopFillTour(); });
+    ASSERT_TRUE(peer.waitForRequest("POST " + patrols));
+    EXPECT_EQ(adjuster->StartFillTour(1), 0);
+    peer.breakSilence(200, reply("{}"));
+    EXPECT_EQ(storing.get(), 0);
+    EXPECT_EQ(adjuster->SetPoint(1, 1, 1), 0);
 }
 
 /// The description of a peer that may take a moment for a reply.
