@@ -6,6 +6,9 @@
 #include "FuzzTarget.h"
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -250,6 +253,37 @@ void saveNotifications()
     save("http_request", "huge_length", asStream + notification("Content-Length: 18446744073709551615\n", "{}"));
     save("http_request", "no_http", asStream + body);
     save("http_request", "written", std::string("\x01\x05\x00\x04{  }\x05\x03{ }\x01\x00\x00\x02{}", 19));
+}
+
+/// Eight bytes, as `Script` takes them.
+std::string be64(std::uint64_t value)
+{
+    std::string bytes;
+    for (int shift = 56; shift >= 0; shift -= 8)
+        bytes += static_cast<char>(value >> shift & 0xFFU);
+    return bytes;
+}
+
+void saveTelemetry()
+{
+    const auto area = [](double x, double y, double width, double height) {
+        std::string bytes;
+        for (const double coordinate : {x, y, width, height})
+            bytes += be64(std::bit_cast<std::uint64_t>(coordinate));
+        return bytes;
+    };
+    const std::string moves = be64(0xFFFF'FFFD'0000'0005U);  // -3 and 5
+    const std::string mostNegative = be64(0x8000'0000'8000'0000U);
+    const std::string point = std::string(3, '\0') + '\x01' + be64(0x0000'2710'0000'0005U);
+    const std::string tour = be16(5) + "Night" + '\x01' + point + std::string(4, '\0');
+    save("telemetry", "area_into",
+         area(0.25, 0.25, 0.5, 0.5) + moves + tour + '\x03' + R"({"Nums":1,"PresetInfos":[{"ID":3,"Name":"Yard"}]})");
+    save("telemetry", "area_out_of",
+         area(0, 0, 2.0, 0.5) + mostNegative + be16(0) + std::string(5, '\0') + '\x01' +
+             R"({"PatrolInfos":[7,{"ID":"1"},{"ID":1}],"Longitude":359.999})");
+    save("telemetry", "not_finite", area(std::nan(""), -INFINITY, 1e300, -0.0) + moves);
+    save("telemetry", "odd_shape",
+         area(-10.5, 1e10, 1, 1e-300) + moves + be16(2) + "\"\\" + std::string(6, '\0') + R"([{"ID":0},1e308])");
 }
 
 void saveLapi()
@@ -577,6 +611,7 @@ try {
     saveHttp();
     saveNotifications();
     saveLapi();
+    saveTelemetry();
     saveEvents();
     saveAlarms();
     saveTracks();
