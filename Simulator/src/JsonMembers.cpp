@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <locale>
+#include <sstream>
 
 namespace simulator
 {
@@ -65,6 +67,22 @@ bool JsonMembers::read(const char* name, bool& into)
         return false;
     }
     into = value->asBool();
+    return true;
+}
+
+bool JsonMembers::readReal(const char* name, double least, double most, double& into)
+{
+    const Json::Value* const value = find(name);
+    if (value == nullptr)
+        return false;
+    if (!value->isNumeric() || !(value->asDouble() >= least && value->asDouble() <= most)) {
+        std::ostringstream why;
+        why.imbue(std::locale::classic());
+        why << quoted(name) << " is no number of " << least << ".." << most;
+        refuse(why.str());
+        return false;
+    }
+    into = value->asDouble();
     return true;
 }
 

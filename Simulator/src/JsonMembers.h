@@ -28,6 +28,8 @@ public:
     }
     bool read(const char* name, std::string& into);
     bool read(const char* name, bool& into);
+    /// Takes a number with or without a fraction.
+    bool readReal(const char* name, double least, double most, double& into);
     /// Takes seconds with a fraction, 0 to a day.
     bool readSeconds(const char* name, std::int64_t& intoMilliseconds);
 
