@@ -3,6 +3,7 @@
 #include "DeviceEvents.h"
 #include "LapiEnvelope.h"
 #include "MediaServer.h"
+#include "PtzHeads.h"
 #include "Replies.h"
 
 #include <memory>
@@ -108,6 +109,11 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
         admin->media.clearCounters();
         admin->events.clearCounters();
         return Reply{};
+    });
+    router.add("GET", "/simulator/state", [admin](const Call&) {
+        Json::Value data = admin->events.state();
+        data["ptz"] = admin->heads.state();
+        return withData(std::move(data));
     });
     router.add("GET", "/simulator/requests", [admin](const Call&) { return withData(admin->activity.requests()); });
 }

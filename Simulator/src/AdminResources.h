@@ -12,6 +12,7 @@ namespace simulator
 
 class DeviceEvents;
 class MediaServer;
+class PtzHeads;
 
 /// What the administration may do to the simulator. Nothing is owned; everything outlives the router.
 struct Administered {
@@ -19,6 +20,7 @@ struct Administered {
     FaultTable& faults;
     MediaServer& media;
     DeviceEvents& events;
+    PtzHeads& heads;
     std::function<void()> openRtspPort;
     std::function<void()> closeRtspPort;  ///< and its connections
     std::function<void(std::chrono::milliseconds)> reboot;

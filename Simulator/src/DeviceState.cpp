@@ -1,6 +1,8 @@
 #include "DeviceState.h"
 
-#include <charconv>
+#include "Numbers.h"
+
+#include <algorithm>
 
 namespace simulator
 {
@@ -97,14 +99,11 @@ DeviceState::DeviceState(const Options& options) : deviceKind(options.kind)
 
 std::optional<unsigned> DeviceState::channelIndex(std::string_view number) const
 {
-    unsigned value = 0;
-    const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
-    if (error != std::errc{} || end != number.data() + number.size())
-        return std::nullopt;
+    const auto value = parseNumber(number);
     const unsigned first = deviceKind == Kind::camera ? 0 : 1;
-    if (value < first || value - first >= channelCount())
+    if (!value || *value < first || *value - first >= channelCount())
         return std::nullopt;
-    return value - first;
+    return *value - first;
 }
 
 void DeviceState::setPorts(const Ports& portsInUse)

@@ -3,9 +3,9 @@
 #include "JsonMembers.h"
 #include "LapiEnvelope.h"
 #include "Log.h"
+#include "Numbers.h"
 #include "Replies.h"
 
-#include <charconv>
 #include <optional>
 #include <string>
 #include <variant>
@@ -83,11 +83,8 @@ Reply pushEvents(DeviceEvents& events, const Call& call)
 
 std::optional<unsigned> inputIndex(const std::string& text, const IoState& io)
 {
-    unsigned index = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), index);
-    if (error != std::errc{} || end != text.data() + text.size() || index >= io.inputCount())
-        return std::nullopt;
-    return index;
+    const auto index = parseNumber(text);
+    return index && *index < io.inputCount() ? index : std::nullopt;
 }
 
 Reply changeInput(DeviceEvents& events, const IoState& io, const Call& call)
@@ -129,7 +126,6 @@ void addEventResources(Router& router, DeviceEvents& events, IoState& io)
 
 void addEventAdministration(Router& router, DeviceEvents& events, const IoState& io)
 {
-    router.add("GET", "/simulator/state", [&events](const Call&) { return withData(events.state()); });
     router.add("POST", "/simulator/events", [&events](const Call& call) { return pushEvents(events, call); });
     router.add("POST", "/simulator/inputs/{}",
                [&events, &io](const Call& call) { return changeInput(events, io, call); });

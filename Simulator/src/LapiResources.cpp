@@ -1,5 +1,6 @@
 #include "LapiResources.h"
 
+#include "ChannelRoute.h"
 #include "LapiEnvelope.h"
 #include "Replies.h"
 
@@ -7,16 +8,6 @@ namespace simulator
 {
 namespace
 {
-
-/// Runs `handle` with the index of the channel that the path names.
-template <typename Handle>
-Handler forChannel(const DeviceState& state, Handle handle)
-{
-    return [&state, handle](const Call& call) {
-        const auto channel = state.channelIndex(call.captures.at(0));
-        return channel ? handle(call, *channel) : unknownPath("Channel does not exist");
-    };
-}
 
 void addIdentification(Router& router, const DeviceState& state, bool pluralPorts)
 {

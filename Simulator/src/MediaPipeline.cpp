@@ -87,8 +87,9 @@ std::string testPictureLaunch(const PictureSettings& settings)
     std::ostringstream out;
     out.imbue(std::locale::classic());
     out << "( videotestsrc is-live=true pattern=smpte100 horizontal-speed=2 ! capsfilter name=picture caps=\""
-        << pictureCaps(settings) << "\" ! textoverlay valignment=top halignment=left text=\"" << settings.title << '"'
-        << font << " ! clockoverlay valignment=top halignment=right time-format=\"%Y-%m-%d %H:%M:%S\"" << font
+        << pictureCaps(settings)
+        << "\" ! textoverlay name=caption line-alignment=left valignment=top halignment=left text=\"" << settings.title
+        << '"' << font << " ! clockoverlay valignment=top halignment=right time-format=\"%Y-%m-%d %H:%M:%S\"" << font
         << " ! timeoverlay valignment=bottom halignment=left" << font << " ! " << encoderLaunch(settings) << " ! "
         << videoPayloader(settings.codec);
     if (settings.audio)

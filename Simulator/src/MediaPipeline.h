@@ -24,8 +24,8 @@ struct PictureSettings {
 std::string pictureCaps(const PictureSettings& settings);
 
 /// The launch line for GStreamer's RTSP server: a moving test picture with a title and a running clock, and a tone.
-/// The filter that decides the size is called "picture", the encoder "encoder", the payloaders "pay0" (video) and
-/// "pay1" (audio).
+/// The filter that decides the size is called "picture", the overlay that shows the title "caption", the encoder
+/// "encoder", the payloaders "pay0" (video) and "pay1" (audio).
 std::string testPictureLaunch(const PictureSettings& settings);
 
 /// The launch line for media from memory: application sources "video" and "audio" that a feeder fills.

@@ -6,6 +6,7 @@
 #include "Log.h"
 #include "MediaFile.h"
 #include "MediaPipeline.h"
+#include "PictureCaption.h"
 #include "RtspThread.h"
 #include "SimulatedMedia.h"
 
@@ -71,10 +72,15 @@ GlibPointer<GstRTSPAuth> makeAuthentication(const Options& options, const std::s
     return auth;
 }
 
+std::string pictureTitle(unsigned channel, unsigned stream)
+{
+    return "Channel " + std::to_string(channel + 1) + (stream == 0 ? " main" : " sub");
+}
+
 PictureSettings pictureSettings(const Options& options, unsigned channel, unsigned stream)
 {
     PictureSettings settings;
-    settings.title = "Channel " + std::to_string(channel + 1) + (stream == 0 ? " main" : " sub");
+    settings.title = pictureTitle(channel, stream);
     settings.codec = options.codec;
     settings.size = stream == 0 ? options.size : options.subSize;
     settings.framesPerSecond = options.framesPerSecond;
@@ -115,13 +121,14 @@ struct MediaServer::State {
         GlibPointer<GstElement> picture = {};  ///< the filter of the newest medium; guarded by `mutex`
     };
 
-    explicit State(const FaultTable& faultTable) : faults(faultTable)
+    State(const FaultTable& faultTable, Caption captionToShow) : faults(faultTable), caption(std::move(captionToShow))
     {
         for (const Method& method : methods)
             hooks.push_back({this, &method});
     }
 
     const FaultTable& faults;
+    const Caption caption;
     Options options;               ///< as they are now
     unsigned sessionTimeout = 60;  ///< read on GStreamer's threads, so apart from what changes
     GlibPointer<GstRTSPServer> server;
@@ -205,6 +212,9 @@ void MediaServer::State::onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpoi
     const GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
     if (stream.file)
         return feedFromFile(pipeline.get(), stream.file);
+    keepCaption(pipeline.get(), [&stream, title = pictureTitle(stream.channel, stream.number)] {
+        return title + '\n' + stream.state->caption(stream.channel);
+    });
     const std::lock_guard lock(stream.state->mutex);
     stream.picture.reset(gst_bin_get_by_name(GST_BIN(pipeline.get()), "picture"));
 }
@@ -280,8 +290,8 @@ void MediaServer::State::onClosed(GstRTSPClient* client, gpointer data)
     self.connections.erase(GPOINTER_TO_SIZE(g_object_get_data(G_OBJECT(client), connectionKey)));
 }
 
-MediaServer::MediaServer(Options& options, const std::string& realm, const FaultTable& faults)
-    : state(std::make_unique<State>(faults))
+MediaServer::MediaServer(Options& options, const std::string& realm, const FaultTable& faults, Caption caption)
+    : state(std::make_unique<State>(faults, std::move(caption)))
 {
     GError* error = nullptr;
     if (!gst_init_check(nullptr, nullptr, &error)) {

@@ -8,6 +8,7 @@
 #include <boost/asio/ip/tcp.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,10 +22,12 @@ namespace simulator
 /// handled on a thread of their own, and GStreamer encodes on further ones.
 class MediaServer {
 public:
+    using Caption = std::function<std::string(unsigned channel)>;
+
     /// Throws std::runtime_error with a sentence when GStreamer lacks something or the media file cannot be served.
     /// `faults` is not owned and outlives the server. With a media file, `options` receives its codec, size and
-    /// frame rate.
-    MediaServer(Options& options, const std::string& realm, const FaultTable& faults);
+    /// frame rate; the test picture shows in each frame what `caption` says of its channel, asked on any thread.
+    MediaServer(Options& options, const std::string& realm, const FaultTable& faults, Caption caption);
     ~MediaServer();
     MediaServer(const MediaServer&) = delete;
     MediaServer& operator=(const MediaServer&) = delete;

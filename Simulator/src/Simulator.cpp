@@ -18,6 +18,8 @@
 #include "Log.h"
 #include "MediaServer.h"
 #include "Notification.h"
+#include "PtzHeads.h"
+#include "PtzResources.h"
 #include "RtspPort.h"
 
 #include <boost/asio/io_context.hpp>
@@ -79,6 +81,7 @@ struct Simulator::State {
 
     Options options;
     FaultTable faults;
+    PtzHeads heads;
     MediaServer media;   ///< changes `options` to what a media file holds,
     DeviceState device;  ///< which the device then reports
     IoState io;
@@ -104,7 +107,8 @@ struct Simulator::State {
 Simulator::State::State(boost::asio::io_context& context, Options given)
     : options(std::move(given)),
       faults(options.faults),
-      media(options, macAddress, faults),
+      heads(options.channels),
+      media(options, macAddress, faults, [this](unsigned channel) { return heads.caption(channel); }),
       device(options),
       io(options.inputs, options.relays),
       events(context, io, scriptOf(options)),
@@ -130,11 +134,12 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
     device.setPorts({httpPort.port(), httpsPort ? httpsPort->port() : 0u, rtspPort.port()});
     events.setHttpPort(httpPort.port());
     addLapiResources(lapiRoutes, device, options.pluralPorts);
+    addPtzResources(lapiRoutes, device, heads);
     addEventResources(lapiRoutes, events, io);
     addEventAdministration(adminRoutes, events, io);
     addAdminResources(adminRoutes,
-                      {activity, faults, media, events, [this] { rtspPort.open(); }, [this] { rtspPort.close(); },
-                       [this](std::chrono::milliseconds duration) { reboot(duration); }});
+                      {activity, faults, media, events, heads, [this] { rtspPort.open(); },
+                       [this] { rtspPort.close(); }, [this](std::chrono::milliseconds duration) { reboot(duration); }});
     watchSessions();
 }
 

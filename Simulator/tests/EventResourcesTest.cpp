@@ -43,7 +43,7 @@ protected:
                                  .deviceAddress = "127.0.0.3"});
     }
 
-    Json::Value state() { return ask("GET", "/simulator/state").data; }
+    Json::Value state() { return events.state(); }
 
     boost::asio::io_context context;
     IoState io{4, 2};

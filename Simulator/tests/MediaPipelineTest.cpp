@@ -24,8 +24,8 @@ TEST(TestPicture, carriesTitleClockAndToneAsAsked)
     settings.size = {640, 480};
     settings.framesPerSecond = 10;
     const std::string launch = testPictureLaunch(settings);
-    for (const char* part : {"Channel 3 main", "clockoverlay", "width=640,height=480,framerate=10/1", "key-int-max=10",
-                             "name=encoder", "x264enc", "name=pay0", "name=pay1"})
+    for (const char* part : {"Channel 3 main", "name=caption", "clockoverlay", "width=640,height=480,framerate=10/1",
+                             "key-int-max=10", "name=encoder", "x264enc", "name=pay0", "name=pay1"})
         EXPECT_NE(launch.find(part), std::string::npos) << part;
 
     settings.audio = false;
