@@ -92,6 +92,18 @@ std::string readPassword(const std::filesystem::path& file)
         password.pop_back();
     return password;
 }
+
+std::string checkNumber(const std::string& text, double least, double most, const char* kind)
+{
+    double value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    // Written so that "nan", which is a number to every parser, is refused too.
+    if (error == std::errc{} && stop == end && value >= least && value <= most)
+        return {};
+    return "\"" + text + "\" is no " + kind + " from " + decimalText(least, least < 1 && least > 0 ? 3 : 0) + " to " +
+           decimalText(most, 0);
+}
 }  // namespace
 
 void describeCommonOptions(CLI::App& app, CommonOptions& options)
@@ -104,14 +116,12 @@ void describeCommonOptions(CLI::App& app, CommonOptions& options)
 
 std::string checkSeconds(const std::string& text, double least, double most)
 {
-    double value = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value);
-    // Written so that "nan", which is a number to every parser, is refused too.
-    if (error == std::errc{} && stop == end && value >= least && value <= most)
-        return {};
-    return "\"" + text + "\" is no number of seconds from " + decimalText(least, least < 1 && least > 0 ? 3 : 0) +
-           " to " + decimalText(most, 0);
+    return checkNumber(text, least, most, "number of seconds");
+}
+
+std::string checkNumber(const std::string& text, double least, double most)
+{
+    return checkNumber(text, least, most, "number");
 }
 
 DeviceAddress deviceAddress(const CommonOptions& options)

@@ -40,6 +40,9 @@ void describeCommonOptions(CLI::App& app, CommonOptions& options);
 /// For the option parser: why `text` is no number of seconds within the limits; empty when it is one.
 std::string checkSeconds(const std::string& text, double least, double most);
 
+/// The same for any decimal number.
+std::string checkNumber(const std::string& text, double least, double most);
+
 /// The device's address with the password from the address itself, from `--password-file` or from the
 /// environment variable `passwordVariable`. Throws `Failure` (usage).
 DeviceAddress deviceAddress(const CommonOptions& options);

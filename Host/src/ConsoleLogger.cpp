@@ -1,6 +1,7 @@
 #include "ConsoleLogger.h"
 
 #include "Console.h"
+#include "LoggedErrors.h"
 #include "TimeText.h"
 
 #include <chrono>
@@ -34,6 +35,8 @@ void* ConsoleLogger::FindContract(const char* name) noexcept
 void ConsoleLogger::Log(Tavro8::LogSeverity severity, const char* function, const char*, int,
                         const char* message) noexcept
 try {
+    if (severity == Tavro8::LogSeverity::error)
+        LoggedErrors::note(message != nullptr ? message : "");
     if (!Tavro8::wants(level, severity))
         return;
     std::string text = clockText(std::chrono::system_clock::now());

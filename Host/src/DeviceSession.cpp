@@ -47,6 +47,12 @@ std::string reasonSentence(const std::string& what, std::int32_t result)
     return what + ": " + Tavro8::describeResult(result) + " (result " + std::to_string(result) + ")";
 }
 
+void requireMade(const void* object, const std::string& what, std::int32_t result)
+{
+    if (result != Tavro8::toResult(ResultCode::success) || object == nullptr)
+        throw Failure(ExitStatus::failed, reasonSentence(what, result), result);
+}
+
 DeviceSession::DeviceSession(GDRV::IModule& module, const GDRV::IDeviceDescription& description,
                              Surroundings sessionSurroundings)
     : surroundings(std::move(sessionSurroundings))

@@ -76,4 +76,7 @@ std::string reasonSentence(const std::string& what, std::int32_t result);
 
 /// The same for a failed connection or call, with what to check if that helps.
 std::string failureSentence(const std::string& what, std::int32_t result);
+
+/// Throws `Failure` with `what` as its reason unless the module has made the object.
+void requireMade(const void* object, const std::string& what, std::int32_t result);
 }  // namespace Host

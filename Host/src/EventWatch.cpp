@@ -1,24 +1,12 @@
 #include "EventWatch.h"
 
 #include "DeviceSession.h"
-#include "ExitStatus.h"
 
-#include <Tavro8/ResultCode.h>
 #include <utility>
 
 namespace Host
 {
 namespace GDRV = Tavro8::GDRV;
-namespace
-{
-/// Throws unless the module has made the object.
-void requireMade(const void* object, const std::string& what, std::int32_t result)
-{
-    if (result != Tavro8::toResult(Tavro8::ResultCode::success) || object == nullptr)
-        throw Failure(ExitStatus::failed, reasonSentence(what, result), result);
-}
-}  // namespace
-
 IoWatch::IoWatch(GDRV::IDevice& device, std::uint32_t channel, Callbacks watchCallbacks)
     : callbacks(std::move(watchCallbacks))
 {

@@ -63,6 +63,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(makeLiveCommand());
     commands.push_back(makeEventsCommand());
     commands.push_back(makeRelayCommand());
+    commands.push_back(makePtzCommand());
     return commands;
 }
 }  // namespace Host

@@ -100,6 +100,7 @@ std::unique_ptr<Command> makeInfoCommand();
 std::unique_ptr<Command> makeLiveCommand();
 std::unique_ptr<Command> makeEventsCommand();
 std::unique_ptr<Command> makeRelayCommand();
+std::unique_ptr<Command> makePtzCommand();
 
 /// All commands in the order of the help.
 std::vector<std::unique_ptr<Command>> makeCommands();

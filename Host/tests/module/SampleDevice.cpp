@@ -2,6 +2,7 @@
 
 #include "Events.h"
 #include "Sources.h"
+#include "Telemetry.h"
 
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
@@ -40,8 +41,9 @@ try {
 }
 }  // namespace
 
-SampleDevice::SampleDevice(const GDRV::IDeviceDescription& description, GDRV::IDeviceHandler* hostHandler)
-    : handler(hostHandler), channels(description.GetVideoChannelCount())
+SampleDevice::SampleDevice(const GDRV::IDeviceDescription& description, GDRV::IDeviceHandler* hostHandler,
+                           Tavro8::ILogger* hostLogger)
+    : handler(hostHandler), logger(hostLogger), channels(description.GetVideoChannelCount())
 {}
 
 void* SampleDevice::FindContract(const char* name) noexcept
@@ -177,9 +179,16 @@ std::int32_t SampleDevice::CreateIODevice(std::uint32_t channel, GDRV::IIODevice
     return create(ioDevice, [&] { return new IODevice(*loop, channel, ioHandler, hostName != "dark"); });
 }
 
-std::int32_t SampleDevice::CreateTelemetry(std::uint32_t, GDRV::ITelemetry** telemetry) noexcept
+std::int32_t SampleDevice::CreateTelemetry(std::uint32_t channel, GDRV::ITelemetry** telemetry) noexcept
 {
-    return notSupported(telemetry);
+    *telemetry = nullptr;
+    if (hostName == "mute")
+        return notSupported(telemetry);
+    if (channel >= channels)
+        return toResult(ResultCode::notFound);
+    return create(telemetry, [&] {
+        return new Telemetry(channel, logger, {.moves = hostName != "dark", .positions = hostName != "voiceless"});
+    });
 }
 
 std::int32_t SampleDevice::CreateDetector(std::uint32_t channel, const ParameterMap& parameters,

@@ -17,12 +17,12 @@ namespace Sample
 /// | refusing, unreachable | every attempt fails with 513, 256 |
 /// | late | the first two attempts fail, the third connects |
 /// | silent | never answers |
-/// | dark | connects but sends nothing and answers no relay |
+/// | dark | connects but sends nothing, answers no relay and does not move |
 /// | barred | connects but refuses every stream, with 1025 |
 /// | crowded | serves the first two streams that are made in the process and refuses all others, with 1025 |
 /// | tardy | computes for 0.4 s before its first picture |
-/// | mute | connects; makes no audio source and no inputs and relays |
-/// | voiceless | sends a test picture; its sound is refused with 1024 |
+/// | mute | connects; makes no audio source, no inputs and relays, and no telemetry |
+/// | voiceless | sends a test picture; its sound is refused with 1024; knows continuous movement alone |
 /// | growing | the picture becomes larger after a second |
 /// | stuck | works, but never reports that it was closed |
 /// | flaky | the connection is lost and comes back while the pictures go on |
@@ -30,7 +30,8 @@ namespace Sample
 /// Any other name is unreachable too.
 class SampleDevice final : public Tavro8::GDRV::IDevice, private Tavro8::GDRV::IDeviceInformation {
 public:
-    SampleDevice(const Tavro8::GDRV::IDeviceDescription& description, Tavro8::GDRV::IDeviceHandler* hostHandler);
+    SampleDevice(const Tavro8::GDRV::IDeviceDescription& description, Tavro8::GDRV::IDeviceHandler* hostHandler,
+                 Tavro8::ILogger* hostLogger);
 
     void* FindContract(const char* name) noexcept override;
 
@@ -75,6 +76,7 @@ private:
     void loseConnection();
 
     Tavro8::GDRV::IDeviceHandler* const handler;  // the host's, may be null
+    Tavro8::ILogger* const logger;                // likewise
     const std::uint32_t channels;
     std::unique_ptr<Loop> loop = std::make_unique<Loop>();
     std::string userInfo;  // written by Open, before the loop reads it

@@ -39,7 +39,7 @@ public:
         if (logger != nullptr && Tavro8::wants(logger->GetLevel(), Tavro8::LogSeverity::debug))
             logger->Log(Tavro8::LogSeverity::debug, "Sample::Module::CreateDevice", "SampleModule", __LINE__,
                         description->GetName());
-        *device = new SampleDevice(*description, handler);
+        *device = new SampleDevice(*description, handler, logger);
         return Tavro8::toResult(Tavro8::ResultCode::success);
     } catch (const std::exception&) {
         return Tavro8::toResult(Tavro8::ResultCode::noResources);

@@ -1,0 +1,117 @@
+#include "commands/PtzCommand.h"
+
+#include "Console.h"
+#include "DeviceSession.h"
+#include "Output.h"
+#include "TimeText.h"
+
+#include <CLI/CLI.hpp>
+#include <Tavro8/ResultCode.h>
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace Host
+{
+namespace
+{
+using Clock = Monitor::Clock;
+
+PtzOperations allOperations()
+{
+    PtzOperations all = makePtzMovements();
+    PtzOperations positions = makePtzPositions();
+    std::move(positions.begin(), positions.end(), std::back_inserter(all));
+    all.push_back(makePtzPreset());
+    all.push_back(makePtzTour());
+    return all;
+}
+
+class PtzCommand final : public Command {
+public:
+    const char* getName() const override { return operations.getName(); }
+    const char* getSummary() const override { return operations.getSummary(); }
+
+    void describeOptions(CLI::App& app) override
+    {
+        app.add_option("--channel", channel, "Channel, counted from 0; also behind the operation")
+            ->type_name("N")
+            ->capture_default_str();
+        operations.describeOptions(app);
+        app.footer(
+            "The speeds of move, zoom, focus and iris are whole numbers, whose sign is the direction: right, up, "
+            "closer,\n"
+            "far and open are positive. Those of absolute are 0 to 9. Limits are the model's (--model), 100 without "
+            "one.\n"
+            "The module tells no result of move, zoom, focus, iris and stop. They end with status 4, and without the\n"
+            "event `result`, when it logs an error meanwhile; otherwise `code` is 0.\n\n" +
+            app.get_footer());
+    }
+
+    ExitStatus run(const Surroundings& surroundings) override
+    {
+        operations.check();
+        const ConnectedDevices devices(surroundings);
+        const Telemetry telemetry(devices.getFirst().getDevice(), channel);
+        return operations.run({surroundings, telemetry, channel});
+    }
+
+private:
+    PtzGroup operations{"ptz", "Move the camera: pan, tilt, zoom, presets and tours", allOperations()};
+    std::uint32_t channel = 0;
+};
+}  // namespace
+
+void PtzRun::report(const std::string& operation, Json::Value fields, std::int32_t result, const std::string& readable,
+                    const std::string& what) const
+{
+    fields["code"] = result;
+    fields["operation"] = operation;
+    fields["channel"] = channel;
+    const bool done = result == Tavro8::toResult(Tavro8::ResultCode::success);
+    surroundings.output.event("result", fields, done ? readable + '\n' : "");
+    if (!done)
+        throw Failure(ExitStatus::failed, reasonSentence(what, result), result);
+}
+
+void PtzRun::pass(double seconds, const std::string& doing) const
+{
+    const auto begin = Clock::now();
+    const auto end = seconds > 0
+                         ? begin + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))
+                         : Clock::time_point::max();
+    const auto tick = surroundings.console.showsProgress() ? Clock::duration(std::chrono::milliseconds(250))
+                                                           : Clock::duration(std::chrono::hours(1));
+    while (!surroundings.interrupted.stop_requested() && Clock::now() < end) {
+        surroundings.console.progress(doing + ", " + durationText(Clock::now() - begin));
+        surroundings.monitor.wait(surroundings.interrupted, std::min(end, Clock::now() + tick), [] { return false; });
+    }
+    surroundings.console.clearProgress();
+}
+
+void PtzGroup::describeOptions(CLI::App& app)
+{
+    for (const auto& operation : operations) {
+        CLI::App& part = *app.add_subcommand(operation->getName(), operation->getSummary());
+        operation->describeOptions(part);
+        parts.push_back(&part);
+    }
+    app.require_subcommand(0, 1);  // none is refused with the list of them
+}
+
+PtzOperation& PtzGroup::chosen() const
+{
+    std::string names;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (parts[i]->parsed())
+            return *operations[i];
+        names.append(names.empty() ? "" : ", ").append(operations[i]->getName());
+    }
+    throw Failure(ExitStatus::usage, std::string("name one of these behind ") + name + ": " + names);
+}
+
+std::unique_ptr<Command> makePtzCommand()
+{
+    return std::make_unique<PtzCommand>();
+}
+}  // namespace Host
