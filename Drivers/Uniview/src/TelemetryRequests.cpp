@@ -58,8 +58,7 @@ try {
                           outcome->reply = lapi::judge(ec, response, body, expect);
                           outcome->done = true;
                       }));
-    while (!outcome->done && context.run_one() != 0) {
-    }
+    Tavro8::http::runUntil(context, outcome->done);
     if (!outcome->done)
         return failedToRun(make_error_code(Tavro8::ResultCode::unexpected));
     return std::move(outcome->reply);

@@ -82,7 +82,8 @@ using CompletionHandler =
 using ConnectionInfoPtr = std::shared_ptr<const asio::ConnectionInfo>;
 using CancellationPtr = std::shared_ptr<ICancellation>;
 
-/// Requests that complete on `context`, which one thread runs; any thread may issue them. `path` begins with '/'.
+/// Requests that complete on `context`, which one thread runs (see `runUntil`); any thread may issue them. `path`
+/// begins with '/'.
 ///
 /// Connections are kept and shared by all requests of one I/O context to one device, at most four at once, first
 /// come first served; those of other contexts have their own. A connection that is merely kept does not keep
@@ -120,6 +121,12 @@ IPUTIL_API CancellationPtr asyncDeleteEx(const ConnectionInfoPtr& info, const st
 IPUTIL_API CancellationPtr asyncDeleteEx(const ConnectionInfoPtr& info, const std::string& path,
                                          boost::asio::io_context& context, const HttpHeaders& headers,
                                          CompletionHandler handler);
+
+/// Runs the handlers of `context` on the calling thread until one of them has set `finished` or no work is left. A
+/// context that requests complete on is run by this, or is one of the global service: Asio notes who runs a context in
+/// each shared library apart, and a socket that was made here and served by the caller's own copy of Asio finds nobody.
+/// Throws what a handler throws.
+IPUTIL_API void runUntil(boost::asio::io_context& context, const bool& finished);
 
 /// Blocking requests, for threads that may wait: never an I/O thread. One thread at a time.
 class IPUTIL_API HttpSession {

@@ -3,6 +3,7 @@
 
 #include <IpUtil/Http.h>
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
 #include <utility>
 
 namespace Tavro8::http
@@ -20,6 +21,12 @@ HttpRequest makeRequest(const char* method, const std::string& path, const HttpH
     return request;
 }
 }  // namespace
+
+void runUntil(boost::asio::io_context& context, const bool& finished)
+{
+    while (!finished && context.run_one() != 0) {
+    }
+}
 
 CancellationPtr asyncGetEx(const ConnectionInfoPtr& info, const std::string& path, boost::asio::io_context& context,
                            CompletionHandler handler)
