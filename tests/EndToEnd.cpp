@@ -55,4 +55,13 @@ HostRun hostRun(const ProgramResult& result)
 {
     return {result.status, result.output, result.errors, parseJsonLines(result.output)};
 }
+
+bool eventually(const std::function<bool()>& holds)
+{
+    const auto deadline = ChildProcess::Clock::now() + std::chrono::seconds(15);
+    while (!holds())
+        if (ChildProcess::Clock::now() > deadline)
+            return false;
+    return true;
+}
 }  // namespace kelvo::test

@@ -4,6 +4,7 @@
 #include "SimulatorProcess.h"
 
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <json/value.h>
 #include <string>
@@ -50,4 +51,7 @@ std::vector<std::string> hostCommand(const ScratchFolder& folder, const std::str
 /// Runs kelvo-host to its end with JSON output.
 HostRun runHost(const ScratchFolder& folder, const std::string& address, const std::vector<std::string>& arguments);
 HostRun hostRun(const ProgramResult& result);
+
+/// Asks again until it holds; false when it does not within 15 s.
+bool eventually(const std::function<bool()>& holds);
 }  // namespace kelvo::test

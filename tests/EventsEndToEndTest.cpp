@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <fstream>
-#include <functional>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,15 +27,6 @@ std::string freePort()
     ::close(socket);
     EXPECT_TRUE(found);
     return std::to_string(ntohs(address.sin6_port));
-}
-
-bool eventually(const std::function<bool()>& holds)
-{
-    const auto deadline = ChildProcess::Clock::now() + std::chrono::seconds(15);
-    while (!holds())
-        if (ChildProcess::Clock::now() > deadline)
-            return false;
-    return true;
 }
 
 bool hasSubscribed(const SimulatorProcess& device)

@@ -173,7 +173,7 @@ std::variant<PtzAbsoluteMove, std::string> parsePtzAbsoluteMove(std::string_view
     return parseBody<PtzAbsoluteMove>(body, [](JsonMembers& members, PtzAbsoluteMove& move) {
         members.require("Longitude");
         members.require("Latitude");
-        members.readReal("Longitude", panRange.least, panRange.most, move.pan);
+        members.readReal("Longitude", -panRange.most, panRange.most, move.pan);  // -30 is as good as 330
         members.readReal("Latitude", tiltRange.least, tiltRange.most, move.tilt);
         readSpeed(members, "MoveSpeed", move.speed);
     });

@@ -26,7 +26,7 @@ struct PtzDrive {
 std::variant<PtzDrive, std::string> parsePtzDrive(std::string_view body);
 
 struct PtzAbsoluteMove {
-    double pan = 0;
+    double pan = 0;  ///< -360..360
     double tilt = 0;
     unsigned speed = 0;  ///< 1..9
 };

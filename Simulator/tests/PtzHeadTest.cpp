@@ -213,6 +213,8 @@ TEST_F(PtzHeadTest, tellsItsPositionWithTwoDecimals)
     EXPECT_EQ(head.zoomInformation(now)["ZoomRatio"], 1.24);
     look(359.999);
     EXPECT_EQ(head.moveInformation(now)["Longitude"], 0.0) << "never 360";
+    look(-30);
+    EXPECT_EQ(head.moveInformation(now)["Longitude"], 330.0);
 }
 
 }  // namespace

@@ -1,13 +1,12 @@
 #include "Eventually.h"
 #include "JsonText.h"
+#include "PictureCaption.h"
 #include "Programs.h"
 #include "SimulatorProcess.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <numeric>
 
 namespace simulator::test
 {
@@ -72,51 +71,23 @@ TEST(Ptz, refusesThroughTheEnvelope)
     EXPECT_EQ(ptz(simulator)["commands"], 0);
 }
 
-/// A simulator with a picture of 320 x 240, so that the place of its caption is known.
+/// The size in which the place of the caption is known.
 std::vector<std::string> smallPicture(std::vector<std::string> more = {})
 {
     more.insert(more.end(), {"--size", "320x240", "--sub-size", "160x120", "--no-audio"});
     return more;
 }
 
-/// One mark for each pixel.
-using Letters = std::string;
-
-/// The letters that tell where the head looks, in so many frames of the main stream. They are white on a shade that
-/// keeps everything behind them darker.
-std::vector<Letters> captionsOf(const SimulatorProcess& simulator, std::size_t frames)
+std::vector<Caption> captionsOf(const SimulatorProcess& simulator, std::size_t frames)
 {
-    constexpr std::size_t captionBytes = 110 * 48;
-    constexpr unsigned char white = 190;
-    const ProgramResult result =
-        runProgram({"ffmpeg", "-v", "error", "-analyzeduration", "100000", "-rtsp_transport", "tcp", "-i",
-                    simulator.rtspUrl("/media/video1"), "-frames:v", std::to_string(frames), "-vf", "crop=110:48:19:40",
-                    "-pix_fmt", "gray", "-f", "rawvideo", "-"});
-    EXPECT_EQ(result.status, 0) << result.errors;
-    std::vector<Letters> captions;
-    for (std::size_t at = 0; at + captionBytes <= result.output.size(); at += captionBytes) {
-        captions.push_back(result.output.substr(at, captionBytes));
-        for (char& pixel : captions.back())
-            pixel = static_cast<unsigned char>(pixel) > white ? '#' : ' ';
-    }
-    EXPECT_EQ(captions.size(), frames);
-    captions.resize(frames);
-    return captions;
-}
-
-/// In how many pixels two captions differ, as a share of the white ones of the first.
-double difference(const Letters& one, const Letters& other)
-{
-    const auto different = std::inner_product(one.begin(), one.end(), other.begin(), 0, std::plus<>(),
-                                              [](char a, char b) { return a == b ? 0 : 1; });
-    return different / static_cast<double>(std::ranges::count(one, '#'));
+    return kelvo::test::captionsOf({"-rtsp_transport", "tcp", "-i", simulator.rtspUrl("/media/video1")}, frames);
 }
 
 /// The largest difference to the first of them.
-double variation(const std::vector<Letters>& captions)
+double variation(const std::vector<Caption>& captions)
 {
     double most = 0;
-    for (const Letters& caption : captions)
+    for (const Caption& caption : captions)
         most = std::max(most, difference(captions.front(), caption));
     return most;
 }
@@ -125,12 +96,11 @@ TEST(PtzPicture, showsWhereTheHeadLooks)
 {
     const SimulatorProcess simulator(smallPicture());
     look(simulator, "30", "10", "2");
-    const Letters there = captionsOf(simulator, 1)[0];
-    EXPECT_GT(std::ranges::count(there, '#'), 100);
+    const Caption there = captionsOf(simulator, 1)[0];
     look(simulator, "147.25", "-86", "19.5");
-    const Letters elsewhere = captionsOf(simulator, 1)[0];
+    const Caption elsewhere = captionsOf(simulator, 1)[0];
     look(simulator, "30", "10", "2");
-    const Letters thereAgain = captionsOf(simulator, 1)[0];
+    const Caption thereAgain = captionsOf(simulator, 1)[0];
     EXPECT_GT(difference(there, elsewhere), 0.3);
     EXPECT_LT(difference(there, thereAgain), 0.1) << "the clock has gone on, but not in this corner";
 }

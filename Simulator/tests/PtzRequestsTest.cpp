@@ -106,7 +106,7 @@ TEST(PtzAbsoluteMove, refusesWhatIsBeyondItsReach)
              R"({"Longitude":1})",
              R"({"Latitude":1})",
              R"({"Longitude":361,"Latitude":0})",
-             R"({"Longitude":-1,"Latitude":0})",
+             R"({"Longitude":-361,"Latitude":0})",
              R"({"Longitude":0,"Latitude":90.01})",
              R"({"Longitude":0,"Latitude":4.29497e+07})",
              R"({"Longitude":"0","Latitude":0})",
