@@ -97,7 +97,7 @@ TEST(PtzPicture, showsWhereTheHeadLooks)
     const SimulatorProcess simulator(smallPicture());
     look(simulator, "30", "10", "2");
     const Caption there = captionsOf(simulator, 1)[0];
-    look(simulator, "147.25", "-86", "19.5");
+    look(simulator, "147.25", "-86", "4.5");
     const Caption elsewhere = captionsOf(simulator, 1)[0];
     look(simulator, "30", "10", "2");
     const Caption thereAgain = captionsOf(simulator, 1)[0];
