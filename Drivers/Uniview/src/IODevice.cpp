@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "IODevice.h"
 
 #include "Device.h"
@@ -8,6 +10,8 @@
 #include <IpUtil/Http.h>
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <string>
 
 namespace Uniview
@@ -35,14 +39,15 @@ std::string relayBody(std::uint32_t relayIndex, bool state)
 }  // namespace
 
 Tavro8::GDRV::IIODevice* IODevice::create(Device* device, std::uint32_t channelIndex,
-                                          Tavro8::GDRV::IIODeviceHandler* handler)
+                                          Tavro8::GDRV::IIODeviceHandler* handler, std::chrono::milliseconds farewell)
 {
-    const auto object = std::make_shared<IODevice>(handler, channelIndex, device);
+    const auto object = std::make_shared<IODevice>(handler, channelIndex, device, farewell);
     object->channel.adopt(object);
     return object.get();
 }
 
-IODevice::IODevice(Tavro8::GDRV::IIODeviceHandler* handler, std::uint32_t channelIndex, Device* device)
+IODevice::IODevice(Tavro8::GDRV::IIODeviceHandler* handler, std::uint32_t channelIndex, Device* device,
+                   std::chrono::milliseconds farewell)
     : device(device),
       channelIndex(channelIndex),
       rayCount(modelCount(*device, channelIndex, "rayCount")),
@@ -51,13 +56,25 @@ IODevice::IODevice(Tavro8::GDRV::IIODeviceHandler* handler, std::uint32_t channe
       inputStates(rayCount, InputState::unknown),
       channel({device, this, static_cast<Tavro8::GDRV::IIODevice*>(this), handler, "Drivers/Uniview/src/IODevice",
                "Uniview::IODevice::Start", "Uniview::IODevice::Stop", "Uniview::IODevice::Destroy"},
-              ioObjectName(device->getDescription()->name, channelIndex))
+              ioObjectName(device->getDescription()->name, channelIndex)),
+      farewell(farewell),
+      farewellTimer(device->service())
 {}
 
 void* IODevice::FindContract(const char* name) noexcept
 {
     using namespace Tavro8::GDRV;
     return Tavro8::findContractIn<IIODevice, IDeviceChannel, Tavro8::IContract>(static_cast<IIODevice*>(this), name);
+}
+
+void IODevice::Destroy() noexcept
+{
+    Tavro8::guardedVoid(channel.log(), "Uniview::IODevice::Destroy", [this] {
+        boost::asio::post(device->service(), [self = shared_from_this()] {
+            Tavro8::guardedVoid(self->channel.log(), switching, [&] { self->sayFarewell(); });
+        });
+    });
+    channel.destroy();
 }
 
 std::int32_t IODevice::SetRelayStatus(std::uint32_t relayIndex, std::uint8_t state) noexcept
@@ -77,16 +94,48 @@ std::int32_t IODevice::switchRelay(std::uint32_t relayIndex, bool state)
         channel.log().error(switching, "A relay can be switched once the device has connected");
         return toResult(ResultCode::invalidState);
     }
-    const auto onReply = [self = shared_from_this(), keepDevice = device->shared_from_this(),
-                          relayIndex](const Tavro8::error_code& ec, const std::vector<char>& body,
-                                      const Tavro8::http::HttpResponse& response) {
+    const std::lock_guard lock(mutex);  // the reply may be there before the command is noted
+    const std::uint64_t command = ++lastCommand;
+    const auto onReply = [self = shared_from_this(), keepDevice = device->shared_from_this(), relayIndex,
+                          command](const Tavro8::error_code& ec, const std::vector<char>& body,
+                                   const Tavro8::http::HttpResponse& response) {
         Tavro8::guardedVoid(self->channel.log(), switching, [&] {
+            self->endCommand(command);
             keepDevice->reportExchange(ec);
             self->onRelayReply(relayIndex, lapi::judge(ec, response, body));
         });
     };
-    Tavro8::http::asyncPutEx(info, relayPath, relayBody(relayIndex, state), device->service(), onReply);
+    commands[command] =
+        Tavro8::http::asyncPutEx(info, relayPath, relayBody(relayIndex, state), device->service(), onReply);
     return toResult(ResultCode::success);
+}
+
+void IODevice::endCommand(std::uint64_t command)
+{
+    const std::lock_guard lock(mutex);
+    commands.erase(command);
+    if (commands.empty())
+        farewellTimer.cancel();
+}
+
+/// Nobody waits for the replies any more, but what has been asked for is given the time to happen.
+void IODevice::sayFarewell()
+{
+    const std::lock_guard lock(mutex);
+    if (commands.empty())
+        return;
+    farewellTimer.expires_after(farewell);
+    farewellTimer.async_wait([self = shared_from_this()](const boost::system::error_code& ec) {
+        if (!ec)
+            Tavro8::guardedVoid(self->channel.log(), switching, [&] { self->cancelCommands(); });
+    });
+}
+
+void IODevice::cancelCommands()
+{
+    const std::lock_guard lock(mutex);  // the handlers run later, on this same context
+    for (const auto& [command, cancellation] : commands)
+        cancellation->cancel();
 }
 
 void IODevice::onRelayReply(std::uint32_t relayIndex, const lapi::Reply& reply)

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <chrono>
 #include <future>
 #include <limits>
 #include <memory>
@@ -68,6 +69,12 @@ protected:
         connect(peer.address());
     }
     void destroy() { std::exchange(io, nullptr)->Destroy(); }
+    /// What runs now, and what that makes due, has ended.
+    void settle()
+    {
+        service->barrier();
+        service->barrier();
+    }
 
     IODevice& object() { return *static_cast<IODevice*>(io); }
     bool on(const char* members = "\"AlarmSrcID\":1")
@@ -365,6 +372,41 @@ TEST_F(IODeviceTest, aRelayCommandUnderWayIsCarriedOutAfterDestroy)
     service->barrier();
     EXPECT_EQ(relayRequests().size(), 1U);
     EXPECT_TRUE(handler.relays().empty());
+}
+
+TEST_F(IODeviceTest, aRelayCommandWithoutAReplyIsTakenBackSoonAfterDestroy)
+{
+    makeConnected();
+    io->Destroy();
+    io = IODevice::create(device.get(), 0, &handler, std::chrono::milliseconds(20));
+    const std::weak_ptr<IODevice> gone = object().weak_from_this();
+    peer.staySilent(relayPath);
+    EXPECT_EQ(io->SetRelayStatus(0, 1), 0);
+    EXPECT_EQ(io->SetRelayStatus(1, 1), 0);
+    ASSERT_TRUE(peer.waitForRequest(std::string("PUT ") + relayPath, 2));
+    destroy();
+    // Long before the request would have timed out by itself.
+    EXPECT_TRUE(logger.waitFor("HTTP request is finished with error:", 2));
+    settle();
+    EXPECT_TRUE(gone.expired()) << "it would keep the module from being unloaded";
+    EXPECT_TRUE(handler.relays().empty());
+}
+
+TEST_F(IODeviceTest, theFarewellEndsWithTheLastReply)
+{
+    makeConnected();
+    io->Destroy();
+    io = IODevice::create(device.get(), 0, &handler, std::chrono::hours(1));
+    const std::weak_ptr<IODevice> gone = object().weak_from_this();
+    peer.answer(relayPath, 500, "");
+    std::promise<void> destroyed;
+    boost::asio::post(device->service(), [&] { destroyed.get_future().wait(); });  // so that no reply comes earlier
+    EXPECT_EQ(io->SetRelayStatus(0, 1), 0);
+    destroy();
+    destroyed.set_value();
+    ASSERT_TRUE(logger.waitFor("HTTP response has error code:500"));
+    settle();
+    EXPECT_TRUE(gone.expired());
 }
 
 TEST_F(IODeviceTest, mayBeDestroyedFromInsideAnyCallback)
