@@ -259,6 +259,18 @@ TEST_F(IODeviceTest, aFloodOfBrokenNotificationsIsFoldedInTheLog)
     EXPECT_TRUE(logger.contains("[collapsed 50]io: yard, 0: Ray ID=8 is out of range. Size: 2"));
 }
 
+TEST_F(IODeviceTest, aFloodOfInventedInputsIsFoldedInTheLog)
+{
+    make();
+    for (int input = 3; input < 5000; ++input)
+        EXPECT_FALSE(on(("\"AlarmSrcID\":" + std::to_string(input)).c_str()));
+    EXPECT_TRUE(logger.contains("Ray ID=2 is out of range. Size: 2"));
+    EXPECT_TRUE(logger.contains("Ray ID=3 is out of range. Size: 2")) << "the first few are told each by itself";
+    EXPECT_LT(logger.count("Ray ID="), 5000U / 25);
+    EXPECT_FALSE(on("\"AlarmSrcID\":\"1\""));
+    EXPECT_TRUE(logger.contains("AlarmSrcID is not the number of an input")) << "the flood hides no other complaint";
+}
+
 TEST_F(IODeviceTest, relaysAreSwitchedWithTheseVeryBytes)
 {
     makeConnected();

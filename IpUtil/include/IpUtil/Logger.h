@@ -100,6 +100,10 @@ public:
     /// 0 when the message is to be suppressed; otherwise how many times it came since it was last let through,
     /// this time included: 1 the first time, `count` afterwards.
     std::uint32_t collapse(std::string_view message, std::uint32_t count);
+    /// The same, except that nothing is forgotten: once `maxTexts` messages are known, new ones are counted together
+    /// under `place`, one of a few. For texts with numbers that somebody else invents.
+    std::uint32_t collapse(std::string_view message, std::uint32_t count, const std::string& place,
+                           std::size_t maxTexts);
 
     /// Forgets everything: what comes next is new again.
     void forget();
@@ -109,16 +113,23 @@ private:
         std::uint32_t pending = 0;
         std::uint64_t lastUse = 0;
     };
+    std::uint32_t repeat(Entry& entry, std::uint32_t count) noexcept;  // under `mutex`
+
     std::mutex mutex;  // guards all below
     std::unordered_map<std::string, Entry> entries;
+    std::unordered_map<std::string, Entry> places;  // as many as the code has
     std::uint64_t clock = 0;
 };
 
 /// Passes lines on and folds the warnings and errors that repeat: the first passes as it is, then every fiftieth with
-/// "[collapsed 50]" in front. For what is tried again and again against a device that is down. Thread-safe.
+/// "[collapsed 50]" in front. For what is tried again and again against a device that is down, and for what a device
+/// sends that is wrong. Different texts count by themselves; when there are more than `maxTexts`, the new ones count
+/// together for each place in the code that writes them. Thread-safe.
 class IPUTIL_API CollapsingLogger final : public ILogger, public LoggerDetail::LoggerDecoratorMarker {
 public:
     static constexpr std::uint32_t collapseCount = 50;
+    /// More different failures than a device produces by itself; what goes beyond is made of changing numbers.
+    static constexpr std::size_t maxTexts = 32;
 
     /// `keep` is held as long as the logger: whatever must outlive its lines, such as the owner of `wrapped`.
     explicit CollapsingLogger(ILogger* wrapped, std::shared_ptr<void> keep = {}) noexcept

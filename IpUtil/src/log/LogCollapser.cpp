@@ -16,16 +16,35 @@ std::uint32_t LogCollapserMaker::collapse(std::string_view message, std::uint32_
     const std::lock_guard lock(mutex);
     std::string key(message);
     const auto known = entries.find(key);
-    if (known == entries.end()) {
-        if (entries.size() >= maxMessages) {
-            entries.erase(std::min_element(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
-                return left.second.lastUse < right.second.lastUse;
-            }));
-        }
+    if (known != entries.end())
+        return repeat(known->second, count);
+    if (entries.size() >= maxMessages) {
+        entries.erase(std::min_element(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
+            return left.second.lastUse < right.second.lastUse;
+        }));
+    }
+    entries.emplace(std::move(key), Entry{0, ++clock});
+    return 1;
+}
+
+std::uint32_t LogCollapserMaker::collapse(std::string_view message, std::uint32_t count, const std::string& place,
+                                          std::size_t maxTexts)
+{
+    const std::lock_guard lock(mutex);
+    std::string key(message);
+    const auto known = entries.find(key);
+    if (known != entries.end())
+        return repeat(known->second, count);
+    if (entries.size() < maxTexts) {
         entries.emplace(std::move(key), Entry{0, ++clock});
         return 1;
     }
-    Entry& entry = known->second;
+    const auto [others, isFirst] = places.try_emplace(place);
+    return isFirst ? 1 : repeat(others->second, count);
+}
+
+std::uint32_t LogCollapserMaker::repeat(Entry& entry, std::uint32_t count) noexcept
+{
     entry.lastUse = ++clock;
     if (++entry.pending < count)
         return 0;
@@ -36,6 +55,7 @@ void LogCollapserMaker::forget()
 {
     const std::lock_guard lock(mutex);
     entries.clear();
+    places.clear();
 }
 
 LogSeverity CollapsingLogger::GetLevel() const noexcept
@@ -48,7 +68,10 @@ void CollapsingLogger::Log(LogSeverity severity, const char* function, const cha
 try {
     if (wrapped == nullptr)
         return;
-    const std::uint32_t times = severity < LogSeverity::warning ? 1 : collapser.collapse(message, collapseCount);
+    const std::uint32_t times =
+        severity < LogSeverity::warning
+            ? 1
+            : collapser.collapse(message, collapseCount, std::string(file) + ':' + std::to_string(line), maxTexts);
     if (times == 1)
         wrapped->Log(severity, function, file, line, message);
     else if (times > 1)

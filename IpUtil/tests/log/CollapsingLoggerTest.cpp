@@ -3,6 +3,7 @@
 #include <IpUtil/Logger.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <string>
 
 namespace
 {
@@ -31,6 +32,30 @@ TEST(CollapsingLogger, foldsNeitherInformationNorDifferentFailures)
     logger.Log(LogSeverity::warning, "f", "file", 1, "one");
     logger.Log(LogSeverity::warning, "f", "file", 1, "other");
     EXPECT_EQ(target.lines().size(), 4U);
+}
+
+TEST(CollapsingLogger, foldsChangingNumbersByThePlaceThatWritesThem)
+{
+    kelvo::test::RecordingLogger target;
+    CollapsingLogger logger(&target);
+    const auto flood = [&](int first, int last) {
+        for (int number = first; number < last; ++number)
+            logger.Log(LogSeverity::warning, "f", "file", 7, ("number " + std::to_string(number)).c_str());
+    };
+    constexpr int distinct = CollapsingLogger::maxTexts;
+    flood(0, distinct);
+    EXPECT_EQ(target.lines().size(), CollapsingLogger::maxTexts) << "so many are told, each by itself";
+    flood(distinct, distinct + 1001);
+    EXPECT_EQ(target.lines().size(), CollapsingLogger::maxTexts + 21);
+    EXPECT_EQ(target.lines().back().message, "[collapsed 50]number " + std::to_string(distinct + 1000));
+
+    flood(0, 1);
+    EXPECT_EQ(target.lines().size(), CollapsingLogger::maxTexts + 21) << "what was known still counts by itself";
+    logger.Log(LogSeverity::error, "f", "file", 8, "something else");
+    EXPECT_EQ(target.lines().back().message, "something else") << "of another place";
+    logger.forget();
+    flood(5000, 5001);
+    EXPECT_EQ(target.lines().back().message, "number 5000");
 }
 
 TEST(CollapsingLogger, logsAFailureAgainOnceItWasForgotten)
