@@ -32,10 +32,9 @@ EventPort::EventPort(EventServer& server, std::uint16_t number)
       acceptor(server.getContext()),
       timer(server.getContext()),
       backoff(server.getLimits().firstRetry, server.getLimits().longestRetry),
-      strangers(server.getLimits().logPause),
-      crowds(server.getLimits().logPause),
-      acceptFailures(server.getLimits().logPause),
-      losses(server.getLimits().logPause)
+      pacers{LogPacer(server.getLimits().logPause), LogPacer(server.getLimits().logPause),
+             LogPacer(server.getLimits().logPause), LogPacer(server.getLimits().logPause)},
+      restTimer(server.getContext())
 {}
 
 EventPort::~EventPort()
@@ -124,11 +123,13 @@ void EventPort::closeListener() noexcept
     error_code ignored;
     acceptor.close(ignored);
     timer.cancel();
+    restTimer.cancel();
 }
 
 void EventPort::begin(const error_code& opened)
 {
     failure = opened;
+    saidAt = EventConnection::Clock::now();
     if (failure)
         retryLater();
     else
@@ -155,10 +156,13 @@ void EventPort::retry()
     }
     const error_code before = std::exchange(failure, ec);
     if (!ec) {
-        tell([&](const LoggerHelper& log) { log.info(listenOperation, "Listening on port ", number, " at last"); });
+        // A warning, so that whoever reads of the failure reads of its end, too.
+        tell([&](const LoggerHelper& log) { log.warning(listenOperation, "Listening on port ", number, " at last"); });
         return waitAcceptable();
     }
-    if (ec != before) {  // the same reason is said once
+    const auto now = EventConnection::Clock::now();
+    if (ec != before || now - saidAt >= server.getLimits().reminder) {
+        saidAt = now;
         tell([&](const LoggerHelper& log) {
             log.error(listenOperation, "Cannot listen on port ", number, ": ", ec.message(), "; it is tried again");
         });
@@ -209,7 +213,7 @@ try {
 /// The connection stays in the queue and would be found again at once: a pause lets others return what is missing.
 void EventPort::onAcceptFailure(const error_code& ec)
 {
-    if (const auto times = acceptFailures.count(EventConnection::Clock::now())) {
+    if (const auto times = count(Nuisance::acceptFailure)) {
         tell([&](const LoggerHelper& log) {
             log.error(acceptOperation, "Cannot accept connections on port ", number, ": ", ec.message(), " (", *times,
                       " times)");
@@ -243,7 +247,7 @@ void EventPort::welcome(tcp::socket socket, const ClientAddress& address)
 
 void EventPort::refuse(const ClientAddress& address)
 {
-    if (const auto times = strangers.count(EventConnection::Clock::now())) {
+    if (const auto times = count(Nuisance::stranger)) {
         tell([&](const LoggerHelper& log) {
             log.warning(acceptOperation, "Refused ", *times, " connection(s) to port ", number,
                         " from addresses of no device, the last one from ", address.toText());
@@ -251,12 +255,83 @@ void EventPort::refuse(const ClientAddress& address)
     }
 }
 
+/// How often it has happened, when that is to be told now. What is only counted is told later.
+std::optional<std::uint64_t> EventPort::count(Nuisance nuisance)
+{
+    const auto now = EventConnection::Clock::now();
+    const std::lock_guard lock(server.getMutex());
+    const auto times = pacers[static_cast<std::size_t>(nuisance)].count(now);
+    if (!times)
+        armRestTimer();
+    return times;
+}
+
+/// Under the server's mutex.
+void EventPort::armRestTimer()
+{
+    std::optional<LogPacer::Clock::time_point> first;
+    for (const LogPacer& pacer : pacers) {
+        if (const auto due = pacer.restDue(); due && (!first || *due < *first))
+            first = due;
+    }
+    if (!first || restTimerArmed)
+        return;
+    restTimer.expires_at(*first);
+    restTimer.async_wait([self = shared_from_this()](const error_code& ec) {
+        self->restTimerArmed = false;
+        if (!ec)
+            self->tellRests();
+    });
+    restTimerArmed = true;
+}
+
+void EventPort::tellRests()
+{
+    const auto now = EventConnection::Clock::now();
+    Rests rests{};
+    {
+        const std::lock_guard lock(server.getMutex());
+        for (std::size_t i = 0; i < nuisanceCount; ++i) {
+            if (const auto due = pacers[i].restDue(); due && *due <= now)
+                rests[i] = pacers[i].takeRest(now);
+        }
+        armRestTimer();
+    }
+    tell([&](const LoggerHelper& log) { logRests(log, rests); });
+}
+
+EventPort::Rests EventPort::takeRests() noexcept
+{
+    const auto now = EventConnection::Clock::now();
+    Rests rests{};
+    for (std::size_t i = 0; i < nuisanceCount; ++i) {
+        if (pacers[i].restDue())
+            rests[i] = pacers[i].takeRest(now);
+    }
+    return rests;
+}
+
+void EventPort::logRests(const LoggerHelper& log, const Rests& rests) const noexcept
+{
+    const auto timesOf = [&rests](Nuisance nuisance) { return rests[static_cast<std::size_t>(nuisance)]; };
+    if (const auto times = timesOf(Nuisance::stranger))
+        log.warning(acceptOperation, "Refused ", times, " more connection(s) to port ", number,
+                    " from addresses of no device");
+    if (const auto times = timesOf(Nuisance::crowd))
+        log.warning(acceptOperation, "Closed ", times, " more connection(s) to port ", number,
+                    " of addresses that had too many");
+    if (const auto times = timesOf(Nuisance::acceptFailure))
+        log.error(acceptOperation, "Could not accept connections on port ", number, ' ', times, " more times");
+    if (const auto times = timesOf(Nuisance::loss))
+        log.warning(receiveOperation, "Dropped ", times, " more connection(s) to port ", number);
+}
+
 void EventPort::closeLongestSilent(Sender& sender)
 {
     const auto longest =
         std::min_element(sender.connections.begin(), sender.connections.end(),
                          [](const auto& left, const auto& right) { return left->lastActivity < right->lastActivity; });
-    if (const auto times = crowds.count(EventConnection::Clock::now())) {
+    if (const auto times = count(Nuisance::crowd)) {
         tell([&](const LoggerHelper& log) {
             log.warning(acceptOperation, sender.address.toText(), " has too many connections to port ", number,
                         "; the longest silent one is closed (", *times, " times)");
@@ -301,7 +376,7 @@ void EventPort::onKeptBytesChanged(EventConnection& connection, std::ptrdiff_t c
 void EventPort::onEnd(EventConnection& connection, const char* reason)
 {
     if (reason != nullptr) {
-        if (const auto times = losses.count(EventConnection::Clock::now())) {
+        if (const auto times = count(Nuisance::loss)) {
             tell([&](const LoggerHelper& log) {
                 log.warning(receiveOperation, "A connection of ", connection.sender.address.toText(), " to port ",
                             number, " was dropped: ", reason, " (", *times, " on this port)");

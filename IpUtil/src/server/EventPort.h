@@ -7,10 +7,12 @@
 #include <IpUtil/ConnectionPolicy.h>
 #include <IpUtil/GlobalService.h>
 #include <IpUtil/LoggerHelper.h>
+#include <array>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -47,6 +49,10 @@ struct Sender {
 /// it. The listening socket is opened before any handler of it exists, and closed on the server's thread.
 class EventPort final : public std::enable_shared_from_this<EventPort>, public ConnectionOwner {
 public:
+    /// What others may make happen a thousand times a second, so that it is counted rather than logged each time.
+    enum class Nuisance : std::uint8_t { stranger, crowd, acceptFailure, loss };
+    static constexpr std::size_t nuisanceCount = 4;
+
     EventPort(EventServer& server, std::uint16_t number);
     ~EventPort();
 
@@ -61,6 +67,10 @@ public:
     void popAllOf(const TcpServerEx::IClient* client, std::vector<std::shared_ptr<Registration>>& into,
                   std::vector<ClientAddress>& emptied);
     bool isWanted() const noexcept { return registrations != 0; }
+    /// How often each nuisance has happened that has been counted and not been told.
+    using Rests = std::array<std::uint64_t, nuisanceCount>;
+    /// All that there are; they count as told.
+    Rests takeRests() noexcept;
     /// Ends listening and retrying, and gives the port back to the system.
     void closeListener() noexcept;
 
@@ -73,6 +83,8 @@ public:
     void closeSilent(EventConnection& connection);
 
     std::uint16_t getNumber() const noexcept { return number; }
+    /// Any thread.
+    void logRests(const LoggerHelper& log, const Rests& rests) const noexcept;
 
     std::span<char> receiveBuffer() noexcept override;
     void onActivity(EventConnection& connection) override;
@@ -97,6 +109,9 @@ private:
     void refuse(const ClientAddress& address);
     void retryLater();
     void retry();
+    std::optional<std::uint64_t> count(Nuisance nuisance);
+    void armRestTimer();
+    void tellRests();
     void closeLongestSilent(Sender& sender);
     void end(EventConnection& connection);
     void remove(EventConnection& connection) noexcept;
@@ -110,10 +125,10 @@ private:
     tcp::acceptor acceptor;
     boost::asio::steady_timer timer;  // the next attempt to open, or to accept
     Utility::Backoff backoff;
-    error_code failure;  // the last one that was logged
-    LogPacer strangers;
-    LogPacer crowds;
-    LogPacer acceptFailures;
-    LogPacer losses;
+    error_code failure;                          // the last one that was logged
+    EventConnection::Clock::time_point saidAt;   // when that was
+    std::array<LogPacer, nuisanceCount> pacers;  // guarded by the mutex
+    boost::asio::steady_timer restTimer;         // tells what they have counted
+    bool restTimerArmed = false;
 };
 }  // namespace Tavro8::server

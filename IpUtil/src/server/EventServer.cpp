@@ -62,6 +62,7 @@ EventServer::Released EventServer::stop(std::uint16_t port, const ClientAddress&
     std::shared_ptr<EventPort> known;
     std::size_t left = 0;
     bool isWanted = true;
+    EventPort::Rests rests{};
     Released released;
     {
         const std::lock_guard lock(mutex);
@@ -73,6 +74,8 @@ EventServer::Released EventServer::stop(std::uint16_t port, const ClientAddress&
         if (ended == nullptr)
             return released;
         isWanted = known->isWanted();
+        if (!isWanted)
+            rests = known->takeRests();  // later there is nobody to tell
         released.push_back(std::move(ended->service));
         ending.push_back(ended);
     }
@@ -84,6 +87,7 @@ EventServer::Released EventServer::stop(std::uint16_t port, const ClientAddress&
         if (left != 0)
             log.warning(stopOperation, "The newest of ", left + 1, " registrations of ", address.toText(), " on port ",
                         port, " has ended; the one before it receives");
+        known->logRests(log, rests);
         if (!isWanted)
             log.info(stopOperation, "Port ", port, " is closed: no device uses it any more");
     });

@@ -24,8 +24,9 @@ struct EventServerLimits {
     std::chrono::milliseconds idle{30000};       ///< a connection on which nothing has come for so long is closed
     std::chrono::milliseconds firstRetry{1000};  ///< of a port that cannot be listened on, doubling
     std::chrono::milliseconds longestRetry{30000};
-    std::chrono::milliseconds acceptPause{100};  ///< when the system has no more sockets
-    std::chrono::milliseconds logPause{60000};   ///< between lines on what strangers can make happen
+    std::chrono::milliseconds reminder{3600000};  ///< how often a port that stays taken is complained of
+    std::chrono::milliseconds acceptPause{100};   ///< when the system has no more sockets
+    std::chrono::milliseconds logPause{60000};    ///< between lines on what strangers can make happen
     std::size_t connectionsPerAddress = 16;
     std::size_t keptBytesPerAddress = std::size_t{8} * 1024 * 1024;  ///< of unfinished messages
     std::size_t keptBytesInAll = std::size_t{64} * 1024 * 1024;

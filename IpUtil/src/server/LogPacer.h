@@ -26,6 +26,19 @@ public:
         return std::exchange(untold, std::uint64_t{0});
     }
 
+    /// When what was counted and not told is to be told, should nothing more happen; nothing when all has been told.
+    std::optional<Clock::time_point> restDue() const noexcept
+    {
+        return untold != 0 && told ? std::optional(*told + pause) : std::nullopt;
+    }
+
+    /// How often it has happened since it was last told; told now.
+    std::uint64_t takeRest(Clock::time_point now) noexcept
+    {
+        told = now;
+        return std::exchange(untold, std::uint64_t{0});
+    }
+
 private:
     Clock::duration pause;
     std::optional<Clock::time_point> told;

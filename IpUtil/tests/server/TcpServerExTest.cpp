@@ -5,6 +5,16 @@
 #include <stdexcept>
 #include <thread>
 
+#if defined(__linux__)
+#include <cerrno>
+#include <cstddef>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#endif
+
 namespace Tavro8::server::testing
 {
 namespace
@@ -151,8 +161,74 @@ TEST_F(TcpServerExTest, closesConnectionsOfUnknownAddressesAndSaysSoOnce)
     Peer(port, "127.0.0.2").send(notification("device"));
     EXPECT_EQ(client.waitFor(1), std::vector{notification("device")});
     stop("127.0.0.2");
-    EXPECT_EQ(logger.count("Refused"), 1U);
-    EXPECT_TRUE(logger.contains("127.0.0.3"));
+    EXPECT_EQ(logger.count("Refused"), 2U);
+    EXPECT_TRUE(logger.contains("Refused 1 connection(s) to port " + std::to_string(port) +
+                                " from addresses of no device, the last one from 127.0.0.3"));
+    const auto rest = logger.find("Refused 199 more connection(s) to port " + std::to_string(port));
+    EXPECT_EQ(rest.severity, LogSeverity::warning) << "what was counted is told when the port closes";
+}
+
+TEST_F(TcpServerExTest, tellsLaterWhatItOnlyCountedThoughNothingMoreHappens)
+{
+    EventServerLimits limits;
+    limits.logPause = std::chrono::seconds(1);
+    setLimits(limits);
+    RecordingClient client;
+    start(client, "127.0.0.2");
+    const auto refuse = [&] { EXPECT_EQ(Peer(port, "127.0.0.3").readToEnd(), ""); };
+    refuse();
+    ASSERT_TRUE(logger.waitFor("Refused 1 connection(s)"));
+    refuse();
+    refuse();
+    EXPECT_TRUE(logger.waitFor("Refused 2 more connection(s)"));
+    stop("127.0.0.2");
+}
+
+TEST_F(TcpServerExTest, aFloodOfStrangersDoesNotHoldUpADevice)
+{
+    RecordingClient client;
+    start(client, "127.0.0.2");
+    std::atomic<bool> enough{false};
+    std::atomic<std::size_t> refused{0};
+    std::thread flood([&] {
+        while (!enough) {
+            Peer stranger(port, "127.0.0.3");
+            static_cast<void>(stranger.trySend(notification("stranger")));
+            EXPECT_EQ(stranger.readToEnd(), "");
+            ++refused;
+        }
+    });
+    Peer device(port, "127.0.0.2");
+    std::vector<std::string> sent;
+    while (sent.size() < 200 || refused < 20) {
+        sent.push_back(notification(std::to_string(sent.size())));
+        device.send(sent.back());
+        client.waitFor(sent.size());
+    }
+    enough = true;
+    flood.join();
+    stop("127.0.0.2");
+    EXPECT_EQ(client.waitFor(sent.size()), sent) << "all of the device's, in their order, and none of the stranger's";
+}
+
+TEST_F(TcpServerExTest, aMessageThatComesByteByByteDelaysNobody)
+{
+    RecordingClient client;
+    start(client);
+    add(client, "127.0.0.2");
+    const std::string slowly = notification("slow");
+    Peer slow(port);
+    Peer quick(port, "127.0.0.2");
+    std::size_t received = 0;
+    for (std::size_t at = 0; at + 1 < slowly.size(); ++at) {
+        slow.send(slowly.substr(at, 1));
+        quick.send(notification(std::to_string(at)));
+        EXPECT_EQ(client.waitFor(++received).back(), notification(std::to_string(at)));
+    }
+    slow.send(slowly.substr(slowly.size() - 1));
+    EXPECT_EQ(client.waitFor(++received).back(), slowly);
+    stop();
+    stop("127.0.0.2");
 }
 
 TEST_F(TcpServerExTest, sendsWhatAClientAnswers)
@@ -388,12 +464,88 @@ TEST_F(TcpServerExTest, takesAPortThatIsFreedLaterAndReportsItOnce)
         settle();
     holder.close();
     ASSERT_TRUE(logger.waitFor("at last"));
+    EXPECT_EQ(logger.find("at last").severity, LogSeverity::warning) << "as visible as the failure that it ends";
     EXPECT_EQ(logger.count("Cannot listen"), 1U);
     Peer(port).send(notification("1"));
     client.waitFor(1);
     stop("127.0.0.1");
     stop("127.0.0.2");
 }
+
+TEST_F(TcpServerExTest, remindsOfAPortThatStaysTaken)
+{
+    EventServerLimits limits;
+    limits.firstRetry = limits.longestRetry = std::chrono::milliseconds(1);
+    limits.reminder = std::chrono::milliseconds(3);
+    setLimits(limits);
+    boost::asio::io_context context;
+    const tcp::acceptor holder(context, tcp::endpoint(tcp::v6(), 0));
+    port = holder.local_endpoint().port();
+    RecordingClient client;
+    add(client, "127.0.0.1");
+    EXPECT_TRUE(logger.waitFor("Cannot listen on port " + std::to_string(port) + ": Address already in use", 3));
+    stop();
+}
+
+TEST_F(TcpServerExTest, waitsForAPortThatIsTakenForIPv4Alone)
+{
+    EventServerLimits limits;
+    limits.firstRetry = limits.longestRetry = std::chrono::milliseconds(2);
+    setLimits(limits);
+    boost::asio::io_context context;
+    tcp::acceptor holder(context, tcp::endpoint(tcp::v4(), 0));
+    port = holder.local_endpoint().port();
+    RecordingClient client;
+    add(client, "127.0.0.1");
+    EXPECT_TRUE(logger.contains("Cannot listen on port " + std::to_string(port) + ": Address already in use"))
+        << "IPv6 alone would be no use to IPv4 devices";
+    settle();
+    EXPECT_FALSE(logger.contains("at last"));
+    holder.close();
+    ASSERT_TRUE(logger.waitFor("at last"));
+    Peer(port).send(notification("1"));
+    client.waitFor(1);
+    stop();
+}
+
+#if defined(__linux__)
+namespace
+{
+/// From now on the system makes no IPv6 sockets for this thread, as where IPv6 is switched off.
+bool switchOffIPv6()
+{
+    constexpr auto step = [](unsigned code, std::uint32_t k, std::uint8_t ifTrue, std::uint8_t ifFalse) {
+        return sock_filter{static_cast<std::uint16_t>(code), ifTrue, ifFalse, k};
+    };
+    sock_filter steps[] = {
+        step(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr), 0, 0),
+        step(BPF_JMP | BPF_JEQ | BPF_K, __NR_socket, 0, 3),
+        step(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args), 0, 0),
+        step(BPF_JMP | BPF_JEQ | BPF_K, AF_INET6, 0, 1),
+        step(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT, 0, 0),
+        step(BPF_RET | BPF_K, SECCOMP_RET_ALLOW, 0, 0),
+    };
+    const sock_fprog filter{std::size(steps), steps};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+}  // namespace
+
+TEST_F(TcpServerExTest, makesDoWithIPv4WhereIPv6IsSwitchedOff)
+{
+    RecordingClient client;
+    port = freePort();
+    std::thread registering([&] {  // whoever registers opens the port
+        ASSERT_TRUE(switchOffIPv6());
+        add(client, "127.0.0.1");
+    });
+    registering.join();
+    EXPECT_TRUE(logger.contains("Listening on port " + std::to_string(port)));
+    EXPECT_THROW(Peer(port, "::1", "::1"), boost::system::system_error);
+    Peer(port).send(notification("1"));
+    client.waitFor(1);
+    stop();
+}
+#endif
 
 TEST_F(TcpServerExTest, givesUpATakenPortThatNobodyWantsAnyMore)
 {
