@@ -69,7 +69,7 @@ Notification::Notification()
 {
     const std::string body = R"({"Reference": "192.0.2.10:80/LAPI/V1.0/System/Event/Subscription/Subscribers/178", )"
                              R"("AlarmInfo": {"AlarmType": "LineDetectorCrossed", "AlarmLevel": 0, )"
-                             R"("TimeStamp": 1489040894, "AlarmSeq": 327, "AlarmSrcID": 1, "AlarmSrcType": 8, )"
+                             R"("TimeStamp": 1489040894, "AlarmSeq": 1000000000, "AlarmSrcID": 1, "AlarmSrcType": 8, )"
                              R"("AlarmSrcName": "Camera1", )" +
                              std::string(stampBegin) + std::string(stampDigits, '0') + "\"}}";
     text = "POST /LAPI/V1.0/System/Event/Notification/Alarm HTTP/1.1\r\nHost: 192.0.2.1:32000\r\n"
@@ -82,6 +82,10 @@ const std::string& Notification::stamped()
     char digits[stampDigits + 1];
     std::snprintf(digits, sizeof digits, "%020llu", static_cast<unsigned long long>(nowNs()));
     text.replace(text.find(stampBegin) + stampBegin.size(), stampDigits, digits, stampDigits);
+    // A crossing that had been told already would not be told again. Always ten digits.
+    constexpr std::string_view sequenceBegin = "\"AlarmSeq\": ";
+    const std::string number = std::to_string(++sequence);
+    text.replace(text.find(sequenceBegin) + sequenceBegin.size(), number.size(), number);
     return text;
 }
 

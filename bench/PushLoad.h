@@ -25,6 +25,7 @@ class Notification {
 public:
     Notification();
 
+    /// With the time of now and the next sequence number.
     const std::string& stamped();
 
     static constexpr const char* stampMember = "Stamp";
@@ -37,6 +38,7 @@ public:
 
 private:
     std::string text;
+    std::uint32_t sequence = 1'000'000'000;
 };
 
 /// What has arrived: counts, and takes the times. One thread notes, another waits.

@@ -77,14 +77,14 @@ DetectorDecision DetectorEvents::decide(const Json::Value& alarmInfo, bool every
         if (*source != std::uint64_t{channel} + 1)
             return decision;
     }
-    if (!takeTurn(decision, *alarmType)) {
+    const auto time = events::readTimeMs(events::findMember(alarmInfo, events::timeStamp));
+    decision.timeFound = time.has_value();
+    decision.deviceTimeMs = time.value_or(0);
+    if (!takeTurn(decision, *alarmType) || isToldAlready(alarmInfo, decision)) {
         decision.kind = Kind::repeated;
         return decision;
     }
-    const auto time = events::readTimeMs(events::findMember(alarmInfo, events::timeStamp));
     decision.kind = Kind::event;
-    decision.timeFound = time.has_value();
-    decision.deviceTimeMs = time.value_or(0);
     decision.fields = events::readFields(alarmInfo);
     return decision;
 }
@@ -104,5 +104,21 @@ bool DetectorEvents::takeTurn(DetectorDecision& decision, std::string_view alarm
     decision.state = begins ? DetectorState::begin : DetectorState::end;
     decision.alarmType = begins ? type.begins : type.ends;
     return true;
+}
+
+/// Whether it is the moment that was told last, come once more. Without a sequence number or a time none is like
+/// another: better one too many than one too few.
+bool DetectorEvents::isToldAlready(const Json::Value& alarmInfo, const DetectorDecision& decision)
+{
+    if (type.happens == nullptr)
+        return false;
+    const Json::Value* const sequence = events::findMember(alarmInfo, events::alarmSeq);
+    std::optional<Moment> moment;
+    if (sequence != nullptr && sequence->isUInt64() && decision.timeFound)
+        moment = {sequence->asUInt64(), decision.deviceTimeMs, events::readNumber(findSource(alarmInfo))};
+    if (moment && moment == lastMoment)
+        return true;
+    lastMoment = moment;
+    return false;
 }
 }  // namespace Uniview

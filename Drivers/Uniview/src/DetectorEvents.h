@@ -4,6 +4,7 @@
 #include <Tavro8/ParameterMap.h>
 #include <cstdint>
 #include <json/forwards.h>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -29,7 +30,7 @@ struct DetectorDecision {
         foreign,        ///< of another detector or another channel
         withoutType,    ///< no "AlarmType", or one that is no text
         withoutSource,  ///< ours but for the channel, which is not to be read
-        repeated,       ///< a beginning of what has begun, or an end of what has not
+        repeated,       ///< a beginning of what has begun, an end of what has not, or a moment that has been told
         event,          ///< to be told
     };
     Kind kind = Kind::foreign;
@@ -43,7 +44,8 @@ struct DetectorDecision {
 };
 
 /// Decides which notifications are events of one detector, and in which order beginnings and ends are believed: the
-/// host hears begin and end in turns. One thread at a time.
+/// host hears begin and end in turns. A moment that comes twice, because the device still serves an older subscription
+/// of ours or of another host beside the present one, is told once. One thread at a time.
 class DetectorEvents {
 public:
     /// `channel` counts from 0, sources on the wire count from 1.
@@ -53,16 +55,30 @@ public:
     /// so that it does not matter how it numbers it.
     DetectorDecision decide(const Json::Value& alarmInfo, bool everySource);
 
-    /// What has begun counts as ended; its end, if it comes, is not told.
-    void forget() noexcept { begun = false; }
+    /// What has begun counts as ended; its end, if it comes, is not told. The last moment is new if it comes again.
+    void forget() noexcept
+    {
+        begun = false;
+        lastMoment.reset();
+    }
 
     const DetectorType& getType() const noexcept { return type; }
 
 private:
+    /// What tells one moment of a type from the others.
+    struct Moment {
+        std::uint64_t sequence = 0;
+        std::int64_t timeMs = 0;
+        std::optional<std::uint32_t> source;
+        bool operator==(const Moment&) const = default;
+    };
+
     bool takeTurn(DetectorDecision& decision, std::string_view alarmType) noexcept;
+    bool isToldAlready(const Json::Value& alarmInfo, const DetectorDecision& decision);
 
     const DetectorType& type;  // of the table
     const std::uint32_t channel;
     bool begun = false;
+    std::optional<Moment> lastMoment;  // that was told; nothing when it could be any
 };
 }  // namespace Uniview

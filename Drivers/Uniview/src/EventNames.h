@@ -8,6 +8,7 @@ inline constexpr const char* alarmInfo = "AlarmInfo";    ///< member of the noti
 inline constexpr const char* alarmType = "AlarmType";    ///< the kind of event: a text, one of the names below
 inline constexpr const char* alarmSrcId = "AlarmSrcID";  ///< the source, an integer; alarm inputs count from 1
 inline constexpr const char* sourceId = "SourceID";  ///< the same in other firmware, and stronger when both are there
+inline constexpr const char* alarmSeq = "AlarmSeq";  ///< an integer; the device counts its notifications with it
 inline constexpr const char* alarmLevel = "AlarmLevel";
 inline constexpr const char* alarmConfig = "AlarmConfig";
 inline constexpr const char* timeStamp = "TimeStamp";  ///< the time of the event: Unix seconds, a number or a text

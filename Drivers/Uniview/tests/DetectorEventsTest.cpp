@@ -131,6 +131,60 @@ TEST(DetectorEvents, momentsMayRepeat)
     EXPECT_EQ(decide("EnterArea").kind, Kind::event);
 }
 
+TEST(DetectorEvents, aMomentThatComesByTwoWaysIsToldOnce)
+{
+    constexpr const char* first = R"("AlarmSeq":327,"TimeStamp":1489040894,"AlarmSrcID":1)";
+    Decider decide("crossLineDetectType");
+    EXPECT_EQ(decide("LineDetectorCrossed", first).kind, Kind::event);
+    EXPECT_EQ(decide("LineDetectorCrossed", first).kind, Kind::repeated);
+    EXPECT_EQ(decide("LineDetectorCrossed", R"("Z":9,"AlarmSrcID":1,"TimeStamp":"1489040894","AlarmSeq":327)").kind,
+              Kind::repeated)
+        << "the other members do not matter, nor how they are written";
+    EXPECT_EQ(decide("EnterArea", R"("AlarmSeq":328,"TimeStamp":1489040895,"AlarmSrcID":1)").kind, Kind::foreign);
+    EXPECT_EQ(decide("LineDetectorCrossed", first).kind, Kind::repeated);
+
+    Decider another("crossLineDetectType");
+    EXPECT_EQ(another("LineDetectorCrossed", first).kind, Kind::event) << "two detectors hear of it independently";
+    decide.forget();
+    EXPECT_EQ(decide("LineDetectorCrossed", first).kind, Kind::event);
+}
+
+TEST(DetectorEvents, momentsThatDifferInAnythingAreAllTold)
+{
+    Decider decide("enterAreaDetectType", 0, true);
+    for (const char* const members : {
+             R"("AlarmSeq":327,"TimeStamp":1489040894,"AlarmSrcID":1)",
+             R"("AlarmSeq":328,"TimeStamp":1489040894,"AlarmSrcID":1)",
+             R"("AlarmSeq":328,"TimeStamp":1489040895,"AlarmSrcID":1)",
+             R"("AlarmSeq":328,"TimeStamp":1489040895,"AlarmSrcID":2)",
+             R"("AlarmSeq":328,"TimeStamp":1489040895)",
+             R"("AlarmSeq":18446744073709551615,"TimeStamp":1489040895)",
+             R"("AlarmSeq":4294967295,"TimeStamp":1489040895)",
+         }) {
+        SCOPED_TRACE(members);
+        EXPECT_EQ(decide("EnterArea", members).kind, Kind::event);
+        EXPECT_EQ(decide("EnterArea", members).kind, Kind::repeated);
+    }
+}
+
+TEST(DetectorEvents, momentsThatCannotBeToldApartAreAllTold)
+{
+    for (const char* const members : {
+             R"("TimeStamp":1489040894,"AlarmSrcID":1)",
+             R"("AlarmSeq":null,"TimeStamp":1489040894,"AlarmSrcID":1)",
+             R"("AlarmSeq":"327","TimeStamp":1489040894,"AlarmSrcID":1)",
+             R"("AlarmSeq":-1,"TimeStamp":1489040894,"AlarmSrcID":1)",
+             R"("AlarmSeq":{},"TimeStamp":1489040894,"AlarmSrcID":1)",
+             R"("AlarmSeq":327,"AlarmSrcID":1)",
+             R"("AlarmSeq":327,"TimeStamp":"now","AlarmSrcID":1)",
+         }) {
+        SCOPED_TRACE(members);
+        Decider decide("leaveAreaDetectType");
+        EXPECT_EQ(decide("LeaveArea", members).kind, Kind::event);
+        EXPECT_EQ(decide("LeaveArea", members).kind, Kind::event);
+    }
+}
+
 TEST(DetectorEvents, theEndOfWhatWasForgottenIsNotTold)
 {
     Decider decide("audioDetectType");
