@@ -117,9 +117,10 @@ void Device::setListenerPort(const boost::any& value)
 {
     const auto port = portOf(value);
     if (!port) {
-        if (!isUnset(value))
-            logger.error(constructing, "The value of localServerPort is no port and is ignored");
         parameters.setPersistentParam(localServerPortKey, {});
+        if (!isUnset(value))
+            logger.error(constructing, "The value of localServerPort is no port and is ignored: ", shown(value),
+                         "; port ", localServerPortOf(parameters), " is used");
         return;
     }
     parameters.setPersistentParam(localServerPortKey, static_cast<int>(*port));

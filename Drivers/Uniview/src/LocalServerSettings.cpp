@@ -39,6 +39,16 @@ std::optional<std::string> addressOf(const boost::any& value)
     return ec ? std::nullopt : std::optional(*text);
 }
 
+std::string shown(const boost::any& value)
+{
+    constexpr std::size_t mostBytes = 64;
+    if (const auto* const number = boost::any_cast<int>(&value))
+        return std::to_string(*number);
+    if (const auto* const text = boost::any_cast<std::string>(&value))
+        return '\'' + text->substr(0, mostBytes) + '\'';
+    return "neither a text nor an integer";
+}
+
 std::uint16_t localServerPortOf(const Tavro8::Utility::ParametersContainer& parameters)
 {
     const auto port = parameters.get<int>(localServerPortKey);

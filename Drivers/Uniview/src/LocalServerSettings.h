@@ -21,6 +21,9 @@ std::optional<std::uint16_t> portOf(const boost::any& value);
 /// A text that is an IPv4 or IPv6 address; nothing for anything else.
 std::optional<std::string> addressOf(const boost::any& value);
 
+/// A value for the log, at most 64 bytes of it: a text in quotation marks, an integer as it is.
+std::string shown(const boost::any& value);
+
 /// The port that a device's parameters say: what is set, else their default, else ours; of a larger number the low 16
 /// bits. Raises `boost::bad_any_cast` for a value that is no int.
 std::uint16_t localServerPortOf(const Tavro8::Utility::ParametersContainer& parameters);

@@ -254,13 +254,21 @@ TEST_F(DeviceTest, listenerSettingsOfTheRepositoryAreKeptAndLogged)
 
 TEST_F(DeviceTest, listenerPortThatIsNoneIsLoggedAndIgnored)
 {
-    for (const boost::any& value : {boost::any(std::string("http")), boost::any(std::string("70000")), boost::any(-1),
-                                    boost::any(std::string("80x"))}) {
+    const struct {
+        boost::any value;
+        const char* shown;
+    } cases[] = {
+        {std::string("http"), "'http'"}, {std::string("70000"), "'70000'"},      {-1, "-1"},
+        {std::string("80x"), "'80x'"},   {1.5, "neither a text nor an integer"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.shown);
         const auto description = std::make_shared<DeviceTraits>();
-        description->properties["localServerPort"] = value;
+        description->properties["localServerPort"] = c.value;
         RecordingLogger lines;
         const auto other = Device::create(nullptr, &lines, description, *service);
-        EXPECT_TRUE(lines.contains("localServerPort is no port"));
+        EXPECT_TRUE(lines.contains("The value of localServerPort is no port and is ignored: " + std::string(c.shown) +
+                                   "; port 32000 is used"));
         EXPECT_FALSE(other->getParameters().get<int>("localServerPort"));
         other->Destroy();
     }
