@@ -64,4 +64,9 @@ bool eventually(const std::function<bool()>& holds)
             return false;
     return true;
 }
+
+bool hasSubscribed(const SimulatorProcess& device)
+{
+    return eventually([&] { return device.admin("GET", "state")["subscriptions"].size() == 1; });
+}
 }  // namespace kelvo::test

@@ -54,4 +54,7 @@ HostRun hostRun(const ProgramResult& result);
 
 /// Asks again until it holds; false when it does not within 15 s.
 bool eventually(const std::function<bool()>& holds);
+
+/// Waits until the simulator has exactly one subscription.
+bool hasSubscribed(const SimulatorProcess& device);
 }  // namespace kelvo::test

@@ -29,11 +29,6 @@ std::string freePort()
     return std::to_string(ntohs(address.sin6_port));
 }
 
-bool hasSubscribed(const SimulatorProcess& device)
-{
-    return eventually([&] { return device.admin("GET", "state")["subscriptions"].size() == 1; });
-}
-
 /// `kelvo-host events` while it runs.
 class EventsHost {
 public:
@@ -143,7 +138,7 @@ TEST(EventsEndToEnd, brokenNotificationsCostOnlyThemselves)
     device.admin("POST", "events", R"({"type": "LeaveArea", "connection": "fresh"})");
     host.await("LeaveArea");
     const HostRun run = host.finish();
-    EXPECT_EQ(happenings(run).back(), "leaveAreaDetectType momentary");
+    EXPECT_THAT(happenings(run), testing::ElementsAre("leaveAreaDetectType momentary"));
 }
 
 TEST(EventsEndToEnd, notificationsOfAStrangerAreRefused)
@@ -187,5 +182,17 @@ TEST(RelayEndToEnd, isSwitchedOnAndOff)
     const HostRun beyond = relay("2", "on");  // the host's generous model knows sixteen, the device two
     EXPECT_EQ(beyond.status, 4);
     EXPECT_NE(beyond.event("result")["code"], 0);
+}
+
+TEST(RelayEndToEnd, aDeviceThatNeverAnswersHoldsUpNobody)
+{
+    const ScratchFolder folder;
+    const SimulatorProcess device(smallPictures({"--fault", "hang@PUT /LAPI/V1.0/IO"}));
+    auto command = hostCommand(folder, deviceAddress(device));
+    command.insert(command.end(), {"--timeout", "1", "relay", "0", "on"});
+    // The request by itself would last 15 s.
+    const HostRun run = hostRun(runProgram(command, std::chrono::seconds(10)));
+    EXPECT_EQ(run.status, 4);
+    EXPECT_THAT(run.all(), HasSubstr("the device did not answer in time"));
 }
 }  // namespace

@@ -1,11 +1,17 @@
+#include <utility>
+
 #include "EndToEnd.h"
+#include "EventHandlers.h"
 #include "HostFakes.h"
+#include "PushPeer.h"
 
 #include <algorithm>
 #include <atomic>
 #include <dlfcn.h>
 #include <fstream>
+#include <future>
 #include <iterator>
+#include <memory>
 #include <thread>
 
 // The shipped library against a device that streams, driven through the SDK alone.
@@ -40,10 +46,8 @@ protected:
         library = nullptr;
     }
 
-    IDevice* connect(DeviceHandler& handler, std::uint32_t channels = 1)
+    IDevice* connect(DeviceHandler& handler, const Description& description = {})
     {
-        Description description;
-        description.channels = channels;
         IDevice* device = nullptr;
         EXPECT_EQ(module->CreateDevice(&description, &handler, &device), 0);
         EXPECT_EQ(device->Open(deviceAddress(camera).c_str()), 0);
@@ -97,6 +101,62 @@ protected:
     ChannelHandler pictures;
     IDevice* const device;
     IVideoSource* video = nullptr;
+};
+
+/// With a device that is connected, and a detector and inputs of it that have been told to start.
+class ListeningModule : public ModuleAgainstSimulator {
+protected:
+    ListeningModule()
+    {
+        areas.keepFields = false;
+        begin();
+    }
+    ~ListeningModule() override { release(); }
+
+    void begin()
+    {
+        Description description;
+        description.properties["localServerPort"] = int{freePort()};
+        description.channelModelParameters["rayCount"] = 2;
+        handler = std::make_unique<DeviceHandler>();
+        device = connect(*handler, description);
+        EXPECT_EQ(device->CreateDetector(0, {{"detectionType", std::string("enterAreaDetectType")}}, &areas, &detector),
+                  0);
+        EXPECT_EQ(device->CreateIODevice(0, &inputs, &io), 0);
+        detector->Start();
+        io->Start();
+    }
+    void release()
+    {
+        if (device == nullptr)
+            return;
+        if (video != nullptr)
+            std::exchange(video, nullptr)->Destroy();
+        if (detector != nullptr)
+            std::exchange(detector, nullptr)->Destroy();
+        std::exchange(io, nullptr)->Destroy();
+        std::exchange(device, nullptr)->Destroy();
+    }
+    void beginAnew()
+    {
+        load();
+        begin();
+    }
+    void releaseAndUnload()
+    {
+        release();
+        unload();
+    }
+    void enterArea() const { camera.admin("POST", "events", R"({"type": "EnterArea"})"); }
+
+    std::unique_ptr<DeviceHandler> handler;
+    DetectorHandler areas;
+    IOHandler inputs;
+    ChannelHandler pictures;
+    IDevice* device = nullptr;
+    IVideoSource* video = nullptr;
+    IDetector* detector = nullptr;
+    IIODevice* io = nullptr;
 };
 
 TEST_F(ModuleAgainstSimulator, pictureAndSoundShareOneConnection)
@@ -310,5 +370,107 @@ TEST_F(ModuleAgainstSimulator, aSourceMayBeDestroyedFromInsideItsFrame)
     device->Destroy();
     unload();  // the frame is counted before the handler destroys the source; after this it has returned
     EXPECT_EQ(channel.frameTotal(), 1U);
+}
+
+TEST_F(ListeningModule, mayBeUnloadedAsSoonAsItListens)
+{
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        releaseAndUnload();  // the subscription may not have been sent, or be on its way
+        beginAnew();
+    }
+    EXPECT_TRUE(eventually([&] {
+        enterArea();
+        return !areas.events().empty();
+    }));
+}
+
+TEST_F(ListeningModule, mayBeUnloadedBetweenNotifications)
+{
+    ASSERT_TRUE(hasSubscribed(camera));
+    std::atomic<bool> enough{false};
+    std::thread pushing([&] {
+        while (!enough)
+            camera.admin("POST", "events", R"({"type": "EnterArea", "count": 200})");
+    });
+    EXPECT_TRUE(areas.waitEvents(100));
+    releaseAndUnload();
+    const std::size_t before = areas.events().size();
+    EXPECT_TRUE(eventually([&] { return camera.admin("GET", "state")["subscriptions"].empty(); }));
+    enough = true;
+    pushing.join();
+    EXPECT_EQ(areas.events().size(), before);
+}
+
+TEST_F(ListeningModule, isUnloadedNoEarlierThanADeliveryHasReturned)
+{
+    ASSERT_TRUE(hasSubscribed(camera));
+    std::promise<void> inside;
+    std::promise<void> leave;
+    std::atomic<bool> left{false};
+    areas.onEvent = [&](IDetector* teller) {
+        teller->Destroy();  // so that nothing but the delivery itself still holds it
+        inside.set_value();
+        leave.get_future().wait();
+        left = true;
+    };
+    enterArea();
+    inside.get_future().wait();
+    detector = nullptr;
+    std::promise<void> unloading;
+    std::thread ending([&] {
+        unloading.set_value();
+        releaseAndUnload();
+        EXPECT_TRUE(left);
+    });
+    unloading.get_future().wait();
+    leave.set_value();
+    ending.join();
+    EXPECT_EQ(areas.events().size(), 1U);
+}
+
+TEST_F(ListeningModule, mayBeUnloadedWhileASubscriptionIsUnansweredOrToBeRepeated)
+{
+    const struct {
+        std::vector<const char*> faults;
+        const char* line;
+    } cases[] = {
+        {{"hang@POST /LAPI/V1.0/System/Event"}, "Selected parameters for local server"},
+        {{"apierror:7@POST /LAPI/V1.0/System/Event", "nodata@POST /LAPI/V1.0/System/Event"},
+         "Can't get subscription id."},
+        {{"status:503@System/Event"}, "Event subscription completed with error: "},
+    };
+    ASSERT_TRUE(hasSubscribed(camera));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        releaseAndUnload();
+        for (const char* const fault : c.faults)
+            camera.admin("POST", "faults", std::string(R"({"fault": ")") + fault + "\"}");
+        const std::size_t before = host.logger.count(c.line);
+        beginAnew();
+        EXPECT_TRUE(host.logger.waitFor(c.line, before + 1));
+        releaseAndUnload();
+        camera.admin("DELETE", "faults");
+        camera.admin("DELETE", "subscriptions");  // some faults concern the answer alone
+        beginAnew();
+        EXPECT_TRUE(hasSubscribed(camera));
+    }
+}
+
+TEST_F(ListeningModule, subscribesAnewAtADeviceThatHasForgottenIt)
+{
+    video = startVideo(device, pictures);  // without a stream nobody would notice for a while
+    ASSERT_TRUE(pictures.waitFrames(3));
+    ASSERT_TRUE(hasSubscribed(camera));
+    enterArea();
+    ASSERT_TRUE(areas.waitEvents(1));
+    camera.admin("POST", "reboot", R"({"milliseconds": 1500})");
+    ASSERT_TRUE(handler->waitLost());
+    ASSERT_TRUE(handler->waitConnected(2));
+    ASSERT_TRUE(hasSubscribed(camera));
+    camera.admin("POST", "inputs/0", R"({"state": true})");
+    EXPECT_TRUE(inputs.waitInputs(1));
+    enterArea();
+    EXPECT_TRUE(areas.waitEvents(2));
 }
 }  // namespace

@@ -129,8 +129,8 @@ public:
                        const Tavro8::GDRV::DetectorEventInfo& event) noexcept override
     {
         change([&] {
-            seen.push_back(
-                {event.detectionType, event.alarmType, event.state, event.channel, event.deviceTimeMs, *event.fields});
+            seen.push_back({event.detectionType, event.alarmType, event.state, event.channel, event.deviceTimeMs,
+                            keepFields ? *event.fields : Tavro8::ParameterMap()});
         });
         if (onEvent)
             onEvent(detector);
@@ -150,7 +150,9 @@ public:
         return wait([&] { return seen.size() >= count; });
     }
 
-    std::function<void(Tavro8::GDRV::IDetector*)> onEvent;  ///< set before there is anything to report
+    // Set before there is anything to report.
+    std::function<void(Tavro8::GDRV::IDetector*)> onEvent;
+    bool keepFields = true;  ///< false where the module goes first: the code that copies and frees them is its own
 
 private:
     std::vector<Event> seen;  // only within change, wait and read
