@@ -90,6 +90,7 @@ EventListener::EventListener(Device* device, const EventListenerTiming& timing)
       lifetime(device->getLifetimeToken()),
       repeatTimer(device->service()),
       pace(timing.firstPause, timing.longestPause),
+      waitingTimer(device->service()),
       farewellTimer(device->service())
 {}
 
@@ -377,10 +378,32 @@ Tavro8::http::CompletionHandler EventListener::inChain(std::uint64_t request, st
     });
 }
 
+/// Not while a cancellation is under way: it travels on a connection of its own, and a device that has been restarted
+/// counts its subscriptions from one again. Overtaken by the new subscription it would end that one.
 void EventListener::sendSubscriptionRequest()
 {
     cancelRepeat();
     ++chain;
+    if (unsubscribing.empty())
+        return postSubscription();
+    subscriptionWaiting = true;
+    waitingTimer.expires_after(timing.cancellation);
+    waitingTimer.async_wait(whileAlive([](EventListener& self, const error_code& ec) {
+        if (!ec)
+            self.sendWaitingSubscription();
+    }));
+}
+
+void EventListener::sendWaitingSubscription()
+{
+    if (!subscriptionWaiting)
+        return;
+    cancelWaitingSubscription();
+    postSubscription();
+}
+
+void EventListener::postSubscription()
+{
     const LocalServer server = getServer();
     Tavro8::http::HttpHeaders headers;
     headers.set(Tavro8::http::HTTP_HEADER_CONNECTION, "close");
@@ -450,9 +473,12 @@ void EventListener::sendUnsubscriptionRequest(const ConnectionInfoPtr& connectio
         [self = shared_from_this(), owner = owner, token = lifetime, request,
          path](const error_code& ec, const std::vector<char>& body, const Tavro8::http::HttpResponse& response) {
             guardedVoid(*self, cancelling, [&] {
-                if (const auto kept = owner.lock())
+                const auto kept = owner.lock();
+                if (kept != nullptr)
                     kept->reportExchange(ec);
                 self->onUnsubscribed(request, judge(ec, body, response, path, lapi::Expect::status));
+                if (kept != nullptr && self->unsubscribing.empty())
+                    self->sendWaitingSubscription();
             });
         });
 }
@@ -552,11 +578,18 @@ void EventListener::cancelRepeat()
     repeatTimer.cancel();
 }
 
+void EventListener::cancelWaitingSubscription()
+{
+    subscriptionWaiting = false;
+    waitingTimer.cancel();
+}
+
 /// What is under way of the present subscription has no consequences any more.
 void EventListener::giveUpChain()
 {
     ++chain;
     cancelRepeat();
+    cancelWaitingSubscription();
     for (const auto& [request, cancellation] : subscribing)
         cancellation->cancel();
 }

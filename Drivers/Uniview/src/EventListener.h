@@ -32,6 +32,7 @@ struct EventListenerTiming {
     std::chrono::milliseconds longestPause{10000};  ///< up to here
     std::chrono::milliseconds addressDetection{1000};  ///< for the connection that shows our own address
     std::chrono::milliseconds farewell{1000};          ///< for the last cancellation, which keeps `finiModule` waiting
+    std::chrono::milliseconds cancellation{1000};  ///< that a new subscription waits for the one before to be cancelled
 };
 
 /// Makes one device push its notifications to a port of ours, and hands each to the subscribers. It registers with the
@@ -91,6 +92,7 @@ public:
     bool isRenewTimerPending() const noexcept { return renewTimerPending; }
     bool isRetryTimerPending() const noexcept { return retryTimerPending; }
     bool isRepeatPending() const noexcept { return repeatPending; }
+    bool isSubscriptionWaiting() const noexcept { return subscriptionWaiting; }
     std::chrono::steady_clock::time_point getRenewTime() const { return renewTimer.expiry(); }
     std::chrono::steady_clock::time_point getRetryTime() const { return retryTimer.expiry(); }
 
@@ -137,6 +139,8 @@ private:
 
     // On the I/O thread. A failure is the text for the log, empty when there is none.
     void sendSubscriptionRequest();
+    void sendWaitingSubscription();
+    void postSubscription();
     void sendRenewSubscriptionRequest(const boost::system::error_code& ec);
     void sendUnsubscriptionRequest(const Tavro8::http::ConnectionInfoPtr& info);
     Tavro8::http::CompletionHandler inChain(std::uint64_t request, std::string path, OnReply onReply);
@@ -153,6 +157,7 @@ private:
     void cancelRenewTimer();
     void cancelRetryTimer();
     void cancelRepeat();
+    void cancelWaitingSubscription();
     void giveUpChain();
     void giveUpAll();
     void sayFarewell(const Tavro8::http::ConnectionInfoPtr& subscribedAt);
@@ -191,6 +196,8 @@ private:
     boost::asio::steady_timer repeatTimer;
     bool repeatPending = false;
     subscription::RepeatPace pace;
+    boost::asio::steady_timer waitingTimer;
+    bool subscriptionWaiting = false;  // for what is under way, or for this timer
     boost::asio::steady_timer farewellTimer;
 };
 }  // namespace Uniview

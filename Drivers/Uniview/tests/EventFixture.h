@@ -95,6 +95,13 @@ protected:
         camera.answer("DELETE " + subscriptionPath + "/5", 200, replyWithData("{}"));
     }
 
+    /// Answers what the peer has been silent to so far, and from now on.
+    void release(const std::string& request, unsigned status, const std::string& body)
+    {
+        peer.answer(request, status, body);
+        peer.breakSilence(status, body);
+    }
+
     static std::string post() { return "POST " + subscriptionPath; }
     static std::string put(const std::string& id) { return "PUT " + subscriptionPath + '/' + id; }
     static std::string cancel(const std::string& id) { return "DELETE " + subscriptionPath + '/' + id; }
