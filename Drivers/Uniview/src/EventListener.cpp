@@ -87,6 +87,10 @@ EventListener::EventListener(Device* device, const EventListenerTiming& timing)
       owner(device->weak_from_this()),
       context(device->service()),
       deviceLogger(device->getLogger()),
+      receivedCollapser(deviceLogger.get()),
+      exchangeCollapser(deviceLogger.get()),
+      receivedLog(&receivedCollapser, listenerSource, getObjectName()),
+      exchangeLog(&exchangeCollapser, listenerSource, getObjectName()),
       lifetime(device->getLifetimeToken()),
       repeatTimer(device->service()),
       pace(timing.firstPause, timing.longestPause),
@@ -246,7 +250,7 @@ void EventListener::processData(const boost::iterator_range<const char*>& data,
 {
     const std::string_view chunk(data.begin(), data.size());
     debug(receiving, "Recv data:\n", chunk);
-    notification::deliver(chunk, *getSubscribers(), *this);
+    notification::deliver(chunk, *getSubscribers(), receivedLog);
 }
 
 bool EventListener::isWanted() const
@@ -416,18 +420,18 @@ void EventListener::postSubscription()
 void EventListener::onSubscribed(const std::string& failure, const std::vector<char>& body)
 {
     if (!failure.empty()) {
-        error(makingNew, "Event subscription completed with error: ", failure);
+        exchangeLog.error(makingNew, "Event subscription completed with error: ", failure);
         return sendRenewSubscriptionRequest({});  // revives the subscription before, or fails and makes a new one
     }
     debug(makingNew, "Event subscription completed successfully");
     Json::Value reply;
     if (!parse(body, reply, makingNew)) {
-        error(makingNew, "Can't parse subscription.");
+        exchangeLog.error(makingNew, "Can't parse subscription.");
         return armRetryTimer();
     }
     auto id = subscription::idOf(reply);
     if (!id) {
-        error(makingNew, "Can't get subscription id.");
+        exchangeLog.error(makingNew, "Can't get subscription id.");
         return armRetryTimer();
     }
     subscriptionId = std::move(*id);
@@ -447,20 +451,21 @@ void EventListener::sendRenewSubscriptionRequest(const error_code& ec)
 void EventListener::onRenewed(const std::string& failure, const std::vector<char>& body)
 {
     if (!failure.empty()) {
-        error(renewing, "Renew subscription completed with error: ", failure);
+        exchangeLog.error(renewing, "Renew subscription completed with error: ", failure);
         return repeatSubscription();
     }
     Json::Value reply;
     if (!parse(body, reply, renewing)) {
-        error(renewing, "Can't parse subscription duration.");
+        exchangeLog.error(renewing, "Can't parse subscription duration.");
         return;  // on purpose without a timer: the subscription lapses
     }
     if (!subscription::dataOf(reply).isObject()) {
-        error(renewing, "Subscription could not be prolonged, initializing a new subscription");
+        exchangeLog.error(renewing, "Subscription could not be prolonged, initializing a new subscription");
         return repeatSubscription();
     }
     debug(renewing, "Renew subscription completed successfully. Duration is ", subscription::durationSeconds);
     pace.reset();
+    exchangeCollapser.forget();
     armRenewTimer();
 }
 
@@ -488,7 +493,7 @@ void EventListener::onUnsubscribed(std::uint64_t request, const std::string& fai
     if (failure.empty())
         debug(cancelling, "Event unsubscription completed successfully");
     else
-        error(cancelling, "Event unsubscription completed with error: ", failure);
+        exchangeLog.error(cancelling, "Event unsubscription completed with error: ", failure);
     unsubscribing.erase(request);
     if (unsubscribing.empty())
         farewellTimer.cancel();
@@ -499,7 +504,7 @@ bool EventListener::parse(const std::vector<char>& body, Json::Value& document, 
     std::string reason;
     if (lapi::parseJson({body.data(), body.size()}, document, reason))
         return true;
-    error(operation, "Can't parse data: ", reason);
+    exchangeLog.error(operation, "Can't parse data: ", reason);
     return false;
 }
 

@@ -180,7 +180,12 @@ private:
     const std::weak_ptr<Device> owner;  // of whoever does not know whether it is still there
     boost::asio::io_context& context;
     const std::shared_ptr<Tavro8::ILogger> deviceLogger;  // what the base logs through
-    const std::shared_ptr<void> lifetime;                 // in every handler, so that `finiModule` waits for it
+    /// Two logs that fold what repeats: of what the device sends, and of our requests until a renewal succeeds.
+    Tavro8::LoggerDetail::CollapsingLogger receivedCollapser;
+    Tavro8::LoggerDetail::CollapsingLogger exchangeCollapser;
+    const Tavro8::LoggerHelper receivedLog;
+    const Tavro8::LoggerHelper exchangeLog;
+    const std::shared_ptr<void> lifetime;  // in every handler, so that `finiModule` waits for it
     /// For those who may not take `mutex`: `subscribers`, `serverIp` and `serverPort` are changed under both and read
     /// under either. Nothing else is locked while it is held.
     mutable std::mutex readMutex;

@@ -499,7 +499,8 @@ TEST_F(EventListenerTest, aDeviceThatRefusesEverythingIsAskedAgainAtOnceAndThenL
     timing.longestPause = never;
     makeReady();
     peer.answer(post(), 503, "");
-    peer.answer(put("0"), 503, "");
+    peer.answerOnce(put("0"), 503, "");
+    peer.answer(put("0"), 500, "");  // another line, since the same would be folded
     makeListener(timing);
     listener->addSubscriber(&subscriber);
     ASSERT_TRUE(logger.waitFor("Renew subscription completed with error: ", 2));
@@ -517,7 +518,8 @@ TEST_F(EventListenerTest, aDeviceThatAcceptsSubscriptionsAndRefusesRenewalsIsPac
     timing.firstPause = never;
     timing.longestPause = never;
     makeReady();
-    peer.answer(put("5"), 503, "");
+    peer.answerOnce(put("5"), 503, "");
+    peer.answer(put("5"), 500, "");
     makeListener(timing);
     listener->addSubscriber(&subscriber);
     ASSERT_TRUE(logger.waitFor("Renew subscription completed with error: ", 2));
@@ -535,7 +537,56 @@ TEST_F(EventListenerTest, aDeviceThatComesToItsSensesIsSubscribedTo)
     makeListener(timing);
     listener->addSubscriber(&subscriber);
     ASSERT_TRUE(waitRenewed());
-    EXPECT_EQ(logger.count("Event subscription completed with error: "), 4U);
+    EXPECT_TRUE(peer.waitForRequest(post(), 5));
+}
+
+TEST_F(EventListenerTest, failuresThatRepeatAreFolded)
+{
+    EventListenerTiming timing;
+    timing.firstPause = 0ms;
+    timing.longestPause = 0ms;
+    makeReady();
+    peer.answer(post(), 503, "");
+    peer.answer(put("0"), 503, "");
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post(), 110));
+    listener->pause();
+    for (const std::string line :
+         {"Event subscription completed with error: ", "Renew subscription completed with error: ",
+          "Event unsubscription completed with error: "}) {
+        EXPECT_TRUE(logger.contains("Metadata: " + line));
+        EXPECT_TRUE(logger.contains("[collapsed 50]Metadata: " + line)) << logger.text();
+        EXPECT_LE(logger.count(line), 4U);
+    }
+}
+
+TEST_F(EventListenerTest, unusableRepliesThatRepeatAreFolded)
+{
+    EventListenerTiming timing;
+    timing.retryDelay = 0ms;
+    makeReady();
+    peer.answer(post(), 200, "nonsense");
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post(), 45));
+    listener->pause();
+    EXPECT_EQ(logger.count("Can't parse subscription."), 1U);
+    EXPECT_EQ(logger.count("Can't parse data: "), 1U);
+}
+
+TEST_F(EventListenerTest, aFailureAfterASuccessIsToldAgain)
+{
+    EventListenerTiming timing;
+    timing.renewPeriod = 1ms;
+    makeReady();
+    peer.answerOnce(put("5"), 503, "");
+    peer.answerOnce(put("5"), 200, replyWithData("{}"));
+    peer.answerOnce(put("5"), 503, "");
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed(2));
+    EXPECT_EQ(logger.count("Renew subscription completed with error: "), 2U);
 }
 
 // Choosing the address.
@@ -688,6 +739,22 @@ TEST_F(EventListenerTest, theServerGoesOnAfterWhatCannotBeRead)
     EXPECT_EQ(logger.count("string_view::substr"), 1U);
     EXPECT_EQ(logger.count("Can't parse data: "), 2U);
     EXPECT_EQ(logger.count("AlarmInfo is not found in notification."), 1U);
+}
+
+TEST_F(EventListenerTest, notificationsThatCannotBeReadAreFolded)
+{
+    listen();
+    listener->addSubscriber(&subscriber);
+    for (int i = 0; i < 500; ++i) {
+        process("{{");
+        process("{}");
+        process(kelvo::test::notification("{\"StructureInfo\":{}}"));
+    }
+    EXPECT_TRUE(isLineOf("Can't parse data: ", LogSeverity::error));
+    EXPECT_TRUE(isLineOf("AlarmInfo is not found in notification.", LogSeverity::error));
+    EXPECT_TRUE(logger.contains("[collapsed 50]Metadata: AlarmInfo is not found in notification."));
+    EXPECT_LE(logger.count("Can't parse data: "), 1U + 500U / 50U);
+    EXPECT_LE(logger.count("AlarmInfo is not found in notification."), 1U + 1000U / 50U);
 }
 
 TEST_F(EventListenerTest, writesNothingBack)
