@@ -435,6 +435,7 @@ void EventListener::onSubscribed(const std::string& failure, const std::vector<c
         return armRetryTimer();
     }
     subscriptionId = std::move(*id);
+    cancelledId.reset();
     sendRenewSubscriptionRequest({});
 }
 
@@ -466,6 +467,7 @@ void EventListener::onRenewed(const std::string& failure, const std::vector<char
     debug(renewing, "Renew subscription completed successfully. Duration is ", subscription::durationSeconds);
     pace.reset();
     exchangeCollapser.forget();
+    cancelledId.reset();
     armRenewTimer();
 }
 
@@ -473,7 +475,8 @@ void EventListener::sendUnsubscriptionRequest(const ConnectionInfoPtr& connectio
 {
     const std::string path = subscription::pathOf(subscriptionId);
     const std::uint64_t request = ++lastRequest;
-    unsubscribing[request] = Tavro8::http::asyncDeleteEx(
+    Unsubscription sent{subscriptionId, isCancelled(subscriptionId), nullptr};
+    sent.request = Tavro8::http::asyncDeleteEx(
         connection, path, context,
         [self = shared_from_this(), owner = owner, token = lifetime, request,
          path](const error_code& ec, const std::vector<char>& body, const Tavro8::http::HttpResponse& response) {
@@ -486,17 +489,31 @@ void EventListener::sendUnsubscriptionRequest(const ConnectionInfoPtr& connectio
                     self->sendWaitingSubscription();
             });
         });
+    unsubscribing.emplace(request, std::move(sent));
 }
 
+/// Every removal cancels, so that all but the first must fail; these are no errors.
 void EventListener::onUnsubscribed(std::uint64_t request, const std::string& failure)
 {
-    if (failure.empty())
-        debug(cancelling, "Event unsubscription completed successfully");
-    else
-        exchangeLog.error(cancelling, "Event unsubscription completed with error: ", failure);
+    const Unsubscription ended = std::move(unsubscribing[request]);
     unsubscribing.erase(request);
+    if (failure.empty()) {
+        debug(cancelling, "Event unsubscription completed successfully");
+        cancelledId = ended.id;
+    } else if (ended.isRepeat || cancelledId == ended.id) {
+        debug(cancelling, "Event unsubscription completed with error: ", failure);
+    } else {
+        exchangeLog.error(cancelling, "Event unsubscription completed with error: ", failure);
+    }
     if (unsubscribing.empty())
         farewellTimer.cancel();
+}
+
+/// Or about to be.
+bool EventListener::isCancelled(const std::string& id) const
+{
+    return cancelledId == id ||
+           std::ranges::any_of(unsubscribing, [&id](const auto& each) { return each.second.id == id; });
 }
 
 bool EventListener::parse(const std::vector<char>& body, Json::Value& document, const char* operation) const
@@ -619,8 +636,8 @@ void EventListener::sayFarewell(const ConnectionInfoPtr& subscribedAt)
     farewellTimer.async_wait([self = shared_from_this(), token = lifetime](const error_code& ec) {
         if (ec)
             return;
-        for (const auto& [request, cancellation] : self->unsubscribing)
-            cancellation->cancel();
+        for (const auto& [number, unsubscription] : self->unsubscribing)
+            unsubscription.request->cancel();
     });
 }
 }  // namespace Uniview

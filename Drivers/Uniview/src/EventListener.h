@@ -105,6 +105,11 @@ private:
         std::uint16_t port = 0;
         std::string clientIp;
     };
+    struct Unsubscription {
+        std::string id;
+        bool isRepeat = false;  // another of this ID was under way or has succeeded
+        Tavro8::http::CancellationPtr request;
+    };
     /// What the device is told to send to.
     struct LocalServer {
         std::string ip;
@@ -147,6 +152,7 @@ private:
     void onSubscribed(const std::string& failure, const std::vector<char>& body);
     void onRenewed(const std::string& failure, const std::vector<char>& body);
     void onUnsubscribed(std::uint64_t request, const std::string& failure);
+    bool isCancelled(const std::string& id) const;
     bool parse(const std::vector<char>& body, Json::Value& document, const char* operation) const;
     void armRenewTimer();
     void armRetryTimer();
@@ -196,8 +202,9 @@ private:
     // The I/O thread's:
     std::uint64_t chain = 0;        // the subscription that replies belong to; those to an earlier one change nothing
     std::uint64_t lastRequest = 0;  // numbers those under way
-    std::map<std::uint64_t, Tavro8::http::CancellationPtr> subscribing;    // under way: subscriptions and renewals
-    std::map<std::uint64_t, Tavro8::http::CancellationPtr> unsubscribing;  // under way: cancellations
+    std::map<std::uint64_t, Tavro8::http::CancellationPtr> subscribing;  // under way: subscriptions and renewals
+    std::map<std::uint64_t, Unsubscription> unsubscribing;               // under way: cancellations
+    std::optional<std::string> cancelledId;  // the last that the device has confirmed; until it is given out again
     boost::asio::steady_timer repeatTimer;
     bool repeatPending = false;
     subscription::RepeatPace pace;

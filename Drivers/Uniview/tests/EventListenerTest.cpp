@@ -492,6 +492,51 @@ TEST_F(EventListenerTest, aCancellationThatFailsIsOnlyLogged)
     EXPECT_EQ(exchanges(), (Strings{post(), put("5"), cancel("5")}));
 }
 
+TEST_F(EventListenerTest, aCancellationOfWhatIsCancelledIsNoError)
+{
+    subscribe();
+    listener->addSubscriber(&second);
+    peer.answerOnce(cancel("5"), 200, replyWithData("{}"));
+    peer.answer(cancel("5"), 599, "");
+    listener->removeSubscriber(&subscriber);
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed successfully"));
+    listener->removeSubscriber(&second);
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed with error: "));
+    listener->removeSubscriber(&second);
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed with error: ", 2));
+    EXPECT_EQ(logger.errorCount(), 0U) << logger.text();
+    EXPECT_TRUE(isLineOf("Event unsubscription completed with error:  HTTP response has error code: 599, reason: "
+                         "Scripted, request: " +
+                             subscriptionPath + "/5",
+                         LogSeverity::debug));
+}
+
+TEST_F(EventListenerTest, ofTwoCancellationsAtOnceOnlyTheFirstMayBeAnError)
+{
+    subscribe();
+    listener->addSubscriber(&second);
+    peer.staySilent(cancel("5"));
+    listener->removeSubscriber(&subscriber);
+    listener->removeSubscriber(&second);
+    ASSERT_TRUE(peer.waitForRequest(cancel("5"), 2));
+    release(cancel("5"), 599, "");
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed with error: ", 2));
+    EXPECT_EQ(logger.errorCount(), 1U) << logger.text();
+}
+
+TEST_F(EventListenerTest, aCancellationOfTheSameNumberGivenOutAgainMayBeAnError)
+{
+    subscribe();
+    listener->removeSubscriber(&subscriber);
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed successfully"));
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed(2));
+    peer.answer(cancel("5"), 599, "");
+    listener->removeSubscriber(&subscriber);
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed with error: "));
+    EXPECT_EQ(logger.errorCount(), 1U);
+}
+
 TEST_F(EventListenerTest, aDeviceThatRefusesEverythingIsAskedAgainAtOnceAndThenLater)
 {
     EventListenerTiming timing;
