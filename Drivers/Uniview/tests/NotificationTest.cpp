@@ -80,6 +80,10 @@ TEST_F(Notification, withoutAlarmInfoIsLogged)
          {"{}", "{\"AlarmInfo\":null}", "{\"alarminfo\":{}}", "{\"StructureInfo\":{\"a\":[]}}"})
         EXPECT_TRUE(read(chunk).isNull()) << chunk;
     EXPECT_EQ(logger.count("AlarmInfo is not found in notification."), 4U);
+    const auto line = logger.find("AlarmInfo is not found in notification.");
+    EXPECT_EQ(line.severity, Tavro8::LogSeverity::error);
+    EXPECT_EQ(line.message, "AlarmInfo is not found in notification.");
+    EXPECT_EQ(line.function, "Uniview::EventListener::processData");
     EXPECT_EQ(logger.errorCount(), 4U);
 }
 
