@@ -36,12 +36,11 @@ constexpr const char* portPath = "/LAPI/V1.0/Network/Port";
 constexpr const char* alternativePortPath = "/LAPI/V1.0/Network/Ports";
 constexpr const char* deviceInfoPath = "/LAPI/V1.0/System/DeviceInfo";
 
-/// The text of a property, or an empty one when it is not set or not a text.
-std::string textProperty(const ParameterMap& properties, const char* key)
+/// A property, or nothing when it is not set.
+boost::any property(const ParameterMap& properties, const char* key)
 {
     const auto found = properties.find(key);
-    const auto* const text = found == properties.end() ? nullptr : boost::any_cast<std::string>(&found->second);
-    return text == nullptr ? std::string() : *text;
+    return found == properties.end() ? boost::any() : found->second;
 }
 }  // namespace
 
@@ -100,15 +99,19 @@ Device::~Device() = default;
 void Device::setParameters()
 {
     const ParameterMap& properties = getDescription()->properties;
-    if (const std::string ip = textProperty(properties, localServerIpKey); !ip.empty()) {
-        parameters.setPersistentParam(localServerIpKey, ip);
-        logger.info(constructing, "Set listener IP from repository, value='", ip, "'");
-    } else {
-        parameters.setPersistentParam(localServerIpKey, {});  // also what is no text
-    }
-    const auto port = properties.find(localServerPortKey);
-    if (port != properties.end())
-        setListenerPort(port->second);
+    setListenerIp(property(properties, localServerIpKey));
+    setListenerPort(property(properties, localServerPortKey));
+}
+
+/// What is no address would only be refused by the device, again and again; our own is detected then.
+void Device::setListenerIp(const boost::any& value)
+{
+    const auto ip = addressOf(value);
+    parameters.setPersistentParam(localServerIpKey, ip ? boost::any(*ip) : boost::any());
+    if (ip)
+        logger.info(constructing, "Set listener IP from repository, value='", *ip, "'");
+    else if (!isUnset(value))
+        logger.error(constructing, "The value of localServerIP is no IP address and is ignored");
 }
 
 /// The port arrives as a text from the repository and as a text or an integer from the host; it is kept as the

@@ -132,6 +132,7 @@ private:
     void applyDeviceType(int deviceType);
     std::uint16_t findRtspPort(const std::vector<char>& portReply) const;
     void setParameters();
+    void setListenerIp(const boost::any& value);
     void setListenerPort(const boost::any& value);
 
     // The event listener:

@@ -47,6 +47,11 @@ std::string resolveAddress(const std::string& host, std::uint16_t port, std::chr
     return found.begin()->endpoint().address().to_string();
 }
 
+std::string withoutZone(const std::string& address)
+{
+    return address.substr(0, address.find('%'));
+}
+
 std::optional<std::string> detectLocalAddress(const std::string& address, std::uint16_t port,
                                               std::chrono::milliseconds limit)
 {
@@ -57,7 +62,6 @@ std::optional<std::string> detectLocalAddress(const std::string& address, std::u
     const auto local = connectBriefly({target, port}, limit);
     if (!local)
         return {};
-    const std::string text = local->address().to_string();
-    return text.substr(0, text.find('%'));  // a zone means nothing to the device
+    return withoutZone(local->address().to_string());
 }
 }  // namespace Uniview

@@ -2,6 +2,8 @@
 
 #include "LocalServerSettings.h"
 
+#include "LocalAddress.h"
+
 #include <IpUtil/Numbers.h>
 #include <boost/asio/ip/address.hpp>
 
@@ -34,9 +36,13 @@ std::optional<std::string> addressOf(const boost::any& value)
     const auto* const text = boost::any_cast<std::string>(&value);
     if (text == nullptr)
         return {};
+    // A zone may hold anything, and the text goes into a request as it is.
+    std::string address = withoutZone(*text);
+    if (address.find_first_not_of("0123456789abcdefABCDEF.:") != std::string::npos)
+        return {};
     boost::system::error_code ec;
-    boost::asio::ip::make_address(*text, ec);
-    return ec ? std::nullopt : std::optional(*text);
+    boost::asio::ip::make_address(address, ec);
+    return ec ? std::nullopt : std::optional(std::move(address));
 }
 
 std::string shown(const boost::any& value)

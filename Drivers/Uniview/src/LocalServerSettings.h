@@ -18,7 +18,7 @@ inline constexpr std::uint16_t defaultLocalServerPort = 32000;
 bool isUnset(const boost::any& value);
 /// An integer or a text of decimal digits, up to 65535; nothing for anything else.
 std::optional<std::uint16_t> portOf(const boost::any& value);
-/// A text that is an IPv4 or IPv6 address; nothing for anything else.
+/// A text that is an IPv4 or IPv6 address, without its zone; nothing for anything else.
 std::optional<std::string> addressOf(const boost::any& value);
 
 /// A value for the log, at most 64 bytes of it: a text in quotation marks, an integer as it is.

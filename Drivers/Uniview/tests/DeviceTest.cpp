@@ -274,6 +274,22 @@ TEST_F(DeviceTest, listenerPortThatIsNoneIsLoggedAndIgnored)
     }
 }
 
+TEST_F(DeviceTest, listenerAddressThatIsNoneIsLoggedAndIgnored)
+{
+    for (const boost::any& value : {boost::any(std::string("nonsense")), boost::any(std::string("1.2.3.4\",\"x\":\"")),
+                                    boost::any(std::string("192.0.2.7:80")), boost::any(7)}) {
+        const auto description = std::make_shared<DeviceTraits>();
+        description->properties["localServerIP"] = value;
+        RecordingLogger lines;
+        const auto other = Device::create(nullptr, &lines, description, *service);
+        const auto line = lines.find("The value of localServerIP is no IP address and is ignored");
+        EXPECT_EQ(line.severity, Tavro8::LogSeverity::error);
+        EXPECT_FALSE(lines.contains("Set listener IP"));
+        EXPECT_FALSE(other->getParameters().get<std::string>("localServerIP"));
+        other->Destroy();
+    }
+}
+
 TEST_F(DeviceTest, emptyListenerSettingsAreNoSettings)
 {
     make(1, {{"localServerIP", std::string()}, {"localServerPort", std::string()}});

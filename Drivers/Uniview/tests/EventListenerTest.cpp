@@ -657,6 +657,18 @@ TEST_F(EventListenerTest, namesTheAddressThatIsSet)
               std::string::npos);
 }
 
+TEST_F(EventListenerTest, detectsItsAddressWhenTheOneThatIsSetIsNone)
+{
+    port = freePort();
+    make(1, {{"localServerPort", int{port}}, {"localServerIP", std::string("1.2.3.4\",\"x\":\"")}});
+    accept(peer);
+    connect();
+    makeListener();
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed());
+    EXPECT_NE(bytesOf(post()).find("\"IPAddress\" : \"127.0.0.1\",\"Port\" : "), std::string::npos);
+}
+
 TEST_F(EventListenerTest, withoutAnAddressOfItsOwnItSubscribesWithAnEmptyOne)
 {
     EventListenerTiming timing;

@@ -36,7 +36,11 @@ TEST(LocalServerSettings, addressesAreThoseOfIp)
 {
     EXPECT_EQ(addressOf(text("192.0.2.7")), "192.0.2.7");
     EXPECT_EQ(addressOf(text("2001:db8::1")), "2001:db8::1");
-    for (const boost::any& wrong : {text("host"), text("192.0.2"), text("192.0.2.7\""), text(""), boost::any(7)})
+    EXPECT_EQ(addressOf(text("fe80::1%eth0")), "fe80::1");
+    EXPECT_EQ(addressOf(text("fe80::1%1\",\"x\":\"")), "fe80::1");
+    for (const boost::any& wrong :
+         {text("host"), text("192.0.2"), text("192.0.2.7\""), text("1.2.3.4\",\"x\":\""), text("192.0.2.7 "), text(""),
+          boost::any(7), boost::any(std::string("192.0.2.7\0\"", 11)), text("%eth0"), text("192.0.2.7:80")})
         EXPECT_FALSE(addressOf(wrong));
 }
 
@@ -66,6 +70,21 @@ TEST(LocalAddress, isOursOnTheWayToTheDevice)
 {
     const ScriptedHttpPeer peer;
     EXPECT_EQ(detectLocalAddress("127.0.0.1", peer.port(), 10s), "127.0.0.1");
+}
+
+TEST(LocalAddress, isThatOfIpv6OnTheWayToAnIpv6Device)
+{
+    const ScriptedHttpPeer peer("::1");
+    EXPECT_EQ(detectLocalAddress("::1", peer.port(), 10s), "::1");
+    EXPECT_FALSE(detectLocalAddress("127.0.0.1", peer.port(), 10s));
+}
+
+TEST(LocalAddress, hasNoZoneForTheDevice)
+{
+    EXPECT_EQ(withoutZone("fe80::1%eth0"), "fe80::1");
+    EXPECT_EQ(withoutZone("2001:db8::1"), "2001:db8::1");
+    EXPECT_EQ(withoutZone("192.0.2.7"), "192.0.2.7");
+    EXPECT_EQ(withoutZone(""), "");
 }
 
 TEST(LocalAddress, isNoneWhenTheDeviceCannotBeReached)
