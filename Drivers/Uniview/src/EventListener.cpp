@@ -212,7 +212,7 @@ void EventListener::resume(const std::function<bool()>& permitted)
             return;
         paused = false;
         if (running && device->getAddress() == clientIp)
-            return onService([](EventListener& self) { self.catchUp(); });
+            return onService([hasMoved = detectMove()](EventListener& self) { self.catchUp(hasMoved); });
         ended = end();
         if (ended)
             onService([info = device->getHttpConnectionInfo()](EventListener& self) {
@@ -295,6 +295,23 @@ void EventListener::getCurrentIpAndPort()
     }
     clientIp = device->getAddress();
     setServer({chooseServerIp(device->getHttpConnectionInfo()), port});
+    tellServer();
+}
+
+/// Whether the device is to be told another address of ours, which is chosen then. One that is set stays, and so does
+/// the present one when no other can be detected.
+bool EventListener::detectMove()
+{
+    std::string ip = serverPort == 0 ? std::string() : chooseServerIp(device->getHttpConnectionInfo());
+    if (ip.empty() || ip == serverIp)
+        return false;
+    setServer({std::move(ip), serverPort});
+    tellServer();
+    return true;
+}
+
+void EventListener::tellServer() const
+{
     info(choosing, "Selected parameters for local server: server IP='", serverIp, "', server port=", serverPort,
          ", client IP='", clientIp, "'");
 }
@@ -570,11 +587,10 @@ void EventListener::cancelAndSubscribe()
 }
 
 /// The device is back: whether it still knows us is asked now rather than when the timers say so.
-void EventListener::catchUp()
+void EventListener::catchUp(bool hasMoved)
 {
     pace.reset();
-    if (std::exchange(repeatPending, false)) {
-        repeatTimer.cancel();
+    if (hasMoved || repeatPending) {
         cancelAndSubscribe();
     } else if (renewTimerPending) {
         cancelRenewTimer();

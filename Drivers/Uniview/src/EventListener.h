@@ -75,9 +75,9 @@ public:
     /// The device is closed: ends subscription and registration, keeps the subscribers. Any thread.
     void pause();
     /// The device is connected: goes on for the subscribers that are there, and follows a device whose address has
-    /// changed. A subscription that was due for renewal later, or for a repeat, is seen to at once. Does nothing when
-    /// `permitted`, asked under `mutex`, says no: the device may have been closed meanwhile. May block as
-    /// `addSubscriber`. Any thread.
+    /// changed; so has perhaps our own, unless it is set, and then the device is told the new one. A subscription that
+    /// was due for renewal later, or for a repeat, is seen to at once. Does nothing when `permitted`, asked under
+    /// `mutex`, says no: the device may have been closed meanwhile. May block as `addSubscriber`. Any thread.
     void resume(const std::function<bool()>& permitted);
     /// The device goes: as `pause`, and nothing begins any more. The last cancellation has a moment to reach the
     /// device. Any thread.
@@ -124,6 +124,8 @@ private:
     void begin();
     std::optional<Registration> end();
     void getCurrentIpAndPort();
+    bool detectMove();
+    void tellServer() const;
     std::string chooseServerIp(const Tavro8::http::ConnectionInfoPtr& info) const;
     void setServer(LocalServer server);
     void setSubscribers(Seats changed);
@@ -159,7 +161,7 @@ private:
     void onRetryTimer(const boost::system::error_code& ec);
     void repeatSubscription();
     void cancelAndSubscribe();
-    void catchUp();
+    void catchUp(bool hasMoved);
     void cancelRenewTimer();
     void cancelRetryTimer();
     void cancelRepeat();

@@ -987,6 +987,46 @@ TEST_F(EventListenerTest, followsADeviceThatHasAnotherAddressAfterAReconnection)
     EXPECT_TRUE(elsewhere.waitForRequest(cancel("5"), 2));
 }
 
+TEST_F(EventListenerTest, tellsTheDeviceWhenItsOwnAddressHasChangedAtAReconnection)
+{
+    subscribe();
+    listener->setLocalServer(port, "192.0.2.9");  // an address that it does not have any more
+    ASSERT_TRUE(waitRenewed(2));
+    listener->resume([] { return true; });
+    ASSERT_TRUE(waitRenewed(3));
+    EXPECT_EQ(exchanges(), (Strings{post(), put("5"), cancel("5"), post(), put("5"), cancel("5"), post(), put("5")}));
+    EXPECT_NE(peer.bodies()[peer.bodies().size() - 2].find("\"IPAddress\" : \"127.0.0.1\""), std::string::npos);
+    EXPECT_EQ(logger.count("Selected parameters for local server: server IP='127.0.0.1'"), 2U);
+    PushPeer(port).send(kelvo::test::notification(alarm("EnterArea")));
+    EXPECT_TRUE(subscriber.waitFor(1));
+}
+
+TEST_F(EventListenerTest, keepsTheAddressThatIsSetAtAReconnection)
+{
+    port = freePort();
+    make(1, {{"localServerPort", int{port}}, {"localServerIP", std::string("192.0.2.7")}});
+    accept(peer);
+    connect();
+    makeListener();
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed());
+    listener->resume([] { return true; });
+    ASSERT_TRUE(waitRenewed(2));
+    EXPECT_EQ(exchanges(), (Strings{post(), put("5"), put("5")}));
+}
+
+TEST_F(EventListenerTest, keepsItsAddressWhenNoneIsDetectedAtAReconnection)
+{
+    EventListenerTiming timing;
+    timing.addressDetection = 0ms;
+    subscribe(timing);
+    listener->setLocalServer(port, "192.0.2.9");
+    ASSERT_TRUE(waitRenewed(2));
+    listener->resume([] { return true; });
+    ASSERT_TRUE(waitRenewed(3));
+    EXPECT_EQ(exchanges(), (Strings{post(), put("5"), cancel("5"), post(), put("5"), put("5")}));
+}
+
 TEST_F(EventListenerTest, resumesOnlyWhenPermitted)
 {
     listen();
