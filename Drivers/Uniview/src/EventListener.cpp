@@ -403,6 +403,8 @@ Tavro8::http::CompletionHandler EventListener::inChain(std::uint64_t request, st
 /// counts its subscriptions from one again. Overtaken by the new subscription it would end that one.
 void EventListener::sendSubscriptionRequest()
 {
+    cancelRenewTimer();
+    cancelRetryTimer();
     cancelRepeat();
     ++chain;
     if (unsubscribing.empty())

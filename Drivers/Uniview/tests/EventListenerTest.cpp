@@ -336,6 +336,32 @@ TEST_F(EventListenerTest, retriesGoOnAlsoWhenNobodyIsLeft)
     EXPECT_TRUE(peer.waitForRequest(post(), before + 3));
 }
 
+TEST_F(EventListenerTest, theNextFirstSubscriberTakesThePlaceOfARetryThatIsDue)
+{
+    EventListenerTiming timing;
+    timing.retryDelay = never;
+    makeReady();
+    peer.answerOnce(post(), 200, replyWithData("{}"));
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(logger.waitFor("Can't get subscription id."));
+    listener->removeSubscriber(&subscriber);
+    ASSERT_TRUE(isPending(&EventListener::isRetryTimerPending));
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed());
+    EXPECT_FALSE(isPending(&EventListener::isRetryTimerPending));
+    EXPECT_TRUE(isPending(&EventListener::isRenewTimerPending));
+}
+
+TEST_F(EventListenerTest, aNewSubscriptionTakesThePlaceOfARenewalThatIsDue)
+{
+    subscribe();
+    peer.staySilent(post());
+    listener->setLocalServer(port, "192.0.2.9");
+    ASSERT_TRUE(peer.waitForRequest(post(), 2));
+    EXPECT_FALSE(isPending(&EventListener::isRenewTimerPending));
+}
+
 TEST_F(EventListenerTest, aPausedListenerHasNothingDue)
 {
     EventListenerTiming timing;
