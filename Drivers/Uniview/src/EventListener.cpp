@@ -386,28 +386,71 @@ void EventListener::cancelLater()
             [info = device->getHttpConnectionInfo()](EventListener& self) { self.sendUnsubscriptionRequest(info); });
 }
 
-/// The completion of a subscription or renewal. Device and listener exist when `onReply` is called.
-Tavro8::http::CompletionHandler EventListener::inChain(std::uint64_t request, std::string path, OnReply onReply)
+/// The completion of a subscription or renewal. Device and listener exist when `onReply` is called. A subscription has
+/// been sent to `subscribedAt`, which is null for a renewal.
+Tavro8::http::CompletionHandler EventListener::inChain(std::uint64_t request, std::string path, OnReply onReply,
+                                                       ConnectionInfoPtr subscribedAt)
 {
-    return whileAlive([request, path = std::move(path), onReply,
-                       itsChain = chain](EventListener& self, const error_code& ec, const std::vector<char>& body,
-                                         const Tavro8::http::HttpResponse& response) {
-        self.subscribing.erase(request);
-        self.device->reportExchange(ec);
-        if (itsChain == self.chain)
-            (self.*onReply)(judge(ec, body, response, path, lapi::Expect::body), body);
-    });
+    return [weak = weak_from_this(), owner = owner, token = lifetime, request, path = std::move(path), onReply,
+            subscribedAt = std::move(subscribedAt), itsChain = chain](
+               const error_code& ec, const std::vector<char>& body, const Tavro8::http::HttpResponse& response) {
+        const auto kept = owner.lock();
+        const auto self = weak.lock();
+        if (self == nullptr)
+            return;
+        guardedVoid(*self, "Uniview::EventListener", [&] {
+            self->subscribing.erase(request);
+            self->prolonging.erase(request);
+            if (kept != nullptr)
+                kept->reportExchange(ec);
+            const std::string failure = judge(ec, body, response, path, lapi::Expect::body);
+            if (itsChain == self->chain && kept != nullptr)
+                ((*self).*onReply)(failure, body);
+            else if (subscribedAt != nullptr && failure.empty())
+                self->onSubscribedInVain(subscribedAt, body);
+            self->onExchanged(kept != nullptr);
+        });
+    };
+}
+
+/// Without somebody to cancel it the subscription would double each event, or send them to a closed port. One with the
+/// number of the present subscription is that one, for all we know.
+void EventListener::onSubscribedInVain(const ConnectionInfoPtr& subscribedAt, const std::vector<char>& body)
+{
+    Json::Value reply;
+    const auto id = parse(body, reply, makingNew) ? subscription::idOf(reply) : std::nullopt;
+    if (!id)
+        return;
+    debug(makingNew, "A subscription that was given up has come about, ID=", *id);
+    if (*id != subscriptionId || cancelledId == id)
+        sendUnsubscriptionRequest(subscribedAt, *id);
+}
+
+/// Whether a new subscription, or the end, has something to wait for.
+bool EventListener::isBusy() const noexcept
+{
+    return !subscribing.empty() || !unsubscribing.empty();
+}
+
+void EventListener::onExchanged(bool deviceExists)
+{
+    if (isBusy())
+        return;
+    farewellTimer.cancel();
+    if (deviceExists)
+        sendWaitingSubscription();
 }
 
 /// Not while a cancellation is under way: it travels on a connection of its own, and a device that has been restarted
-/// counts its subscriptions from one again. Overtaken by the new subscription it would end that one.
+/// counts its subscriptions from one again. Overtaken by the new subscription it would end that one. A subscription
+/// that has been given up and is still under way is going to be cancelled.
 void EventListener::sendSubscriptionRequest()
 {
     cancelRenewTimer();
     cancelRetryTimer();
     cancelRepeat();
     ++chain;
-    if (unsubscribing.empty())
+    if (!isBusy())
         return postSubscription();
     subscriptionWaiting = true;
     waitingTimer.expires_after(timing.cancellation);
@@ -431,9 +474,10 @@ void EventListener::postSubscription()
     Tavro8::http::HttpHeaders headers;
     headers.set(Tavro8::http::HTTP_HEADER_CONNECTION, "close");
     const std::uint64_t request = ++lastRequest;
+    const auto connection = device->getHttpConnectionInfo();
     subscribing[request] = Tavro8::http::asyncPostEx(
-        device->getHttpConnectionInfo(), subscription::path, subscription::subscribeBody(server.ip, server.port),
-        context, headers, inChain(request, subscription::path, &EventListener::onSubscribed));
+        connection, subscription::path, subscription::subscribeBody(server.ip, server.port), context, headers,
+        inChain(request, subscription::path, &EventListener::onSubscribed, connection));
 }
 
 void EventListener::onSubscribed(const std::string& failure, const std::vector<char>& body)
@@ -464,8 +508,8 @@ void EventListener::sendRenewSubscriptionRequest(const error_code& ec)
         return;
     const std::string path = subscription::pathOf(subscriptionId);
     const std::uint64_t request = ++lastRequest;
-    subscribing[request] = Tavro8::http::asyncPutEx(device->getHttpConnectionInfo(), path, subscription::renewBody(),
-                                                    context, inChain(request, path, &EventListener::onRenewed));
+    prolonging[request] = Tavro8::http::asyncPutEx(device->getHttpConnectionInfo(), path, subscription::renewBody(),
+                                                   context, inChain(request, path, &EventListener::onRenewed, nullptr));
 }
 
 void EventListener::onRenewed(const std::string& failure, const std::vector<char>& body)
@@ -492,9 +536,14 @@ void EventListener::onRenewed(const std::string& failure, const std::vector<char
 
 void EventListener::sendUnsubscriptionRequest(const ConnectionInfoPtr& connection)
 {
-    const std::string path = subscription::pathOf(subscriptionId);
+    sendUnsubscriptionRequest(connection, subscriptionId);
+}
+
+void EventListener::sendUnsubscriptionRequest(const ConnectionInfoPtr& connection, const std::string& id)
+{
+    const std::string path = subscription::pathOf(id);
     const std::uint64_t request = ++lastRequest;
-    Unsubscription sent{subscriptionId, isCancelled(subscriptionId), nullptr};
+    Unsubscription sent{id, isCancelled(id), nullptr};
     sent.request = Tavro8::http::asyncDeleteEx(
         connection, path, context,
         [self = shared_from_this(), owner = owner, token = lifetime, request,
@@ -504,8 +553,7 @@ void EventListener::sendUnsubscriptionRequest(const ConnectionInfoPtr& connectio
                 if (kept != nullptr)
                     kept->reportExchange(ec);
                 self->onUnsubscribed(request, judge(ec, body, response, path, lapi::Expect::status));
-                if (kept != nullptr && self->unsubscribing.empty())
-                    self->sendWaitingSubscription();
+                self->onExchanged(kept != nullptr);
             });
         });
     unsubscribing.emplace(request, std::move(sent));
@@ -524,8 +572,6 @@ void EventListener::onUnsubscribed(std::uint64_t request, const std::string& fai
     } else {
         exchangeLog.error(cancelling, "Event unsubscription completed with error: ", failure);
     }
-    if (unsubscribing.empty())
-        farewellTimer.cancel();
 }
 
 /// Or about to be.
@@ -630,7 +676,7 @@ void EventListener::giveUpChain()
     ++chain;
     cancelRepeat();
     cancelWaitingSubscription();
-    for (const auto& [request, cancellation] : subscribing)
+    for (const auto& [request, cancellation] : prolonging)
         cancellation->cancel();
 }
 
@@ -648,7 +694,7 @@ void EventListener::sayFarewell(const ConnectionInfoPtr& subscribedAt)
     giveUpAll();
     if (subscribedAt != nullptr)
         sendUnsubscriptionRequest(subscribedAt);
-    if (unsubscribing.empty())
+    if (!isBusy())
         return;
     farewellTimer.expires_after(timing.farewell);
     farewellTimer.async_wait([self = shared_from_this(), token = lifetime](const error_code& ec) {
@@ -656,6 +702,8 @@ void EventListener::sayFarewell(const ConnectionInfoPtr& subscribedAt)
             return;
         for (const auto& [number, unsubscription] : self->unsubscribing)
             unsubscription.request->cancel();
+        for (const auto& [number, cancellation] : self->subscribing)
+            cancellation->cancel();
     });
 }
 }  // namespace Uniview

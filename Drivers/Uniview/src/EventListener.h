@@ -31,7 +31,7 @@ struct EventListenerTiming {
     std::chrono::milliseconds firstPause{100};      ///< of a subscription that fails again and again, doubling
     std::chrono::milliseconds longestPause{10000};  ///< up to here
     std::chrono::milliseconds addressDetection{1000};  ///< for the connection that shows our own address
-    std::chrono::milliseconds farewell{1000};          ///< for the last cancellation, which keeps `finiModule` waiting
+    std::chrono::milliseconds farewell{1000};  ///< for what is under way at the end, which keeps `finiModule` waiting
     std::chrono::milliseconds cancellation{1000};  ///< that a new subscription waits for the one before to be cancelled
 };
 
@@ -46,7 +46,8 @@ struct EventListenerTiming {
 ///
 /// Shared by the device and by handlers in flight. These hold it weakly, and the device with it; only the cancellation
 /// of a subscription, which has to reach the device also when everybody has left, keeps the listener and knows no
-/// device.
+/// device. A subscription that nobody wants any more is not taken back, since it may have come about already: it is
+/// cancelled when the device tells its ID.
 class EventListener final : public Tavro8::LoggerHelper,
                             public Tavro8::TcpServerEx::IClient,
                             public std::enable_shared_from_this<EventListener> {
@@ -150,7 +151,12 @@ private:
     void postSubscription();
     void sendRenewSubscriptionRequest(const boost::system::error_code& ec);
     void sendUnsubscriptionRequest(const Tavro8::http::ConnectionInfoPtr& info);
-    Tavro8::http::CompletionHandler inChain(std::uint64_t request, std::string path, OnReply onReply);
+    void sendUnsubscriptionRequest(const Tavro8::http::ConnectionInfoPtr& info, const std::string& id);
+    Tavro8::http::CompletionHandler inChain(std::uint64_t request, std::string path, OnReply onReply,
+                                            Tavro8::http::ConnectionInfoPtr subscribedAt);
+    void onSubscribedInVain(const Tavro8::http::ConnectionInfoPtr& subscribedAt, const std::vector<char>& body);
+    bool isBusy() const noexcept;
+    void onExchanged(bool deviceExists);
     void onSubscribed(const std::string& failure, const std::vector<char>& body);
     void onRenewed(const std::string& failure, const std::vector<char>& body);
     void onUnsubscribed(std::uint64_t request, const std::string& failure);
@@ -204,7 +210,8 @@ private:
     // The I/O thread's:
     std::uint64_t chain = 0;        // the subscription that replies belong to; those to an earlier one change nothing
     std::uint64_t lastRequest = 0;  // numbers those under way
-    std::map<std::uint64_t, Tavro8::http::CancellationPtr> subscribing;  // under way: subscriptions and renewals
+    std::map<std::uint64_t, Tavro8::http::CancellationPtr> subscribing;  // under way: subscriptions
+    std::map<std::uint64_t, Tavro8::http::CancellationPtr> prolonging;   // under way: renewals
     std::map<std::uint64_t, Unsubscription> unsubscribing;               // under way: cancellations
     std::optional<std::string> cancelledId;  // the last that the device has confirmed; until it is given out again
     boost::asio::steady_timer repeatTimer;

@@ -162,6 +162,30 @@ TEST_F(DeviceEvents, aSilentDeviceHoldsUpNeitherDestroyNorTheEndOfTheModule)
     EXPECT_TRUE(peer.waitForRequest(cancel("5")));
 }
 
+TEST_F(DeviceEvents, aSubscriptionUnderWayHoldsUpNeitherDestroyNorTheEndOfTheModule)
+{
+    makeReady();
+    peer.staySilent(post());
+    device->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post()));
+    device->Destroy();
+    device = nullptr;
+    auto ended = std::async(std::launch::async, [] { ModuleSettings::lifetimeGate().waitUntilEmpty(); });
+    EXPECT_EQ(ended.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+TEST_F(DeviceEvents, aSubscriptionThatComesAboutAfterDestroyIsCancelled)
+{
+    makeReady();
+    peer.staySilent(post());
+    device->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post()));
+    device->Destroy();
+    device = nullptr;
+    release(post(), 200, replyWithData("{\"ID\":\"5\"}"));
+    EXPECT_TRUE(peer.waitForRequest(cancel("5")));
+}
+
 TEST_F(DeviceEvents, destroyFromInsideADeliveryReturns)
 {
     makeReady();

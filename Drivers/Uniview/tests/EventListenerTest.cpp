@@ -981,9 +981,11 @@ TEST_F(EventListenerTest, repliesThatComeAfterTheEndAreHarmless)
 
 TEST_F(EventListenerTest, anExchangeUnderWayIsGivenUpWhenTheListenerIsPaused)
 {
+    EventListenerTiming timing;
+    timing.cancellation = 1ms;
     makeReady();
     peer.staySilent(post());
-    makeListener();
+    makeListener(timing);
     listener->addSubscriber(&subscriber);
     ASSERT_TRUE(peer.waitForRequest(post()));
     listener->pause();
@@ -993,6 +995,78 @@ TEST_F(EventListenerTest, anExchangeUnderWayIsGivenUpWhenTheListenerIsPaused)
     ASSERT_TRUE(waitRenewed());
     EXPECT_FALSE(logger.contains("Event subscription completed with error"));
     EXPECT_EQ(exchanges(), (Strings{post(), cancel("0"), post(), put("5")}));
+}
+
+TEST_F(EventListenerTest, aSubscriptionThatComesAboutAfterTheLastHasLeftIsCancelled)
+{
+    makeReady();
+    peer.staySilent(post());
+    makeListener();
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post()));
+    listener->removeSubscriber(&subscriber);
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed with error"));  // that of "0"
+    release(post(), 200, replyWithData("{\"ID\":\"5\"}"));
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed successfully"));
+    settle();
+    EXPECT_EQ(exchanges(), (Strings{post(), cancel("0"), cancel("5")}));
+    EXPECT_FALSE(logger.contains("Event subscription completed"));
+}
+
+TEST_F(EventListenerTest, theNextSubscriptionWaitsForTheOneThatWasGivenUp)
+{
+    EventListenerTiming timing;
+    timing.cancellation = never;
+    makeReady();
+    peer.staySilent(post());
+    peer.answer(cancel("4"), 200, replyWithData("{}"));
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post()));
+    listener->removeSubscriber(&subscriber);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(isPending(&EventListener::isSubscriptionWaiting));
+    peer.answerOnce(post(), 200, replyWithData("{\"ID\":\"5\"}"));
+    release(post(), 200, replyWithData("{\"ID\":\"4\"}"));
+    ASSERT_TRUE(waitRenewed());
+    EXPECT_EQ(exchanges(), (Strings{post(), cancel("0"), cancel("4"), post(), put("5")}));
+}
+
+TEST_F(EventListenerTest, aSubscriptionThatWasReplacedIsCancelledWhenItComesAbout)
+{
+    EventListenerTiming timing;
+    timing.cancellation = 1ms;
+    makeReady();
+    peer.staySilent(post());
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post()));
+    accept(peer);
+    listener->setLocalServer(port, "192.0.2.9");
+    ASSERT_TRUE(waitRenewed());
+    release(post(), 200, replyWithData("{\"ID\":\"4\"}"));
+    EXPECT_TRUE(peer.waitForRequest(cancel("4")));
+}
+
+// A device may have one subscription for each receiver.
+TEST_F(EventListenerTest, aSubscriptionThatWasReplacedIsKeptWhenItIsThePresentOne)
+{
+    EventListenerTiming timing;
+    timing.cancellation = 1ms;
+    makeReady();
+    peer.staySilent(post());
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(post()));
+    accept(peer);
+    listener->setLocalServer(port, "192.0.2.9");
+    ASSERT_TRUE(waitRenewed());
+    release(post(), 200, replyWithData("{\"ID\":\"5\"}"));
+    ASSERT_TRUE(logger.waitFor("A subscription that was given up has come about, ID=5"));
+    listener->removeSubscriber(&subscriber);
+    ASSERT_TRUE(logger.waitFor("Event unsubscription completed successfully"));
+    const auto all = exchanges();
+    EXPECT_EQ(std::ranges::count(all, cancel("5")), 1);
 }
 
 TEST_F(EventListenerTest, followsADeviceThatHasAnotherAddressAfterAReconnection)
