@@ -483,6 +483,58 @@ TEST_F(EventListenerTest, aRenewalThatIsNoJsonLetsTheSubscriptionLapse)
     EXPECT_EQ(exchanges(), (Strings{post(), put("5")}));
 }
 
+TEST_F(EventListenerTest, aRenewalRepliedWithNothingCancelsAndSubscribesAnew)
+{
+    makeReady();
+    peer.answerOnce(put("5"), 200, "");
+    makeListener();
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed());
+    EXPECT_EQ(exchanges(), (Strings{post(), put("5"), cancel("5"), post(), put("5")}));
+    EXPECT_TRUE(isLineOf(
+        "Renew subscription completed with error:  HTTP responce is empty, request: " + subscriptionPath + "/5",
+        LogSeverity::error));
+    EXPECT_FALSE(logger.contains("Can't parse subscription duration."));
+}
+
+TEST_F(EventListenerTest, aRenewalThatFailsInTransportCancelsAndSubscribesAnew)
+{
+    EventListenerTiming timing;
+    timing.cancellation = never;
+    makeReady();
+    peer.answerRaw(put("5"), "SSH-2.0-OpenSSH_9.2\r\n");
+    peer.staySilent(cancel("5"));
+    makeListener(timing);
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(peer.waitForRequest(cancel("5")));
+    accept(peer);
+    release(cancel("5"), 200, replyWithData("{}"));
+    ASSERT_TRUE(waitRenewed());
+    EXPECT_EQ(exchanges(), (Strings{post(), put("5"), cancel("5"), post(), put("5")}));
+    EXPECT_TRUE(isLineOf("Renew subscription completed with error:  HTTP request is finished with error: 261, message: "
+                         "the answer does not follow the protocol, request: " +
+                             subscriptionPath + "/5",
+                         LogSeverity::error))
+        << logger.text();
+}
+
+// Only the data of these two replies count.
+TEST_F(EventListenerTest, aFailureReportedBesideUsableDataIsNone)
+{
+    const auto refusal = [](const std::string& data) {
+        return "{\"Response\":{\"ResponseCode\":3,\"StatusString\":\"Failed\",\"Data\":" + data + "}}";
+    };
+    makeReady();
+    peer.answer(post(), 200, refusal("{\"ID\":\"5\"}"));
+    peer.answer(put("5"), 200, refusal("{}"));
+    makeListener();
+    listener->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed());
+    EXPECT_EQ(exchanges(), (Strings{post(), put("5")}));
+    EXPECT_TRUE(isPending(&EventListener::isRenewTimerPending));
+    EXPECT_EQ(logger.errorCount(), 0U) << logger.text();
+}
+
 TEST_F(EventListenerTest, aRenewalWithoutDataCancelsAndSubscribesAnew)
 {
     for (const std::string& reply : {replyWithData("null"), replyWithData("[]"), replyWithData("\"60\""),
