@@ -292,7 +292,7 @@ std::int32_t Device::ApplySettings(const ParameterMap& changed, Tavro8::IAsyncAc
     return guarded(logger, "Uniview::Device::ApplySettings", toResult(ResultCode::unexpected), [&] {
         if (changed.count(localServerIpKey) != 0 || changed.count(localServerPortKey) != 0)
             return applyLocalServer(changed, actionHandler);
-        return adjuster.isEmpty() ? toResult(ResultCode::notSupported) : adjuster.apply(changed);
+        return adjust(changed);
     });
 }
 

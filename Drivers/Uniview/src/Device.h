@@ -82,7 +82,7 @@ public:
     void Close() noexcept override;
     /// Knows `localServerPort` (an integer or a text) and `localServerIP` (an IP address). Both are remembered and,
     /// when the device's listener is at work, followed at once; an empty text means the default, or what is detected,
-    /// from the next start on. With a wrong value nothing is changed (3).
+    /// from the next start on. With a wrong value nothing is changed (3), nor beside a key that is not known (8).
     std::int32_t ApplySettings(const Tavro8::ParameterMap& changed,
                                Tavro8::IAsyncActionHandler* actionHandler) noexcept override;
     std::int32_t CreateVideoSource(std::uint32_t channel, std::uint32_t stream,
@@ -141,6 +141,7 @@ private:
     void pauseEvents();
     void endEvents();
     std::int32_t applyLocalServer(const Tavro8::ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler);
+    std::int32_t adjust(const Tavro8::ParameterMap& changed) const;
 
     Tavro8::Utility::ParametersContainer parameters;
     Tavro8::Utility::SimpleAdjuster adjuster;

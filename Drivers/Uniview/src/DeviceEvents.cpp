@@ -110,6 +110,12 @@ void Device::Close() noexcept
     Base::Close();
 }
 
+/// What is not the listener's.
+std::int32_t Device::adjust(const Tavro8::ParameterMap& changed) const
+{
+    return adjuster.isEmpty() ? toResult(ResultCode::notSupported) : adjuster.apply(changed);
+}
+
 std::int32_t Device::applyLocalServer(const Tavro8::ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler)
 {
     const auto newPort = changed.find(localServerPortKey);
@@ -131,6 +137,18 @@ std::int32_t Device::applyLocalServer(const Tavro8::ParameterMap& changed, Tavro
             return toResult(ResultCode::invalidArgument);
         }
         ip = *given;
+    }
+
+    Tavro8::ParameterMap others = changed;
+    others.erase(localServerPortKey);
+    others.erase(localServerIpKey);
+    if (!others.empty()) {
+        const std::int32_t result = adjust(others);
+        if (result != toResult(ResultCode::success)) {
+            logger.error(applying, "The setting ", others.begin()->first,
+                         " beside those of the local server is refused; these are not changed");
+            return result;
+        }
     }
 
     if (newPort != changed.end())

@@ -245,7 +245,7 @@ TEST_F(DeviceEvents, anotherAddressIsFollowedAndRemembered)
     device->addSubscriber(&subscriber);
     ASSERT_TRUE(waitRenewed());
     ActionHandler action;
-    ASSERT_EQ(device->ApplySettings({{"localServerIP", std::string("192.0.2.9")}, {"other", 1}}, &action), 0);
+    ASSERT_EQ(device->ApplySettings({{"localServerIP", std::string("192.0.2.9")}}, &action), 0);
     EXPECT_EQ(action.wait(), 0);
     ASSERT_TRUE(waitRenewed(2));
     EXPECT_EQ(device->getParameters().get<std::string>("localServerIP").value(), "192.0.2.9");
@@ -316,6 +316,22 @@ TEST_F(DeviceEvents, otherSettingsAreNotSupported)
 {
     makeReady();
     EXPECT_EQ(device->ApplySettings({{"other", 1}}, nullptr), toResult(ResultCode::notSupported));
+}
+
+TEST_F(DeviceEvents, otherSettingsAreNotSupportedBesideThoseOfTheLocalServerEither)
+{
+    makeReady();
+    device->addSubscriber(&subscriber);
+    ASSERT_TRUE(waitRenewed());
+    EXPECT_EQ(
+        device->ApplySettings(
+            {{"localServerIP", std::string("192.0.2.9")}, {"localServerPort", int{freePort()}}, {"other", 1}}, nullptr),
+        toResult(ResultCode::notSupported));
+    EXPECT_TRUE(logger.contains("The setting other beside those of the local server is refused"));
+    settle();
+    EXPECT_EQ(exchanges(), (Strings{post(), put("5")}));
+    EXPECT_EQ(device->getParameters().get<int>("localServerPort").value(), int{port});
+    EXPECT_FALSE(device->getParameters().get<std::string>("localServerIP"));
 }
 
 // Several at once.
