@@ -401,13 +401,13 @@ Tavro8::http::CompletionHandler EventListener::inChain(std::uint64_t request, st
         guardedVoid(*self, "Uniview::EventListener", [&] {
             self->subscribing.erase(request);
             self->prolonging.erase(request);
-            if (kept != nullptr)
-                kept->reportExchange(ec);
             const std::string failure = judge(ec, body, response, path, lapi::Expect::body);
-            if (itsChain == self->chain && kept != nullptr)
+            if (kept != nullptr && itsChain == self->chain) {
+                kept->reportExchange(ec);  // of one given up the device may be somewhere else by now
                 ((*self).*onReply)(failure, body);
-            else if (subscribedAt != nullptr && failure.empty())
+            } else if (subscribedAt != nullptr && failure.empty()) {
                 self->onSubscribedInVain(subscribedAt, body);
+            }
             self->onExchanged(kept != nullptr);
         });
     };
