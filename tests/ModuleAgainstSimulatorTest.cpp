@@ -408,12 +408,12 @@ TEST_F(ListeningModule, isUnloadedNoEarlierThanADeliveryHasReturned)
     std::promise<void> inside;
     std::promise<void> leave;
     std::atomic<bool> left{false};
-    areas.onEvent = [&](IDetector* teller) {
+    areas.callOnEvent([&](IDetector* teller) {
         teller->Destroy();  // so that nothing but the delivery itself still holds it
         inside.set_value();
         leave.get_future().wait();
         left = true;
-    };
+    });
     enterArea();
     inside.get_future().wait();
     detector = nullptr;

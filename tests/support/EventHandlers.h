@@ -7,6 +7,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 // What a host hands to the objects that report events, for tests.
@@ -128,12 +129,20 @@ public:
     void DetectorEvent(Tavro8::GDRV::IDetector* detector,
                        const Tavro8::GDRV::DetectorEventInfo& event) noexcept override
     {
+        std::function<void(Tavro8::GDRV::IDetector*)> callback;
         change([&] {
             seen.push_back({event.detectionType, event.alarmType, event.state, event.channel, event.deviceTimeMs,
                             keepFields ? *event.fields : Tavro8::ParameterMap()});
+            callback = onEvent;
         });
-        if (onEvent)
-            onEvent(detector);
+        if (callback)
+            callback(detector);
+    }
+
+    /// Sets `onEvent` of a detector that is running.
+    void callOnEvent(std::function<void(Tavro8::GDRV::IDetector*)> callback)
+    {
+        change([&] { onEvent = std::move(callback); });
     }
 
     std::vector<Event> events() const { return read(seen); }
