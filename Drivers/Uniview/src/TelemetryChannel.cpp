@@ -359,10 +359,11 @@ std::int32_t TelemetryChannel::send(LogPlace operation, const std::string& path,
     return toResult(ResultCode::success);
 }
 
-/// A joystick that is held while the device is down fails many times a second in the same way.
+/// A joystick that is held while the device is down fails many times a second in the same way, or in ever new words of
+/// the device.
 std::int32_t TelemetryChannel::failRequest(LogPlace operation, std::int32_t result, const std::string& message)
 {
-    if (const std::uint32_t times = collapse(message, failuresFolded); times != 0)
+    if (const std::uint32_t times = collapse(message, failuresFolded, operation.function, failureTexts); times != 0)
         logger.error(operation, "[collapsed ", times, "]", message);
     return result;
 }

@@ -89,6 +89,7 @@ public:
     static constexpr std::uint32_t tourCount = 2;        ///< tours 0 and 1
     static constexpr std::size_t maxTourPoints = 1024;   ///< bounds what a host can pile up
     static constexpr std::uint32_t failuresFolded = 50;  ///< of the same kind in one log line
+    static constexpr std::size_t failureTexts = 32;      ///< told apart; further ones count together
 
 private:
     using Tavro8::Utility::TelemetryBase::logger;
