@@ -44,7 +44,16 @@ protected:
     {
         listener = std::make_shared<EventListener>(device.get(), timing);
     }
-    /// The same with a healthy subscription.
+    /// With a first subscription that the camera has and does not answer. False when it did not come.
+    bool subscribeWithoutAnswer(const EventListenerTiming& timing = {})
+    {
+        makeReady();
+        peer.staySilent(post());
+        makeListener(timing);
+        listener->addSubscriber(&subscriber);
+        return peer.waitForRequest(post());
+    }
+    /// With a healthy subscription.
     void subscribe(const EventListenerTiming& timing = {})
     {
         listen(timing);
@@ -1027,11 +1036,7 @@ TEST_F(EventListenerTest, aClosedListenerBeginsNothing)
 
 TEST_F(EventListenerTest, repliesThatComeAfterTheEndAreHarmless)
 {
-    makeReady();
-    peer.staySilent(post());
-    makeListener();
-    listener->addSubscriber(&subscriber);
-    ASSERT_TRUE(peer.waitForRequest(post()));
+    ASSERT_TRUE(subscribeWithoutAnswer());
     listener.reset();  // without a word: its destructor ends the registration
     EXPECT_TRUE(logger.waitFor("A client goes with 1 registration(s) left"));
     settle();
@@ -1041,11 +1046,7 @@ TEST_F(EventListenerTest, anExchangeUnderWayIsGivenUpWhenTheListenerIsPaused)
 {
     EventListenerTiming timing;
     timing.cancellation = 1ms;
-    makeReady();
-    peer.staySilent(post());
-    makeListener(timing);
-    listener->addSubscriber(&subscriber);
-    ASSERT_TRUE(peer.waitForRequest(post()));
+    ASSERT_TRUE(subscribeWithoutAnswer(timing));
     listener->pause();
     ASSERT_TRUE(logger.waitFor("Event unsubscription completed"));
     accept(peer);
@@ -1057,11 +1058,7 @@ TEST_F(EventListenerTest, anExchangeUnderWayIsGivenUpWhenTheListenerIsPaused)
 
 TEST_F(EventListenerTest, aSubscriptionThatComesAboutAfterTheLastHasLeftIsCancelled)
 {
-    makeReady();
-    peer.staySilent(post());
-    makeListener();
-    listener->addSubscriber(&subscriber);
-    ASSERT_TRUE(peer.waitForRequest(post()));
+    ASSERT_TRUE(subscribeWithoutAnswer());
     listener->removeSubscriber(&subscriber);
     ASSERT_TRUE(logger.waitFor("Event unsubscription completed with error"));  // that of "0"
     release(post(), 200, replyWithData("{\"ID\":\"5\"}"));
@@ -1075,12 +1072,8 @@ TEST_F(EventListenerTest, theNextSubscriptionWaitsForTheOneThatWasGivenUp)
 {
     EventListenerTiming timing;
     timing.cancellation = never;
-    makeReady();
-    peer.staySilent(post());
+    ASSERT_TRUE(subscribeWithoutAnswer(timing));
     peer.answer(cancel("4"), 200, replyWithData("{}"));
-    makeListener(timing);
-    listener->addSubscriber(&subscriber);
-    ASSERT_TRUE(peer.waitForRequest(post()));
     listener->removeSubscriber(&subscriber);
     listener->addSubscriber(&subscriber);
     ASSERT_TRUE(isPending(&EventListener::isSubscriptionWaiting));
@@ -1094,11 +1087,7 @@ TEST_F(EventListenerTest, aSubscriptionThatWasReplacedIsCancelledWhenItComesAbou
 {
     EventListenerTiming timing;
     timing.cancellation = 1ms;
-    makeReady();
-    peer.staySilent(post());
-    makeListener(timing);
-    listener->addSubscriber(&subscriber);
-    ASSERT_TRUE(peer.waitForRequest(post()));
+    ASSERT_TRUE(subscribeWithoutAnswer(timing));
     accept(peer);
     listener->setLocalServer(port, "192.0.2.9");
     ASSERT_TRUE(waitRenewed());
@@ -1111,11 +1100,7 @@ TEST_F(EventListenerTest, aSubscriptionThatWasReplacedIsKeptWhenItIsThePresentOn
 {
     EventListenerTiming timing;
     timing.cancellation = 1ms;
-    makeReady();
-    peer.staySilent(post());
-    makeListener(timing);
-    listener->addSubscriber(&subscriber);
-    ASSERT_TRUE(peer.waitForRequest(post()));
+    ASSERT_TRUE(subscribeWithoutAnswer(timing));
     accept(peer);
     listener->setLocalServer(port, "192.0.2.9");
     ASSERT_TRUE(waitRenewed());

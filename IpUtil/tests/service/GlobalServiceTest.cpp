@@ -243,21 +243,27 @@ TEST(GlobalService, destroysWhatIsQueuedWithoutRunningIt)
     EXPECT_EQ(timerGone.wait_for(std::chrono::seconds(0)), std::future_status::ready);
 }
 
-TEST(GlobalService, isReleasedOnItsOwnIoThread)
+/// The thread of `context` lets go of the service last.
+void releaseOn(boost::asio::io_context& context, std::shared_ptr<GlobalService> service)
 {
-    auto service = GlobalService::instance();
-    auto& context = service->assignContext();
     auto [token, gone] = makeToken();
     auto timer = std::make_shared<boost::asio::steady_timer>(context, std::chrono::hours(1));
     timer->async_wait([timer, token = std::move(token)](const boost::system::error_code&) {});
     timer.reset();
-    Door door;
+    Door door;  // opened when this thread has left the context
     boost::asio::post(context, [&door, last = std::move(service)]() mutable {
         door.pass();
         last.reset();
     });
     door.open();
     gone.wait();  // the contexts are destroyed
+}
+
+TEST(GlobalService, isReleasedOnItsOwnIoThread)
+{
+    auto service = GlobalService::instance();
+    auto& context = service->assignContext();
+    releaseOn(context, std::move(service));
 }
 
 TEST(GlobalService, isReleasedOnItsOwnBlockingThread)
@@ -336,15 +342,5 @@ TEST(GlobalService, isReleasedOnItsServerThread)
 {
     auto service = GlobalService::instance();
     auto& context = service->getServerContext();
-    auto [token, gone] = makeToken();
-    auto timer = std::make_shared<boost::asio::steady_timer>(context, std::chrono::hours(1));
-    timer->async_wait([timer, token = std::move(token)](const boost::system::error_code&) {});
-    timer.reset();
-    Door door;
-    boost::asio::post(context, [&door, last = std::move(service)]() mutable {
-        door.pass();
-        last.reset();
-    });
-    door.open();
-    gone.wait();  // the context is destroyed
+    releaseOn(context, std::move(service));
 }
