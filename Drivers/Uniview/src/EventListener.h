@@ -9,6 +9,7 @@
 #include <IpUtil/Logger.h>
 #include <IpUtil/LoggerHelper.h>
 #include <IpUtil/TcpServerEx.h>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
@@ -221,4 +222,24 @@ private:
     bool subscriptionWaiting = false;  // for what is under way, or for this timer
     boost::asio::steady_timer farewellTimer;
 };
+
+/// A handler that does nothing once the listener or its device is gone, and lets nothing escape.
+template <typename Body>
+auto EventListener::whileAlive(Body body)
+{
+    return
+        [weak = weak_from_this(), owner = owner, token = lifetime, body = std::move(body)](const auto&... arguments) {
+            const auto kept = owner.lock();
+            const auto self = weak.lock();
+            if (kept != nullptr && self != nullptr)
+                guardedVoid(*self, "Uniview::EventListener", [&] { body(*self, arguments...); });
+        };
+}
+
+/// Always queued, so that what several threads ask for is done in the order in which they had `mutex`.
+template <typename Body>
+void EventListener::onService(Body body)
+{
+    boost::asio::post(context, whileAlive(std::move(body)));
+}
 }  // namespace Uniview
