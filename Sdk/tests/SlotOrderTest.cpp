@@ -75,6 +75,16 @@ TEST(SlotOrder, inputReportIsTheEighthOperationOfItsHandler)
     EXPECT_EQ(slotOf(&IIODeviceHandler::InputStateChanged), 7);
 }
 
+TEST(SlotOrder, theEndOfACallIsTheEighthOperationOfItsHandler)
+{
+    EXPECT_EQ(slotOf(&IAudioDestinationHandler::Started), 3);
+    EXPECT_EQ(slotOf(&IAudioDestinationHandler::SettingsApplied), 6);
+    EXPECT_EQ(slotOf(&IAudioDestinationHandler::CallEnded), 7);
+    EXPECT_EQ(slotOf(&IAudioDestination::Call), 5);
+    EXPECT_EQ(slotOf(&IAudioDestination::PushAudioFrame), 6);
+    EXPECT_EQ(slotOf(&IAudioDestination::HangUp), 7);
+}
+
 TEST(SlotOrder, destructorIsTheThirdSlot)
 {
     // What is left between the query and the first operation of a derived interface is the destructor.

@@ -106,7 +106,14 @@ TEST_F(EntryPoints, hostOfAnotherSdkVersionIsRefusedWithAReason)
     host.version = Tavro8::makeSdkVersion(2, 0);
     EXPECT_FALSE(initModule(&host, "Kelvo"));
     EXPECT_EQ(getModule(), nullptr);
-    EXPECT_TRUE(host.logger.contains("Kelvo.Uniview.ipd needs host SDK 1.0, the host offers 2.0"));
+    EXPECT_TRUE(host.logger.contains("Kelvo.Uniview.ipd needs host SDK 1.1, the host offers 2.0"));
+}
+
+TEST_F(EntryPoints, hostThatDoesNotKnowTheEndOfACallIsRefused)
+{
+    host.version = Tavro8::makeSdkVersion(1, 0);
+    EXPECT_FALSE(initModule(&host, "Kelvo"));
+    EXPECT_TRUE(host.logger.contains("Kelvo.Uniview.ipd needs host SDK 1.1, the host offers 1.0"));
 }
 
 TEST_F(EntryPoints, facilitiesThatTheModuleDoesNotHaveAreNotSupported)

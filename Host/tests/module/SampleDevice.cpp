@@ -165,7 +165,7 @@ std::int32_t SampleDevice::CreateAudioSource(std::uint32_t channel, GDRV::IAsync
     });
 }
 
-std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t, GDRV::IAsyncDeviceChannelHandler*, const ParameterMap&,
+std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t, GDRV::IAudioDestinationHandler*, const ParameterMap&,
                                                   GDRV::IAudioDestination** destination) noexcept
 {
     return notSupported(destination);

@@ -47,7 +47,7 @@ public:
     std::int32_t CreateAudioSource(std::uint32_t channel, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
                                    Tavro8::GDRV::IMediaFrameHandler* frames, const Tavro8::ParameterMap& parameters,
                                    Tavro8::IContract* parent, Tavro8::GDRV::IAudioSource** source) noexcept override;
-    std::int32_t CreateAudioDestination(std::uint32_t channel, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
+    std::int32_t CreateAudioDestination(std::uint32_t channel, Tavro8::GDRV::IAudioDestinationHandler* handler,
                                         const Tavro8::ParameterMap& parameters,
                                         Tavro8::GDRV::IAudioDestination** destination) noexcept override;
     std::int32_t CreateIODevice(std::uint32_t channel, Tavro8::GDRV::IIODeviceHandler* handler,

@@ -85,7 +85,7 @@ public:
     {
         return notSupported(audioSource);
     }
-    std::int32_t CreateAudioDestination(std::uint32_t, GDRV::IAsyncDeviceChannelHandler*, const ParameterMap&,
+    std::int32_t CreateAudioDestination(std::uint32_t, GDRV::IAudioDestinationHandler*, const ParameterMap&,
                                         GDRV::IAudioDestination** destination) noexcept override
     {
         return notSupported(destination);

@@ -23,7 +23,7 @@ constexpr std::uint16_t sdkMinor(std::uint32_t version) noexcept
     return static_cast<std::uint16_t>(version & 0xFFFFU);
 }
 
-inline constexpr std::uint32_t sdkVersion = makeSdkVersion(1, 0);
+inline constexpr std::uint32_t sdkVersion = makeSdkVersion(1, 1);
 
 /// True when a provider of version `offered` serves a client compiled against version `wanted`.
 constexpr bool sdkServes(std::uint32_t offered, std::uint32_t wanted) noexcept

@@ -10,6 +10,15 @@ struct AudioFrame {
     std::span<const std::int16_t> samples;
 };
 
+/// What the host hears of talk-back, on the destination's own thread. `Started` is told when the line stands and sound
+/// reaches the device; `Stopped` and `StatisticsUpdated` are not told.
+class IAudioDestinationHandler : public IAsyncDeviceChannelHandler {
+public:
+    /// Slot 7. A call is over: 0 after `HangUp`, else why the line could not be opened or broke. Once for each `Call`
+    /// that was not skipped because one was under way.
+    virtual void CallEnded(IContract* destination, std::int32_t result) noexcept = 0;
+};
+
 /// Talk-back: what the host pushes is played by the device. All operations return at once; the work runs on
 /// a thread of the destination's own, in the order of the calls. Any thread.
 class IAudioDestination : public IDeviceChannel {

@@ -66,7 +66,7 @@ public:
                                            IContract* parent, IAudioSource** source) noexcept = 0;
 
     /// Slot 9. Talk-back to a channel.
-    virtual std::int32_t CreateAudioDestination(std::uint32_t channel, IAsyncDeviceChannelHandler* handler,
+    virtual std::int32_t CreateAudioDestination(std::uint32_t channel, IAudioDestinationHandler* handler,
                                                 const ParameterMap& parameters,
                                                 IAudioDestination** destination) noexcept = 0;
 
