@@ -1,6 +1,8 @@
 #include "Lapi.h"
 
+#include <IpUtil/Wide.h>
 #include <Tavro8/ResultCode.h>
+#include <algorithm>
 #include <charconv>
 #include <exception>
 #include <json/reader.h>
@@ -109,11 +111,33 @@ Reply malformed(std::string message)
     return failed(Failure::malformed, toResult(ResultCode::malformedReply), 0, std::move(message));
 }
 
+/// Where a text of more than `most` bytes may be cut without tearing a character of UTF-8 apart.
+std::size_t characterBoundary(std::string_view text, std::size_t most)
+{
+    constexpr std::size_t mostFollowing = 3;  // bytes behind the first of a character
+    std::size_t at = most;
+    while (at > most - mostFollowing && (static_cast<unsigned char>(text[at]) & 0xC0U) == 0x80U)
+        --at;
+    return at;
+}
+
+/// What a device says of a failure, fit for a log line and for telling it from other failures: one line, UTF-8 and
+/// short, whatever the device sends. Characters that control a terminal or end a line become blanks.
+std::string printable(std::string_view text)
+{
+    constexpr std::size_t mostBytes = 256;  // three times as many when none of them is UTF-8
+    const bool isLong = text.size() > mostBytes;
+    std::wstring wide = Tavro8::Utility::toWide(isLong ? text.substr(0, characterBoundary(text, mostBytes)) : text);
+    const auto controls = [](wchar_t c) { return c < 0x20 || (c >= 0x7F && c < 0xA0); };
+    std::replace_if(wide.begin(), wide.end(), controls, L' ');
+    return Tavro8::Utility::toNarrow(wide) + (isLong ? "..." : "");
+}
+
 /// A member as text, whatever a broken device made of it.
 std::string textOf(const Json::Value& object, const char* name)
 {
     const Json::Value& member = object[name];
-    return member.isConvertibleTo(Json::stringValue) ? member.asString() : std::string();
+    return member.isConvertibleTo(Json::stringValue) ? printable(member.asString()) : std::string();
 }
 
 Reply judgeEnvelope(Json::Value& document, Expect expect)
@@ -178,8 +202,10 @@ bool parseJson(std::string_view text, Json::Value& document, std::string& error)
 {
     try {
         const auto quoted = quoteFractions(text);
-        if (!readDocument(quoted ? *quoted : text, document, error))
+        if (!readDocument(quoted ? *quoted : text, document, error)) {
+            error = printable(error);  // the reader gives an account of several lines, with parts of the document
             return false;
+        }
         if (!quoted || restoreFractions(document))
             return true;
         error = "a number cannot be read";
@@ -198,7 +224,7 @@ Reply judge(const Tavro8::error_code& transportError, const Tavro8::http::HttpRe
     }
     if (!Tavro8::http::isAccepted(response.status)) {
         return failed(Failure::status, Tavro8::http::translateResponseError(response),
-                      static_cast<int>(response.status), response.reason);
+                      static_cast<int>(response.status), printable(response.reason));
     }
     if (expect == Expect::status)
         return {};

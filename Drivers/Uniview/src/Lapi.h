@@ -28,7 +28,8 @@ enum class Expect {
     success,  ///< also that "ResponseCode" is 0
 };
 
-/// A judged reply. Converts to true when every check that was asked for has passed.
+/// A judged reply. Converts to true when every check that was asked for has passed. Its texts are a device's words made
+/// fit for the log: one line each, without control characters, clipped to a few hundred bytes.
 struct Reply {
     Failure failure = Failure::none;
     std::int32_t result = 0;   ///< for the host; never 0 when a check failed
@@ -59,7 +60,7 @@ enum class Wording {
 /// The log line for a reply that failed. Empty for a malformed one: each caller has its own words for that.
 std::string describe(const Reply& reply, std::string_view path, Wording wording = Wording::standard);
 
-/// Reads one JSON document; gives false and the reader's words instead of throwing. Numbers are read alike under
-/// every global locale, and nesting is limited.
+/// Reads one JSON document; gives false and the reader's words, in one line, instead of throwing. Numbers are read
+/// alike under every global locale, and nesting is limited.
 bool parseJson(std::string_view text, Json::Value& document, std::string& error);
 }  // namespace Uniview::lapi

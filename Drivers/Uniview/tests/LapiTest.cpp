@@ -148,6 +148,52 @@ TEST(LapiReply, failureTextsOfTheWrongTypeAreLeftOut)
     EXPECT_EQ(lapi::describe(reply, path), " Internal API error :, status :");
 }
 
+std::string envelopeSaying(const std::string& text)
+{
+    return R"({"Response":{"ResponseCode":5,"ResponseString":")" + text + R"(","StatusString":")" + text + "\"}}";
+}
+
+TEST(LapiReply, failureTextsCannotControlALogOrTerminal)
+{
+    const struct {
+        std::string sent;
+        std::string shown;
+    } cases[] = {
+        {R"(No\nSuch\r\tThing)", "No Such  Thing"},
+        {R"(\u001b[31mred\u0007\u007f\u0000)", " [31mred   "},
+        {"a\u009b[2J", "a [2J"},  // the same as ESC [ in one character
+        {"Zugriff verweigert: \u00e4\u4e2d\U0001f512", "Zugriff verweigert: \u00e4\u4e2d\U0001f512"},
+        {"\xff\xfe", "\ufffd\ufffd"},
+    };
+    for (const auto& c : cases) {
+        const auto reply = judged(envelopeSaying(c.sent));
+        EXPECT_EQ(lapi::describe(reply, path), " Internal API error :" + c.shown + ", status :" + c.shown);
+    }
+    const auto status = lapi::judge({}, replyWith(500, "a\x1b[2Jb\xfc\x7f"), {});
+    EXPECT_EQ(lapi::describe(status, "/p", lapi::Wording::telemetry),
+              " HTTP response has error: a [2Jb\ufffd , request: /p");
+}
+
+TEST(LapiReply, longFailureTextsAreClippedBetweenCharacters)
+{
+    EXPECT_EQ(judged(envelopeSaying(std::string(256, 'x'))).message, std::string(256, 'x'));
+    EXPECT_EQ(judged(envelopeSaying(std::string(257, 'x'))).message, std::string(256, 'x') + "...");
+    EXPECT_EQ(judged(envelopeSaying(std::string(1'000'000, 'x'))).statusString, std::string(256, 'x') + "...");
+    EXPECT_EQ(lapi::judge({}, replyWith(404, std::string(60'000, 'x')), {}).message, std::string(256, 'x') + "...");
+    for (const std::string character : {"\u00e4", "\u4e2d", "\U0001f512"}) {
+        for (std::size_t before = 250; before <= 256; ++before) {
+            const std::string kept(before, 'x');
+            std::string text = kept;
+            for (int i = 0; i < 5; ++i)
+                text += character;
+            const std::size_t whole = (256 - before) / character.size();
+            EXPECT_EQ(judged(envelopeSaying(text)).message, text.substr(0, before + whole * character.size()) + "...");
+        }
+    }
+    // Bytes that begin no character are not searched for a boundary for ever, and become three bytes each.
+    EXPECT_LE(judged(envelopeSaying(std::string(4096, '\x80'))).message.size(), 3U * 256U + 3U);
+}
+
 TEST(LapiReply, eachFamilyOfCallsHasItsOwnWording)
 {
     const auto transport = lapi::judge(make_error_code(ResultCode::connectionLost), {}, {});
@@ -205,11 +251,14 @@ TEST(LapiJson, leavesTextsWithControlCharactersAlone)
     EXPECT_DOUBLE_EQ(reply.data["Number"].asDouble(), 2.5);
 }
 
-TEST(LapiJson, reportsTheReadersWords)
+TEST(LapiJson, reportsTheReadersWordsInOneShortLine)
 {
     Json::Value document;
     std::string error;
     EXPECT_FALSE(lapi::parseJson("{\"a\" 1}", document, error));
     EXPECT_NE(error.find("Missing ':'"), std::string::npos) << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+    EXPECT_FALSE(lapi::parseJson("[1" + std::string(100'000, '2') + "-]", document, error));
+    EXPECT_LT(error.size(), 300U);
 }
 }  // namespace
