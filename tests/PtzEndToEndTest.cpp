@@ -206,6 +206,21 @@ TEST_P(PtzEndToEndOf, presetsAreStoredReplacedRecalledAndRemoved)
     EXPECT_EQ(gone.event("result")["code"], 514);
 }
 
+TEST_P(PtzEndToEndOf, theLastPresetIsOneBehindTheCount)
+{
+    look("50", "5", "3");
+    const HostRun stored = ptz({"preset", "set", "255"});
+    EXPECT_EQ(stored.status, 0) << stored.errors;
+    ASSERT_EQ(head()["presets"].size(), 1U);
+    EXPECT_EQ(head()["presets"][0]["id"], 256);
+    look("0", "0", "1");
+    EXPECT_EQ(ptz({"preset", "goto", "255"}).status, 0);
+    EXPECT_EQ(head()["target"]["pan"], 50.0);
+    EXPECT_EQ(ptz({"preset", "remove", "255"}).status, 0);
+    EXPECT_TRUE(head()["presets"].empty());
+    EXPECT_EQ(ptz({"preset", "set", "256"}).event("result")["code"], 6);
+}
+
 TEST_P(PtzEndToEndOf, toursAreWrittenPlayedAndStopped)
 {
     const HostRun early = ptz({"tour", "fill", "1", "--point", "0:1"});

@@ -17,8 +17,8 @@ constexpr const char* channelsMember = "channels";
 
 ParameterMap generousDefaults()
 {
-    // Devices of this family know preset numbers up to 255 and at most 16 alarm inputs. Speeds are the
-    // host's scale; the module only checks them against these limits.
+    // Devices of this family know 256 presets, the last of which is the one behind the count, and at most 16 alarm
+    // inputs. Speeds are the host's scale; the module only checks them against these limits.
     constexpr int presets = 255;
     constexpr int inputsAndRelays = 16;
     constexpr int fullSpeed = 100;

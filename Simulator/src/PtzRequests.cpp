@@ -13,7 +13,7 @@ namespace simulator
 namespace
 {
 
-constexpr unsigned highestPreset = 255;
+constexpr unsigned highestPreset = 256;
 constexpr unsigned highestPatrol = 15;
 constexpr std::size_t mostPoints = 64;
 constexpr std::size_t longestName = 64;

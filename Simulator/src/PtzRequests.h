@@ -48,7 +48,7 @@ enum class PtzAreaZoom { in, out };
 std::variant<PtzArea, std::string> parsePtzArea(std::string_view body, PtzAreaZoom direction);
 
 struct PtzPreset {
-    unsigned id = 0;  ///< 1..255
+    unsigned id = 0;  ///< 1..256
     std::string name;
 };
 std::variant<PtzPreset, std::string> parsePtzPreset(std::string_view body);

@@ -178,9 +178,9 @@ TEST(PtzPreset, hasANumberAndAName)
     const auto preset = accepted(parsePtzPreset(R"({ "ID":3, "Name":"Preset3" })"));
     EXPECT_EQ(preset.id, 3u);
     EXPECT_EQ(preset.name, "Preset3");
-    EXPECT_EQ(accepted(parsePtzPreset(R"({"ID":255})")).name, "");
+    EXPECT_EQ(accepted(parsePtzPreset(R"({"ID":256})")).name, "");
     for (const char* body :
-         {"", "[]", "{}", R"({"Name":"x"})", R"({"ID":0})", R"({"ID":256})", R"({"ID":"1"})", R"({"ID":1,"Name":1})"})
+         {"", "[]", "{}", R"({"Name":"x"})", R"({"ID":0})", R"({"ID":257})", R"({"ID":"1"})", R"({"ID":1,"Name":1})"})
         EXPECT_NE(refused(parsePtzPreset(body)), "accepted") << body;
     EXPECT_NE(refused(parsePtzPreset(R"({"ID":1,"Name":")" + std::string(65, 'x') + "\"}")), "accepted");
 }
@@ -200,6 +200,8 @@ TEST(PtzPatrol, isAListOfPresetsWithDwellTimes)
     EXPECT_EQ(patrol.points[1].speed, 9u) << "the device's own";
     EXPECT_EQ(patrol.document["Num"], 2);
     EXPECT_TRUE(accepted(parsePtzPatrol(R"({"ID":0,"Num":0,"Actions":[]})")).points.empty());
+    const char* const last = R"({"ID":0,"Num":1,"Actions":[{"Type":1538,"Para1":1,"PresetID":256,"Duration":1}]})";
+    EXPECT_EQ(accepted(parsePtzPatrol(last)).points[0].preset, 256u);
 }
 
 TEST(PtzPatrol, refusesNonsense)
@@ -219,6 +221,7 @@ TEST(PtzPatrol, refusesNonsense)
         {R"({"ID":0,"Num":1,"Actions":[{"Type":1,"Para1":1,"PresetID":1,"Duration":1}]})", "\"Type\""},
         {R"({"ID":0,"Num":1,"Actions":[{"Type":1538,"Para1":10,"PresetID":1,"Duration":1}]})", "\"Para1\""},
         {R"({"ID":0,"Num":1,"Actions":[{"Type":1538,"Para1":1,"PresetID":0,"Duration":1}]})", "\"PresetID\""},
+        {R"({"ID":0,"Num":1,"Actions":[{"Type":1538,"Para1":1,"PresetID":257,"Duration":1}]})", "\"PresetID\""},
         {R"({"ID":0,"Num":1,"Actions":[{"Type":1538,"Para1":1,"PresetID":1,"Duration":-1}]})", "\"Duration\""},
     };
     for (const auto& c : cases) {
