@@ -11,11 +11,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iostream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace
 {
@@ -361,6 +363,29 @@ void saveAlarms()
     save("alarm_info", "odd_shapes", odd);
 }
 
+void saveRecordings()
+{
+    const auto records = [](std::initializer_list<std::pair<int, int>> bounds) {
+        std::string text = "[";
+        for (const auto& [begin, end] : bounds) {
+            text += text.size() == 1 ? "" : ",";
+            text += "{\"Begin\":\t" + std::to_string(begin) + ",\"End\":\t" + std::to_string(end) + "}";
+        }
+        return text + "]";
+    };
+    const std::string none = be64(0);
+    const std::string page(1, '\0');
+    save("recordings", "overlapping", none + records({{100, 200}, {150, 300}, {120, 180}, {150, 200}}));
+    save("recordings", "coverage", be64(150'000) + records({{100, 200}, {100, 150}, {10, 20}}));
+    save("recordings", "newest_first",
+         none + records({{500, 600}, {700, 800}}) + page + records({{300, 400}, {450, 550}}) + page +
+             records({{500, 600}, {100, 900}}));
+    save("recordings", "odd_shapes",
+         none +
+             R"([{"Begin":4294967296,"End":4294967297},{"Begin":-1,"End":5},{"Begin":"1","End":"2"},{"Begin":1.5},)" +
+             R"({"Begin":9,"End":1},7,null,[],{"Begin":4294967295,"End":4294967295}])" + page + R"({"Begin":1})");
+}
+
 const std::string h264Sps = hex("6742c00dd9016096c044000003000400000300c83c50a920");
 const std::string h264OtherSps = hex("674d401feca02802dd80880000030008000003019078c18cb0");
 const std::string h264Pps = hex("68cb83cb20");
@@ -614,6 +639,7 @@ try {
     saveTelemetry();
     saveEvents();
     saveAlarms();
+    saveRecordings();
     saveTracks();
     saveMedia();
     return 0;

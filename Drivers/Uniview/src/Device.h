@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Export.h"
+
 #include <IpUtil/ConnectionInfo.h>
 #include <IpUtil/Device.h>
 #include <IpUtil/LoggerHelper.h>
@@ -12,12 +14,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
-
-#if defined(_WIN32)
-#define UNIVIEW_API __declspec(dllexport)
-#else
-#define UNIVIEW_API __attribute__((visibility("default")))
-#endif
 
 namespace Uniview
 {

@@ -64,7 +64,7 @@ protected:
     FiniModule fini = nullptr;
 };
 
-TEST_F(ModuleLibrary, exportsItsEntryPointsAndGetUrlAndNothingElse)
+TEST_F(ModuleLibrary, exportsItsEntryPointsAndTwoHelpersAndNothingElse)
 {
     const std::string command = "nm -D --defined-only '" + modulePath() + "'";
     std::FILE* const pipe = ::popen(command.c_str(), "r");
@@ -78,7 +78,10 @@ TEST_F(ModuleLibrary, exportsItsEntryPointsAndGetUrlAndNothingElse)
     }
     ASSERT_EQ(::pclose(pipe), 0);
     EXPECT_EQ(names,
-              (std::set<std::string>{"initModule", "getModule", "finiModule", "_ZNK7Uniview6Device6getURLB5cxx11Ejj"}));
+              (std::set<std::string>{
+                  "initModule", "getModule", "finiModule", "_ZNK7Uniview6Device6getURLB5cxx11Ejj",
+                  "_ZN7Uniview15adjustingRangesERKN4Json5ValueERSt6vectorIN6Tavro84GDRV13DateTimeRangeESaIS7_EEmPNS5_"
+                  "7ILoggerE"}));
 }
 
 TEST_F(ModuleLibrary, canBeUnloadedAndLoadedAgainWhileADeviceWasConnecting)

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "Export.h"
+
+#include <Tavro8/GDRV/IRecordingSearch.h>
+#include <Tavro8/ILogger.h>
+#include <cstddef>
+#include <cstdint>
+#include <json/forwards.h>
+#include <vector>
+
+namespace Uniview
+{
+/// Normalises one page of a device's record list: appends the records of the JSON array "RecordInfos" ("Begin" and
+/// "End" in whole seconds since 1970, unsigned 32 bits) to `ranges` as milliseconds, sorts all of it by begin, and
+/// trims or removes what an earlier range, or the time before `coverage` (milliseconds), covers already.
+///
+/// What comes out is sorted, begins at `coverage` or later, and no time lies in two ranges. A range that begins where
+/// the covered time ends is kept whole; one that ends exactly there is kept as an empty range; one that ends before it
+/// is removed with a log line. `logger` may be null.
+///
+/// When `records` is null or no array, `ranges` stays as it is. A record without two readable numbers, or that ends
+/// before it begins, is left out; one log line says how many are. Exported by the module, so that tools of the host
+/// share the rule. Any thread.
+UNIVIEW_API void adjustingRanges(const Json::Value& records, std::vector<Tavro8::GDRV::DateTimeRange>& ranges,
+                                 std::uint64_t coverage, Tavro8::ILogger* logger);
+
+/// The first of its two steps: appends the records of an array in their order. Gives the number of those left out.
+std::size_t appendRecords(const Json::Value& records, std::vector<Tavro8::GDRV::DateTimeRange>& ranges);
+
+/// The second: sorts `ranges`, none of which ends before it begins, and takes out what is covered already.
+void trimCovered(std::vector<Tavro8::GDRV::DateTimeRange>& ranges, std::uint64_t coverage, Tavro8::ILogger* logger);
+
+/// What the pages of one search have found together, in whichever order they come: some devices list the newest records
+/// first, and a list may grow while it is read, so that records come twice. Sorted, and no time lies in two ranges.
+class CollectedRanges {
+public:
+    /// Takes a page as `adjustingRanges` leaves it. What another range covers, be it of this page or an earlier one, is
+    /// added once; nothing is left of a range that adds no time and touches another. Costs time in proportion to the
+    /// page when pages come oldest first; newest first what is there is moved as well.
+    void add(const std::vector<Tavro8::GDRV::DateTimeRange>& page);
+
+    const std::vector<Tavro8::GDRV::DateTimeRange>& get() const noexcept { return ranges; }
+
+private:
+    std::vector<Tavro8::GDRV::DateTimeRange> ranges;
+};
+}  // namespace Uniview

@@ -1,0 +1,115 @@
+#include "RecordingRanges.h"
+
+#include <algorithm>
+#include <benchmark/benchmark.h>
+#include <cstdint>
+#include <json/value.h>
+#include <random>
+#include <vector>
+
+// What a search does with a million records, most of which overlap their neighbours, in random order: beside reading
+// them out of the JSON, sorting and walking shall take no more than twice a plain sort of the same ranges.
+namespace
+{
+using Tavro8::GDRV::DateTimeRange;
+
+constexpr Json::ArrayIndex recordCount = 1'000'000;
+
+Json::Value makeRecords()
+{
+    std::mt19937 random(1);
+    Json::Value records(Json::arrayValue);
+    records.resize(recordCount);
+    for (Json::ArrayIndex index = 0; index < recordCount; ++index) {
+        const auto begin = static_cast<std::uint32_t>(random() % 1'000'000'000U + 1'000'000'000U);
+        records[index]["Begin"] = begin;
+        records[index]["End"] = begin + static_cast<std::uint32_t>(random() % 3600U);
+    }
+    return records;
+}
+
+const Json::Value& records()
+{
+    static const Json::Value made = makeRecords();
+    return made;
+}
+
+const std::vector<DateTimeRange>& unsortedRanges()
+{
+    static const std::vector<DateTimeRange> made = [] {
+        std::vector<DateTimeRange> ranges;
+        static_cast<void>(Uniview::appendRecords(records(), ranges));
+        return ranges;
+    }();
+    return made;
+}
+
+/// `body` gets a fresh copy each time; copying is not measured.
+template <typename Body>
+void measure(benchmark::State& state, Body body)
+{
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::vector<DateTimeRange> ranges = unsortedRanges();
+        state.ResumeTiming();
+        body(ranges);
+        benchmark::DoNotOptimize(ranges.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * recordCount);
+}
+
+void plainSort(benchmark::State& state)
+{
+    measure(state, [](auto& ranges) { std::ranges::sort(ranges, {}, &DateTimeRange::begin); });
+}
+BENCHMARK(plainSort)->Unit(benchmark::kMillisecond);
+
+void sortAndWalk(benchmark::State& state)
+{
+    measure(state, [](auto& ranges) { Uniview::trimCovered(ranges, 0, nullptr); });
+}
+BENCHMARK(sortAndWalk)->Unit(benchmark::kMillisecond);
+
+void readJson(benchmark::State& state)
+{
+    for (auto _ : state) {
+        std::vector<DateTimeRange> ranges;
+        benchmark::DoNotOptimize(Uniview::appendRecords(records(), ranges));
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * recordCount);
+}
+BENCHMARK(readJson)->Unit(benchmark::kMillisecond);
+
+void wholeAdjusting(benchmark::State& state)
+{
+    for (auto _ : state) {
+        std::vector<DateTimeRange> ranges;
+        Uniview::adjustingRanges(records(), ranges, 0, nullptr);
+        benchmark::DoNotOptimize(ranges.data());
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * recordCount);
+}
+BENCHMARK(wholeAdjusting)->Unit(benchmark::kMillisecond);
+
+/// A search of 1,000 pages of 100 records each, oldest or newest first: what it collects between requests.
+void collectPages(benchmark::State& state, bool newestFirst)
+{
+    constexpr std::uint64_t pages = 1000;
+    constexpr std::uint64_t pageRecords = 100;
+    for (auto _ : state) {
+        Uniview::CollectedRanges collected;
+        for (std::uint64_t number = 0; number < pages; ++number) {
+            const std::uint64_t first = (newestFirst ? pages - 1 - number : number) * pageRecords;
+            std::vector<DateTimeRange> page;
+            for (std::uint64_t record = first; record < first + pageRecords; ++record)
+                page.push_back({record * 600'000, record * 600'000 + 500'000});
+            collected.add(page);
+        }
+        benchmark::DoNotOptimize(collected.get().data());
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * pages * pageRecords));
+}
+BENCHMARK_CAPTURE(collectPages, oldestFirst, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(collectPages, newestFirst, true)->Unit(benchmark::kMillisecond);
+}  // namespace
