@@ -59,9 +59,14 @@ TelemetryModel TelemetryModel::read(const DeviceTraits& traits, std::uint32_t ch
 }
 
 TelemetryChannel::TelemetryChannel(std::uint32_t channelIndex, Device* device)
-    : TelemetryBase(channelIndex,
-                    LoggerHelper(device->getLogger().get(), sourcePath, telemetryObjectName(channelIndex))),
-      LoggerOwner(device->getLogger().get(), Ownership::borrowed),
+    : TelemetryChannel(
+          channelIndex, device,
+          Tavro8::LoggerDetail::makeNamedLogger(device->getLogger().get(), telemetryObjectName(channelIndex)))
+{}
+
+TelemetryChannel::TelemetryChannel(std::uint32_t channelIndex, Device* device, LoggerOwner channelLogger)
+    : TelemetryBase(channelIndex, LoggerHelper(channelLogger.get(), sourcePath)),
+      LoggerOwner(std::move(channelLogger)),
       channelIndex(channelIndex),
       device(device),
       pathChannel(channelIndex),

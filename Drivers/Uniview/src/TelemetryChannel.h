@@ -94,6 +94,9 @@ public:
 private:
     using Tavro8::Utility::TelemetryBase::logger;
 
+    /// `channelLogger` puts the name of the channel in front of each line.
+    TelemetryChannel(std::uint32_t channelIndex, Device* device, Tavro8::LoggerOwner channelLogger);
+
     /// One operation of the host: nothing escapes, and `Destroy` waits for it.
     template <typename Body>
     std::int32_t perform(Tavro8::LogPlace operation, Body&& body) noexcept

@@ -520,6 +520,22 @@ TEST_F(TelemetryChannelTest, logsItsLifeWithItsName)
     EXPECT_TRUE(logger.contains("tc 3: Destroyed"));
 }
 
+TEST_F(TelemetryChannelTest, itsLoggerOwnerHoldsTheLoggerWithTheName)
+{
+    make(Kind::recorder);
+    createTelemetry(3);
+    auto* const owner = queryContract<Tavro8::LoggerOwner>(telemetry);
+    ASSERT_NE(owner, nullptr);
+    ASSERT_NE(owner->get(), nullptr);
+    EXPECT_EQ(owner->get()->GetLevel(), logger.GetLevel());
+    owner->get()->Log(LogSeverity::error, "operation", "file", 7, "text");
+    const auto line = logger.find("text");
+    EXPECT_TRUE(line.message.ends_with("tc 3: text")) << line;
+    EXPECT_EQ(line.function, "operation");
+    EXPECT_EQ(line.file, "file");
+    EXPECT_EQ(line.severity, LogSeverity::error);
+}
+
 TEST_F(TelemetryChannelTest, isMadeForChannelsThatExist)
 {
     make(Kind::recorder);

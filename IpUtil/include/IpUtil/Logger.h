@@ -93,6 +93,10 @@ private:
     std::shared_ptr<const std::string> prefix;
 };
 
+/// Makes a logger that puts `name` and ": " in front of each message and passes it on to `wrapped`, which may be null
+/// and must outlive the logger. Thread-safe as `wrapped` is.
+IPUTIL_API LoggerOwner makeNamedLogger(ILogger* wrapped, const std::string& name);
+
 /// Folds messages that repeat: the first of a kind passes, then every `count`-th. Thread-safe. Knows a bounded
 /// number of messages and forgets the one that was quiet longest.
 class IPUTIL_API LogCollapserMaker {

@@ -64,6 +64,33 @@ TEST(LoggerOwner, handsOwnershipOnWhenMoved)
     EXPECT_EQ(second.destroyed, 1);
 }
 
+TEST(NamedLogger, putsTheNameInFrontAndPassesEverythingElseOn)
+{
+    RecordingLogger logger;
+    logger.level = LogSeverity::warning;
+    {
+        const LoggerOwner named = LoggerDetail::makeNamedLogger(&logger, "tc 0");
+        EXPECT_EQ(named.get()->GetLevel(), LogSeverity::warning);
+        named.get()->Log(LogSeverity::error, "f", "s", 7, " HTTP request");
+    }
+    ASSERT_EQ(logger.lines().size(), 1U);
+    const auto line = logger.lines()[0];
+    EXPECT_EQ(line.message, "tc 0:  HTTP request");
+    EXPECT_EQ(line.severity, LogSeverity::error);
+    EXPECT_EQ(line.function, "f");
+    EXPECT_EQ(line.file, "s");
+    EXPECT_EQ(line.line, 7);
+    EXPECT_EQ(logger.destroyed, 0) << "which is somebody else's";
+}
+
+TEST(NamedLogger, doesNotNeedAnotherLogger)
+{
+    const LoggerOwner named = LoggerDetail::makeNamedLogger(nullptr, "tc 0");
+    EXPECT_EQ(named.get()->GetLevel(), LogSeverity::error);
+    named.get()->Log(LogSeverity::error, "f", "s", 7, "lost");
+    EXPECT_EQ(queryContract<ILogger>(named.get()), named.get());
+}
+
 TEST(LoggerDecorator, putsTheEndpointInFrontAndNeverCredentials)
 {
     RecordingLogger logger;
