@@ -156,7 +156,7 @@ private:
     std::uint32_t playingTour = 0;
     bool tourFilling = false;
     std::uint32_t filledTour = 0;
-    bool tourExists = false;  // on the device, when the filling began
+    bool tourExists = false;  // on the device, by the list that was read last
     std::string tourName;     // on the device; empty when it has none
     std::vector<telemetry::TourPoint> tourPoints;
     std::uint64_t plays = 0;  // tell a tour that another thread has begun meanwhile apart

@@ -162,6 +162,11 @@ std::int32_t TelemetryChannel::StartFillTour(std::uint32_t index) noexcept
             return notSupported;
         if (tourOutOfRange(fillingTour, index))
             return toResult(ResultCode::outOfRange);
+        {
+            // Before the device is asked, of an unfinished tour too: what the device has is unknown until it answers.
+            const std::lock_guard lock(tourMutex);
+            tourExists = false;
+        }
         Json::Value data;
         const std::int32_t result = readList(getResourcePath(patrols), patrolList, data);
         if (result != 0) {

@@ -267,7 +267,7 @@ TEST_F(TelemetryPresetsTest, aNewFillingDropsThePointsOfAnUnfinishedOne)
     EXPECT_EQ(sent().back(), "POST " + patrols + R"( {"ID":0,"Num":0,"Actions":[]})");
 }
 
-TEST_F(TelemetryPresetsTest, aFillingThatCannotBeginLeavesTheUnfinishedOneAsItIs)
+TEST_F(TelemetryPresetsTest, aFillingThatCannotBeginKeepsThePointsOfTheUnfinishedOne)
 {
     connectWilling();
     EXPECT_EQ(adjuster->StartFillTour(1), 0);
@@ -278,9 +278,19 @@ TEST_F(TelemetryPresetsTest, aFillingThatCannotBeginLeavesTheUnfinishedOneAsItIs
     }
     EXPECT_EQ(logger.count("tc 0: Failed to get existing tours!"), 4U);
     EXPECT_EQ(adjuster->StopFillTour(), 0);
-    EXPECT_EQ(sent().back(), "PUT " + patrols +
-                                 R"(/1 {"ID":1,"Num":1,"Name":"Night","Actions":[)"
-                                 R"({"ID":0,"Type":1538,"Para1":5,"Para2":5,"PresetID":1,"Duration":10000}]})");
+    EXPECT_EQ(sent().back(), "POST " + patrols +
+                                 R"( {"ID":1,"Num":1,"Name":"Night","Actions":[)"
+                                 R"({"ID":0,"Type":1538,"Para1":5,"Para2":5,"PresetID":1,"Duration":10000}]})")
+        << "whether it exists has become unknown";
+}
+
+TEST_F(TelemetryPresetsTest, aTourNumberOutOfRangeLeavesTheUnfinishedOneAsItIs)
+{
+    connectWilling();
+    EXPECT_EQ(adjuster->StartFillTour(1), 0);
+    EXPECT_EQ(adjuster->StartFillTour(2), outOfRange);
+    EXPECT_EQ(adjuster->StopFillTour(), 0);
+    EXPECT_EQ(sent().back(), "PUT " + patrols + R"(/1 {"ID":1,"Num":0,"Name":"Night","Actions":[]})");
 }
 
 TEST_F(TelemetryPresetsTest, aTourIsStoredOnlyWhenTheDeviceSaysSoInItsReply)
