@@ -146,7 +146,9 @@ TEST_F(TelemetryChannelTest, tracesMovementsWhenTheModelSaysSo)
     telemetry->ZoomContinuous(-2);
     telemetry->FocusContinuous(3);
     telemetry->IrisContinuous(99);  // traced before it is refused
-    EXPECT_TRUE(logger.contains("tc 0: TRACE: ps-3,ts--5"));
+    EXPECT_EQ(logger.find("tc 0: TRACE: ps-3,ts--5").function, "Uniview::TelemetryChannel::MoveContinuous");
+    EXPECT_EQ(logger.find("TRACE: ps-3,ts--5").severity, LogSeverity::info);
+    EXPECT_EQ(logger.find("TRACE: zs--2").severity, LogSeverity::info);
     EXPECT_EQ(logger.find("TRACE: zs--2").function, "Uniview::TelemetryChannel::ZoomContinuous");
     EXPECT_EQ(logger.find("TRACE: zs-3").function, "Uniview::TelemetryChannel::FocusContinuous");
     EXPECT_EQ(logger.find("TRACE: zs-99").function, "Uniview::TelemetryChannel::IrisContinuous");
@@ -180,6 +182,25 @@ TEST_F(TelemetryChannelTest, addressesMultichannelCamerasFromOneAndMovesThemInTh
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_TRUE(lines[0].starts_with("PUT /LAPI/V1.0/Channel/2/PTZ/PTZCtrl {")) << lines[0];
     EXPECT_TRUE(lines[1].starts_with("PUT /LAPI/V1.0/Channels/2/PTZ/AreaZoomIn {")) << lines[1];
+}
+
+TEST_F(TelemetryChannelTest, positionsOfARecorderAreUnderTheNumberOfTheChannel)
+{
+    const std::string ptz = "/LAPI/V1.0/Channels/3/PTZ/";
+    peer.answer("GET " + ptz + "AbsoluteMove", 200, reply(R"({"Longitude":1,"Latitude":2})"));
+    peer.answer("GET " + ptz + "AbsoluteZoom", 200, reply(R"({"ZoomRatio":3})"));
+    peer.answer("PUT " + ptz + "AbsoluteMove", 200, "");
+    peer.answer("PUT " + ptz + "AbsoluteZoom", 200, "");
+    connect(Kind::recorder, 2);
+    EXPECT_EQ(absolute->AbsoluteMoveEx(3000, 1, 0, 1, 250, 4, absolutePan | Tavro8::GDRV::absoluteZoom), 0);
+    EXPECT_EQ(takeSent(), (Lines{"GET /LAPI/V1.0/Channels/3/PTZ/AbsoluteMove",
+                                 "PUT /LAPI/V1.0/Channels/3/PTZ/AbsoluteMove"
+                                 R"( { "Longitude":30, "Latitude":2, "MoveSpeed":1})",
+                                 "PUT /LAPI/V1.0/Channels/3/PTZ/AbsoluteZoom"
+                                 R"( { "ZoomRatio":2.5, "ZoomSpeed":4 })"}));
+    EXPECT_EQ(readPosition(), 0);
+    EXPECT_EQ(sent(),
+              (Lines{"GET /LAPI/V1.0/Channels/3/PTZ/AbsoluteMove", "GET /LAPI/V1.0/Channels/3/PTZ/AbsoluteZoom"}));
 }
 
 TEST_F(TelemetryChannelTest, addressesACameraFromOneWhenItsModelSaysSo)
@@ -251,17 +272,18 @@ TEST_F(TelemetryChannelTest, tellsWhichStepOfAnAbsoluteMoveFailed)
     peer.answer("PUT " + ::absoluteZoom, 503, "");
     EXPECT_EQ(absolute->AbsoluteMoveEx(0, 0, 0, 0, 100, 0, 7), toResult(ResultCode::deviceBusy));
     EXPECT_EQ(logger.find("tc 0: Failed to set current zoom").function, "Uniview::TelemetryChannel::AbsoluteMoveEx");
+    EXPECT_EQ(logger.find("Failed to set current zoom").severity, LogSeverity::error);
 
     peer.answer("PUT " + absoluteMove, 500, "");
     takeSent();
     EXPECT_EQ(absolute->AbsoluteMoveEx(0, 0, 0, 0, 100, 0, 7), toResult(ResultCode::deviceError));
     EXPECT_EQ(takeSent().size(), 1U);  // nothing is zoomed then
-    EXPECT_TRUE(logger.contains("tc 0: Failed to set current absolute position"));
+    EXPECT_EQ(logger.find("tc 0: Failed to set current absolute position").severity, LogSeverity::error);
 
     peer.answer("GET " + absoluteMove, 403, "");
     EXPECT_EQ(absolute->AbsoluteMoveEx(0, 0, 0, 0, 100, 0, 1), toResult(ResultCode::accessDenied));
     EXPECT_EQ(takeSent().size(), 1U);  // nothing is moved then
-    EXPECT_TRUE(logger.contains("tc 0: Failed to get current absolute position"));
+    EXPECT_EQ(logger.find("tc 0: Failed to get current absolute position").severity, LogSeverity::error);
 }
 
 TEST_F(TelemetryChannelTest, readsThePosition)
@@ -438,9 +460,12 @@ TEST_F(TelemetryChannelTest, foldsFailuresThatRepeat)
     EXPECT_TRUE(logger.contains("tc 0: [collapsed 50]" + failure + control));
     pointClick->PointMove({0, 0});  // another request fails in another way
     EXPECT_TRUE(logger.contains("tc 0: [collapsed 1]" + failure + areaZoomIn));
-    for (int i = 0; i < 50; ++i)
+    for (int i = 0; i < 49; ++i)
         telemetry->MoveContinuous(0, 0);
+    EXPECT_EQ(logger.count(failure + control), 2U) << "after the hundredth";
+    telemetry->MoveContinuous(0, 0);
     EXPECT_EQ(logger.count(failure + control), 3U);
+    EXPECT_EQ(logger.count("tc 0: [collapsed 50]" + failure + control), 2U);
     EXPECT_EQ(sent().size(), 102U);
 }
 
@@ -514,10 +539,12 @@ TEST_F(TelemetryChannelTest, logsItsLifeWithItsName)
     make(Kind::recorder);
     createTelemetry(3);
     EXPECT_EQ(telemetry->GetChannelIndex(), 3U);
-    EXPECT_TRUE(logger.contains("tc 3: Created"));
+    EXPECT_EQ(logger.find("tc 3: Created").function, "Uniview::TelemetryChannel::TelemetryChannel");
+    EXPECT_EQ(logger.find("tc 3: Created").severity, LogSeverity::info);
     telemetry->Destroy();
     telemetry = nullptr;
-    EXPECT_TRUE(logger.contains("tc 3: Destroyed"));
+    EXPECT_EQ(logger.find("tc 3: Destroyed").function, "Uniview::TelemetryChannel::~TelemetryChannel");
+    EXPECT_EQ(logger.find("tc 3: Destroyed").severity, LogSeverity::info);
 }
 
 TEST_F(TelemetryChannelTest, itsLoggerOwnerHoldsTheLoggerWithTheName)

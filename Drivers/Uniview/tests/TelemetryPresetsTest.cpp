@@ -83,6 +83,7 @@ TEST_F(TelemetryPresetsTest, acceptsTheIndexThatEqualsTheCount)
     EXPECT_EQ(sent(), Lines{});
     EXPECT_EQ(logger.count("tc 0: Error: preset value out of range"), 4U);
     EXPECT_EQ(logger.find("Error: preset value").severity, LogSeverity::error);
+    EXPECT_EQ(logger.find("Error: preset value").function, "Uniview::TelemetryChannel::presetValueOutOfRange");
 }
 
 TEST_F(TelemetryPresetsTest, goesToPresetsAndRemovesThemInTheSingularOnCameras)
@@ -104,12 +105,26 @@ TEST_F(TelemetryPresetsTest, goesToPresetsAndRemovesThemInThePluralOnRecorders)
     EXPECT_EQ(sent(), (Lines{"PUT " + recorderPresets + "/256/goto", "DELETE " + recorderPresets + "/1"}));
 }
 
+TEST_F(TelemetryPresetsTest, goesToPresetsAndRemovesThemInTheSingularOnMultichannelCamerasToo)
+{
+    const std::string preset = "/LAPI/V1.0/Channel/2/PTZ/Presets/6";
+    peer.answer("PUT " + preset + "/goto", 200, "");
+    peer.answer("DELETE " + preset, 200, "");
+    connect(Kind::multichannelCamera, 1);
+    EXPECT_EQ(telemetry->GoToPreset(5), 0);
+    EXPECT_EQ(adjuster->RemovePreset(5), 0);
+    EXPECT_EQ(sent(),
+              (Lines{"PUT /LAPI/V1.0/Channel/2/PTZ/Presets/6/goto", "DELETE /LAPI/V1.0/Channel/2/PTZ/Presets/6"}));
+}
+
 TEST_F(TelemetryPresetsTest, tracesPresetsWhenTheModelSaysSo)
 {
     general["trackLog"] = true;
     connectWilling();
     adjuster->SetPreset(2);
-    EXPECT_EQ(logger.find("tc 0: TRACE: preset-3").function, "Uniview::TelemetryChannel::SetPreset");
+    const auto line = logger.find("tc 0: TRACE: preset-3");
+    EXPECT_EQ(line.function, "Uniview::TelemetryChannel::SetPreset");
+    EXPECT_EQ(line.severity, LogSeverity::info);
 }
 
 TEST_F(TelemetryPresetsTest, storesNoPresetWhenTheListCannotBeRead)
@@ -135,6 +150,35 @@ TEST_F(TelemetryPresetsTest, storesNoPresetWhenTheListCannotBeRead)
         EXPECT_EQ(takeSent(), Lines{"GET " + presets});
     }
     EXPECT_EQ(logger.count("tc 0: Failed to get existing presets!"), std::size(cases));
+    EXPECT_EQ(logger.find("Failed to get existing presets!").function,
+              "Uniview::TelemetryChannel::invokeSetPresetCommand");
+    EXPECT_EQ(logger.find("Failed to get existing presets!").severity, LogSeverity::error);
+}
+
+TEST_F(TelemetryPresetsTest, aPresetThatTheDeviceDoesNotTakeIsAResultAndALine)
+{
+    connectWilling();
+    peer.answer("POST " + presets, 503, "");
+    EXPECT_EQ(adjuster->SetPreset(1), toResult(ResultCode::deviceBusy));
+    auto line = logger.find("tc 0: [collapsed 1] HTTP response has error: Scripted, request: " + presets);
+    EXPECT_EQ(line.severity, LogSeverity::error);
+    EXPECT_EQ(line.function, "Uniview::TelemetryChannel::sendPostRequest");
+    peer.answer("PUT " + presets, 403, "");
+    EXPECT_EQ(adjuster->SetPreset(2), toResult(ResultCode::accessDenied));
+    EXPECT_EQ(sent().size(), 4U) << "nothing is tried again in another way";
+    EXPECT_FALSE(logger.contains("Failed to get existing presets!"));
+
+    EXPECT_EQ(adjuster->RemovePreset(0), toResult(ResultCode::resourceNotFound));
+    EXPECT_EQ(logger.find("/Channel/0/PTZ/Presets/1").function, "Uniview::TelemetryChannel::sendDeleteRequest");
+}
+
+TEST_F(TelemetryPresetsTest, aPresetThatARecorderDoesNotTakeIsAResult)
+{
+    peer.answer("PUT " + recorderPresets + "/3", 500, "");
+    connectRecorder();
+    EXPECT_EQ(adjuster->SetPreset(2), toResult(ResultCode::deviceError));
+    EXPECT_EQ(logger.find("tc 1: [collapsed 1] HTTP response has error: ").function,
+              "Uniview::TelemetryChannel::sendPutRequest");
 }
 
 TEST_F(TelemetryPresetsTest, takesAListThatIsLeftOutForAnEmptyOne)
@@ -154,18 +198,40 @@ TEST_F(TelemetryPresetsTest, playsAndStopsATour)
     connectWilling();
     EXPECT_EQ(telemetry->PlayTour(1), 0);
     EXPECT_EQ(takeSent(), Lines{"PUT " + patrols + "/1/Start"});
-    EXPECT_TRUE(logger.contains("tc 0: Play tour with index '1'"));
+    EXPECT_EQ(logger.find("tc 0: Play tour with index '1'").function, "Uniview::TelemetryChannel::PlayTour");
+    EXPECT_EQ(logger.find("tc 0: Play tour with index '1'").severity, LogSeverity::info);
     EXPECT_EQ(telemetry->StopTour(), 0);
     EXPECT_EQ(takeSent(), Lines{"PUT " + patrols + "/1/Stop"});
     EXPECT_EQ(logger.find("tc 0: Stop tour").function, "Uniview::TelemetryChannel::StopTour");
+    EXPECT_EQ(logger.find("tc 0: Stop tour").severity, LogSeverity::info);
 
     EXPECT_EQ(telemetry->StopTour(), toResult(ResultCode::invalidState));  // it has been stopped
-    EXPECT_TRUE(logger.contains("tc 0: No active tour to stop"));
+    EXPECT_EQ(logger.find("tc 0: No active tour to stop").function, "Uniview::TelemetryChannel::StopTour");
+    EXPECT_EQ(logger.find("tc 0: No active tour to stop").severity, LogSeverity::error);
     EXPECT_EQ(telemetry->PlayTour(0), 0);
     EXPECT_EQ(telemetry->PlayTour(1), 0);
     EXPECT_EQ(telemetry->StopTour(), 0);  // the one that was begun last
     EXPECT_EQ(sent(),
               (Lines{"PUT " + patrols + "/0/Start", "PUT " + patrols + "/1/Start", "PUT " + patrols + "/1/Stop"}));
+}
+
+/// What is addressed alike on recorders and on cameras with several channels.
+class TelemetryPresetsOfChannels : public TelemetryPresetsTest, public testing::WithParamInterface<bool> {
+protected:
+    void connectSecondChannel() { connect(GetParam() ? Kind::recorder : Kind::multichannelCamera, 1); }
+};
+INSTANTIATE_TEST_SUITE_P(Kinds, TelemetryPresetsOfChannels, testing::Bool(),
+                         [](const auto& test) { return test.param ? "recorder" : "multichannel"; });
+
+TEST_P(TelemetryPresetsOfChannels, playsAndStopsToursUnderTheNumberOfTheChannel)
+{
+    peer.answer("PUT /LAPI/V1.0/Channels/2/PTZ/Patrols/1/Start", 200, "");
+    peer.answer("PUT /LAPI/V1.0/Channels/2/PTZ/Patrols/1/Stop", 200, "");
+    connectSecondChannel();
+    EXPECT_EQ(telemetry->PlayTour(1), 0);
+    EXPECT_EQ(telemetry->StopTour(), 0);
+    EXPECT_EQ(sent(),
+              (Lines{"PUT /LAPI/V1.0/Channels/2/PTZ/Patrols/1/Start", "PUT /LAPI/V1.0/Channels/2/PTZ/Patrols/1/Stop"}));
 }
 
 TEST_F(TelemetryPresetsTest, playsAndFillsTheFirstTwoToursOnly)
@@ -176,6 +242,8 @@ TEST_F(TelemetryPresetsTest, playsAndFillsTheFirstTwoToursOnly)
     EXPECT_EQ(telemetry->PlayTour(4294967295U), outOfRange);
     EXPECT_EQ(adjuster->StartFillTour(2), outOfRange);
     EXPECT_EQ(logger.count("tc 0: Tour number out of range"), 3U);
+    EXPECT_EQ(logger.find("Tour number out of range").function, "Uniview::TelemetryChannel::PlayTour");
+    EXPECT_EQ(logger.find("Tour number out of range").severity, LogSeverity::error);
     EXPECT_EQ(telemetry->StopTour(), toResult(ResultCode::invalidState));
     EXPECT_EQ(adjuster->StopFillTour(), noTourBeingFilled);
     EXPECT_EQ(sent(), Lines{});
@@ -197,13 +265,18 @@ TEST_F(TelemetryPresetsTest, storesATourThatTheCameraDoesNotKnow)
 {
     connectWilling();
     EXPECT_EQ(adjuster->StartFillTour(0), 0);
-    EXPECT_TRUE(logger.contains("tc 0: Start filling tour with index '0'"));
+    EXPECT_EQ(logger.find("tc 0: Start filling tour with index '0'").function,
+              "Uniview::TelemetryChannel::StartFillTour");
+    EXPECT_EQ(logger.find("tc 0: Start filling tour with index '0'").severity, LogSeverity::info);
     EXPECT_EQ(adjuster->SetPoint(5, 0, 10), 0);
-    EXPECT_TRUE(logger.contains("tc 0: Setting tour point with index '0', speed '5', dwell time '10'"));
+    EXPECT_EQ(logger.find("tc 0: Setting tour point with index '0', speed '5', dwell time '10'").function,
+              "Uniview::TelemetryChannel::SetPoint");
     EXPECT_EQ(adjuster->SetPoint(7, 254, 0), 0);
     EXPECT_EQ(adjuster->StopFillTour(), 0);
-    EXPECT_TRUE(logger.contains("tc 0: StopFillTour with index '0'"));
-    EXPECT_TRUE(logger.contains("tc 0: Stop fill tour"));
+    for (const char* const text : {"tc 0: StopFillTour with index '0'", "tc 0: Stop fill tour"}) {
+        EXPECT_EQ(logger.find(text).function, "Uniview::TelemetryChannel::StopFillTour") << text;
+        EXPECT_EQ(logger.find(text).severity, LogSeverity::info) << text;
+    }
     EXPECT_EQ(sent(), (Lines{"GET " + patrols,
                              "POST " + patrols +
                                  R"( {"ID":0,"Num":2,"Actions":[)"
@@ -237,7 +310,9 @@ TEST_F(TelemetryPresetsTest, setsNoPointBeforeATourIsBegun)
     connectWilling();
     EXPECT_EQ(adjuster->SetPoint(5, 0, 10), noTourBeingFilled);
     EXPECT_TRUE(logger.contains("tc 0: Setting tour point with index '0', speed '5', dwell time '10'"));
-    EXPECT_TRUE(logger.contains("tc 0: Trying to set tour point without starting filling tour!"));
+    const auto line = logger.find("tc 0: Trying to set tour point without starting filling tour!");
+    EXPECT_EQ(line.function, "Uniview::TelemetryChannel::SetPoint");
+    EXPECT_EQ(line.severity, LogSeverity::error);
     EXPECT_EQ(sent(), Lines{});
 }
 
@@ -277,6 +352,8 @@ TEST_F(TelemetryPresetsTest, aFillingThatCannotBeginKeepsThePointsOfTheUnfinishe
         EXPECT_NE(adjuster->StartFillTour(0), 0) << body;
     }
     EXPECT_EQ(logger.count("tc 0: Failed to get existing tours!"), 4U);
+    EXPECT_EQ(logger.find("Failed to get existing tours!").function, "Uniview::TelemetryChannel::StartFillTour");
+    EXPECT_EQ(logger.find("Failed to get existing tours!").severity, LogSeverity::error);
     EXPECT_EQ(adjuster->StopFillTour(), 0);
     EXPECT_EQ(sent().back(), "POST " + patrols +
                                  R"( {"ID":1,"Num":1,"Name":"Night","Actions":[)"

@@ -1,6 +1,7 @@
 #include "TelemetryFixture.h"
 #include "TelemetryRequests.h"
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
 #include <future>
@@ -86,6 +87,62 @@ TEST_F(TelemetryThreadsTest, goesOnTryingADeviceThatIsLost)
     EXPECT_TRUE(handler.waitFailed());
     telemetry->MoveContinuous(0, 0);
     EXPECT_TRUE(peer.waitForRequest("PUT " + control));
+}
+
+TEST_F(TelemetryThreadsTest, aJoystickHeldWhileTheDeviceIsDownFillsNoLog)
+{
+    auto camera = std::make_unique<ScriptedHttpPeer>();
+    camera->answer(portPath, 200, R"({"Response":{"Data":{"RTSPPort":	8554}}})");
+    camera->answer(infoPath, 200, deviceInfo(0));
+    make();
+    ASSERT_EQ(device->Open(camera->address().c_str()), 0);
+    ASSERT_TRUE(handler.waitConnected());
+    createTelemetry();
+    camera.reset();  // nothing listens on its port any more
+    for (int i = 0; i < 100; ++i)
+        telemetry->MoveContinuous(1, 1);
+    EXPECT_TRUE(handler.waitLost());
+    EXPECT_EQ(handler.lostTotal(), 1);
+    EXPECT_EQ(logger.count("tc 0: [collapsed 1] HTTP request is finished with error: "), 1U);
+    EXPECT_EQ(logger.count("tc 0: [collapsed 50] HTTP request is finished with error: "), 1U);
+    EXPECT_EQ(logger.count("tc 0: "), 3U) << "with \"Created\"";
+    EXPECT_EQ(logger.count("Connection to the device is lost"), 1U);
+}
+
+TEST_F(TelemetryThreadsTest, aCommandWhoseAnswerIsLostIsNotRepeated)
+{
+    peer.answerRaw(control, "HTTP/1.1 200");  // and the connection is closed
+    connect();
+    peer.answer(portPath, 500, "");  // the module cannot connect again
+    for (int i = 0; i < 100; ++i)
+        telemetry->MoveContinuous(1, 1);
+    EXPECT_TRUE(handler.waitLost());
+    EXPECT_EQ(handler.lostTotal(), 1);
+    const Lines requests = peer.requests();  // of one connection each
+    EXPECT_EQ(std::ranges::count(requests, "PUT " + control), 100);
+    EXPECT_EQ(logger.count("Connection to the device is lost"), 1U);
+    EXPECT_EQ(logger.count("tc 0: [collapsed 50] HTTP request is finished with error: "), 1U);
+}
+
+TEST_F(TelemetryThreadsTest, aDeviceThatDoesNotAnswerInTimeIsAResultAndALine)
+{
+    peer.staySilent("GET /LAPI/V1.0/Channels/0/PTZ/AbsoluteMove");
+    peer.staySilent(areaZoomIn);
+    connect();
+    // Descriptions are constant for those who share them; nobody else has a request under way now.
+    std::const_pointer_cast<Tavro8::asio::ConnectionInfo>(device->getHttpConnectionInfo())->requestTimeout =
+        std::chrono::milliseconds(50);
+    std::uint32_t untouched = 7;
+    EXPECT_EQ(absolute->GetPositionParams(untouched, untouched, untouched), toResult(ResultCode::timedOut));
+    EXPECT_EQ(toResult(ResultCode::timedOut), 258);
+    EXPECT_EQ(untouched, 7U);
+    EXPECT_TRUE(logger.contains("tc 0: [collapsed 1] HTTP request is finished with error: the device did not answer in "
+                                "time, request: /LAPI/V1.0/Channels/0/PTZ/AbsoluteMove"));
+    EXPECT_EQ(logger.find("tc 0: Failed to get current absolute position").severity, Tavro8::LogSeverity::error);
+    EXPECT_EQ(pointClick->PointMove({0, 0}), 258);
+    EXPECT_TRUE(logger.contains("tc 0: [collapsed 1] HTTP request is finished with error: the device did not answer in "
+                                "time, request: " +
+                                areaZoomIn));
 }
 
 TEST_F(TelemetryThreadsTest, isNotHeldUpByOtherRequestsNorByOtherCalls)
