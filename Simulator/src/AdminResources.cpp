@@ -1,6 +1,7 @@
 #include "AdminResources.h"
 
 #include "DeviceEvents.h"
+#include "DeviceSettings.h"
 #include "LapiEnvelope.h"
 #include "MediaServer.h"
 #include "PtzHeads.h"
@@ -17,6 +18,7 @@ namespace simulator
 namespace
 {
 
+constexpr unsigned mainStream = 0;
 constexpr unsigned defaultRebootMs = 2000;
 constexpr unsigned longestRebootMs = 600'000;
 
@@ -76,7 +78,8 @@ Reply reboot(const std::function<void(std::chrono::milliseconds)>& action, const
     return reply;
 }
 
-Reply changePicture(MediaServer& media, const Call& call)
+/// The main stream of every channel gets another codec or size, as from a user of the device.
+Reply changePicture(Administered& admin, const Call& call)
 {
     std::optional<Codec> codec;
     std::optional<Size> size;
@@ -92,8 +95,16 @@ Reply changePicture(MediaServer& media, const Call& call)
     }
     if (!codec && !size)
         return badRequest("the body names neither a codec nor a size");
-    if (const auto why = media.changePicture(codec, size))
-        return badRequest(*why);
+    for (unsigned channel = 0; channel < admin.settings.channelCount(); ++channel) {
+        VideoSettings& video = admin.settings.video(channel);
+        StreamEncoding encoding = video.encoding(mainStream);
+        encoding.codec = codec.value_or(encoding.codec);
+        encoding.size = size.value_or(encoding.size);
+        if (const auto why = admin.media.refuseEncoding(encoding))
+            return badRequest(*why);
+        video.change(mainStream, encoding.codec, encoding.size);
+        admin.media.encodeBesideRunning(channel, mainStream, encoding);
+    }
     return Reply{};
 }
 
@@ -113,6 +124,7 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
     router.add("GET", "/simulator/state", [admin](const Call&) {
         Json::Value data = admin->events.state();
         data["ptz"] = admin->heads.state();
+        data["settings"] = admin->settings.state();
         return withData(std::move(data));
     });
     router.add("GET", "/simulator/requests", [admin](const Call&) { return withData(admin->activity.requests()); });
@@ -136,7 +148,7 @@ void addOutages(Router& router, const std::shared_ptr<Administered>& admin)
     router.add("POST", "/simulator/rtsp/drop", command([admin] { admin->media.closeAll(); }));
     router.add("POST", "/simulator/rtsp/stop", command(admin->closeRtspPort));
     router.add("POST", "/simulator/rtsp/start", command(admin->openRtspPort));
-    router.add("POST", "/simulator/picture", [admin](const Call& call) { return changePicture(admin->media, call); });
+    router.add("POST", "/simulator/picture", [admin](const Call& call) { return changePicture(*admin, call); });
     router.add("POST", "/simulator/reboot", [admin](const Call& call) { return reboot(admin->reboot, call); });
 }
 

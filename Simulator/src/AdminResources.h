@@ -11,6 +11,7 @@ namespace simulator
 {
 
 class DeviceEvents;
+class DeviceSettings;
 class MediaServer;
 class PtzHeads;
 
@@ -21,6 +22,7 @@ struct Administered {
     MediaServer& media;
     DeviceEvents& events;
     PtzHeads& heads;
+    DeviceSettings& settings;
     std::function<void()> openRtspPort;
     std::function<void()> closeRtspPort;  ///< and its connections
     std::function<void(std::chrono::milliseconds)> reboot;

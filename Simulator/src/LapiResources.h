@@ -6,7 +6,7 @@
 namespace simulator
 {
 
-/// Adds the LAPI resources that this kind of device has. `state` is not owned and outlives the router.
-void addLapiResources(Router& router, DeviceState& state, bool pluralPorts);
+/// Adds the resources that tell what the device is. `state` is not owned and outlives the router.
+void addLapiResources(Router& router, const DeviceState& state, bool pluralPorts);
 
 }  // namespace simulator

@@ -12,20 +12,23 @@ namespace simulator
 namespace
 {
 
+/// Key frames are asked for one by one, since the encoders cannot change their distance while they run.
+constexpr unsigned longestKeyFrameInterval = 1'000'000;
+
 /// One slice a frame and a single thread: as cheap as it gets, and how cameras encode.
-std::string encoderLaunch(const PictureSettings& settings)
+std::string encoderLaunch(const StreamEncoding& encoding)
 {
     std::ostringstream out;
     out.imbue(std::locale::classic());
-    switch (settings.codec) {
+    switch (encoding.codec) {
     case Codec::h264:
-        out << "x264enc name=encoder tune=zerolatency speed-preset=ultrafast threads=1 bitrate=" << settings.bitrateKbit
-            << " key-int-max=" << settings.framesPerSecond << " ! video/x-h264,profile=main";
+        out << "x264enc name=encoder tune=zerolatency speed-preset=ultrafast threads=1 bitrate=" << encoding.bitrateKbit
+            << " key-int-max=" << longestKeyFrameInterval << " ! video/x-h264,profile=main";
         break;
     case Codec::h265:
         out << "x265enc name=encoder tune=zerolatency speed-preset=ultrafast "
                "option-string=\"pools=none:frame-threads=1:log-level=error\" bitrate="
-            << settings.bitrateKbit << " key-int-max=" << settings.framesPerSecond << " ! video/x-h265,profile=main";
+            << encoding.bitrateKbit << " key-int-max=" << longestKeyFrameInterval << " ! video/x-h265,profile=main";
         break;
     case Codec::mjpeg:  // each picture takes what it takes
         out << "jpegenc name=encoder quality=70";
@@ -59,9 +62,9 @@ std::string toneLaunch(const PictureSettings& settings)
     out << " audiotestsrc is-live=true wave=sine volume=0.3 samplesperbuffer=" << (aac ? 1024 : 320)
         << " freq=" << settings.toneHertz << " ! audio/x-raw,format=S16LE,channels=1,rate=";
     if (aac)
-        out << "16000 ! voaacenc bitrate=32000 ! aacparse ! rtpmp4gpay name=pay1 pt=97";
+        out << "16000 ! volume name=microphone ! voaacenc bitrate=32000 ! aacparse ! rtpmp4gpay name=pay1 pt=97";
     else
-        out << "8000 ! mulawenc ! " << g711Payloader;
+        out << "8000 ! volume name=microphone ! mulawenc ! " << g711Payloader;
     return out.str();
 }
 
@@ -70,14 +73,24 @@ struct NeededElement {
     const char* package;
 };
 
+/// A sentence when the element is missing.
+std::string lack(const NeededElement& element)
+{
+    const GlibPointer<GstElementFactory> factory(gst_element_factory_find(element.name));
+    if (factory)
+        return {};
+    return std::string("The GStreamer element '") + element.name + "' is missing; on Debian it is in the package " +
+           element.package + ".";
+}
+
 }  // namespace
 
-std::string pictureCaps(const PictureSettings& settings)
+std::string pictureCaps(const StreamEncoding& encoding)
 {
     std::ostringstream out;
     out.imbue(std::locale::classic());
-    out << "video/x-raw,format=I420,width=" << settings.size.width << ",height=" << settings.size.height
-        << ",framerate=" << settings.framesPerSecond << "/1";
+    out << "video/x-raw,format=I420,width=" << encoding.size.width << ",height=" << encoding.size.height
+        << ",framerate=" << encoding.framesPerSecond << "/1";
     return out.str();
 }
 
@@ -86,12 +99,14 @@ std::string testPictureLaunch(const PictureSettings& settings)
     constexpr const char* font = " shaded-background=true font-desc=\"Monospace 18\"";
     std::ostringstream out;
     out.imbue(std::locale::classic());
+    // The bars alone look the same upside down; an F does not. What stands behind the mirror can always be read.
     out << "( videotestsrc is-live=true pattern=smpte100 horizontal-speed=2 ! capsfilter name=picture caps=\""
-        << pictureCaps(settings)
-        << "\" ! textoverlay name=caption line-alignment=left valignment=top halignment=left text=\"" << settings.title
-        << '"' << font << " ! clockoverlay valignment=top halignment=right time-format=\"%Y-%m-%d %H:%M:%S\"" << font
-        << " ! timeoverlay valignment=bottom halignment=left" << font << " ! " << encoderLaunch(settings) << " ! "
-        << videoPayloader(settings.codec);
+        << pictureCaps(settings.encoding) << "\" ! textoverlay text=F halignment=position xpos=0.2 valignment=position"
+        << " ypos=0.45" << font << " ! videobalance name=balance ! videoflip name=mirror ! textoverlay name=caption"
+        << " line-alignment=left valignment=top halignment=left text=\"" << settings.title << '"' << font
+        << " ! clockoverlay valignment=top halignment=right time-format=\"%Y-%m-%d %H:%M:%S\"" << font
+        << " ! timeoverlay valignment=bottom halignment=left" << font << " ! " << encoderLaunch(settings.encoding)
+        << " ! " << videoPayloader(settings.encoding.codec);
     if (settings.audio)
         out << toneLaunch(settings);
     out << " )";
@@ -103,7 +118,9 @@ std::string fileLaunch(Codec codec, bool audio)
     // The sources are live, so that the server treats the file like a camera; clocksync gives them the pace.
     const std::string source = " is-live=true format=time block=false ! clocksync ! ";
     return "( appsrc name=video" + source + videoPayloader(codec) +
-           (audio ? " appsrc name=audio" + source + g711Payloader : "") + " )";
+           (audio ? " appsrc name=audio" + source + "mulawdec ! volume name=microphone ! mulawenc ! " + g711Payloader
+                  : "") +
+           " )";
 }
 
 std::vector<std::string> missingElements(const Options& options)
@@ -115,12 +132,15 @@ std::vector<std::string> missingElements(const Options& options)
     };
     const bool aac = options.audioCodec == AudioCodec::aac && options.mediaFile.empty();
     if (options.audio && aac)
-        needed.insert(needed.end(), {{"voaacenc", "gstreamer1.0-plugins-bad"},
+        needed.insert(needed.end(), {{"volume", "gstreamer1.0-plugins-base"},
+                                     {"voaacenc", "gstreamer1.0-plugins-bad"},
                                      {"aacparse", "gstreamer1.0-plugins-good"},
                                      {"rtpmp4gpay", "gstreamer1.0-plugins-good"}});
     else if (options.audio)
-        needed.insert(needed.end(),
-                      {{"mulawenc", "gstreamer1.0-plugins-good"}, {"rtppcmupay", "gstreamer1.0-plugins-good"}});
+        needed.insert(needed.end(), {{"mulawenc", "gstreamer1.0-plugins-good"},
+                                     {"mulawdec", "gstreamer1.0-plugins-good"},
+                                     {"volume", "gstreamer1.0-plugins-base"},
+                                     {"rtppcmupay", "gstreamer1.0-plugins-good"}});
     if (!options.mediaFile.empty()) {
         needed.insert(needed.end(), {{"parsebin", "gstreamer1.0-plugins-base"},
                                      {"clocksync", "libgstreamer1.0-0"},
@@ -128,24 +148,34 @@ std::vector<std::string> missingElements(const Options& options)
     } else {
         needed.insert(needed.end(), {{"videotestsrc", "gstreamer1.0-plugins-base"},
                                      {"audiotestsrc", "gstreamer1.0-plugins-base"},
-                                     {"textoverlay", "gstreamer1.0-x"}});
-        if (options.codec == Codec::h264)
-            needed.push_back({"x264enc", "gstreamer1.0-plugins-ugly"});
-        else if (options.codec == Codec::h265)
-            needed.push_back({"x265enc", "gstreamer1.0-plugins-bad"});
-        else
-            needed.insert(needed.end(),
-                          {{"jpegenc", "gstreamer1.0-plugins-good"}, {"rtpjpegpay", "gstreamer1.0-plugins-good"}});
+                                     {"textoverlay", "gstreamer1.0-x"},
+                                     {"videobalance", "gstreamer1.0-plugins-good"},
+                                     {"videoflip", "gstreamer1.0-plugins-good"}});
     }
 
     std::vector<std::string> missing;
-    for (const auto& [name, package] : needed) {
-        const GlibPointer<GstElementFactory> factory(gst_element_factory_find(name));
-        if (!factory)
-            missing.push_back(std::string("The GStreamer element '") + name +
-                              "' is missing; on Debian it is in the package " + package + ".");
-    }
+    const auto collect = [&missing](const std::string& sentence) {
+        if (!sentence.empty())
+            missing.push_back(sentence);
+    };
+    for (const NeededElement& element : needed)
+        collect(lack(element));
+    if (options.mediaFile.empty())
+        collect(missingEncoder(options.codec));
     return missing;
+}
+
+std::string missingEncoder(Codec codec)
+{
+    switch (codec) {
+    case Codec::h264:
+        return lack({"x264enc", "gstreamer1.0-plugins-ugly"});
+    case Codec::h265:
+        return lack({"x265enc", "gstreamer1.0-plugins-bad"});
+    case Codec::mjpeg:  // comes with the payloader
+        return lack({"jpegenc", "gstreamer1.0-plugins-good"});
+    }
+    return {};
 }
 
 std::string livePath(Kind kind, unsigned channel, unsigned stream)

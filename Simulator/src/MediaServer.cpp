@@ -3,6 +3,7 @@
 #include "MediaServer.h"
 
 #include "Glib.h"
+#include "LivePipeline.h"
 #include "Log.h"
 #include "MediaFile.h"
 #include "MediaPipeline.h"
@@ -11,13 +12,14 @@
 #include "SimulatedMedia.h"
 
 #include <gst/rtsp-server/rtsp-server.h>
-#include <gst/video/video.h>
 
 #include <algorithm>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <stdexcept>
+#include <string_view>
 
 namespace simulator
 {
@@ -25,7 +27,19 @@ namespace
 {
 
 constexpr const char* role = "user";
-constexpr unsigned streamsPerChannel = 2;
+
+constexpr const char* connectionKey = "simulator-connection";
+
+MediaServer::ConnectionId connectionOf(GstRTSPClient* client)
+{
+    return GPOINTER_TO_SIZE(g_object_get_data(G_OBJECT(client), connectionKey));
+}
+
+/// The thread that reads the socket sees the end and cleans up.
+void shutDown(GSocket* socket)
+{
+    g_socket_shutdown(socket, TRUE, TRUE, nullptr);
+}
 
 struct Method {
     const char* name;
@@ -77,29 +91,16 @@ std::string pictureTitle(unsigned channel, unsigned stream)
     return "Channel " + std::to_string(channel + 1) + (stream == 0 ? " main" : " sub");
 }
 
-PictureSettings pictureSettings(const Options& options, unsigned channel, unsigned stream)
+PictureSettings pictureSettings(const Options& options, unsigned channel, unsigned stream,
+                                const StreamEncoding& encoding)
 {
     PictureSettings settings;
     settings.title = pictureTitle(channel, stream);
-    settings.codec = options.codec;
-    settings.size = stream == 0 ? options.size : options.subSize;
-    settings.framesPerSecond = options.framesPerSecond;
-    settings.bitrateKbit = stream == 0 ? options.bitrateKbit : std::max(options.bitrateKbit / 4, 32u);
+    settings.encoding = encoding;
     settings.audio = options.audio;
     settings.audioCodec = options.audioCodec;
     settings.toneHertz = 440 + 110 * (channel % 8);  // channels can be told apart by ear
     return settings;
-}
-
-/// A client that joins a running stream should not have to wait for the next key frame.
-void forceKeyFrame(GstRTSPMedia* media)
-{
-    const GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
-    const GlibPointer<GstElement> encoder(gst_bin_get_by_name(GST_BIN(pipeline.get()), "encoder"));
-    if (!encoder)
-        return;
-    const GlibPointer<GstPad> pad(gst_element_get_static_pad(encoder.get(), "src"));
-    gst_pad_send_event(pad.get(), gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
 }
 
 }  // namespace
@@ -117,8 +118,15 @@ struct MediaServer::State {
         StreamActivity activity;
         std::shared_ptr<const MediaFile> file;  ///< null: the test picture
         unsigned channel = 0;
-        unsigned number = 0;                   ///< 0: the main stream
-        GlibPointer<GstElement> picture = {};  ///< the filter of the newest medium; guarded by `mutex`
+        unsigned number = 0;           ///< 0: the main stream
+        StreamEncoding encoding = {};  ///< what follows is guarded by `mutex`
+        GlibPointer<GstRTSPMediaFactory> factory = {};
+        std::map<GstRTSPMedia*, GlibPointer<GstElement>> pipelines = {};  ///< of the media that live
+    };
+
+    struct Connection {
+        GlibPointer<GSocket> socket;
+        std::set<const Stream*> streams = {};  ///< that it has asked for
     };
 
     State(const FaultTable& faultTable, Caption captionToShow) : faults(faultTable), caption(std::move(captionToShow))
@@ -129,22 +137,31 @@ struct MediaServer::State {
 
     const FaultTable& faults;
     const Caption caption;
-    Options options;               ///< as they are now
-    unsigned sessionTimeout = 60;  ///< read on GStreamer's threads, so apart from what changes
+    Options options;  ///< never changed once the server runs
     GlibPointer<GstRTSPServer> server;
     std::optional<RtspThread> thread;
     ConnectionId arriving = 0;   ///< the connection whose client is being made; used on `thread` only
     std::deque<Stream> streams;  ///< addresses stay: signal handlers hold them
     std::deque<Hook> hooks;
 
-    std::mutex mutex;  ///< guards what follows: the I/O context and `thread` come here
-    std::map<ConnectionId, GlibPointer<GSocket>> connections;
+    std::mutex mutex;                ///< guards what follows: the I/O context and `thread` come here
+    std::vector<PictureLook> looks;  ///< by channel
+    std::vector<Microphone> microphones;
+    std::map<ConnectionId, Connection> connections;
     std::map<std::string, unsigned> requestCounts;
     unsigned connectionCount = 0;
     ConnectionId lastConnection = 0;
 
     void addStream(unsigned channel, unsigned number, const std::shared_ptr<const MediaFile>& file);
+    std::string launchLine(const Stream& stream) const;
     void mount(Stream& stream);
+    enum class Manner { asTold, besideRunning };
+    void changeEncoding(unsigned channel, unsigned number, const StreamEncoding& encoding, Manner manner);
+    template <typename Change>
+    void changePipelines(unsigned channel, Change&& change);
+    Stream* streamAt(const GstRTSPContext* context);
+    void noteWish(GstRTSPClient* client, const GstRTSPContext* context);
+    static void onUnprepared(GstRTSPMedia* media, gpointer stream);
     static void onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer stream);
     static void onSession(GstRTSPClient*, GstRTSPSession* session, gpointer self);
     static void onClient(GstRTSPServer*, GstRTSPClient* client, gpointer self);
@@ -158,7 +175,6 @@ struct MediaServer::State {
 namespace
 {
 
-constexpr const char* connectionKey = "simulator-connection";
 constexpr const char* joiningKey = "simulator-joining";  ///< set when a client's stream was running before its PLAY
 
 /// Whether the stream that a PLAY is for has clients already.
@@ -185,21 +201,27 @@ void MediaServer::State::addStream(unsigned channel, unsigned number, const std:
     stream.file = file;
     stream.channel = channel;
     stream.number = number;
+    stream.encoding = initialEncoding(options, number);
     mount(stream);
 }
 
-/// Serves the stream as the options are now, in place of what its path led to. Media that run go on.
+std::string MediaServer::State::launchLine(const Stream& stream) const
+{
+    if (stream.file)
+        return fileLaunch(stream.file->codec, options.audio && !stream.file->audio.units.empty());
+    return testPictureLaunch(pictureSettings(options, stream.channel, stream.number, stream.encoding));
+}
+
+/// Serves the stream as it is encoded now, in place of what its path led to. Media that run go on.
 void MediaServer::State::mount(Stream& stream)
 {
-    const auto& file = stream.file;
     GstRTSPMediaFactory* const factory = newSimulatedFactory();
-    const std::string launch = file ? fileLaunch(file->codec, options.audio && !file->audio.units.empty())
-                                    : testPictureLaunch(pictureSettings(options, stream.channel, stream.number));
-    gst_rtsp_media_factory_set_launch(factory, launch.c_str());
+    gst_rtsp_media_factory_set_launch(factory, launchLine(stream).c_str());
     gst_rtsp_media_factory_set_shared(factory, TRUE);
     gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
                                     GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
     g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), &stream);
+    stream.factory = share(factory);
 
     const GlibPointer<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server.get()));
     gst_rtsp_mount_points_add_factory(mounts.get(), stream.activity.path.c_str(), factory);  // takes the factory
@@ -209,19 +231,93 @@ void MediaServer::State::onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpoi
 {
     Stream& stream = *static_cast<Stream*>(data);
     attach(media, stream.activity);
-    const GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
+    GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
     if (stream.file)
-        return feedFromFile(pipeline.get(), stream.file);
-    keepCaption(pipeline.get(), [&stream, title = pictureTitle(stream.channel, stream.number)] {
-        return title + '\n' + stream.state->caption(stream.channel);
-    });
+        feedFromFile(pipeline.get(), stream.file);
+    else
+        keepCaption(pipeline.get(), [&stream, title = pictureTitle(stream.channel, stream.number)] {
+            return title + '\n' + stream.state->caption(stream.channel);
+        });
+
+    g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), data);
     const std::lock_guard lock(stream.state->mutex);
-    stream.picture.reset(gst_bin_get_by_name(GST_BIN(pipeline.get()), "picture"));
+    simulator::encode(pipeline.get(), stream.encoding);
+    simulator::show(pipeline.get(), stream.state->looks.at(stream.channel));
+    simulator::hear(pipeline.get(), stream.state->microphones.at(stream.channel));
+    stream.pipelines.emplace(media, std::move(pipeline));
+}
+
+void MediaServer::State::onUnprepared(GstRTSPMedia* media, gpointer data)
+{
+    Stream& stream = *static_cast<Stream*>(data);
+    GlibPointer<GstElement> pipeline;  // goes without the lock
+    const std::lock_guard lock(stream.state->mutex);
+    if (const auto found = stream.pipelines.find(media); found != stream.pipelines.end()) {
+        pipeline = std::move(found->second);
+        stream.pipelines.erase(found);
+    }
+}
+
+/// The stream that a request is for; null when it is for none.
+MediaServer::State::Stream* MediaServer::State::streamAt(const GstRTSPContext* context)
+{
+    const std::string_view path = context->uri != nullptr ? context->uri->abspath : "";
+    const auto found = std::ranges::find_if(streams, [path](const Stream& stream) {
+        const std::string_view own = stream.activity.path;
+        return path.starts_with(own) && (path.size() == own.size() || path[own.size()] == '/');
+    });
+    return found == streams.end() ? nullptr : &*found;
+}
+
+/// From its first question about a stream on, a client relies on the stream's format.
+void MediaServer::State::noteWish(GstRTSPClient* client, const GstRTSPContext* context)
+{
+    const Stream* const stream = streamAt(context);
+    const std::lock_guard lock(mutex);
+    const auto connection = connections.find(connectionOf(client));
+    if (stream != nullptr && connection != connections.end())
+        connection->second.streams.insert(stream);
+}
+
+void MediaServer::State::changeEncoding(unsigned channel, unsigned number, const StreamEncoding& encoding,
+                                        Manner manner)
+{
+    const auto found = std::ranges::find_if(
+        streams, [&](const Stream& stream) { return stream.channel == channel && stream.number == number; });
+    if (found == streams.end())
+        return;
+    Stream& stream = *found;
+    const std::lock_guard lock(mutex);
+    const bool sameCodec = encoding.codec == stream.encoding.codec;
+    const bool adapts = sameCodec && (encoding.size == stream.encoding.size || manner == Manner::besideRunning ||
+                                      options.formatChange == FormatChange::continues);
+    stream.encoding = encoding;
+    if (adapts)
+        gst_rtsp_media_factory_set_launch(stream.factory.get(), launchLine(stream).c_str());
+    else
+        mount(stream);
+    if (adapts || manner == Manner::besideRunning) {
+        for (const auto& [media, pipeline] : stream.pipelines)
+            simulator::encode(pipeline.get(), encoding);
+        return;
+    }
+    for (const auto& [id, connection] : connections)
+        if (connection.streams.contains(&stream))
+            shutDown(connection.socket.get());
+}
+
+template <typename Change>
+void MediaServer::State::changePipelines(unsigned channel, Change&& change)
+{
+    for (const Stream& stream : streams)
+        if (stream.channel == channel)
+            for (const auto& [media, pipeline] : stream.pipelines)
+                change(pipeline.get());
 }
 
 void MediaServer::State::onSession(GstRTSPClient*, GstRTSPSession* session, gpointer data)
 {
-    gst_rtsp_session_set_timeout(session, static_cast<State*>(data)->sessionTimeout);
+    gst_rtsp_session_set_timeout(session, static_cast<State*>(data)->options.sessionTimeout);
 }
 
 void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointer data)
@@ -256,6 +352,7 @@ GstRTSPStatusCode MediaServer::State::beforeRequest(GstRTSPClient* client, GstRT
     logLine(std::string("RTSP ") + hook.method->name + ' ' + (context->uri != nullptr ? context->uri->abspath : "*"));
     if (context->method == GST_RTSP_OPTIONS)
         return GST_RTSP_STS_OK;  // see onMessage
+    hook.state->noteWish(client, context);
     if (context->method == GST_RTSP_PLAY)
         g_object_set_data(G_OBJECT(client), joiningKey, GINT_TO_POINTER(isSending(context)));
     return hook.state->faultFor(hook.method->name, context).value_or(GST_RTSP_STS_OK);
@@ -276,18 +373,25 @@ void MediaServer::State::onMessage(GstRTSPClient*, GstRTSPContext* context, GstR
     response.reason = g_strdup(gst_rtsp_status_as_text(*status));
 }
 
+/// A client that joins a running stream should not have to wait for the next key frame.
+void forceKeyFrameOf(GstRTSPMedia* media)
+{
+    const GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
+    forceKeyFrame(pipeline.get());
+}
+
 void MediaServer::State::onPlay(GstRTSPClient* client, GstRTSPContext* context, gpointer)
 {
     // The first client of a stream gets its first frame anyhow.
     if (context->media != nullptr && g_object_get_data(G_OBJECT(client), joiningKey) != nullptr)
-        forceKeyFrame(context->media);
+        forceKeyFrameOf(context->media);
 }
 
 void MediaServer::State::onClosed(GstRTSPClient* client, gpointer data)
 {
     auto& self = *static_cast<State*>(data);
     const std::lock_guard lock(self.mutex);
-    self.connections.erase(GPOINTER_TO_SIZE(g_object_get_data(G_OBJECT(client), connectionKey)));
+    self.connections.erase(connectionOf(client));
 }
 
 MediaServer::MediaServer(Options& options, const std::string& realm, const FaultTable& faults, Caption caption)
@@ -308,14 +412,15 @@ MediaServer::MediaServer(Options& options, const std::string& realm, const Fault
     }
 
     state->options = options;
-    state->sessionTimeout = options.sessionTimeout;
+    state->looks.resize(options.channels);
+    state->microphones.assign(options.channels, Microphone{options.microphoneMuted});
     state->server.reset(gst_rtsp_server_new());
     if (options.authentication != Authentication::none)
         gst_rtsp_server_set_auth(state->server.get(), makeAuthentication(options, realm).get());
     state->thread.emplace(state->server.get());
     g_signal_connect(state->server.get(), "client-connected", G_CALLBACK(State::onClient), state.get());
     for (unsigned channel = 0; channel < options.channels; ++channel)
-        for (unsigned stream = 0; stream < streamsPerChannel; ++stream)
+        for (unsigned stream = 0; stream < servedStreams; ++stream)
             state->addStream(channel, stream, file);
 }
 
@@ -355,7 +460,7 @@ std::optional<MediaServer::ConnectionId> MediaServer::serve(boost::asio::ip::tcp
         const std::lock_guard lock(state->mutex);
         connection = ++state->lastConnection;
         ++state->connectionCount;
-        state->connections.emplace(connection, share(shared));
+        state->connections.emplace(connection, State::Connection{share(shared)});
     }
     state->thread->post([state = state.get(), shared, connection, ip = peer.address().to_string(), port = peer.port()] {
         state->arriving = connection;
@@ -370,40 +475,46 @@ void MediaServer::close(ConnectionId connection)
     const std::lock_guard lock(state->mutex);
     const auto found = state->connections.find(connection);
     if (found != state->connections.end())
-        g_socket_shutdown(found->second.get(), TRUE, TRUE, nullptr);  // its thread sees the end and cleans up
+        shutDown(found->second.socket.get());
 }
 
 void MediaServer::closeAll()
 {
     const std::lock_guard lock(state->mutex);
-    for (const auto& [id, socket] : state->connections)
-        g_socket_shutdown(socket.get(), TRUE, TRUE, nullptr);
+    for (const auto& [id, open] : state->connections)
+        shutDown(open.socket.get());
 }
 
-std::optional<std::string> MediaServer::changePicture(std::optional<Codec> codec, std::optional<Size> size)
+std::optional<std::string> MediaServer::refuseEncoding(const StreamEncoding& encoding) const
 {
-    Options changed = state->options;
-    changed.codec = codec.value_or(changed.codec);
-    changed.size = size.value_or(changed.size);
-    if (!changed.mediaFile.empty())
+    if (!state->options.mediaFile.empty())
         return "a media file cannot be changed";
-    if (const auto missing = missingElements(changed); !missing.empty())
-        return missing.front();
-    state->thread->run([this, &changed, size] {
-        state->options = changed;
-        for (State::Stream& stream : state->streams) {
-            if (stream.number != 0)
-                continue;
-            state->mount(stream);
-            const std::lock_guard lock(state->mutex);
-            if (!size || !stream.picture)
-                continue;
-            const PictureSettings settings = pictureSettings(changed, stream.channel, stream.number);
-            const GlibPointer<GstCaps> caps(gst_caps_from_string(pictureCaps(settings).c_str()));
-            g_object_set(stream.picture.get(), "caps", caps.get(), nullptr);
-        }
-    });
-    return std::nullopt;
+    const std::string missing = missingEncoder(encoding.codec);
+    return missing.empty() ? std::nullopt : std::optional(missing);
+}
+
+void MediaServer::encode(unsigned channel, unsigned stream, const StreamEncoding& encoding)
+{
+    state->changeEncoding(channel, stream, encoding, State::Manner::asTold);
+}
+
+void MediaServer::encodeBesideRunning(unsigned channel, unsigned stream, const StreamEncoding& encoding)
+{
+    state->changeEncoding(channel, stream, encoding, State::Manner::besideRunning);
+}
+
+void MediaServer::show(unsigned channel, const PictureLook& look)
+{
+    const std::lock_guard lock(state->mutex);
+    state->looks.at(channel) = look;
+    state->changePipelines(channel, [&look](GstElement* pipeline) { simulator::show(pipeline, look); });
+}
+
+void MediaServer::hear(unsigned channel, const Microphone& microphone)
+{
+    const std::lock_guard lock(state->mutex);
+    state->microphones.at(channel) = microphone;
+    state->changePipelines(channel, [&](GstElement* pipeline) { simulator::hear(pipeline, microphone); });
 }
 
 void MediaServer::expireSessions()

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "AudioInput.h"
 #include "Fault.h"
+#include "ImageSettings.h"
 #include "Options.h"
+#include "StreamEncoding.h"
 
 #include <json/value.h>
 
@@ -42,10 +45,18 @@ public:
     void close(ConnectionId connection);
     void closeAll();
 
-    /// Changes the test picture of the main streams as a user of the device would. A running stream goes on with the
-    /// new size; the codec holds for streams described from now on, beside those that run. Nothing, or a sentence why
-    /// it cannot be.
-    std::optional<std::string> changePicture(std::optional<Codec> codec, std::optional<Size> size);
+    /// A sentence why no stream can be encoded so; nothing when it can.
+    std::optional<std::string> refuseEncoding(const StreamEncoding& encoding) const;
+    /// Encodes a stream so from now on. One that keeps its format goes on; of another format the clients learn as the
+    /// option `formatChange` says.
+    void encode(unsigned channel, unsigned stream, const StreamEncoding& encoding);
+    /// The same without a connection closed: a running stream goes on with the new size, and with its codec until it
+    /// is described anew. Until then both run beside each other.
+    void encodeBesideRunning(unsigned channel, unsigned stream, const StreamEncoding& encoding);
+
+    /// At once, in all streams of the channel.
+    void show(unsigned channel, const PictureLook& look);
+    void hear(unsigned channel, const Microphone& microphone);
 
     /// Ends sessions whose client has been silent for too long; to be called every few seconds.
     void expireSessions();

@@ -4,7 +4,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <map>
+#include <system_error>
 
 namespace simulator
 {
@@ -19,6 +21,15 @@ const std::map<std::string, Authentication> authentications{{"digest", Authentic
                                                             {"none", Authentication::none}};
 const std::map<std::string, Codec> codecs{{"h264", Codec::h264}, {"h265", Codec::h265}, {"mjpeg", Codec::mjpeg}};
 const std::map<std::string, AudioCodec> audioCodecs{{"aac", AudioCodec::aac}, {"g711u", AudioCodec::g711u}};
+const std::map<std::string, bool> microphones{{"muted", true}, {"on", false}};
+const std::map<std::string, BackChannel> backChannels{{"g711a", BackChannel::g711a},
+                                                      {"g711u", BackChannel::g711u},
+                                                      {"hidden", BackChannel::hidden},
+                                                      {"many", BackChannel::many},
+                                                      {"none", BackChannel::none}};
+const std::map<std::string, Dialect> dialects{{"new", Dialect::newFirmware}, {"old", Dialect::oldFirmware}};
+const std::map<std::string, FormatChange> formatChanges{{"close", FormatChange::closes},
+                                                        {"continue", FormatChange::continues}};
 const std::map<std::string, bool> portForms{{"singular", false}, {"plural", true}};
 
 constexpr int usageStatus = 2;
@@ -88,6 +99,20 @@ std::vector<Fault> readFaults(const std::vector<std::string>& texts)
         faults.push_back(std::get<Fault>(std::move(parsed)));
     }
     return faults;
+}
+
+/// Why recordings cannot be written there; nothing when they can, as far as can be seen.
+std::optional<std::string> problemOf(const std::string& talkBack)
+{
+    const std::filesystem::path path = talkBack;
+    std::error_code ignored;
+    if (talkBack.empty() || std::filesystem::is_directory(path, ignored))
+        return std::nullopt;
+    if (path.extension() != ".wav")
+        return "'" + talkBack + "' is neither a folder nor does it end in .wav";
+    if (path.has_parent_path() && !std::filesystem::is_directory(path.parent_path(), ignored))
+        return "there is no folder '" + path.parent_path().string() + "'";
+    return std::nullopt;
 }
 
 std::chrono::milliseconds readSeconds(double seconds)
@@ -190,6 +215,16 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
         ->capture_default_str();
     app.add_flag("--audio,!--no-audio", options.audio, "sound, a tone with the test picture [on]");
     addChoice(app, "--audio-codec", options.audioCodec, audioCodecs, "codec of the tone [g711u]");
+    addChoice(app, "--microphone", options.microphoneMuted, microphones, "as it is when the device starts [on]");
+    addChoice(app, "--back-channel", options.backChannel, backChannels,
+              "how sound to the device is offered: this law, among many formats, not at all although asking is allowed,"
+              " or asking is refused [g711u]");
+    app.add_option("--talk-back", options.talkBack,
+                   "write what is spoken to the device to this WAV file, or to one for each call in this folder");
+    addChoice(app, "--format-change", options.formatChange, formatChanges,
+              "what those who watch a stream see when it gets another size [close]");
+    addChoice(app, "--dialect", options.dialect, dialects,
+              "firmware whose names the stream settings have: EncodeFormat and the like, or EncodeFmt [new]");
     app.add_option("--media", options.mediaFile, "serve this MP4, MKV or TS file in a loop instead of the test picture")
         ->check(CLI::ExistingFile);
 
@@ -206,6 +241,8 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
         options.size = readSize(size);
         options.subSize = readSize(subSize);
         options.faults = readFaults(faults);
+        if (const auto why = problemOf(options.talkBack))
+            throw CLI::ValidationError("--talk-back", *why);
         if (options.kind == Kind::camera && options.channels != 1)
             throw CLI::ValidationError("--channels", "a camera has one channel; --kind multichannel has several");
         if (options.user.empty() || options.user.find(':') != std::string::npos)

@@ -18,6 +18,24 @@ enum class Kind { camera, multichannel, recorder };
 /// Which schemes LAPI and RTSP offer and accept.
 enum class Authentication { digest, basic, both, none };
 
+/// Which of two generations of firmware names the members of the stream settings.
+enum class Dialect { oldFirmware, newFirmware };
+
+/// What those who watch a stream see when it gets another format.
+enum class FormatChange {
+    closes,     ///< the device closes their connections
+    continues,  ///< a new size arrives on them; a new codec closes them
+};
+
+/// Whether the live streams take sound that is spoken to the device, and how.
+enum class BackChannel {
+    g711u,
+    g711a,
+    many,    ///< a track that names a dozen formats, G.711 among them
+    hidden,  ///< asking for it is allowed, but there is no such track
+    none,    ///< asking for it is refused
+};
+
 enum class Codec { h264, h265, mjpeg };
 enum class AudioCodec { g711u, aac };
 
@@ -60,7 +78,12 @@ struct Options {
     unsigned bitrateKbit = 2000;
     bool audio = true;
     AudioCodec audioCodec = AudioCodec::g711u;  ///< of the tone; a media file's sound always becomes G.711
-    std::string mediaFile;                      ///< empty: the test picture
+    bool microphoneMuted = false;
+    BackChannel backChannel = BackChannel::g711u;
+    std::string talkBack;  ///< a file that ends in ".wav" or a folder; empty: what is spoken is not kept
+    FormatChange formatChange = FormatChange::closes;
+    Dialect dialect = Dialect::newFirmware;
+    std::string mediaFile;  ///< empty: the test picture
 
     unsigned inputs = 4;
     unsigned relays = 2;

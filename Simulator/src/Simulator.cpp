@@ -7,6 +7,7 @@
 #include "Authentication.h"
 #include "Certificate.h"
 #include "DeviceEvents.h"
+#include "DeviceSettings.h"
 #include "DeviceState.h"
 #include "EventResources.h"
 #include "HttpServer.h"
@@ -21,6 +22,7 @@
 #include "PtzHeads.h"
 #include "PtzResources.h"
 #include "RtspPort.h"
+#include "SettingsResources.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -72,6 +74,7 @@ Authenticator::Settings authenticatorSettings(const Options& options, const std:
 struct Simulator::State {
     State(boost::asio::io_context& context, Options given);
 
+    SettingsEffects settingsEffects();
     HttpAnswer answerLapi(const HttpQuestion& question);
     void openPorts();
     void closePorts();
@@ -84,6 +87,7 @@ struct Simulator::State {
     PtzHeads heads;
     MediaServer media;   ///< changes `options` to what a media file holds,
     DeviceState device;  ///< which the device then reports
+    DeviceSettings settings;
     IoState io;
     DeviceEvents events;
     Activity activity;
@@ -110,6 +114,7 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
       heads(options.channels),
       media(options, macAddress, faults, [this](unsigned channel) { return heads.caption(channel); }),
       device(options),
+      settings(options),
       io(options.inputs, options.relays),
       events(context, io, scriptOf(options)),
       authenticator(authenticatorSettings(options, macAddress), randomNonce),
@@ -134,13 +139,31 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
     device.setPorts({httpPort.port(), httpsPort ? httpsPort->port() : 0u, rtspPort.port()});
     events.setHttpPort(httpPort.port());
     addLapiResources(lapiRoutes, device, options.pluralPorts);
+    addSettingsResources(lapiRoutes, device, settings, settingsEffects());
     addPtzResources(lapiRoutes, device, heads);
     addEventResources(lapiRoutes, events, io);
     addEventAdministration(adminRoutes, events, io);
     addAdminResources(adminRoutes,
-                      {activity, faults, media, events, heads, [this] { rtspPort.open(); },
+                      {activity, faults, media, events, heads, settings, [this] { rtspPort.open(); },
                        [this] { rtspPort.close(); }, [this](std::chrono::milliseconds duration) { reboot(duration); }});
     watchSessions();
+}
+
+SettingsEffects Simulator::State::settingsEffects()
+{
+    return {[this](unsigned stream, const StreamEncoding& encoding) {
+                return stream < servedStreams ? media.refuseEncoding(encoding) : std::nullopt;
+            },
+            [this](unsigned channel, unsigned stream, const StreamEncoding& encoding) {
+                media.encode(channel, stream, encoding);
+            },
+            [this](unsigned channel, const PictureLook& look) { media.show(channel, look); },
+            [this](unsigned channel, const Microphone& microphone) {
+                if (device.kind() == Kind::recorder)
+                    return media.hear(channel, microphone);
+                for (unsigned each = 0; each < device.channelCount(); ++each)  // the camera's only microphone
+                    media.hear(each, microphone);
+            }};
 }
 
 void Simulator::State::acceptLapi(tcp::socket socket, boost::asio::ssl::context* tlsContext)

@@ -126,17 +126,23 @@ TEST(Lapi, identifiesEachKind)
     const struct {
         const char* kind;
         int deviceType;
+        const char* enhancePath;
         const char* streamsPath;
+        const char* streamsStatus;
     } cases[] = {
-        {"camera", 0, "/LAPI/V1.0/Channel/0/Media/Video/Streams/DetailInfos"},
-        {"multichannel", 0, "/LAPI/V1.0/Channel/4/Media/Video/Streams/DetailInfos"},
-        {"recorder", 1, "/LAPI/V1.0/Channel/4/Media/Video/Streams/DetailInfos"},
+        {"camera", 0, "/LAPI/V1.0/Channels/0/Image/Enhance", "/LAPI/V1.0/Channel/0/Media/Video/Streams/DetailInfos",
+         "200"},
+        {"multichannel", 0, "/LAPI/V1.0/Channels/4/Image/Enhance",
+         "/LAPI/V1.0/Channel/4/Media/Video/Streams/DetailInfos", "200"},
+        {"recorder", 1, "/LAPI/V1.0/Channels/4/Image/Enhance", "/LAPI/V1.0/Channel/4/Media/Video/Streams/DetailInfos",
+         "599"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.kind);
         const SimulatorProcess simulator({"--kind", c.kind});
         EXPECT_EQ(responseOf(simulator.lapi(informationPath))["Data"]["DeviceType"], c.deviceType);
-        EXPECT_EQ(responseOf(simulator.lapi(c.streamsPath))["Data"]["Num"], 3);
+        EXPECT_EQ(responseOf(simulator.lapi(c.enhancePath))["Data"]["Brightness"], 128);
+        EXPECT_EQ(statusOf(simulator.lapi(c.streamsPath)), c.streamsStatus);
     }
 }
 
@@ -154,6 +160,24 @@ TEST(Lapi, remembersTheMicrophone)
             put = request;
     EXPECT_EQ(put["body"], R"({"IsMute": 1})");
     EXPECT_EQ(put["scheme"], "Digest");
+}
+
+TEST(Lapi, tellsWhatAClientDidToTheSettings)
+{
+    const SimulatorProcess simulator;
+    constexpr const char* path = "/LAPI/V1.0/Channels/0/Image/WhiteBalance/Video";
+    const auto put = [&](const char* body) {
+        return responseOf(simulator.lapi(path, {"--request", "PUT", "--data", body}))["ResponseCode"].asInt();
+    };
+    EXPECT_EQ(put(R"({"Mode": 1, "RedOffset": 5, "BlueOffset": 0, "Kelvin": 5600, "Locked": false, "Tint": 3})"), 0);
+    EXPECT_EQ(put(R"({"Mode": 99})"), 2);
+    const Json::Value state = simulator.admin("GET", "state")["settings"]["image"][0]["Image/WhiteBalance/Video"];
+    EXPECT_EQ(state["data"]["RedOffset"], 5);
+    EXPECT_EQ(state["data"]["Kelvin"], 5600.25);
+    EXPECT_EQ(state["writes"], 1);
+    EXPECT_EQ(state["refusals"], 1);
+    EXPECT_EQ(state["lostMembers"], parseJson(R"(["Illuminant", "Kelvin"])"));
+    EXPECT_EQ(state["strangeMembers"], parseJson(R"(["Tint"])"));
 }
 
 TEST(Lapi, survivesWhatIsNoHttp)
@@ -212,6 +236,31 @@ TEST(LapiFault, strikesOnlyWhereItsPatternStands)
     EXPECT_EQ(statusOf(slow), "200");
     const std::string withoutStatus = slow.output.substr(0, slow.output.rfind('\n'));
     EXPECT_GE(std::stod(withoutStatus.substr(withoutStatus.rfind('\n') + 1)), 0.3);
+}
+
+TEST(LapiFault, strikesSettingsToo)
+{
+    const struct {
+        const char* path;
+        const char* fault;
+        const char* status;
+        int code;
+    } cases[] = {
+        {"/LAPI/V1.0/Channels/0/Image/LDC", "apierror:7@GET /LAPI/V1.0/Channels/0/Image/LDC", "200", 7},
+        {"/LAPI/V1.0/Channels/0/Image/Defog/Video", "status:503@Defog", "503", 1},
+        {"/LAPI/V1.0/Channel/0/Media/Video/Streams/DetailInfos", "nodata@DetailInfos", "200", 0},
+        {"/LAPI/V1.0/Media/Audio/Input", "emptydata@Audio", "200", 0},
+    };
+    const SimulatorProcess simulator({"--auth", "none"});
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        EXPECT_NE(responseOf(simulator.lapi(c.path))["Data"].size(), 0u);
+        simulator.admin("POST", "faults", std::string(R"({"fault": ")") + c.fault + "\"}");
+        const ProgramResult struck = simulator.lapi(c.path);
+        EXPECT_EQ(statusOf(struck), c.status);
+        EXPECT_EQ(responseOf(struck)["ResponseCode"], c.code);
+        EXPECT_EQ(responseOf(struck)["Data"].empty(), c.code != 7);
+    }
 }
 
 TEST(LapiFault, dripsAndTruncatesBodies)

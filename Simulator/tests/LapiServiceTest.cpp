@@ -50,10 +50,6 @@ protected:
     LapiService service{router, authenticator, faults, activity};
 };
 
-struct RecorderTest : LapiServiceTest {
-    RecorderTest() : LapiServiceTest(Kind::recorder) {}
-};
-
 struct PluralPortsTest : LapiServiceTest {
     PluralPortsTest() : LapiServiceTest(Kind::camera, true) {}
 };
@@ -72,9 +68,7 @@ TEST_F(LapiServiceTest, answersWithTheEnvelope)
 
 TEST_F(LapiServiceTest, answersUnknownPathsWith599)
 {
-    for (const char* path :
-         {"/LAPI/V1.0/Network/Ports", "/LAPI/V1.0/Network/port", "/", "/LAPI/V1.0/Unknown",
-          "/LAPI/V1.0/Channel/1/Media/Video/Streams/DetailInfos", "/LAPI/V1.0/Channels/1/Media/Audio/Input"}) {
+    for (const char* path : {"/LAPI/V1.0/Network/Ports", "/LAPI/V1.0/Network/port", "/", "/LAPI/V1.0/Unknown"}) {
         SCOPED_TRACE(path);
         const HttpAnswer answer = ask("GET", path);
         EXPECT_EQ(answer.status, 599u);
@@ -92,28 +86,6 @@ TEST_F(PluralPortsTest, findsThePortsUnderTheOtherPath)
 {
     EXPECT_EQ(ask("GET", portPath).status, 599u);
     EXPECT_EQ(ask("GET", "/LAPI/V1.0/Network/Ports").status, 200u);
-}
-
-TEST_F(LapiServiceTest, givesACameraOneMicrophone)
-{
-    constexpr const char* path = "/LAPI/V1.0/Media/Audio/Input";
-    EXPECT_EQ(response(ask("PUT", path, R"({"IsMute": 1})"))["ResponseCode"], 0);
-    EXPECT_EQ(response(ask("GET", path))["Data"]["IsMute"], 1);
-    const HttpAnswer refused = ask("PUT", path, R"({"IsMute": 7})");
-    EXPECT_EQ(refused.status, 200u);
-    EXPECT_EQ(response(refused)["ResponseCode"], 2);
-    EXPECT_EQ(response(ask("PUT", path, "no json"))["ResponseCode"], 2);
-    EXPECT_EQ(response(ask("GET", path))["Data"]["IsMute"], 1);
-}
-
-TEST_F(RecorderTest, givesEachChannelAMicrophone)
-{
-    EXPECT_EQ(response(ask("PUT", "/LAPI/V1.0/Channels/2/Media/Audio/Input", R"({"IsMute": 1})"))["ResponseCode"], 0);
-    EXPECT_EQ(response(ask("GET", "/LAPI/V1.0/Channels/2/Media/Audio/Input"))["Data"]["IsMute"], 1);
-    EXPECT_EQ(response(ask("GET", "/LAPI/V1.0/Channels/1/Media/Audio/Input"))["Data"]["IsMute"], 0);
-    EXPECT_EQ(ask("GET", "/LAPI/V1.0/Channels/5/Media/Audio/Input").status, 599u);
-    EXPECT_EQ(ask("GET", "/LAPI/V1.0/Media/Audio/Input").status, 599u);
-    EXPECT_EQ(ask("GET", "/LAPI/V1.0/Channel/4/Media/Video/Streams/DetailInfos").status, 200u);
 }
 
 TEST_F(LapiServiceTest, misbehavesAsTold)

@@ -21,21 +21,23 @@ TEST(TestPicture, carriesTitleClockAndToneAsAsked)
 {
     PictureSettings settings;
     settings.title = "Channel 3 main";
-    settings.size = {640, 480};
-    settings.framesPerSecond = 10;
+    settings.encoding.size = {640, 480};
+    settings.encoding.framesPerSecond = 10;
     const std::string launch = testPictureLaunch(settings);
-    for (const char* part : {"Channel 3 main", "name=caption", "clockoverlay", "width=640,height=480,framerate=10/1",
-                             "key-int-max=10", "name=encoder", "x264enc", "name=pay0", "name=pay1"})
+    for (const char* part :
+         {"Channel 3 main", "name=caption", "clockoverlay", "width=640,height=480,framerate=10/1", "name=balance",
+          "name=mirror", "name=encoder", "x264enc", "name=microphone", "name=pay0", "name=pay1"})
         EXPECT_NE(launch.find(part), std::string::npos) << part;
 
     settings.audio = false;
-    settings.codec = Codec::h265;
+    settings.encoding.codec = Codec::h265;
     const std::string silent = testPictureLaunch(settings);
     EXPECT_EQ(silent.find("pay1"), std::string::npos);
+    EXPECT_LT(launch.find("name=mirror"), launch.find("name=caption")) << "its letters stay readable";
     EXPECT_NE(silent.find("rtph265pay"), std::string::npos);
 
     settings.audio = true;
-    settings.codec = Codec::mjpeg;
+    settings.encoding.codec = Codec::mjpeg;
     settings.audioCodec = AudioCodec::aac;
     const std::string pictures = testPictureLaunch(settings);
     for (const char* part : {"jpegenc", "rtpjpegpay name=pay0 pt=26", "voaacenc", "rtpmp4gpay name=pay1"})
