@@ -190,9 +190,11 @@ public:
             lastStatistics = statistics;
         });
     }
-    void SettingsApplied(Tavro8::IContract*, const char* resource, std::int32_t result) noexcept override
+    void SettingsApplied(Tavro8::IContract* source, const char* resource, std::int32_t result) noexcept override
     {
         change([&] { settings.emplace_back(resource, result); });
+        if (onSettings)
+            onSettings(source, resource);
     }
     void OnFrame(Tavro8::IContract* source, const Tavro8::GDRV::MediaFrame& frame) noexcept override
     {
@@ -218,6 +220,14 @@ public:
     {
         return wait([&] { return frameCount >= times; });
     }
+    /// Waits until the host has been told so often of that resource.
+    bool waitSettings(const std::string& resource, std::size_t times = 1)
+    {
+        return wait([&] {
+            return static_cast<std::size_t>(std::ranges::count(settings, resource, &SettingsResult::first)) >= times;
+        });
+    }
+    std::vector<std::pair<std::string, std::int32_t>> settingsResults() const { return read(settings); }
     bool waitStopped(std::size_t times = 1)
     {
         return wait([&] { return stoppedCount >= times; });
@@ -242,8 +252,11 @@ public:
     std::function<void(Tavro8::IContract*)> onStarted;
     std::function<void(Tavro8::IContract*)> onStopped;
     std::function<void(Tavro8::IContract*)> onFrame;
+    std::function<void(Tavro8::IContract*, const std::string& resource)> onSettings;
 
 private:
+    using SettingsResult = std::pair<std::string, std::int32_t>;
+
     // All below only within change, wait and read.
     std::size_t startedCount = 0;
     std::size_t stoppedCount = 0;
@@ -251,7 +264,7 @@ private:
     std::size_t frameCount = 0;
     Tavro8::GDRV::StreamStatistics lastStatistics;
     std::vector<Tavro8::GDRV::FrameReference> frames;
-    std::vector<std::pair<std::string, std::int32_t>> settings;
+    std::vector<SettingsResult> settings;
     std::vector<std::int32_t> states;
 };
 }  // namespace kelvo::test

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <exception>
 #include <json/reader.h>
+#include <json/writer.h>
 #include <locale>
 #include <memory>
 #include <optional>
@@ -18,9 +19,18 @@ namespace
 using Tavro8::ResultCode;
 using Tavro8::toResult;
 
-/// Stands in front of a fraction that was made a text for the reader.
-constexpr char fractionMark = '\x01';
-constexpr std::string_view fractionMarkEscaped = "\\u0001";
+/// The control character that stands in front of a fraction that was made a text for the reader: one that is nowhere in
+/// the document, plain or escaped. Nothing when there is none, which no device does by accident.
+std::optional<char> unusedMark(std::string_view text)
+{
+    for (char digit = '1'; digit <= '8'; ++digit) {
+        const char mark = static_cast<char>(digit - '0');
+        if (text.find(mark) == std::string_view::npos &&
+            text.find(std::string("\\u000") + digit) == std::string_view::npos)
+            return mark;
+    }
+    return {};
+}
 
 bool isNumberCharacter(char c) noexcept
 {
@@ -29,11 +39,8 @@ bool isNumberCharacter(char c) noexcept
 
 /// Makes each number with a fraction or exponent a marked text, because JsonCpp reads fractions through a stream
 /// that takes over the host's global locale. Gives nothing when there is no such number, which is the usual case.
-std::optional<std::string> quoteFractions(std::string_view text)
+std::optional<std::string> quoteFractions(std::string_view text, char mark)
 {
-    // A text that begins with the mark would be taken for a number; such a document is read as it is.
-    if (text.find(fractionMark) != std::string_view::npos || text.find(fractionMarkEscaped) != std::string_view::npos)
-        return {};
     std::string quoted;
     bool inString = false;
     std::size_t copied = 0;
@@ -55,7 +62,7 @@ std::optional<std::string> quoteFractions(std::string_view text)
             const std::string_view number = text.substr(at, end - at);
             if (number.find_first_of(".eE") != std::string_view::npos) {
                 quoted.append(text.substr(copied, at - copied));
-                quoted.append(1, '"').append(1, fractionMark).append(number).append(1, '"');
+                quoted.append(1, '"').append(1, mark).append(number).append(1, '"');
                 copied = end;
             }
             at = end - 1;
@@ -67,13 +74,13 @@ std::optional<std::string> quoteFractions(std::string_view text)
 }
 
 /// Turns the marked texts back into numbers; false when one is none.
-bool restoreFractions(Json::Value& value)
+bool restoreFractions(Json::Value& value, char mark)
 {
     if (value.isString()) {
         const char* begin = nullptr;
         const char* end = nullptr;
         value.getString(&begin, &end);
-        if (begin == end || *begin != fractionMark)
+        if (begin == end || *begin != mark)
             return true;
         double number = 0;
         const auto read = std::from_chars(begin + 1, end, number);
@@ -83,7 +90,7 @@ bool restoreFractions(Json::Value& value)
         return true;
     }
     for (Json::Value& member : value) {
-        if (!restoreFractions(member))
+        if (!restoreFractions(member, mark))
             return false;
     }
     return true;
@@ -201,18 +208,29 @@ void describeApi(std::ostream& text, const Reply& reply, Wording wording, const 
 bool parseJson(std::string_view text, Json::Value& document, std::string& error)
 {
     try {
-        const auto quoted = quoteFractions(text);
+        const auto mark = unusedMark(text);
+        const auto quoted = mark ? quoteFractions(text, *mark) : std::nullopt;
         if (!readDocument(quoted ? *quoted : text, document, error)) {
             error = printable(error);  // the reader gives an account of several lines, with parts of the document
             return false;
         }
-        if (!quoted || restoreFractions(document))
+        if (!quoted || restoreFractions(document, *mark))
             return true;
         error = "a number cannot be read";
     } catch (const std::exception& e) {  // nesting beyond the reader's limit
         error = e.what();
     }
     return false;
+}
+
+std::string writeJson(const Json::Value& document)
+{
+    Json::StreamWriterBuilder builder;
+    builder["commentStyle"] = "None";
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    builder["precision"] = 15;
+    return Json::writeString(builder, document);
 }
 
 Reply judge(const Tavro8::error_code& transportError, const Tavro8::http::HttpResponse& response,

@@ -63,4 +63,8 @@ std::string describe(const Reply& reply, std::string_view path, Wording wording 
 /// Reads one JSON document; gives false and the reader's words, in one line, instead of throwing. Numbers are read
 /// alike under every global locale, and nesting is limited.
 bool parseJson(std::string_view text, Json::Value& document, std::string& error);
+
+/// A document that was read and edited, as the device gets it back: on one line, with 15 significant digits, texts as
+/// they came. What was an integer stays one, and what had a fraction keeps it, also one of 0.
+std::string writeJson(const Json::Value& document);
 }  // namespace Uniview::lapi

@@ -44,6 +44,11 @@ bool ModelParameters::flag(const char* key) const
     return get<bool>(key);
 }
 
+Tavro8::TextMap ModelParameters::texts(const char* key) const
+{
+    return get<Tavro8::TextMap>(key);
+}
+
 std::uint32_t ModelParameters::count(const char* key, int greatest) const
 {
     const int value = get<int>(key);

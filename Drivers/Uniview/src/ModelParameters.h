@@ -21,6 +21,7 @@ public:
     bool flag(const char* key) const;
     /// Raises `std::out_of_range` when the number is negative or above `greatest`.
     std::uint32_t count(const char* key, int greatest = std::numeric_limits<int>::max()) const;
+    Tavro8::TextMap texts(const char* key) const;
 
 private:
     template <typename T>

@@ -1,9 +1,19 @@
+#include <utility>
+
 #include "VideoSource.h"
 
+#include "ImageSettings.h"
+#include "ModelParameters.h"
 #include "ObjectName.h"
+#include "StreamSettings.h"
 
 #include <Tavro8/ResultCode.h>
-#include <utility>
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <optional>
+#include <span>
 
 template class Tavro8::Utility::RTSPReceiverBase<Tavro8::GDRV::IVideoSource, Uniview::Device>;
 template class Tavro8::Utility::RTSPReceiverSource<Tavro8::GDRV::IVideoSource, Uniview::Device>;
@@ -12,6 +22,71 @@ template class Tavro8::Utility::RTSPReceiverVideoSource<Uniview::Device>;
 
 namespace Uniview
 {
+namespace
+{
+using settings::Group;
+using settings::GroupTraits;
+using Tavro8::ParameterMap;
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+
+constexpr const char* sourcePath = "Drivers/Uniview/src/VideoSource";
+constexpr const char* applying = "Uniview::VideoSource::applySettings";
+constexpr const char* everything = "all";  // the resource name of the last result
+
+/// For one exchange, waiting for a connection included: eight resources share four of them.
+boost::posix_time::time_duration requestLimit()
+{
+    return boost::posix_time::seconds(15);
+}
+
+constexpr std::size_t indexOf(const GroupTraits& group)
+{
+    return static_cast<std::size_t>(group.group);
+}
+
+bool concerns(const GroupTraits& group, const ParameterMap& given)
+{
+    return group.group == Group::stream ? settings::concernsStream(given) : settings::concernsImage(group.group, given);
+}
+
+/// In the order of the groups.
+using Editor = settings::Edit (VideoSource::*)(Json::Value& data, const ParameterMap& given) const;
+constexpr std::array<Editor, settings::groupCount> editors{
+    &VideoSource::streamSettings,       &VideoSource::captureModeSettings,  &VideoSource::exposureSettings,
+    &VideoSource::illuminationSettings, &VideoSource::whiteBalanceSettings, &VideoSource::defogSettings,
+    &VideoSource::ldcSettings,          &VideoSource::imageEnhanceSettings,
+};
+}  // namespace
+
+/// The settings that are being applied.
+struct VideoSource::SettingsRun {
+    explicit SettingsRun(SettingsRequest request)
+        : request(std::move(request)),
+          groups(settings::groupsOf(this->request.device->GetDeviceKind())),
+          exchanges(this->request.device->service(), this->request.device->getHttpConnectionInfo(),
+                    this->request.device->getLogger().get())
+    {}
+
+    /// Of the resources that the values are for, the first failure in the order of the table.
+    std::int32_t overallResult() const
+    {
+        for (const GroupTraits& group : settings::allGroups()) {
+            // What the device was not asked for cannot have been applied.
+            const std::int32_t result = results[indexOf(group)].value_or(toResult(ResultCode::notSupported));
+            if (result != 0 && concerns(group, request.given))
+                return result;
+        }
+        return toResult(ResultCode::success);
+    }
+
+    const SettingsRequest request;
+    const std::span<const GroupTraits> groups;
+    std::uint32_t channelNumber = 0;
+    std::array<std::optional<std::int32_t>, settings::groupCount> results;
+    Tavro8::Utility::AsyncMultiRequest exchanges;
+};
+
 Tavro8::GDRV::IVideoSource* VideoSource::create(Device* device, std::uint32_t channel, std::uint32_t stream,
                                                 Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
                                                 Tavro8::GDRV::IMediaFrameHandler* frames,
@@ -28,8 +103,195 @@ Tavro8::GDRV::IVideoSource* VideoSource::create(Device* device, std::uint32_t ch
     return source.get();
 }
 
-std::int32_t VideoSource::ApplySettings(const Tavro8::ParameterMap&) noexcept
+VideoSource::VideoSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler, Tavro8::IContract* parent,
+                         Tavro8::Utility::LiveSourceContext sourceContext)
+    : RTSPReceiverVideoSource(device, handler, parent, std::move(sourceContext)),
+      maxFpsForCodec(ModelParameters::ofChannel(*device->getDescription(), context.channel).texts("maxFpsForCodec")),
+      settingsLogger(device->getLogger().get(), sourcePath, context.objectName)
+{}
+
+VideoSource::~VideoSource() = default;
+
+void VideoSource::Destroy() noexcept
 {
-    return toResult(Tavro8::ResultCode::notSupported);
+    const auto keep = sharedSelf();
+    Tavro8::guardedVoid(settingsLogger, "Uniview::VideoSource::Destroy", [&] {
+        boost::asio::post(device->service(), [keep] {
+            keep->waitingSettings.clear();
+            keep->settingsRun.reset();
+        });
+    });
+    RTSPReceiverVideoSource::Destroy();
+}
+
+std::int32_t VideoSource::ApplySettings(const ParameterMap& changed) noexcept
+{
+    return Tavro8::guarded(
+        settingsLogger, "Uniview::VideoSource::ApplySettings", toResult(ResultCode::unexpected), [&] {
+            if (!device->hasBeenConnected()) {
+                settingsLogger.error(applying, "Settings can be applied once the device has connected");
+                return toResult(ResultCode::invalidState);
+            }
+            if (settingsTaken.fetch_add(1) >= maxSettingsTaken) {
+                --settingsTaken;
+                settingsLogger.error(applying, "Too many settings wait for the device");
+                return toResult(ResultCode::deviceBusy);
+            }
+            const auto take = [self = sharedSelf(), request = SettingsRequest{changed, device->shared_from_this()}] {
+                Tavro8::guardedVoid(self->settingsLogger, applying, [&] {
+                    self->waitingSettings.push_back(request);
+                    self->applyNextSettings();
+                });
+            };
+            boost::asio::post(device->service(), take);
+            return toResult(ResultCode::success);
+        });
+}
+
+void VideoSource::applyNextSettings()
+{
+    while (settingsRun == nullptr && !waitingSettings.empty() && !isDestroyed()) {
+        settingsRun = std::make_unique<SettingsRun>(std::move(waitingSettings.front()));
+        waitingSettings.pop_front();
+        const std::int32_t result = Tavro8::guarded(settingsLogger, applying, toResult(ResultCode::unexpected), [this] {
+            if (!settingsRun->request.device->hasBeenConnected())
+                return toResult(ResultCode::invalidState);  // closed while it waited
+            applySettings(settingsRun->request.given);
+            return toResult(ResultCode::success);
+        });
+        if (result != 0)
+            finishAllSettings(result);
+    }
+}
+
+void VideoSource::applySettings(const ParameterMap& given)
+{
+    adjust(given);  // first the stream, so that a new connection picks up what is written now
+    SettingsRun& run = *settingsRun;
+    run.channelNumber = run.request.device->channelNumber(context.channel);
+    for (const GroupTraits& group : run.groups) {
+        run.exchanges.addGetRequest(pathOf(group, run.channelNumber), requestLimit(),
+                                    settingsHandler(group, group.readPlace, &VideoSource::onSettingsRead));
+    }
+    run.exchanges.start([weak = weak_from_this()](std::int32_t) {
+        if (const auto alive = weak.lock()) {
+            auto& self = static_cast<VideoSource&>(*alive);
+            self.finishAllSettings(self.settingsRun->overallResult());
+            self.applyNextSettings();
+        }
+    });
+}
+
+/// What goes wrong in the handler of one resource is the failure of that resource alone.
+Tavro8::http::CompletionHandler VideoSource::settingsHandler(const GroupTraits& group, const char* place,
+                                                             SettingsStep step)
+{
+    return [self = sharedSelf(), &group, place, step](const Tavro8::error_code& ec, const std::vector<char>& body,
+                                                      const Tavro8::http::HttpResponse& response) {
+        const auto result = Tavro8::guarded(self->settingsLogger, place, toResult(ResultCode::unexpected), [&] {
+            // Some firmware breaks off its answer where it lacks a resource; that is no loss of the device.
+            if (ec != ResultCode::connectionLost)
+                self->settingsRun->request.device->reportExchange(ec);
+            lapi::Reply reply = lapi::judge(ec, response, body);
+            ((*self).*step)(group, reply);
+            return toResult(ResultCode::success);
+        });
+        if (result != 0)
+            self->finishSettings(group, result);
+    };
+}
+
+void VideoSource::onSettingsRead(const GroupTraits& group, lapi::Reply& reply)
+{
+    if (!reply) {
+        logFailure(group.readPlace, reply, group, group.readFailure);
+        return finishSettings(group, reply.result);
+    }
+    const settings::Edit edit = (this->*editors[indexOf(group)])(reply.data, settingsRun->request.given);
+    if (edit.result != 0)
+        settingsLogger.error(group.readPlace, edit.message);
+    if (!edit)
+        return finishSettings(group, edit.result);
+    if (!settingsRun->request.device->hasBeenConnected()) {
+        settingsLogger.error(group.readPlace, "The device was closed before its settings were written");
+        return finishSettings(group, toResult(ResultCode::invalidState));
+    }
+    settingsRun->exchanges.addPutRequest(pathOf(group, settingsRun->channelNumber), lapi::writeJson(reply.data),
+                                         requestLimit(),
+                                         settingsHandler(group, group.writePlace, &VideoSource::onSettingsWritten));
+}
+
+void VideoSource::onSettingsWritten(const GroupTraits& group, lapi::Reply& reply)
+{
+    if (!reply)
+        logFailure(group.writePlace, reply, group, group.writeFailure);
+    finishSettings(group, reply.result);
+}
+
+void VideoSource::logFailure(const char* place, const lapi::Reply& reply, const GroupTraits& group,
+                             const char* consequence) const
+{
+    const std::string path = pathOf(group, settingsRun->channelNumber);
+    if (reply.failure == lapi::Failure::malformed)
+        settingsLogger.error(place, " HTTP response cannot be read, request:", path);
+    else
+        settingsLogger.error(place, lapi::describe(reply, path));
+    settingsLogger.error(place, consequence);
+}
+
+void VideoSource::finishSettings(const GroupTraits& group, std::int32_t result)
+{
+    auto& told = settingsRun->results[indexOf(group)];
+    if (told)
+        return;  // something went wrong after it was told
+    told = result;
+    reportSettings(group.name, result);
+}
+
+void VideoSource::finishAllSettings(std::int32_t result)
+{
+    settingsRun.reset();
+    --settingsTaken;
+    reportSettings(everything, result);
+}
+
+settings::Edit VideoSource::streamSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editStream(data, given, context.stream, maxFpsForCodec);
+}
+
+settings::Edit VideoSource::captureModeSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editImage(Group::captureMode, data, given);
+}
+
+settings::Edit VideoSource::exposureSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editImage(Group::exposure, data, given);
+}
+
+settings::Edit VideoSource::illuminationSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editImage(Group::illumination, data, given);
+}
+
+settings::Edit VideoSource::whiteBalanceSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editImage(Group::whiteBalance, data, given);
+}
+
+settings::Edit VideoSource::defogSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editImage(Group::defog, data, given);
+}
+
+settings::Edit VideoSource::ldcSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editImage(Group::ldc, data, given);
+}
+
+settings::Edit VideoSource::imageEnhanceSettings(Json::Value& data, const ParameterMap& given) const
+{
+    return settings::editImage(Group::imageEnhance, data, given);
 }
 }  // namespace Uniview

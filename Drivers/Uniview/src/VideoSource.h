@@ -1,9 +1,18 @@
 #pragma once
 
 #include "Device.h"
+#include "Lapi.h"
+#include "SettingsEdit.h"
+#include "SettingsGroup.h"
 
+#include <IpUtil/AsyncMultiRequest.h>
 #include <IpUtil/RTSPReceiverBase.h>
 #include <Tavro8/GDRV/ILiveSource.h>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
 
 // Compiled once, in VideoSource.cpp.
 extern template class Tavro8::Utility::RTSPReceiverBase<Tavro8::GDRV::IVideoSource, Uniview::Device>;
@@ -13,18 +22,68 @@ extern template class Tavro8::Utility::RTSPReceiverVideoSource<Uniview::Device>;
 
 namespace Uniview
 {
-/// Live video of one stream of a channel. Threads as in `RTSPReceiverBase`.
+/// Live video of one stream of a channel, and the settings of its encoder and picture.
+///
+/// Threads as in `RTSPReceiverBase`. Settings are applied on the device's I/O thread, one request of the host after the
+/// other: each reads, edits and writes back, and two at once would undo each other's edits.
 class VideoSource final : public Tavro8::Utility::RTSPReceiverVideoSource<Device> {
 public:
+    static constexpr std::size_t maxSettingsTaken = 32;  ///< by `ApplySettings`, before the first of them is done
+
     /// Makes a source that the host releases with `Destroy`. Arguments as in `IDevice::CreateVideoSource`.
     static Tavro8::GDRV::IVideoSource* create(Device* device, std::uint32_t channel, std::uint32_t stream,
                                               Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
                                               Tavro8::GDRV::IMediaFrameHandler* frames,
                                               const Tavro8::ParameterMap& parameters, Tavro8::IContract* parent);
 
-    using RTSPReceiverVideoSource::RTSPReceiverVideoSource;
+    /// Used by `create`. A `maxFpsForCodec` of the channel's model that is no map of texts raises the cast error.
+    VideoSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler, Tavro8::IContract* parent,
+                Tavro8::Utility::LiveSourceContext sourceContext);
+    ~VideoSource() override;
 
-    /// Settings are not written to the device yet: "not supported".
+    /// Returns 0 when the request was taken, 2 while the device has not been connected, 515 when too many others wait.
+    /// Then the handler is told each resource that was asked for, in any order, and last "all".
     std::int32_t ApplySettings(const Tavro8::ParameterMap& changed) noexcept override;
+    /// Settings that were not written yet are given up.
+    void Destroy() noexcept override;
+
+    // Each edits the data of its resource's reply with the values that the host has given. Any thread.
+    settings::Edit streamSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+    settings::Edit captureModeSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+    settings::Edit exposureSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+    settings::Edit illuminationSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+    settings::Edit whiteBalanceSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+    settings::Edit defogSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+    settings::Edit ldcSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+    settings::Edit imageEnhanceSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
+
+private:
+    /// One request of the host to apply settings.
+    struct SettingsRequest {
+        Tavro8::ParameterMap given;
+        std::shared_ptr<Device> device;  // the host may release it before the last reply
+    };
+    struct SettingsRun;
+    using SettingsStep = void (VideoSource::*)(const settings::GroupTraits& group, lapi::Reply& reply);
+
+    void applyNextSettings();
+    void applySettings(const Tavro8::ParameterMap& given);
+    Tavro8::http::CompletionHandler settingsHandler(const settings::GroupTraits& group, const char* place,
+                                                    SettingsStep step);
+    void onSettingsRead(const settings::GroupTraits& group, lapi::Reply& reply);
+    void onSettingsWritten(const settings::GroupTraits& group, lapi::Reply& reply);
+    void logFailure(const char* place, const lapi::Reply& reply, const settings::GroupTraits& group,
+                    const char* consequence) const;
+    void finishSettings(const settings::GroupTraits& group, std::int32_t result);
+    void finishAllSettings(std::int32_t result);
+    std::shared_ptr<VideoSource> sharedSelf() { return std::static_pointer_cast<VideoSource>(shared_from_this()); }
+
+    const Tavro8::TextMap maxFpsForCodec;
+    const Tavro8::LoggerHelper settingsLogger;
+    std::atomic<std::size_t> settingsTaken{0};  // requests that are not done
+
+    // On the I/O thread only:
+    std::deque<SettingsRequest> waitingSettings;
+    std::unique_ptr<SettingsRun> settingsRun;
 };
 }  // namespace Uniview

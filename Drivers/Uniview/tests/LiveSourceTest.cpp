@@ -77,7 +77,6 @@ TEST_F(LiveSource, offersItsContracts)
     EXPECT_EQ(Tavro8::queryContract<Tavro8::GDRV::IVideoSource>(source), source);
     EXPECT_EQ(Tavro8::queryContract<Tavro8::GDRV::IDeviceChannel>(source), source);
     EXPECT_EQ(Tavro8::queryContract<Tavro8::GDRV::IAudioSource>(source), nullptr);
-    EXPECT_EQ(source->ApplySettings({}), toResult(ResultCode::notSupported));
     source->Destroy();
 }
 

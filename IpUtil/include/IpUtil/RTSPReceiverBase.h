@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -163,6 +164,15 @@ protected:
     virtual std::shared_ptr<RTSPStream> getStream() = 0;
 
     IContract* contract() noexcept { return static_cast<I*>(this); }
+
+    /// Tells the host how a settings resource fared; nothing once the source is destroyed. On the stream's I/O thread.
+    void reportSettings(const char* resource, std::int32_t result)
+    {
+        if (handler != nullptr)
+            gate->call([&] { handler->SettingsApplied(contract(), resource, result); });
+    }
+
+    bool isDestroyed() const noexcept { return gate->isClosed(); }
 
     /// The stream that the source is registered with, or null.
     std::shared_ptr<RTSPStream> currentStream() const
@@ -324,18 +334,61 @@ protected:
             running->restart();
     }
 
-    /// True when `key` is among the new values and differs from the present one. Both are compared as `T`.
+    /// True when `key` is among the new values and differs from the present one: what was set, else `otherwise` when
+    /// that is known. Both are compared as `T`; a value of another type is none that a connection could follow.
     template <typename T>
-    bool changes(const ParameterMap& changed, const std::string& key) const
+    bool changes(const ParameterMap& changed, const std::string& key, const std::optional<T>& otherwise = {}) const
     {
         const auto found = changed.find(key);
-        if (found == changed.end())
+        const T* const wanted = found == changed.end() ? nullptr : boost::any_cast<T>(&found->second);
+        if (wanted == nullptr)
             return false;
-        const T* const wanted = boost::any_cast<T>(&found->second);
         const auto stored = this->parameters.getPersistentParam(key);
-        const T* const present = stored ? boost::any_cast<T>(&*stored) : nullptr;
-        return wanted == nullptr || present == nullptr || *wanted != *present;
+        if (!stored)
+            return !otherwise || *wanted != *otherwise;
+        const T* const present = boost::any_cast<T>(&*stored);
+        return present == nullptr || *wanted != *present;
     }
+};
+
+/// What the last picture looked like, in the words of the host's parameters. Noted on the I/O thread, read on any.
+class PictureFormat {
+public:
+    void note(const GDRV::MediaFrame& frame) noexcept
+    {
+        const std::uint64_t size = std::uint64_t{frame.width & sizeMask} << sizeBits | (frame.height & sizeMask);
+        format.store(static_cast<std::uint64_t>(frame.codec) << (2 * sizeBits) | size, std::memory_order_relaxed);
+    }
+    /// Nothing while no picture has come.
+    std::optional<std::string> codec() const
+    {
+        switch (static_cast<GDRV::MediaCodec>(format.load(std::memory_order_relaxed) >> (2 * sizeBits))) {
+        case GDRV::MediaCodec::h264:
+            return "H.264";
+        case GDRV::MediaCodec::h265:
+            return "H.265";
+        case GDRV::MediaCodec::mjpeg:
+            return "MJPEG";
+        default:
+            return {};
+        }
+    }
+    /// "1920x1080"; nothing while it is not known.
+    std::optional<std::string> resolution() const
+    {
+        const std::uint64_t known = format.load(std::memory_order_relaxed);
+        const std::uint64_t width = known >> sizeBits & sizeMask;
+        const std::uint64_t height = known & sizeMask;
+        if (width == 0 || height == 0)
+            return {};
+        return std::to_string(width) + 'x' + std::to_string(height);
+    }
+
+private:
+    static constexpr unsigned sizeBits = 24;
+    static constexpr std::uint32_t sizeMask = (1U << sizeBits) - 1;
+
+    std::atomic<std::uint64_t> format{0};  // codec, width and height, so that they are of one picture
 };
 
 /// A live source of pictures.
@@ -350,13 +403,24 @@ public:
         client.setVideoSinkParams(readVideoSinkParams(this->parameters, client.logger()));
     }
 
+    void onFrame(const GDRV::MediaFrame& frame) noexcept override
+    {
+        if (frame.keyFrame)
+            lastPicture.note(frame);
+        RTSPReceiverAdjustable<GDRV::IVideoSource, Device>::onFrame(frame);
+    }
+
 protected:
+    /// As long as nobody has said which codec and resolution the stream has, what it shows tells.
     bool parametersRequireRTSPClientReconnect(const ParameterMap& changed) const override
     {
-        return this->template changes<std::string>(changed, "codec") ||
-               this->template changes<std::string>(changed, "resolution") ||
+        return this->template changes<std::string>(changed, "codec", lastPicture.codec()) ||
+               this->template changes<std::string>(changed, "resolution", lastPicture.resolution()) ||
                this->template changes<std::string>(changed, "transport");
     }
+
+private:
+    PictureFormat lastPicture;
 };
 
 /// A live source of sound.

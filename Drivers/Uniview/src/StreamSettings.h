@@ -1,0 +1,19 @@
+#pragma once
+
+#include "SettingsEdit.h"
+
+#include <Tavro8/ParameterMap.h>
+#include <cstdint>
+#include <json/value.h>
+
+namespace Uniview::settings
+{
+/// Whether one of the values is for the stream resource.
+bool concernsStream(const Tavro8::ParameterMap& given);
+
+/// Edits the data of a stream reply so that they hold the one stream of that number, with the values that the host has
+/// given. `maxFpsForCodec` caps the frame rate by the name of the codec, with a number or "any"; empty, there is no
+/// cap.
+Edit editStream(Json::Value& data, const Tavro8::ParameterMap& given, std::uint32_t stream,
+                const Tavro8::TextMap& maxFpsForCodec);
+}  // namespace Uniview::settings
