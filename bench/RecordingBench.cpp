@@ -108,7 +108,7 @@ void collectPages(benchmark::State& state, bool newestFirst)
         }
         benchmark::DoNotOptimize(collected.get().data());
     }
-    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * pages * pageRecords));
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(pages * pageRecords));
 }
 BENCHMARK_CAPTURE(collectPages, oldestFirst, false)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(collectPages, newestFirst, true)->Unit(benchmark::kMillisecond);

@@ -96,6 +96,7 @@ public:
                                 Tavro8::GDRV::IDetectorHandler* detectorHandler,
                                 Tavro8::GDRV::IDetector** detector) noexcept override;
     std::int32_t CreateTelemetry(std::uint32_t channel, Tavro8::GDRV::ITelemetry** telemetry) noexcept override;
+    std::int32_t CreateRecordingSearch(Tavro8::GDRV::IRecordingSearch** search) noexcept override;
 
     // Offered to child objects. Any thread.
     ConnectionInfoPtr getHttpConnectionInfo() const;  ///< null before the first attempt that understood its address

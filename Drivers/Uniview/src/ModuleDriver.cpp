@@ -4,6 +4,7 @@
 #include "IODevice.h"
 #include "ModuleSettings.h"
 #include "ProcessRecord.h"
+#include "RecordingSearch.h"
 #include "TelemetryChannel.h"
 #include "VideoSource.h"
 
@@ -140,21 +141,28 @@ std::int32_t ModuleSettings::createDiscovery(Tavro8::GDRV::IDeviceDiscoveryHandl
 
 namespace
 {
-/// What every factory operation does first; `create` makes the object of a channel that exists, or null when there is
-/// none of the kind asked for.
+/// What every factory operation does first; `create` makes the object, or gives null when there is none of the kind
+/// asked for.
 template <typename Interface, typename Create>
-std::int32_t createChild(const Device& device, std::uint32_t channel, Interface** object, Tavro8::LogPlace operation,
-                         Create&& create) noexcept
+std::int32_t createChild(const Device& device, Interface** object, Tavro8::LogPlace operation, Create&& create) noexcept
 {
     if (object == nullptr)
         return toResult(ResultCode::invalidArgument);
     *object = nullptr;
-    if (channel >= device.GetChannelCount())
-        return toResult(ResultCode::notFound);
     const Tavro8::LoggerHelper logger(device.getLogger().get(), sourcePath);
     return Tavro8::guarded(logger, operation, toResult(ResultCode::unexpected), [&] {
         *object = std::forward<Create>(create)();
         return toResult(*object == nullptr ? ResultCode::notFound : ResultCode::success);
+    });
+}
+
+/// The same for an object of a channel, which must exist.
+template <typename Interface, typename Create>
+std::int32_t createChild(const Device& device, std::uint32_t channel, Interface** object, Tavro8::LogPlace operation,
+                         Create&& create) noexcept
+{
+    return createChild(device, object, operation, [&]() -> Interface* {
+        return channel < device.GetChannelCount() ? std::forward<Create>(create)() : nullptr;
     });
 }
 
@@ -212,6 +220,12 @@ std::int32_t Device::CreateTelemetry(std::uint32_t channel, Tavro8::GDRV::ITelem
 {
     return createChild(*this, channel, telemetry, "Uniview::Device::CreateTelemetry",
                        [&] { return std::make_unique<TelemetryChannel>(channel, this).release(); });
+}
+
+std::int32_t Device::CreateRecordingSearch(Tavro8::GDRV::IRecordingSearch** search) noexcept
+{
+    return createChild(*this, search, "Uniview::Device::CreateRecordingSearch",
+                       [&] { return RecordingSearch::create(this); });
 }
 }  // namespace Uniview
 

@@ -1,0 +1,265 @@
+#include <utility>
+
+#include "RecordingSearch.h"
+
+#include "Device.h"
+#include "Lapi.h"
+#include "RecordingInfo.h"
+#include "UtcText.h"
+
+#include <Tavro8/ResultCode.h>
+#include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <limits>
+#include <optional>
+
+namespace Uniview
+{
+namespace
+{
+using Tavro8::guardedVoid;
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+using Tavro8::GDRV::DateTimeRange;
+
+constexpr const char* sourcePath = "Drivers/Uniview/src/RecordingSearch";
+constexpr const char* finding = "Uniview::RecordingSearch::FindRecordings";
+constexpr const char* handling = "Uniview::RecordingSearch::handleRecordingsList";
+constexpr const char* cancelling = "Uniview::RecordingSearch::Cancel";
+constexpr const char* destroying = "Uniview::RecordingSearch::Destroy";
+
+constexpr std::uint64_t millisecondsPerSecond = 1000;
+constexpr std::uint64_t lastSecond = std::numeric_limits<std::uint32_t>::max();
+
+/// Nothing when the member is no unsigned number of 32 bits.
+std::optional<std::uint32_t> readCount(const Json::Value& data, const char* name, std::uint32_t whenMissing)
+{
+    const Json::Value& member = data[name];
+    if (member.isNull())
+        return whenMissing;
+    return member.isUInt() ? std::optional(member.asUInt()) : std::nullopt;
+}
+
+}  // namespace
+
+/// Where a page lies in the device's list, all in records.
+struct RecordingSearch::PagePlace {
+    std::uint32_t offset;
+    std::uint32_t count;
+    std::uint32_t total;
+
+    std::uint64_t end() const noexcept { return std::uint64_t{offset} + count; }
+
+    static std::optional<PagePlace> read(const Json::Value& data, std::uint32_t requestedOffset)
+    {
+        const auto offset = readCount(data, "Offset", requestedOffset);
+        const auto count = readCount(data, "Nums", 0);
+        const auto total = readCount(data, "Total", 0);
+        if (!offset || !count || !total)
+            return {};
+        return PagePlace{*offset, *count, *total};
+    }
+};
+
+/// One search. What the device says stays as 32-bit seconds and counts, what the host hears is milliseconds.
+struct RecordingSearch::Search {
+    Tavro8::GDRV::IRecordingSearchHandler* handler;
+    std::uint32_t channel;
+    DateTimeRange interval;
+    std::uint64_t coverage;    // the begin of the interval; what lies behind it is trimmed by `found`
+    std::uint32_t offset = 0;  // of the page asked for last
+    std::string path;
+    Tavro8::http::CancellationPtr request;
+    CollectedRanges found;
+    std::size_t handedOver = 0;
+};
+
+Tavro8::GDRV::IRecordingSearch* RecordingSearch::create(Device* device)
+{
+    const auto object = std::make_shared<RecordingSearch>(device);
+    object->self = object;
+    return object.get();
+}
+
+RecordingSearch::RecordingSearch(Device* device)
+    : device(device),
+      lifetime(device->getLifetimeToken()),
+      deviceLogger(device->getLogger()),
+      logger(deviceLogger.get(), sourcePath)
+{}
+
+void* RecordingSearch::FindContract(const char* name) noexcept
+{
+    return Tavro8::findContractIn<IRecordingSearch, IContract>(this, name);
+}
+
+/// Runs `body` on the I/O context, behind what was posted before; from then on the host may destroy the device, too.
+template <typename Body>
+void RecordingSearch::onService(Tavro8::LogPlace operation, Body&& body)
+{
+    boost::asio::post(device->service(), [self = shared_from_this(), keepDevice = device->shared_from_this(), operation,
+                                          body = std::forward<Body>(body)] {
+        guardedVoid(self->logger, operation, [&] { body(*self); });
+    });
+}
+
+void RecordingSearch::Destroy() noexcept
+{
+    const auto object = self;  // lives until this call ends
+    guardedVoid(logger, destroying, [&] {
+        gate.close();
+        onService(destroying, [](RecordingSearch& search) { search.abandon(); });
+        self.reset();
+    });
+}
+
+void RecordingSearch::Cancel() noexcept
+{
+    guardedVoid(logger, cancelling, [&] {
+        onService(cancelling, [](RecordingSearch& search) {
+            if (search.current == nullptr)
+                return;
+            if (search.current->request != nullptr)
+                search.current->request->cancel();
+            search.finish(toResult(ResultCode::cancelled));
+        });
+    });
+}
+
+/// Nobody wants to hear of it any more.
+void RecordingSearch::abandon()
+{
+    if (const auto search = std::exchange(current, nullptr); search != nullptr && search->request != nullptr)
+        search->request->cancel();
+}
+
+std::int32_t RecordingSearch::FindRecordings(std::uint32_t channel, const DateTimeRange& interval,
+                                             Tavro8::GDRV::IRecordingSearchHandler* handler) noexcept
+{
+    return Tavro8::guarded(logger, finding, toResult(ResultCode::unexpected),
+                           [&] { return find(channel, interval, handler); });
+}
+
+std::int32_t RecordingSearch::find(std::uint32_t channel, const DateTimeRange& interval,
+                                   Tavro8::GDRV::IRecordingSearchHandler* handler)
+{
+    if (handler == nullptr || interval.begin >= interval.end)
+        return toResult(ResultCode::invalidArgument);
+    if (interval.begin / millisecondsPerSecond > lastSecond)
+        return toResult(ResultCode::outOfRange);
+    if (channel >= device->GetChannelCount())
+        return toResult(ResultCode::notFound);
+    if (!device->hasBeenConnected()) {
+        logger.error(finding, "Recordings can be searched once the device has connected");
+        return toResult(ResultCode::invalidState);
+    }
+    if (searching.exchange(true)) {
+        logger.error(finding, "Another recording search is under way");
+        return toResult(ResultCode::invalidState);
+    }
+    try {
+        logger.info(finding, "Recording search for interval (", utcText(interval.begin), " - ", utcText(interval.end),
+                    "), channel ", channel);
+        const auto search = std::make_shared<Search>();
+        search->handler = handler;
+        search->channel = channel;
+        search->interval = interval;
+        search->coverage = interval.begin;
+        onService(finding, [search](RecordingSearch& object) {
+            if (object.gate.isClosed())
+                return;
+            object.current = search;
+            object.carryOn(search, [&] { object.requestPage(search, 0); });
+        });
+    } catch (...) {
+        searching = false;
+        throw;
+    }
+    return toResult(ResultCode::success);
+}
+
+/// Runs a step of a search unless it has ended meanwhile; one that throws ends it.
+template <typename Step>
+void RecordingSearch::carryOn(const SearchPtr& search, Step&& step)
+{
+    if (search != current)
+        return;
+    const std::int32_t result = Tavro8::guarded(logger, handling, toResult(ResultCode::unexpected), [&] {
+        std::forward<Step>(step)();
+        return toResult(ResultCode::success);
+    });
+    if (result != toResult(ResultCode::success) && search == current)
+        finish(result);
+}
+
+void RecordingSearch::requestPage(const SearchPtr& search, std::uint32_t offset)
+{
+    const std::uint64_t begin = search->interval.begin / millisecondsPerSecond;
+    const std::uint64_t end =
+        std::min((search->interval.end - 1) / millisecondsPerSecond + 1, lastSecond);  // a begun second is one
+    search->offset = offset;
+    search->path = "/LAPI/V1.0/Channels/" + std::to_string(device->channelNumber(search->channel)) +
+                   "/Media/Video/Streams/1/Records?Begin=" + std::to_string(begin) + "&End=" + std::to_string(end) +
+                   "&Offset=" + std::to_string(offset) + "&Limit=100";
+    search->request = Tavro8::http::asyncGetEx(
+        device->getHttpConnectionInfo(), search->path, device->service(),
+        [self = shared_from_this(), keepDevice = device->shared_from_this(), search](
+            const Tavro8::error_code& ec, const std::vector<char>& body, const Tavro8::http::HttpResponse& response) {
+            guardedVoid(self->logger, handling, [&] { keepDevice->reportExchange(ec); });
+            self->carryOn(search, [&] { self->handleRecordingsList(search, lapi::judge(ec, response, body)); });
+        });
+}
+
+void RecordingSearch::handleRecordingsList(const SearchPtr& search, const lapi::Reply& reply)
+{
+    const auto place = reply && (reply.data.isObject() || reply.data.isNull())
+                           ? PagePlace::read(reply.data, search->offset)
+                           : std::nullopt;
+    if (reply && place)
+        return takePage(search, reply.data, *place);
+    if (reply || reply.failure == lapi::Failure::malformed) {
+        logger.error(handling, "Can't parse recording list data");
+        return finish(toResult(ResultCode::malformedReply));
+    }
+    logger.error(handling, "Recordings list", lapi::describe(reply, search->path));
+    finish(reply.result);
+}
+
+void RecordingSearch::takePage(const SearchPtr& search, const Json::Value& data, const PagePlace& place)
+{
+    std::vector<DateTimeRange> page;
+    adjustingRanges(data["RecordInfos"], page, search->coverage, deviceLogger.get());
+    search->found.add(page);
+    if (place.end() >= place.total)
+        return handOver(search);
+    if (place.end() <= search->offset) {
+        logger.warning(handling, "Recordings list ends early: the page at ", search->offset, " of ", place.total,
+                       " holds no further record");
+        return handOver(search);
+    }
+    requestPage(search, static_cast<std::uint32_t>(place.end()));
+}
+
+void RecordingSearch::handOver(const SearchPtr& search)
+{
+    const auto& ranges = search->found.get();
+    const std::size_t end = std::min(ranges.size(), search->handedOver + recordsPerTurn);
+    for (bool heard = true; heard && search->handedOver < end; ++search->handedOver) {
+        RecordingInfo recording(search->channel, ranges[search->handedOver]);
+        heard = gate.call([&] { search->handler->RecordingFound(this, &recording); });
+    }
+    if (end == ranges.size())
+        return finish(toResult(ResultCode::success));
+    onService(handling,
+              [search](RecordingSearch& object) { object.carryOn(search, [&] { object.handOver(search); }); });
+}
+
+/// A new search may begin from inside the call.
+void RecordingSearch::finish(std::int32_t result)
+{
+    const auto search = std::exchange(current, nullptr);
+    searching = false;
+    static_cast<void>(gate.call([&] { search->handler->SearchCompleted(this, result); }));
+}
+}  // namespace Uniview
