@@ -163,6 +163,8 @@ const char* nameOf(RtspStepKind kind) noexcept
         return "SETUP";
     case RtspStepKind::play:
         return "PLAY";
+    case RtspStepKind::pause:
+        return "PAUSE";
     case RtspStepKind::keepAlive:
         return "keep-alive";
     case RtspStepKind::teardown:
@@ -199,9 +201,32 @@ RtspClientSession::Step RtspClientSession::setup(std::vector<RtspTrackRequest> r
     return setupNextTrack();
 }
 
+RtspClientSession::Step RtspClientSession::play(const RtspPlayRequest& request)
+{
+    if (!isMidway())
+        return fail(RtspError::misuse, RtspStepKind::play, nullptr);
+    return sendPlay(request);
+}
+
+RtspClientSession::Step RtspClientSession::pause()
+{
+    if (!isMidway())
+        return fail(RtspError::misuse, RtspStepKind::pause, nullptr);
+    return send(RtspStepKind::pause, "PAUSE", aggregateUrl);
+}
+
+/// Set up, and neither a PLAY nor a PAUSE is on its way.
+bool RtspClientSession::isMidway() const noexcept
+{
+    return (current == State::ready || current == State::playing) &&
+           std::ranges::none_of(pendings, [](const Pending& pending) {
+               return pending.kind == RtspStepKind::play || pending.kind == RtspStepKind::pause;
+           });
+}
+
 RtspClientSession::Step RtspClientSession::keepAlive()
 {
-    if (current != State::playing)
+    if (current != State::playing && current != State::ready)
         return Ignored{};
     // Some devices never answer one: it must not keep the next from being sent. A late answer is ignored.
     std::erase_if(pendings, [](const Pending& pending) { return pending.kind == RtspStepKind::keepAlive; });
@@ -287,6 +312,9 @@ RtspClientSession::Step RtspClientSession::handle(const RtspResponse& response)
         return onSetup(pending, response);
     case RtspStepKind::play:
         return onPlay(response);
+    case RtspStepKind::pause:
+        current = State::ready;
+        return Paused{};
     case RtspStepKind::teardown:
         current = State::closed;
         return Closed{};
@@ -377,6 +405,11 @@ RtspClientSession::Step RtspClientSession::refused(const Pending& pending, const
     case RtspStepKind::teardown:
         current = State::closed;  // The device has dropped the session by itself: nothing is left to end.
         return Closed{};
+    case RtspStepKind::play:
+    case RtspStepKind::pause:
+        if (current != State::starting && errorOf(response.status) != RtspError::sessionNotFound)
+            return Refused{failureOf(errorOf(response.status), pending.kind, &response)};
+        return fail(errorOf(response.status), pending.kind, &response);
     default:
         return fail(errorOf(response.status), pending.kind, &response);
     }
@@ -428,10 +461,22 @@ RtspClientSession::Step RtspClientSession::failWithoutTracks()
     return lastRefusal ? Step(*lastRefusal) : step;
 }
 
+RtspClientSession::Step RtspClientSession::onAllSetUp()
+{
+    if (established.empty())
+        return failWithoutTracks();
+    if (!config.playAtOnce) {
+        current = State::ready;
+        return Ready{};
+    }
+    current = State::starting;
+    return sendPlay({config.range, config.scale, {}});
+}
+
 RtspClientSession::Step RtspClientSession::setupNextTrack()
 {
     if (settingUp >= wanted.size())
-        return established.empty() ? failWithoutTracks() : sendPlay();
+        return onAllSetUp();
     const SdpMedia& media = sdp.media[wanted[settingUp].mediaIndex];
     HeaderList extra;
     extra.add("Transport", write(transportFor(wanted[settingUp], asksForUdp(wanted[settingUp]), settingUp)));
@@ -499,22 +544,27 @@ bool RtspClientSession::turnsToOtherTransport(const RtspTrackRequest& request) n
     return hasOther && !std::exchange(firstTransportRefused, true);
 }
 
-RtspClientSession::Step RtspClientSession::sendPlay()
+RtspClientSession::Step RtspClientSession::sendPlay(const RtspPlayRequest& request)
 {
-    current = State::starting;
-    HeaderList extra;
-    if (!config.range.empty())
-        extra.add("Range", config.range);
-    if (!config.scale.empty())
-        extra.add("Scale", config.scale);
+    HeaderList extra = request.headers;
+    if (!request.range.empty())
+        extra.add("Range", request.range);
+    if (!request.scale.empty())
+        extra.add("Scale", request.scale);
     return send(RtspStepKind::play, "PLAY", aggregateUrl, std::move(extra));
 }
 
 RtspClientSession::Step RtspClientSession::onPlay(const RtspResponse& response)
 {
     adoptSession(response);
+    for (RtspTrack& track : established) {
+        track.firstSequenceNumber.reset();
+        track.firstRtpTimestamp.reset();
+    }
     for (const std::string_view line : response.headers.all("RTP-Info"))
         adoptRtpInfo(line);
+    answer = {parseClockRange(response.headers.get("Range")), parseScale(response.headers.get("Scale")),
+              std::string(trim(response.headers.get("Frames")))};
     current = State::playing;
     return Playing{};
 }

@@ -39,7 +39,7 @@ enum class RtspError : std::uint8_t {
 const char* describe(RtspError error) noexcept;
 
 /// What a request that goes out is for.
-enum class RtspStepKind : std::uint8_t { options, describe, setup, play, keepAlive, teardown, answer };
+enum class RtspStepKind : std::uint8_t { options, describe, setup, play, pause, keepAlive, teardown, answer };
 /// A name for log lines, for example "DESCRIBE".
 const char* nameOf(RtspStepKind kind) noexcept;
 
@@ -60,6 +60,21 @@ struct RtspSessionConfig {
     std::string range;       ///< Range of PLAY, for example "npt=0.000-", none when empty
     std::string scale;       ///< Scale of PLAY, none when empty
     RtspKeepAlive keepAlive = RtspKeepAlive::automatic;
+    bool playAtOnce = true;  ///< PLAY follows the last SETUP by itself; else the session waits for `play`
+};
+
+/// What a PLAY asks for on a session that waits for one or plays. Empty texts leave their header out.
+struct RtspPlayRequest {
+    std::string range;   ///< "clock=20170426T021045Z-20170426T021945Z"; without it the device goes on where it is
+    std::string scale;   ///< speed, "4"
+    HeaderList headers;  ///< further ones
+};
+
+/// What the device says about what it plays now.
+struct RtspPlayAnswer {
+    std::optional<ClockRange> range;
+    std::optional<double> scale;  ///< the speed that it really uses
+    std::string frames;           ///< the header of that name: "intra" when only key frames come
 };
 
 /// Which transport a track is asked for that has UDP ports. What the device refuses with 461, or by an answer that
@@ -105,7 +120,9 @@ public:
         RtspStepKind kind;
     };
     struct Described {};  ///< see `description`; go on with `setup`
-    struct Playing {};    ///< see `tracks`; media may even have come earlier
+    struct Ready {};      ///< set up, see `tracks`; go on with `play`
+    struct Playing {};    ///< see `tracks` and `playAnswer`; media may even have come earlier
+    struct Paused {};     ///< go on with `play`
     /// The device did not like a keep-alive. It may go on streaming all the same: to be logged.
     struct KeepAliveRefused {
         unsigned status;
@@ -117,9 +134,25 @@ public:
         unsigned status;     ///< of the answer, 0 when no status was the reason
         std::string reason;  ///< the device's words, without line ends, at most 64 bytes
     };
-    using Step = std::variant<Ignored, Send, Described, Playing, KeepAliveRefused, Closed, Failed>;
+    /// A `play` or `pause` is refused; the session goes on as it was.
+    struct Refused {
+        Failed why;
+    };
+    using Step =
+        std::variant<Ignored, Send, Described, Ready, Playing, Paused, KeepAliveRefused, Closed, Failed, Refused>;
 
-    enum class State : std::uint8_t { idle, opening, described, settingUp, starting, playing, closing, closed, failed };
+    enum class State : std::uint8_t {
+        idle,
+        opening,
+        described,
+        settingUp,
+        ready,  ///< set up or paused
+        starting,
+        playing,
+        closing,
+        closed,
+        failed
+    };
 
     explicit RtspClientSession(RtspSessionConfig configuration);
 
@@ -129,9 +162,12 @@ public:
     Step handle(const RtspMessage& message);
     Step handle(const RtspResponse& response);
     Step handle(const RtspRequest& request);
-    /// After `Described`: sets the tracks up one after the other, then starts them all.
+    /// After `Described`: sets the tracks up one after the other, then starts them all if the configuration says so.
     Step setup(std::vector<RtspTrackRequest> requested);
-    /// A keep-alive, whether or not the last one was answered; `Ignored` when nothing is playing.
+    /// Plays, or plays on in another way or from another place. One `play` or `pause` at a time.
+    Step play(const RtspPlayRequest& request);
+    Step pause();
+    /// A keep-alive, whether or not the last one was answered; `Ignored` when there is no session that is set up.
     Step keepAlive();
     /// Ends the session, also one that failed half-way; `Closed` at once when the device has none of ours.
     Step teardown();
@@ -139,8 +175,10 @@ public:
     State state() const noexcept { return current; }
     /// Valid from `Described` on.
     const SessionDescription& description() const noexcept { return sdp; }
-    /// Valid from `Playing` on.
+    /// Valid from `Ready` or `Playing` on; what comes of RTP-Info is that of the last PLAY.
     const std::vector<RtspTrack>& tracks() const noexcept { return established; }
+    /// Valid from `Playing` on.
+    const RtspPlayAnswer& playAnswer() const noexcept { return answer; }
     /// Half of the timeout that the device states, 30 s at most and 500 ms at least.
     std::chrono::milliseconds keepAliveInterval() const noexcept;
     const std::string& sessionId() const noexcept { return session.id; }
@@ -164,13 +202,15 @@ private:
     Step onSetup(const Pending& pending, const RtspResponse& response);
     Step onPlay(const RtspResponse& response);
     Step sendDescribe();
+    Step onAllSetUp();
     Step setupNextTrack();
     Step setupRefused(RtspError error, const RtspResponse& response);
     bool mayMeanTransport(unsigned status) const noexcept;
     bool asksForUdp(const RtspTrackRequest& request) const noexcept;
     bool turnsToOtherTransport(const RtspTrackRequest& request) noexcept;
     Step failWithoutTracks();
-    Step sendPlay();
+    Step sendPlay(const RtspPlayRequest& request);
+    bool isMidway() const noexcept;
     void adoptSession(const RtspResponse& response);
     void adoptRtpInfo(std::string_view value);
 
@@ -193,5 +233,6 @@ private:
     bool firstTransportRefused = false;  ///< of those that `RtspTransportOrder` names
     std::optional<Failed> lastRefusal;   ///< of an optional track: the reason when no other is left
     std::vector<RtspTrack> established;
+    RtspPlayAnswer answer;
 };
 }  // namespace Tavro8::wire

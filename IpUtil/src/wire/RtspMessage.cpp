@@ -37,6 +37,47 @@ std::string_view unquoted(std::string_view text)
     return text;
 }
 
+/// A number of exactly `digits` digits at the front of `text`, which is then behind it.
+std::optional<unsigned> takeDigits(std::string_view& text, std::size_t digits)
+{
+    const std::string_view number = text.substr(0, digits);
+    if (number.size() != digits || !std::ranges::all_of(number, isDigit))
+        return std::nullopt;
+    text.remove_prefix(digits);
+    return parseNumber<unsigned>(number);
+}
+
+/// "20170426T021045Z" or "20170426T021045.25Z" in milliseconds since 1970.
+std::optional<std::int64_t> parseUtcTime(std::string_view text)
+{
+    using namespace std::chrono;
+    const auto year = takeDigits(text, 4);
+    const auto month = takeDigits(text, 2);
+    const auto day = takeDigits(text, 2);
+    if (!day || text.empty() || toUpper(text.front()) != 'T')
+        return std::nullopt;
+    text.remove_prefix(1);
+    const auto hour = takeDigits(text, 2);
+    const auto minute = takeDigits(text, 2);
+    const auto second = takeDigits(text, 2);
+    if (!year || !month || !hour || !minute || !second || *hour > 23 || *minute > 59 || *second > 60)
+        return std::nullopt;
+    std::int64_t fractionMs = 0;
+    if (text.starts_with('.')) {
+        text.remove_prefix(1);
+        for (std::int64_t unit = 100; !text.empty() && isDigit(text.front()); unit /= 10) {
+            fractionMs += (text.front() - '0') * unit;
+            text.remove_prefix(1);
+        }
+    }
+    const year_month_day date{std::chrono::year(static_cast<int>(*year)), std::chrono::month(*month),
+                              std::chrono::day(*day)};
+    if (!date.ok() || !equalsNoCase(text, "Z"))
+        return std::nullopt;
+    const sys_seconds time = sys_days(date) + hours(*hour) + minutes(*minute) + seconds(*second);
+    return time.time_since_epoch().count() * 1000 + fractionMs;
+}
+
 /// "5000-5001", or "5000" which stands for itself and the next number.
 template <typename Number>
 std::optional<NumberPair<Number>> parsePair(std::string_view text)
@@ -230,6 +271,29 @@ std::vector<RtpInfo> parseRtpInfo(std::string_view value)
         at = next;
     }
     return entries;
+}
+
+std::optional<ClockRange> parseClockRange(std::string_view value)
+{
+    std::string_view range = trim(cutAt(value, ';'));
+    constexpr std::string_view unit = "clock";
+    if (!startsWithNoCase(range, unit))
+        return std::nullopt;
+    range = trim(range.substr(unit.size()));
+    if (!range.starts_with('='))
+        return std::nullopt;
+    range.remove_prefix(1);
+    const auto begin = parseUtcTime(trim(cutAt(range, '-')));
+    if (!begin)
+        return std::nullopt;
+    return ClockRange{*begin, parseUtcTime(trim(range))};
+}
+
+std::optional<double> parseScale(std::string_view value)
+{
+    constexpr double limit = 1000;
+    const auto scale = parseFraction(trim(value));
+    return scale && *scale > 0 && *scale <= limit ? scale : std::nullopt;
 }
 
 MethodList::MethodList(const HeaderList& headers)

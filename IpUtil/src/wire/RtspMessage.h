@@ -83,6 +83,20 @@ struct RtpInfo {
 };
 std::vector<RtpInfo> parseRtpInfo(std::string_view value);
 
+/// A `Range` in absolute time (RFC 2326 section 3.7), in UTC milliseconds since 1970: "clock=20170426T021045Z-", also
+/// with a fraction of a second. What stands behind a semicolon (`;time=`) is passed over.
+struct ClockRange {
+    std::int64_t beginMs = 0;
+    std::optional<std::int64_t> endMs;  ///< nothing when the range is open
+
+    friend bool operator==(const ClockRange&, const ClockRange&) = default;
+};
+/// Nothing for a range in other units, and for one without a begin.
+std::optional<ClockRange> parseClockRange(std::string_view value);
+
+/// `Scale` (RFC 2326 section 12.34): nothing when it is no positive number that is at most 1000.
+std::optional<double> parseScale(std::string_view value);
+
 /// Method names of `Public` or `Allow`.
 class MethodList {
 public:

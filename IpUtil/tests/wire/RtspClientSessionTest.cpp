@@ -783,4 +783,156 @@ TEST(RtspClientSession, quotesOnlyAPrintableBeginningOfTheDevicesWords)
     talk.step = talk.session.handle(response);
     EXPECT_EQ(talk.failure().reason, "?" + std::string(63, 'x'));
 }
+
+// ---- recorded media -----------------------------------------------------------------------------------------------
+
+/// A session that has been set up and waits for PLAY.
+class Replay : public Talk {
+public:
+    Replay() : Talk(replayConfig())
+    {
+        toDescribed();
+        step = session.setup({{0}});
+        answer(200, {"Session: 88;timeout=20", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1"});
+        EXPECT_TRUE(is<Session::Ready>());
+    }
+    std::string bytes() const { return std::get<Session::Send>(step).bytes; }
+    Replay& play(const RtspPlayRequest& request)
+    {
+        step = session.play(request);
+        return *this;
+    }
+
+private:
+    static RtspSessionConfig replayConfig()
+    {
+        RtspSessionConfig config = plainConfig();
+        config.playAtOnce = false;
+        return config;
+    }
+};
+
+TEST(RtspReplay, waitsBetweenSetupAndPlayAndKeepsTheSessionAlive)
+{
+    Replay replay;
+    EXPECT_EQ(replay.session.state(), Session::State::ready);
+    replay.step = replay.session.keepAlive();
+    EXPECT_EQ(replay.request().method, "GET_PARAMETER");
+    EXPECT_EQ(replay.session.tracks().size(), 1U);
+}
+
+TEST(RtspReplay, playNamesRangeScaleAndFurtherHeaders)
+{
+    Replay replay;
+    RtspPlayRequest request{"clock=20170426T021045Z-20170426T021945Z", "4", {}};
+    request.headers.add("Frames", "intra");
+    replay.play(request);
+    EXPECT_EQ(replay.bytes(), "PLAY rtsp://192.0.2.1:554/media/video1 RTSP/1.0\r\n"
+                              "CSeq: 4\r\n"
+                              "Frames: intra\r\n"
+                              "Range: clock=20170426T021045Z-20170426T021945Z\r\n"
+                              "Scale: 4\r\n"
+                              "User-Agent: Kelvo/1.0\r\n"
+                              "Session: 88\r\n\r\n");
+    EXPECT_EQ(replay.kind(), Kind::play);
+}
+
+TEST(RtspReplay, theAnswerSaysWhatIsPlayed)
+{
+    Replay replay;
+    replay.play({"clock=20170426T021045Z-", "8", {}})
+        .answer(200, {"Session: 88", "Range: clock=20170426T021050Z-20170426T021945Z", "Scale: 4.0", "Frames: Intra ",
+                      "RTP-Info: url=rtsp://192.0.2.1:554/media/video1/track1;seq=7;rtptime=123456"});
+    ASSERT_TRUE(replay.is<Session::Playing>());
+    const RtspPlayAnswer& said = replay.session.playAnswer();
+    EXPECT_EQ(said.range, (ClockRange{1493172650000, 1493173185000}));
+    EXPECT_EQ(said.scale, 4.0);
+    EXPECT_EQ(said.frames, "Intra");
+    EXPECT_EQ(replay.session.tracks()[0].firstRtpTimestamp, 123456U);
+    EXPECT_EQ(replay.session.tracks()[0].firstSequenceNumber, 7);
+}
+
+TEST(RtspReplay, whatOneAnswerSaysIsForgottenWithTheNext)
+{
+    Replay replay;
+    replay.play({}).answer(200, {"Scale: 4", "Range: clock=20170426T021050Z-", "RTP-Info: url=track1;rtptime=5"});
+    ASSERT_TRUE(replay.session.tracks()[0].firstRtpTimestamp);
+    replay.play({}).answer(200);
+    ASSERT_TRUE(replay.is<Session::Playing>());
+    EXPECT_FALSE(replay.session.playAnswer().range);
+    EXPECT_FALSE(replay.session.playAnswer().scale);
+    EXPECT_FALSE(replay.session.tracks()[0].firstRtpTimestamp);
+}
+
+TEST(RtspReplay, pausesAndPlaysOn)
+{
+    Replay replay;
+    replay.play({}).answer(200);
+    replay.step = replay.session.pause();
+    EXPECT_EQ(replay.bytes(), "PAUSE rtsp://192.0.2.1:554/media/video1 RTSP/1.0\r\n"
+                              "CSeq: 5\r\n"
+                              "User-Agent: Kelvo/1.0\r\n"
+                              "Session: 88\r\n\r\n");
+    EXPECT_EQ(replay.kind(), Kind::pause);
+    replay.answer(200);
+    ASSERT_TRUE(replay.is<Session::Paused>());
+    EXPECT_EQ(replay.session.state(), Session::State::ready);
+    replay.play({}).answer(200);
+    EXPECT_TRUE(replay.is<Session::Playing>());
+}
+
+TEST(RtspReplay, aRefusalLeavesTheSessionAsItIs)
+{
+    const struct {
+        unsigned status;
+        RtspError error;
+    } cases[] = {{457, RtspError::requestRefused}, {501, RtspError::serverError}, {455, RtspError::requestRefused}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
+        Replay replay;
+        replay.play({}).answer(200);
+        replay.play({"clock=20170426T021045Z-", {}, {}}).answer(c.status);
+        ASSERT_TRUE(replay.is<Session::Refused>());
+        const auto& why = std::get<Session::Refused>(replay.step).why;
+        EXPECT_EQ(why.error, c.error);
+        EXPECT_EQ(why.kind, Kind::play);
+        EXPECT_EQ(why.status, c.status);
+        EXPECT_EQ(replay.session.state(), Session::State::playing);
+        replay.step = replay.session.pause();
+        replay.answer(c.status);
+        ASSERT_TRUE(replay.is<Session::Refused>());
+        EXPECT_EQ(std::get<Session::Refused>(replay.step).why.kind, Kind::pause);
+        EXPECT_EQ(replay.session.state(), Session::State::playing);
+    }
+}
+
+TEST(RtspReplay, aSessionThatTheDeviceHasForgottenIsOver)
+{
+    Replay replay;
+    replay.play({}).answer(454);
+    EXPECT_EQ(replay.failure().error, RtspError::sessionNotFound);
+    EXPECT_EQ(replay.session.state(), Session::State::failed);
+}
+
+TEST(RtspReplay, onePlayOrPauseAtATime)
+{
+    Replay replay;
+    replay.play({});
+    const auto first = replay.step;
+    for (const auto& step : {replay.session.play({}), replay.session.pause()}) {
+        ASSERT_TRUE(std::holds_alternative<Session::Failed>(step));
+        EXPECT_EQ(std::get<Session::Failed>(step).error, RtspError::misuse);
+    }
+    replay.step = first;
+    replay.answer(200);
+    EXPECT_TRUE(replay.is<Session::Playing>());
+}
+
+TEST(RtspReplay, playAndPauseBeforeSetupAreMisuse)
+{
+    Talk talk;
+    for (const auto& step : {talk.session.play({}), talk.session.pause()})
+        EXPECT_TRUE(std::holds_alternative<Session::Failed>(step));
+    EXPECT_TRUE(talk.toDescribed().is<Session::Described>());
+}
 }  // namespace Tavro8::wire

@@ -159,6 +159,44 @@ TEST(RtpInfo, toleratesNonsense)
     EXPECT_FALSE(entries[0].rtpTimestamp);
 }
 
+TEST(ClockRange, readsAbsoluteTimes)
+{
+    const struct {
+        const char* text;
+        ClockRange range;
+    } cases[] = {
+        {"clock=20170426T021045Z-20170426T021945Z", {1493172645000, 1493173185000}},
+        {"clock=20170426T021045Z-", {1493172645000, std::nullopt}},
+        {"clock=20170426T021045Z", {1493172645000, std::nullopt}},
+        {" Clock = 20170426t021045.25z - 20170426T021045.1239Z ;time=19970123T143720Z", {1493172645250, 1493172645123}},
+        {"clock=19691231T235959Z-x", {-1000, std::nullopt}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(parseClockRange(c.text), c.range);
+    }
+}
+
+TEST(ClockRange, refusesWhatIsNone)
+{
+    for (const char* const text :
+         {"", "npt=0.000-", "npt=now-", "clock", "clock=", "clock=-20170426T021945Z", "clock=2017-04-26T02:10:45Z",
+          "clock=20170230T021045Z-", "clock=20171326T021045Z-", "clock=20170426T241045Z-", "clock=20170426T021045-",
+          "clock=20170426T0210Z-", "clock=20170426021045Z-", "clocks=20170426T021045Z-", "clock=2017 426T021045Z-"}) {
+        SCOPED_TRACE(text);
+        EXPECT_FALSE(parseClockRange(text));
+    }
+}
+
+TEST(Scale, isAPositiveNumber)
+{
+    EXPECT_EQ(parseScale("2"), 2.0);
+    EXPECT_EQ(parseScale(" 8.0 "), 8.0);
+    EXPECT_EQ(parseScale("0.5"), 0.5);
+    for (const char* const text : {"", "0", "-1", "x", "2x", "1e9", "nan", "inf"})
+        EXPECT_FALSE(parseScale(text)) << text;
+}
+
 TEST(MethodList, readsEveryLineOfPublicElseAllow)
 {
     HeaderList headers;
