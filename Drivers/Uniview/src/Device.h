@@ -90,6 +90,9 @@ public:
                                    Tavro8::GDRV::IMediaFrameHandler* frames,
                                    const Tavro8::ParameterMap& channelParameters, Tavro8::IContract* parent,
                                    Tavro8::GDRV::IAudioSource** source) noexcept override;
+    std::int32_t CreateAudioDestination(std::uint32_t channel, Tavro8::GDRV::IAudioDestinationHandler* callHandler,
+                                        const Tavro8::ParameterMap& channelParameters,
+                                        Tavro8::GDRV::IAudioDestination** destination) noexcept override;
     std::int32_t CreateIODevice(std::uint32_t channel, Tavro8::GDRV::IIODeviceHandler* ioHandler,
                                 Tavro8::GDRV::IIODevice** ioDevice) noexcept override;
     std::int32_t CreateDetector(std::uint32_t channel, const Tavro8::ParameterMap& detectorParameters,

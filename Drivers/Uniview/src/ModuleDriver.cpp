@@ -1,3 +1,4 @@
+#include "AudioDestination.h"
 #include "AudioSource.h"
 #include "Detector.h"
 #include "Device.h"
@@ -194,6 +195,14 @@ std::int32_t Device::CreateAudioSource(std::uint32_t channel, Tavro8::GDRV::IAsy
     return createChild(*this, channel, source, "Uniview::Device::CreateAudioSource", [&] {
         return AudioSource::create(this, channel, channelHandler, frames, channelParameters, parent);
     });
+}
+
+std::int32_t Device::CreateAudioDestination(std::uint32_t channel, Tavro8::GDRV::IAudioDestinationHandler* callHandler,
+                                            const Tavro8::ParameterMap& channelParameters,
+                                            Tavro8::GDRV::IAudioDestination** destination) noexcept
+{
+    return createChild(*this, channel, destination, "Uniview::Device::CreateAudioDestination",
+                       [&] { return AudioDestination::create(this, channel, callHandler, channelParameters); });
 }
 
 std::int32_t Device::CreateIODevice(std::uint32_t channel, Tavro8::GDRV::IIODeviceHandler* ioHandler,

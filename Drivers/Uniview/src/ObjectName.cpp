@@ -12,6 +12,7 @@ namespace
 struct Templates {
     boost::format video{"vs %1%.%2%", std::locale::classic()};
     boost::format audio{"chan %1%", std::locale::classic()};
+    boost::format destination{"ad %1%", std::locale::classic()};
     boost::format io{"io: %1%", std::locale::classic()};
     boost::format ioOfNamed{"io: %1%, %2%", std::locale::classic()};
     boost::format detector{"detector %1%.%2%", std::locale::classic()};
@@ -34,6 +35,12 @@ std::string videoObjectName(std::uint32_t channel, std::uint32_t stream)
 std::string audioObjectName(std::uint32_t channel)
 {
     boost::format name = templates().audio;
+    return (name % channel).str();
+}
+
+std::string destinationObjectName(std::uint32_t channel)
+{
+    boost::format name = templates().destination;
     return (name % channel).str();
 }
 

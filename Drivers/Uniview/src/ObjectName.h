@@ -11,5 +11,6 @@ std::string audioObjectName(std::uint32_t channel);                        ///< 
 /// "io: yard, 0" with the device's name, "io: 0" for a device without one.
 std::string ioObjectName(const std::string& deviceName, std::uint32_t channelIndex);
 std::string detectorObjectName(const char* detectionType, std::uint32_t channel);  ///< "detector motion.0"
+std::string destinationObjectName(std::uint32_t channel);                          ///< "ad 0"
 std::string telemetryObjectName(std::uint32_t channel);                            ///< "tc 0"
 }  // namespace Uniview

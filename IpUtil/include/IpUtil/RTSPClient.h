@@ -58,6 +58,25 @@ struct SdpTrack {
     std::string control;  ///< as the description gives it
     Direction direction = Direction::unspecified;
     std::size_t index = 0;  ///< position in the description
+
+    /// One way of coding that the device offers for the track.
+    struct Format {
+        std::string encoding;  ///< upper case
+        int payloadType = -1;
+        std::uint32_t clockRate = 0;
+        std::uint32_t channels = 1;
+    };
+    /// All that it offers, in its order of preference. The members above are those of the one that this library can
+    /// receive; whoever sends on the track chooses another by putting it in their place.
+    std::vector<Format> formats;
+
+    void use(const Format& chosen)
+    {
+        encoding = chosen.encoding;
+        payloadType = chosen.payloadType;
+        clockRate = chosen.clockRate;
+        channels = chosen.channels;
+    }
 };
 
 struct SessionDescription {

@@ -109,12 +109,11 @@ SessionDescription describeTracks(const wire::SessionDescription& description, M
         track.direction = directionOf(description, section);
         track.index = i;
         const bool audio = section.kind == wire::SdpMediaKind::audio;
-        if (const auto* format = bestFormat(section, audio ? expectedAudio : MediaCodec::unknown)) {
-            track.encoding = format->encoding;
-            track.payloadType = format->payloadType;
-            track.clockRate = format->clockRate;
-            track.channels = std::max(format->channels, 1U);
-        }
+        for (const wire::SdpFormat& format : section.formats)
+            track.formats.push_back(
+                {format.encoding, format.payloadType, format.clockRate, std::max(format.channels, 1U)});
+        if (const auto* format = bestFormat(section, audio ? expectedAudio : MediaCodec::unknown))
+            track.use(track.formats[static_cast<std::size_t>(format - section.formats.data())]);
         result.tracks.push_back(std::move(track));
     }
     return result;

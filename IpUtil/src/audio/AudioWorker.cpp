@@ -1,0 +1,95 @@
+#include "service/ThreadName.h"
+
+#include <IpUtil/AudioWorker.h>
+#include <IpUtil/GlobalService.h>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace Tavro8::Utility
+{
+struct AudioWorker::State {
+    boost::asio::io_context service{1};
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard{service.get_executor()};
+    mutable std::mutex mutex;  // guards all below
+    std::thread thread;
+    std::thread::id worker;  // once it has been started
+    bool stopped = false;
+};
+
+AudioWorker::AudioWorker() : state(std::make_shared<State>()) {}
+
+AudioWorker::~AudioWorker()
+{
+    stop();
+    if (join().empty())
+        return;
+    const std::lock_guard lock(state->mutex);
+    if (state->thread.joinable())
+        state->thread.detach();
+}
+
+boost::asio::io_context& AudioWorker::service() noexcept
+{
+    return state->service;
+}
+
+bool AudioWorker::post(std::function<void()> work) noexcept
+try {
+    const std::lock_guard lock(state->mutex);
+    if (state->stopped)
+        return false;
+    if (state->worker == std::thread::id{}) {
+        state->thread = std::thread([held = state] {
+            nameThisThread("kelvo-talk");
+            held->service.run();
+        });
+        state->worker = state->thread.get_id();
+    }
+    boost::asio::post(state->service, std::move(work));
+    return true;
+} catch (...) {  // no thread, no memory
+    return false;
+}
+
+bool AudioWorker::isRunning() const noexcept
+{
+    const std::lock_guard lock(state->mutex);
+    return state->worker != std::thread::id{} && !state->stopped;
+}
+
+void AudioWorker::stop() noexcept
+{
+    const std::lock_guard lock(state->mutex);
+    state->stopped = true;
+    state->service.stop();
+}
+
+std::string AudioWorker::join() noexcept
+try {
+    std::unique_lock lock(state->mutex);
+    if (!state->thread.joinable())
+        return {};
+    if (state->worker == std::this_thread::get_id())
+        throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
+                                "boost thread: trying joining itself");
+    std::thread ending = std::move(state->thread);
+    lock.unlock();
+    ending.join();
+    return {};
+} catch (const std::exception& e) {
+    return e.what();
+}
+
+bool AudioWorker::runElsewhere(std::function<void()> last) noexcept
+try {
+    GlobalService::instance()->runBlocking(GlobalService::Lane::prompt, std::move(last));
+    return true;
+} catch (...) {  // no thread, no memory
+    return false;
+}
+}  // namespace Tavro8::Utility
