@@ -64,6 +64,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(makeEventsCommand());
     commands.push_back(makeRelayCommand());
     commands.push_back(makePtzCommand());
+    commands.push_back(makeSettingsCommand());
     return commands;
 }
 }  // namespace Host

@@ -101,6 +101,7 @@ std::unique_ptr<Command> makeLiveCommand();
 std::unique_ptr<Command> makeEventsCommand();
 std::unique_ptr<Command> makeRelayCommand();
 std::unique_ptr<Command> makePtzCommand();
+std::unique_ptr<Command> makeSettingsCommand();
 
 /// All commands in the order of the help.
 std::vector<std::unique_ptr<Command>> makeCommands();

@@ -131,7 +131,7 @@ std::int32_t SampleDevice::ApplySettings(const ParameterMap&, Tavro8::IAsyncActi
     return toResult(ResultCode::notSupported);
 }
 
-std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_t,
+std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_t stream,
                                              GDRV::IAsyncDeviceChannelHandler* channelHandler,
                                              GDRV::IMediaFrameHandler* frames, const ParameterMap&, Tavro8::IContract*,
                                              GDRV::IVideoSource** source) noexcept
@@ -146,7 +146,9 @@ std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_
         const bool full = hostName == "crowded" && ++placesTaken > crowdedPlaces;
         const auto state = hostName == "barred" || full ? ResultCode::streamRefused : ResultCode::success;
         return new Source<GDRV::IVideoSource>(
-            channel, std::make_shared<Stream>(*loop, channelHandler, frames, std::move(produce), toResult(state)));
+            channel, std::make_shared<Stream>(*loop, channelHandler, frames, std::move(produce), toResult(state)),
+            settingsOf("channel " + std::to_string(channel) + " stream " + std::to_string(stream), channelHandler,
+                       hostName == "recorder" ? Settings::pictureOfRecorder() : Settings::picture()));
     });
 }
 
@@ -161,8 +163,19 @@ std::int32_t SampleDevice::CreateAudioSource(std::uint32_t channel, GDRV::IAsync
                            : hostName == "voiceless" ? ResultCode::noSuchStream
                                                      : ResultCode::success;
         return new Source<GDRV::IAudioSource>(
-            channel, std::make_shared<Stream>(*loop, channelHandler, frames, testTone(), toResult(state)));
+            channel, std::make_shared<Stream>(*loop, channelHandler, frames, testTone(), toResult(state)),
+            settingsOf("channel " + std::to_string(channel) + " sound", channelHandler, Settings::sound()));
     });
+}
+
+std::unique_ptr<Settings> SampleDevice::settingsOf(const std::string& name,
+                                                   GDRV::IAsyncDeviceChannelHandler* channelHandler,
+                                                   Settings::Resources resources)
+{
+    return std::make_unique<Settings>(*loop, channelHandler, logger, name, std::move(resources),
+                                      Settings::Manners{.takesThem = hostName != "mute",
+                                                        .answers = hostName != "dark",
+                                                        .hasExposure = hostName != "barred"});
 }
 
 std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t, GDRV::IAudioDestinationHandler*, const ParameterMap&,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Loop.h"
+#include "Settings.h"
 
 #include <Tavro8/GDRV/IModule.h>
 #include <memory>
@@ -12,16 +13,17 @@ namespace Sample
 ///
 /// | host name | behaviour |
 /// |---|---|
-/// | camera, recorder, multichannel | connects, sends a test picture and a tone |
+/// | camera, multichannel | connects, sends a test picture and a tone |
+/// | recorder | the same; knows only the settings of "imageEnhance" and of the sound |
 /// | guarded | connects with user "admin" and password "p@ss:%" only |
 /// | refusing, unreachable | every attempt fails with 513, 256 |
 /// | late | the first two attempts fail, the third connects |
 /// | silent | never answers |
-/// | dark | connects but sends nothing, answers no relay and does not move |
-/// | barred | connects but refuses every stream, with 1025 |
+/// | dark | connects but sends nothing, answers no relay and no settings, and does not move |
+/// | barred | connects but refuses every stream, with 1025; has no settings of "exposure", which fail with 514 |
 /// | crowded | serves the first two streams that are made in the process and refuses all others, with 1025 |
 /// | tardy | computes for 0.4 s before its first picture |
-/// | mute | connects; makes no audio source, no inputs and relays, and no telemetry |
+/// | mute | connects; makes no audio source, no inputs and relays, and no telemetry, and takes no settings |
 /// | voiceless | sends a test picture; its sound is refused with 1024; knows continuous movement alone |
 /// | growing | the picture becomes larger after a second |
 /// | stuck | works, but never reports that it was closed |
@@ -71,6 +73,8 @@ private:
     std::size_t GetLivePath(std::uint32_t channel, std::uint32_t stream, char* path,
                             std::size_t capacity) const noexcept override;
 
+    std::unique_ptr<Settings> settingsOf(const std::string& name, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
+                                         Settings::Resources resources);
     void attempt();
     std::int32_t resultOfAttempt();
     void loseConnection();

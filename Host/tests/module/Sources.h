@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Loop.h"
+#include "Settings.h"
 
 #include <Tavro8/GDRV/ILiveSource.h>
 #include <atomic>
@@ -57,8 +58,8 @@ private:
 template <typename Interface>
 class Source final : public Interface {
 public:
-    Source(std::uint32_t channelIndex, std::shared_ptr<Stream> sourceStream)
-        : channel(channelIndex), stream(std::move(sourceStream))
+    Source(std::uint32_t channelIndex, std::shared_ptr<Stream> sourceStream, std::unique_ptr<Settings> sourceSettings)
+        : channel(channelIndex), stream(std::move(sourceStream)), settings(std::move(sourceSettings))
     {}
 
     void* FindContract(const char* name) noexcept override
@@ -68,18 +69,23 @@ public:
     void Destroy() noexcept override
     {
         stream->end();
+        settings->end();
         delete this;
     }
     std::uint32_t GetChannelIndex() const noexcept override { return channel; }
     void Start() noexcept override { stream->start(this); }
     void Stop() noexcept override { stream->stop(); }
-    std::int32_t ApplySettings(const Tavro8::ParameterMap&) noexcept override { return 8; }
+    std::int32_t ApplySettings(const Tavro8::ParameterMap& parameters) noexcept override
+    {
+        return settings->apply(this, parameters);
+    }
 
 private:
     ~Source() override = default;
 
     const std::uint32_t channel;
     const std::shared_ptr<Stream> stream;
+    const std::unique_ptr<Settings> settings;
 };
 
 Stream::Produce testPicture(bool changesSize);  ///< `changesSize`: the picture is larger from the second second on

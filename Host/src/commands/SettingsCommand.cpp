@@ -1,0 +1,304 @@
+#include "SettingKeys.h"
+
+#include "Console.h"
+#include "EventWatch.h"
+#include "Output.h"
+#include "commands/Command.h"
+
+#include <CLI/CLI.hpp>
+#include <Tavro8/ResultCode.h>
+#include <algorithm>
+#include <functional>
+#include <json/value.h>
+#include <set>
+
+namespace Host
+{
+namespace GDRV = Tavro8::GDRV;
+namespace
+{
+constexpr const char* everything = "all";  // the resource that a module reports last
+
+std::string joined(const std::vector<std::string>& words, const char* between)
+{
+    std::string line;
+    for (const std::string& word : words)
+        line.append(line.empty() ? "" : between).append(word);
+    return line;
+}
+
+Json::Value jsonOf(const std::vector<std::string>& words)
+{
+    Json::Value list(Json::arrayValue);
+    for (const std::string& word : words)
+        list.append(word);
+    return list;
+}
+
+/// Told what became of one resource, on a thread of the module; does not throw.
+using AppliedCallback = std::function<void(const std::string& resource, std::int32_t result)>;
+
+/// A source that is made for its settings alone. `Source` is `IVideoSource` or `IAudioSource`. Destroying it ends the
+/// module's object; no callback is running then.
+template <typename Source>
+class SettingsTarget final : private EventHandler<GDRV::IAsyncDeviceChannelHandler> {
+public:
+    explicit SettingsTarget(AppliedCallback onApplied) : callback(std::move(onApplied)) {}
+    ~SettingsTarget() override
+    {
+        if (source != nullptr)
+            source->Destroy();
+    }
+    SettingsTarget(const SettingsTarget&) = delete;
+    SettingsTarget& operator=(const SettingsTarget&) = delete;
+
+    /// `make(handler, &source)` asks the device for the source. Throws `Failure` when there is none.
+    template <typename Make>
+    void open(const std::string& failureText, Make&& make)
+    {
+        const std::int32_t result = make(static_cast<GDRV::IAsyncDeviceChannelHandler*>(this), &source);
+        requireMade(source, failureText, result);
+    }
+
+    /// The module's result; 0 says that the callback will be told of the resource "all".
+    std::int32_t apply(const Tavro8::ParameterMap& parameters) { return source->ApplySettings(parameters); }
+
+private:
+    void SettingsApplied(Tavro8::IContract*, const char* resource, std::int32_t result) noexcept override
+    {
+        callback(resource, result);
+    }
+
+    const AppliedCallback callback;
+    Source* source = nullptr;
+};
+
+/// Applies settings to one stream and the sound of its channel, and tells what became of each resource.
+class SettingsRun {
+public:
+    struct Place {
+        std::uint32_t channel = 0;
+        std::uint32_t stream = 0;
+    };
+
+    SettingsRun(const Surroundings& runSurroundings, const Place& runPlace, const WantedSettings& wantedSettings)
+        : surroundings(runSurroundings), place(runPlace), wanted(wantedSettings), devices(runSurroundings)
+    {}
+
+    ExitStatus run()
+    {
+        open();
+        surroundings.console.progress("applying settings ...");
+        if (!wanted.video.empty())
+            begin(video, wanted.video);
+        if (!wanted.audio.empty())
+            begin(audio, wanted.audio);
+        const bool finished = surroundings.monitor.wait(surroundings.interrupted, surroundings.timeoutFromNow(),
+                                                        [this] { return pending == 0; });
+        surroundings.console.clearProgress();
+        if (!finished)
+            throw unfinished();
+        return conclude();
+    }
+
+private:
+    void open()
+    {
+        GDRV::IDevice& device = devices.getFirst().getDevice();
+        const std::string channel = "channel " + std::to_string(place.channel);
+        // The stream is named in both ways, since sound belongs to a stream's connection.
+        const Tavro8::ParameterMap parameters{{"stream", static_cast<int>(place.stream)}};
+        if (!wanted.video.empty())
+            video.open(channel + " stream " + std::to_string(place.stream) + " has no settings",
+                       [&](GDRV::IAsyncDeviceChannelHandler* handler, GDRV::IVideoSource** source) {
+                           return device.CreateVideoSource(place.channel, place.stream, handler, nullptr, parameters,
+                                                           nullptr, source);
+                       });
+        if (!wanted.audio.empty())
+            audio.open("the sound of " + channel + " has no settings", [&](GDRV::IAsyncDeviceChannelHandler* handler,
+                                                                           GDRV::IAudioSource** source) {
+                return device.CreateAudioSource(place.channel, handler, nullptr, parameters, nullptr, source);
+            });
+    }
+
+    template <typename Source>
+    void begin(SettingsTarget<Source>& target, const Tavro8::ParameterMap& parameters)
+    {
+        surroundings.monitor.change([this] { ++pending; });
+        if (const std::int32_t refusal = target.apply(parameters); refusal != 0)
+            complete(refusal);
+    }
+
+    void complete(std::int32_t result)
+    {
+        surroundings.monitor.change([&] {
+            outcome = outcome == 0 ? result : outcome;
+            --pending;
+        });
+    }
+
+    /// On a thread of the module.
+    void takeNote(const std::string& resource, std::int32_t result) noexcept
+    try {
+        if (resource == everything) {
+            complete(result);
+            return;
+        }
+        surroundings.monitor.change([&] { told.insert(resource); });
+        report(resource, result);
+    } catch (const std::exception& e) {
+        surroundings.console.line(std::string("what became of a setting cannot be shown: ") + e.what());
+    }
+
+    void report(const std::string& resource, std::int32_t result) const
+    {
+        const std::vector<std::string> keys = wanted.keysOf(resource);
+        Json::Value fields(Json::objectValue);
+        fields["resource"] = resource;
+        fields["code"] = result;
+        fields["keys"] = jsonOf(keys);
+        const std::string which = resource + ": " + joined(keys, ", ");
+        if (!keys.empty())
+            surroundings.output.event(
+                "result", fields,
+                (result == 0 ? which + " applied" : reasonSentence(which + " not applied", result)) + '\n');
+        else
+            surroundings.output.event("result", fields, result == 0 ? resource + ": left as it is\n" : "");
+        if (keys.empty() && result != 0)
+            surroundings.console.line(
+                reasonSentence("remark: " + resource + " cannot be read, but nothing was to be changed there", result));
+    }
+
+    /// Resources that were to be changed and of which the module has told nothing.
+    std::vector<std::string> untold() const
+    {
+        std::vector<std::string> names = wanted.resources();
+        surroundings.monitor.read(
+            [&] { std::erase_if(names, [this](const auto& name) { return told.contains(name); }); });
+        return names;
+    }
+
+    ExitStatus conclude() const
+    {
+        const std::int32_t result = surroundings.monitor.read([this] { return outcome; });
+        Json::Value fields(Json::objectValue);
+        fields["resource"] = everything;
+        fields["code"] = result;
+        surroundings.output.event("result", fields, "");
+        if (result != 0)
+            throw Failure(ExitStatus::failed, reasonSentence("not all settings were applied", result), result);
+        for (const std::string& resource : untold())
+            surroundings.console.line("remark: this device has nothing called " + resource + ", so " +
+                                      joined(wanted.keysOf(resource), ", ") + " changed nothing");
+        return ExitStatus::done;
+    }
+
+    Failure unfinished() const
+    {
+        const std::vector<std::string> names = untold();
+        const std::string which = names.empty() ? "" : "; no answer for " + joined(names, ", ");
+        if (surroundings.interrupted.stop_requested())
+            return {ExitStatus::interrupted, "interrupted; the device may have taken settings all the same" + which};
+        return {ExitStatus::failed, "the device did not answer in time" + which + "; allow more with --timeout"};
+    }
+
+    AppliedCallback noteTaker()
+    {
+        return [this](const std::string& resource, std::int32_t result) { takeNote(resource, result); };
+    }
+
+    const Surroundings& surroundings;
+    const Place& place;
+    const WantedSettings& wanted;
+
+    // Guarded by the monitor.
+    std::size_t pending = 0;
+    std::int32_t outcome = 0;  ///< the first failure of those that are complete
+    std::set<std::string> told;
+
+    ConnectedDevices devices;
+    SettingsTarget<GDRV::IVideoSource> video{noteTaker()};
+    SettingsTarget<GDRV::IAudioSource> audio{noteTaker()};
+};
+
+void listSettings(Output& output)
+{
+    const char* resource = "";
+    for (const SettingKey& key : settingKeys()) {
+        Json::Value fields(Json::objectValue);
+        fields["key"] = key.name;
+        fields["resource"] = key.resource;
+        fields["source"] = key.isSound() ? "audio" : "video";
+        fields["type"] = key.type;
+        fields["values"] = key.values;
+        fields["meaning"] = key.meaning;
+        const std::string heading = key.resource == std::string_view(resource)
+                                        ? ""
+                                        : (*resource == '\0' ? "" : "\n") + std::string(key.resource) + ":\n";
+        resource = key.resource;
+        std::string name = key.name;
+        name.resize(std::max<std::size_t>(name.size() + 2, 28), ' ');
+        output.event("setting", fields,
+                     heading + "  " + name + key.meaning + " [" + key.type + ": " + key.values + "]\n");
+    }
+}
+
+class SettingsCommand final : public Command {
+public:
+    const char* getName() const override { return "settings"; }
+    const char* getSummary() const override { return "Change settings of streams, pictures and sound"; }
+
+    void describeOptions(CLI::App& app) override
+    {
+        describeSetting(*app.add_subcommand("set", "Change settings of one stream and its channel"));
+        list = app.add_subcommand("list", "Tell the settings there are, their types and values; needs no device");
+        app.require_subcommand(0, 1);  // none is refused with the list of them
+    }
+
+    ExitStatus run(const Surroundings& surroundings) override
+    {
+        if (list->parsed()) {
+            listSettings(surroundings.output);
+            return ExitStatus::done;
+        }
+        if (!set->parsed())
+            throw Failure(ExitStatus::usage, "name one of these behind settings: set, list");
+        const WantedSettings wanted = readSettings(assignments);
+        return SettingsRun(surroundings, place, wanted).run();
+    }
+
+private:
+    void describeSetting(CLI::App& app)
+    {
+        set = &app;
+        app.add_option("SETTINGS", assignments,
+                       "KEY=VALUE, one or more; `kelvo-host settings list` tells the keys.\n"
+                       "KEY:TYPE=VALUE for a device that wants another type than the usual one:\n"
+                       "text, integer, flag (true or false) or fraction")
+            ->required()
+            ->type_name("");
+        app.add_option("--channel", place.channel, "Channel, counted from 0")->type_name("N")->capture_default_str();
+        app.add_option("--stream", place.stream, "Stream of the channel, counted from 0")
+            ->check(CLI::Range(0U, 15U).description(""))
+            ->type_name("N")
+            ->capture_default_str();
+        app.footer("The event `result` comes once for each resource that the device was asked for, with its `code` and "
+                   "the\n"
+                   "`keys` that were to be changed there, and at the end for the resource `all`, whose code decides "
+                   "the exit\n"
+                   "status. A resource that cannot be read though nothing was to be changed there is no failure.\n\n" +
+                   app.get_footer());
+    }
+
+    CLI::App* set = nullptr;
+    CLI::App* list = nullptr;
+    std::vector<std::string> assignments;
+    SettingsRun::Place place;
+};
+}  // namespace
+
+std::unique_ptr<Command> makeSettingsCommand()
+{
+    return std::make_unique<SettingsCommand>();
+}
+}  // namespace Host
