@@ -65,6 +65,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(makeRelayCommand());
     commands.push_back(makePtzCommand());
     commands.push_back(makeSettingsCommand());
+    commands.push_back(makeTalkCommand());
     return commands;
 }
 }  // namespace Host

@@ -102,6 +102,7 @@ std::unique_ptr<Command> makeEventsCommand();
 std::unique_ptr<Command> makeRelayCommand();
 std::unique_ptr<Command> makePtzCommand();
 std::unique_ptr<Command> makeSettingsCommand();
+std::unique_ptr<Command> makeTalkCommand();
 
 /// All commands in the order of the help.
 std::vector<std::unique_ptr<Command>> makeCommands();

@@ -2,6 +2,7 @@
 
 #include "Events.h"
 #include "Sources.h"
+#include "Talk.h"
 #include "Telemetry.h"
 
 #include <Tavro8/ResultCode.h>
@@ -44,7 +45,12 @@ try {
 SampleDevice::SampleDevice(const GDRV::IDeviceDescription& description, GDRV::IDeviceHandler* hostHandler,
                            Tavro8::ILogger* hostLogger)
     : handler(hostHandler), logger(hostLogger), channels(description.GetVideoChannelCount())
-{}
+{
+    const ParameterMap& properties = description.GetProperties();
+    if (const auto found = properties.find("talkFile"); found != properties.end())
+        if (const auto* text = boost::any_cast<std::string>(&found->second))
+            talkFile = *text;
+}
 
 void* SampleDevice::FindContract(const char* name) noexcept
 {
@@ -178,10 +184,22 @@ std::unique_ptr<Settings> SampleDevice::settingsOf(const std::string& name,
                                                         .hasExposure = hostName != "barred"});
 }
 
-std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t, GDRV::IAudioDestinationHandler*, const ParameterMap&,
-                                                  GDRV::IAudioDestination** destination) noexcept
+std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t channel,
+                                                  GDRV::IAudioDestinationHandler* destinationHandler,
+                                                  const ParameterMap&, GDRV::IAudioDestination** destination) noexcept
 {
-    return notSupported(destination);
+    *destination = nullptr;
+    if (hostName == "mute")
+        return notSupported(destination);
+    if (channel >= channels)
+        return toResult(ResultCode::notFound);
+    return create(destination, [&] {
+        return new AudioDestination(
+            *loop, channel, destinationHandler, logger, talkFile,
+            {.answers = hostName != "dark",
+             .refusal = toResult(hostName == "barred" ? ResultCode::streamRefused : ResultCode::success),
+             .breaks = hostName == "flaky"});
+    });
 }
 
 std::int32_t SampleDevice::CreateIODevice(std::uint32_t channel, GDRV::IIODeviceHandler* ioHandler,

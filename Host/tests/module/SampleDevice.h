@@ -19,15 +19,15 @@ namespace Sample
 /// | refusing, unreachable | every attempt fails with 513, 256 |
 /// | late | the first two attempts fail, the third connects |
 /// | silent | never answers |
-/// | dark | connects but sends nothing, answers no relay and no settings, and does not move |
-/// | barred | connects but refuses every stream, with 1025; has no settings of "exposure", which fail with 514 |
+/// | dark | connects but sends nothing, answers no relay, no settings and no call, and does not move |
+/// | barred | connects but refuses every stream and call, with 1025, and settings of "exposure", with 514 |
 /// | crowded | serves the first two streams that are made in the process and refuses all others, with 1025 |
 /// | tardy | computes for 0.4 s before its first picture |
-/// | mute | connects; makes no audio source, no inputs and relays, and no telemetry, and takes no settings |
+/// | mute | connects; makes nothing but video sources and detectors, and takes no settings |
 /// | voiceless | sends a test picture; its sound is refused with 1024; knows continuous movement alone |
 /// | growing | the picture becomes larger after a second |
 /// | stuck | works, but never reports that it was closed |
-/// | flaky | the connection is lost and comes back while the pictures go on |
+/// | flaky | the connection is lost and comes back while the pictures go on; a call breaks at its fifth frame |
 ///
 /// Any other name is unreachable too.
 class SampleDevice final : public Tavro8::GDRV::IDevice, private Tavro8::GDRV::IDeviceInformation {
@@ -82,6 +82,7 @@ private:
     Tavro8::GDRV::IDeviceHandler* const handler;  // the host's, may be null
     Tavro8::ILogger* const logger;                // likewise
     const std::uint32_t channels;
+    std::string talkFile;  ///< property: where what is spoken to the device is written; empty for nowhere
     std::unique_ptr<Loop> loop = std::make_unique<Loop>();
     std::string userInfo;  // written by Open, before the loop reads it
     std::string hostName;
