@@ -14,7 +14,8 @@ public:
     LoggedErrors(const LoggedErrors&) = delete;
     LoggedErrors& operator=(const LoggedErrors&) = delete;
 
-    /// Empty when there was none.
+    /// What went wrong, without the names of device and object that stand in front of a log line, and without the
+    /// mark of folded lines. Empty when there was none.
     const std::string& first() const noexcept { return message; }
 
     /// Called by the logger for each error.
