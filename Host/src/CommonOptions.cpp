@@ -38,7 +38,8 @@ void describeDevice(CLI::App& app, CommonOptions& options)
         ->group(group);
     app.add_option("--model", options.model,
                    "JSON file with parameters of the model, such as presetCount, rayCount\n"
-                   "and maxFpsForCodec; without it everything is allowed")
+                   "and maxFpsForCodec; without it everything is allowed. What the host does\n"
+                   "not know is passed on with a warning")
         ->type_name("FILE")
         ->group(group);
     app.add_option("--set", options.properties, "Set a property of the device, such as localServerPort=32001")
@@ -122,6 +123,16 @@ std::string checkSeconds(const std::string& text, double least, double most)
 std::string checkNumber(const std::string& text, double least, double most)
 {
     return checkNumber(text, least, most, "number");
+}
+
+std::string checkWhole(const std::string& text, std::int64_t least, std::int64_t most)
+{
+    std::int64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error == std::errc{} && stop == end && value >= least && value <= most)
+        return {};
+    return "\"" + text + "\" is no whole number from " + std::to_string(least) + " to " + std::to_string(most);
 }
 
 DeviceAddress deviceAddress(const CommonOptions& options)

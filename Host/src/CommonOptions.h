@@ -43,6 +43,9 @@ std::string checkSeconds(const std::string& text, double least, double most);
 /// The same for any decimal number.
 std::string checkNumber(const std::string& text, double least, double most);
 
+/// The same for a whole number.
+std::string checkWhole(const std::string& text, std::int64_t least, std::int64_t most);
+
 /// The device's address with the password from the address itself, from `--password-file` or from the
 /// environment variable `passwordVariable`. Throws `Failure` (usage).
 DeviceAddress deviceAddress(const CommonOptions& options);

@@ -2,9 +2,11 @@
 
 #include "ExitStatus.h"
 
+#include <algorithm>
 #include <fstream>
 #include <json/reader.h>
 #include <json/value.h>
+#include <typeinfo>
 
 namespace Host
 {
@@ -29,6 +31,18 @@ ParameterMap generousDefaults()
         {"supportsPointMove", true},  {"supportsDirectMove", true},  {"supportsDirectZoom", true},
         {"supportsPresetTour", true}, {"maxFpsForCodec", TextMap{}},
     };
+}
+
+/// The parameters that a model file may hold, each with a value of its type.
+const ParameterMap& knownParameters()
+{
+    static const ParameterMap known = [] {
+        ParameterMap all = generousDefaults();
+        all["trackLog"] = false;
+        all["channelNumbering"] = 1;
+        return all;
+    }();
+    return known;
 }
 
 [[noreturn]] void refuse(const std::string& place, const std::string& what)
@@ -63,13 +77,42 @@ boost::any parameter(const Json::Value& value, const std::string& place)
     refuse(place, "must be a flag, a text, an object of texts or a number of at most 32 bits");
 }
 
+/// Throws `Failure` when a parameter that is known is of another type or below 0.
+void checkType(const std::string& key, const boost::any& value, const std::string& place)
+{
+    const auto known = knownParameters().find(key);
+    if (known == knownParameters().end())
+        return;
+    const auto is = [&](const std::type_info& type) { return known->second.type() == type && value.type() != type; };
+    if (is(typeid(int)))
+        refuse(place, "must be a whole number");
+    if (is(typeid(bool)))
+        refuse(place, "must be true or false");
+    if (is(typeid(TextMap)))
+        refuse(place, "must be an object of texts");
+    if (const int* const number = boost::any_cast<int>(&value); number != nullptr && *number < 0)
+        refuse(place, "must not be negative");
+}
+
 void overlay(ParameterMap& parameters, const Json::Value& object, const std::string& place)
 {
     if (!object.isObject())
         refuse(place, "must be a JSON object");
     for (const std::string& key : object.getMemberNames())
-        if (key != channelsMember)
-            parameters[key] = parameter(object[key], place + ": \"" + key + "\"");
+        if (key != channelsMember) {
+            const std::string where = place + ": \"" + key + "\"";
+            parameters[key] = parameter(object[key], where);
+            checkType(key, parameters[key], where);
+        }
+}
+
+void warnOfUnknown(std::vector<std::string>& warnings, const ParameterMap& parameters, const std::string& place)
+{
+    for (const auto& [key, value] : parameters) {
+        std::string warning = place + ": \"" + key + "\" is no parameter that this host knows";
+        if (!knownParameters().contains(key) && std::ranges::find(warnings, warning) == warnings.end())
+            warnings.push_back(std::move(warning));
+    }
 }
 
 Json::Value readJson(const std::filesystem::path& file)
@@ -100,14 +143,20 @@ void DeviceDescription::readModel(const std::filesystem::path& file)
     overlay(modelParameters, root, place);
     for (ParameterMap& parameters : channels)
         overlay(parameters, root, place);
+    warnOfUnknown(warnings, modelParameters, place);
 
     const Json::Value& perChannel = root[channelsMember];
     if (!perChannel.isNull() && !perChannel.isArray())
         refuse(place, "\"channels\" must be an array of objects");
     for (Json::ArrayIndex index = 0; index < perChannel.size(); ++index) {
-        ParameterMap unused;  // entries beyond the configured channels are checked all the same
-        overlay(index < channels.size() ? channels[index] : unused, perChannel[index],
-                place + ": channel " + std::to_string(index));
+        const std::string where = place + ": channel " + std::to_string(index);
+        ParameterMap entry;  // those beyond the configured channels are checked all the same
+        overlay(entry, perChannel[index], where);
+        warnOfUnknown(warnings, entry, where);
+        if (index < channels.size()) {
+            for (auto& [key, value] : entry)
+                channels[index][key] = std::move(value);
+        }
     }
 }
 

@@ -22,8 +22,12 @@ class DeviceDescription final : public Tavro8::GDRV::IDeviceDescription {
 public:
     explicit DeviceDescription(std::uint32_t videoChannelCount);
 
-    /// Lays the model file's parameters over the defaults. Throws `Failure` (usage) with what is wrong where.
+    /// Lays the model file's parameters over the defaults. Throws `Failure` (usage) with what is wrong where, such as a
+    /// known parameter of the wrong type. What this host does not know it passes on all the same: modules may.
     void readModel(const std::filesystem::path& file);
+
+    /// Sentences about parameters of the model file that this host does not know.
+    const std::vector<std::string>& getWarnings() const noexcept { return warnings; }
 
     /// Takes "KEY=VALUE" as the device property KEY with the text VALUE. Throws `Failure` (usage).
     void setProperty(std::string_view assignment);
@@ -42,5 +46,6 @@ private:
     Tavro8::ParameterMap properties;
     Tavro8::ParameterMap modelParameters;
     std::vector<Tavro8::ParameterMap> channels;
+    std::vector<std::string> warnings;
 };
 }  // namespace Host

@@ -104,6 +104,21 @@ TEST_F(DeviceDescriptionFromFile, laysTheFileOverTheDefaults)
     EXPECT_EQ(description.GetModelParameters().count("channels"), 0U);
 }
 
+TEST_F(DeviceDescriptionFromFile, warnsOncePerPlaceOfWhatItDoesNotKnowAndPassesItOn)
+{
+    DeviceDescription description(2);
+    EXPECT_TRUE(description.getWarnings().empty());
+    const auto file = modelFile(R"({"panSped": 5, "trackLog": true, "channelNumbering": 0, "zoomSpeed": 3,
+                                    "channels": [{}, {"brand": "x"}]})");
+    description.readModel(file);
+    const std::string place = "model file " + file.string() + ": ";
+    EXPECT_EQ(description.getWarnings(),
+              (std::vector<std::string>{place + "\"panSped\" is no parameter that this host knows",
+                                        place + "channel 1: \"brand\" is no parameter that this host knows"}));
+    EXPECT_EQ(valueOf<int>(description.GetChannelModelParameters(0), "panSped"), 5);
+    EXPECT_EQ(valueOf<std::string>(description.GetChannelModelParameters(1), "brand"), "x");
+}
+
 TEST_F(DeviceDescriptionFromFile, saysWhatIsWrongWithTheFile)
 {
     EXPECT_THAT(refusal("{"), HasSubstr("is no JSON"));
@@ -114,6 +129,14 @@ TEST_F(DeviceDescriptionFromFile, saysWhatIsWrongWithTheFile)
     EXPECT_THAT(refusal(R"({"presetCount": [1]})"), HasSubstr("presetCount"));
     EXPECT_THAT(refusal(R"({"maxFpsForCodec": {"H.264": {}}})"), HasSubstr("H.264"));
     EXPECT_THAT(refusal(R"({"channels": {}})"), HasSubstr("array"));
+    EXPECT_THAT(refusal(R"({"panSpeed": "9"})"), HasSubstr("\"panSpeed\": must be a whole number"));
+    EXPECT_THAT(refusal(R"({"presetCount": 1.5})"), HasSubstr("\"presetCount\": must be a whole number"));
+    EXPECT_THAT(refusal(R"({"presetCount": true})"), HasSubstr("\"presetCount\": must be a whole number"));
+    EXPECT_THAT(refusal(R"({"presetCount": -1})"), HasSubstr("\"presetCount\": must not be negative"));
+    EXPECT_THAT(refusal(R"({"trackLog": 1})"), HasSubstr("\"trackLog\": must be true or false"));
+    EXPECT_THAT(refusal(R"({"supportsAreaZoom": "yes"})"), HasSubstr("\"supportsAreaZoom\": must be true or false"));
+    EXPECT_THAT(refusal(R"({"maxFpsForCodec": 25})"), HasSubstr("\"maxFpsForCodec\": must be an object"));
+    EXPECT_THAT(refusal(R"({"channels": [{}, {}, {"rayCount": "4"}]})"), HasSubstr("channel 2: \"rayCount\": must be"));
     EXPECT_THAT(refusal(R"({"channels": [{}, {}, {"presetCount": null}]})"), HasSubstr("channel 2"));
     EXPECT_EQ(refusal(R"({"presetCount": 3})"), "taken");
 }

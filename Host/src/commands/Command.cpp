@@ -42,6 +42,8 @@ ConnectedDevices::ConnectedDevices(const Surroundings& surroundings, std::size_t
       description(deviceDescription(surroundings.options)),
       module(surroundings)
 {
+    for (const std::string& warning : description.getWarnings())
+        surroundings.console.line("kelvo-host: " + warning);
     surroundings.console.progress("connecting to " + address.masked() + " ...");
     const auto deadline = surroundings.timeoutFromNow();
     for (std::size_t index = 0; index < count; ++index) {

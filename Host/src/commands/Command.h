@@ -60,6 +60,7 @@ public:
     explicit ConnectedDevices(const Surroundings& surroundings, std::size_t count = 1);
 
     const DeviceAddress& getAddress() const noexcept { return address; }
+    const DeviceDescription& getDescription() const noexcept { return description; }
     const std::vector<std::unique_ptr<DeviceSession>>& getSessions() const noexcept { return sessions.list; }
     DeviceSession& getFirst() const noexcept { return *sessions.list.front(); }
 
