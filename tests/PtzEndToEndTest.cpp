@@ -143,6 +143,31 @@ TEST_F(PtzEndToEnd, theCameraStopsWhenTheUserInterrupts)
     EXPECT_EQ(head()["moving"], false);
 }
 
+TEST_F(PtzEndToEnd, aUserWhoInterruptsIsToldThatTheDeviceDoesNotAnswer)
+{
+    start({"--fault", "hang@PTZCtrl"});
+    auto command = hostCommand(folder, deviceAddress(*device));
+    command.insert(command.end(), {"ptz", "move", "1", "0", "--seconds", "0"});
+    ChildProcess host(command);
+    EXPECT_TRUE(eventually([this] { return lastRequest()["target"] == "/LAPI/V1.0/Channel/0/PTZ/PTZCtrl"; }));
+    host.signal(SIGINT);
+    host.awaitErrors("stopping; the device does not answer, Ctrl-C again to give up");
+    host.signal(SIGINT);
+    EXPECT_EQ(host.awaitEnd(), 130);
+}
+
+TEST_F(PtzEndToEnd, aPositionThatTheDeviceRefusesIsNotReached)
+{
+    start();
+    look("10", "5", "1");
+    const HostRun run = ptz({"absolute", "--tilt", "120", "--wait", "0.5"});  // beyond what the head can
+    EXPECT_EQ(run.event("result")["code"], 0) << "the refusal is in the body of the answer";
+    EXPECT_EQ(run.event("position")["arrived"], false);
+    EXPECT_EQ(run.event("position")["tilt"], 5.0);
+    EXPECT_THAT(run.errors, HasSubstr("the camera is not there and has not moved: it may have refused"));
+    EXPECT_EQ(ptz({"absolute", "--tilt", "6", "--speed", "9"}).event("position")["arrived"], true);
+}
+
 TEST_F(PtzEndToEnd, eachKindOfDeviceIsAddressedAsItExpects)
 {
     const struct {
@@ -254,7 +279,9 @@ TEST_F(PtzEndToEnd, aDeviceThatRefusesIsReported)
     start({"--fault", "status:503@PTZ"});
     const HostRun moved = ptz({"move", "5", "0", "--seconds", "0.01"});
     EXPECT_EQ(moved.status, 4);
-    EXPECT_THAT(moved.event("failure")["message"].asString(), HasSubstr("PTZ/PTZCtrl"));
+    EXPECT_EQ(moved.event("failure")["message"],
+              "move failed: HTTP response has error: Service Unavailable, request: /LAPI/V1.0/Channel/0/PTZ/PTZCtrl")
+        << "without what stands in front of a line of the log";
     const std::vector<std::string> others[] = {
         {"position"},           {"absolute", "--pan", "1"}, {"point", "0", "0"},
         {"preset", "set", "1"}, {"preset", "goto", "1"},    {"tour", "start", "0"}};
@@ -286,8 +313,8 @@ TEST_F(PtzEndToEnd, whatTheModelCannotDoIsNotSent)
         EXPECT_EQ(run.event("result")["code"], c.code);
     }
     const HostRun fast = ptz({"move", "6", "0", "--seconds", "0.01"}, {"--model", model});
-    EXPECT_EQ(fast.status, 4);
-    EXPECT_THAT(fast.errors, HasSubstr("pan or tilt speed value out of range"));
-    EXPECT_EQ(head()["commands"], 1) << "the stop";
+    EXPECT_EQ(fast.status, 2);
+    EXPECT_THAT(fast.errors, HasSubstr("the speed 6 is beyond the model's limit: panSpeed is 5"));
+    EXPECT_EQ(head()["commands"], 0) << "not even a stop";
 }
 }  // namespace

@@ -1,6 +1,7 @@
 #include "HostFixture.h"
 
 #include <csignal>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -135,6 +136,8 @@ TEST_F(PtzCommand, movesToAPositionAndWaitsUntilItIsThere)
     EXPECT_EQ(getEvent("position")["pan"], 30.29);
     EXPECT_EQ(getEvent("position")["tilt"], -10.0);
     EXPECT_EQ(getEvent("position")["zoom"], 2.0);
+    EXPECT_EQ(getEvent("position")["arrived"], true);
+    EXPECT_THAT(errors, Not(HasSubstr("not")));
 }
 
 TEST_F(PtzCommand, passesOnOnlyThePositionsThatAreGiven)
@@ -163,7 +166,8 @@ TEST_F(PtzCommand, doesNotWaitForThePositionUnlessItMay)
     runPtz({"absolute", "--pan", "30", "--wait", "0.001"});
     EXPECT_EQ(status, 0);
     EXPECT_EQ(getEvent("position")["pan"], 0.0);
-    EXPECT_THAT(errors, HasSubstr("not there yet"));
+    EXPECT_EQ(getEvent("position")["arrived"], false);
+    EXPECT_THAT(errors, HasSubstr("the camera is not there"));
 }
 
 TEST_F(PtzCommand, pointsIntoThePicture)
@@ -234,7 +238,6 @@ TEST_F(PtzCommand, failsWithTheResultOfTheModule)
         {{"tour", "start", "2", "--seconds", "5"}, "camera", 6},
         {{"tour", "stop", "2"}, "camera", 6},
         {{"tour", "fill", "2", "--point", "0:1"}, "camera", 6},
-        {{"absolute", "--pan", "1", "--speed", "10"}, "camera", 6},
         {{"absolute", "--pan", "1"}, "dark", 258},
         {{"area", "0", "0", "1", "1"}, "dark", 258},
         {{"point", "0", "0"}, "dark", 258},
@@ -249,6 +252,66 @@ TEST_F(PtzCommand, failsWithTheResultOfTheModule)
     runPtz({"position"}, "dark");
     EXPECT_EQ(status, 4);
     EXPECT_EQ(getEvent("failure")["code"], 258);
+}
+
+TEST_F(PtzCommand, sendsNothingWhenASpeedIsBeyondTheModel)
+{
+    const struct {
+        std::vector<std::string> words;
+        const char* reason;
+    } cases[] = {
+        {{"move", "101", "0"}, "the speed 101 is beyond the model's limit: panSpeed is 100"},
+        {{"move", "0", "-101"}, "the speed -101 is beyond the model's limit: tiltSpeed is 100"},
+        {{"zoom", "-2147483648"}, "the speed -2147483648 is beyond the model's limit: zoomSpeed is 100"},
+        {{"focus", "101"}, "focusSpeed is 100"},
+        {{"iris", "-101"}, "focusSpeed is 100"},
+    };
+    for (const auto& c : cases) {
+        const ChildProcess& host = runPtz(c.words);
+        SCOPED_TRACE(errors);
+        EXPECT_EQ(status, 2);
+        EXPECT_THAT(errors, HasSubstr(c.reason));
+        EXPECT_EQ(host.output(), "");
+        EXPECT_EQ(told(), Told{}) << "not even a stop";
+    }
+}
+
+TEST_F(PtzCommand, claimsNoMoreThanIsKnown)
+{
+    const struct {
+        std::vector<std::string> words;
+        const char* sentence;
+    } cases[] = {
+        {{"move", "1", "0", "--seconds", "0.01"}, "move: accepted, and the stop too\n"},
+        {{"stop"}, "stop: accepted\n"},
+        {{"preset", "set", "7"}, "preset 7: storing accepted\n"},
+        {{"preset", "goto", "7"}, "preset 7: movement accepted\n"},
+        {{"preset", "remove", "7"}, "preset 7: removal accepted\n"},
+        {{"point", "0", "0"}, "movement accepted\n"},
+        {{"tour", "start", "1"}, "tour 1: start accepted\n"},
+        {{"tour", "stop", "1"}, "tour 1: stop accepted\n"},
+        {{"tour", "fill", "1", "--point", "0:3"}, "tour 1 has 1 stop\n"},
+        {{"tour", "fill", "1", "--point", "0:3", "--point", "1:3"}, "tour 1 has 2 stops\n"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> words{"--device", "camera", "ptz"};
+        words.insert(words.end(), c.words.begin(), c.words.end());
+        EXPECT_EQ(run(words).output(), c.sentence);
+        EXPECT_EQ(status, 0);
+    }
+}
+
+TEST_F(PtzCommand, warnsOfModelParametersThatItDoesNotKnow)
+{
+    const auto file = directory / "model.json";
+    std::ofstream(file) << R"({"panSped": 5})";
+    runPtz({"stop", "--model", file.string()});
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(errors, HasSubstr("model.json: \"panSped\" is no parameter that this host knows"));
+    std::ofstream(file) << R"({"panSpeed": "5"})";
+    runPtz({"stop", "--model", file.string()});
+    EXPECT_EQ(status, 2);
+    EXPECT_THAT(errors, HasSubstr("model.json: \"panSpeed\": must be a whole number"));
 }
 
 TEST_F(PtzCommand, saysWhatTheModuleDoesNotOffer)
@@ -297,7 +360,8 @@ TEST_F(PtzCommand, refusesACommandLineThatItCannotUse)
         {{"absolute", "--pan", "361"}, "--pan"},
         {{"absolute", "--tilt", "1e300"}, "--tilt"},
         {{"absolute", "--zoom", "-1"}, "--zoom"},
-        {{"absolute", "--zoom", "2", "--speed", "-1"}, "--speed"},
+        {{"absolute", "--zoom", "2", "--speed", "-1"}, "\"-1\" is no whole number from 0 to 9"},
+        {{"absolute", "--zoom", "2", "--speed", "10"}, "\"10\" is no whole number from 0 to 9"},
         {{"area", "0", "0", "1"}, "H"},
         {{"area", "0", "0", "-1", "1"}, "W"},
         {{"area", "inf", "0", "1", "1"}, "X"},
@@ -305,7 +369,11 @@ TEST_F(PtzCommand, refusesACommandLineThatItCannotUse)
         {{"point", "0.5", "1.01"}, "Y"},
         {{"preset"}, "name one of these behind preset: set, goto, remove"},
         {{"preset", "set"}, "N"},
-        {{"preset", "set", "-1"}, "N"},
+        {{"preset", "set", "-1"}, "N: \"-1\" is no whole number from 0 to 4294967295"},
+        {{"preset", "goto", "4294967296"}, "is no whole number from 0 to 4294967295"},
+        {{"tour", "start", "-1"}, "INDEX: \"-1\" is no whole number"},
+        {{"zoom", "2147483648"}, "SPEED: \"2147483648\" is no whole number from -2147483648 to 2147483647"},
+        {{"stop", "--channel", "-1"}, "--channel: \"-1\" is no whole number"},
         {{"tour"}, "name one of these behind tour: start, stop, fill"},
         {{"tour", "start"}, "INDEX"},
         {{"tour", "fill", "0"}, "--point"},
@@ -314,6 +382,7 @@ TEST_F(PtzCommand, refusesACommandLineThatItCannotUse)
         {{"tour", "fill", "0", "--point", "1:2:"}, "PRESET:SECONDS"},
         {{"tour", "fill", "0", "--point", "1:2:3:4"}, "PRESET:SECONDS"},
         {{"tour", "fill", "0", "--point", "-1:2"}, "PRESET:SECONDS"},
+        {{"tour", "fill", "0", "--point", "1:2:10"}, "speed of 0 to 9"},
         {{"tour", "fill", "0", "--point", "1:99999999999"}, "PRESET:SECONDS"},
     };
     for (const auto& c : cases) {

@@ -8,7 +8,11 @@
 #include <CLI/CLI.hpp>
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <boost/any.hpp>
+#include <chrono>
+#include <cstdlib>
 #include <iterator>
+#include <thread>
 #include <utility>
 
 namespace Host
@@ -27,6 +31,36 @@ PtzOperations allOperations()
     return all;
 }
 
+/// Tells a user who interrupts why nothing ends: the module's calls return when the device has answered or their
+/// time-out has passed, and the camera is stopped only then.
+class SlowEndNotice {
+public:
+    explicit SlowEndNotice(const Surroundings& surroundings)
+        : monitor(surroundings.monitor), watcher([this, &surroundings] { watch(surroundings); })
+    {}
+    ~SlowEndNotice()
+    {
+        monitor.change([this] { ended = true; });
+    }
+    SlowEndNotice(const SlowEndNotice&) = delete;
+    SlowEndNotice& operator=(const SlowEndNotice&) = delete;
+
+private:
+    void watch(const Surroundings& surroundings)
+    {
+        constexpr std::chrono::seconds soon{1};
+        const auto hasEnded = [this] { return ended; };
+        if (monitor.wait(surroundings.interrupted, Clock::time_point::max(), hasEnded))
+            return;
+        if (!monitor.wait({}, Clock::now() + soon, hasEnded))
+            surroundings.console.line("stopping; the device does not answer, Ctrl-C again to give up");
+    }
+
+    Monitor& monitor;
+    bool ended = false;  // guarded by the monitor
+    std::jthread watcher;
+};
+
 class PtzCommand final : public Command {
 public:
     const char* getName() const override { return operations.getName(); }
@@ -34,17 +68,23 @@ public:
 
     void describeOptions(CLI::App& app) override
     {
-        app.add_option("--channel", channel, "Channel, counted from 0; also behind the operation")
+        whole(app.add_option("--channel", channel, "Channel, counted from 0; also behind the operation"), 0,
+              greatestIndex)
             ->type_name("N")
             ->capture_default_str();
         operations.describeOptions(app);
         app.footer(
             "The speeds of move, zoom, focus and iris are whole numbers, whose sign is the direction: right, up, "
             "closer,\n"
-            "far and open are positive. Those of absolute are 0 to 9. Limits are the model's (--model), 100 without "
-            "one.\n"
+            "far and open are positive. Limits are the model's (--model), 100 without one: a speed beyond ends with\n"
+            "status 2, and nothing is sent. Those of absolute are 0 to 9.\n"
             "The module tells no result of move, zoom, focus, iris and stop. They end with status 4, and without the\n"
-            "event `result`, when it logs an error meanwhile; otherwise `code` is 0.\n\n" +
+            "event `result`, when it logs an error meanwhile; otherwise `code` is 0.\n"
+            "What a device accepts it need not do: of a movement, a preset or a tour that is played only the HTTP\n"
+            "status is judged, since many devices say no more; `ptz position` and the picture tell. A tour that is\n"
+            "written (tour fill) and a position that is read are judged to the end of the device's answer.\n"
+            "An interrupted operation ends when the device has answered. A second Ctrl-C gives up at once: what moves\n"
+            "then may move on.\n\n" +
             app.get_footer());
     }
 
@@ -53,7 +93,8 @@ public:
         operations.check();
         const ConnectedDevices devices(surroundings);
         const Telemetry telemetry(devices.getFirst().getDevice(), channel);
-        return operations.run({surroundings, telemetry, channel});
+        const SlowEndNotice notice(surroundings);
+        return operations.run({surroundings, telemetry, channel, devices.getDescription()});
     }
 
 private:
@@ -61,6 +102,17 @@ private:
     std::uint32_t channel = 0;
 };
 }  // namespace
+
+void PtzRun::checkSpeed(std::int32_t speed, const char* limit) const
+{
+    const auto& model = description.GetChannelModelParameters(channel);
+    const auto found = model.find(limit);
+    const int* const most = found == model.end() ? nullptr : boost::any_cast<int>(&found->second);
+    if (most == nullptr || std::abs(std::int64_t{speed}) <= *most)
+        return;
+    throw Failure(ExitStatus::usage, "the speed " + std::to_string(speed) + " is beyond the model's limit: " + limit +
+                                         " is " + std::to_string(*most));
+}
 
 void PtzRun::report(const std::string& operation, Json::Value fields, std::int32_t result, const std::string& readable,
                     const std::string& what) const
@@ -87,6 +139,12 @@ void PtzRun::pass(double seconds, const std::string& doing) const
         surroundings.monitor.wait(surroundings.interrupted, std::min(end, Clock::now() + tick), [] { return false; });
     }
     surroundings.console.clearProgress();
+}
+
+CLI::Option* whole(CLI::Option* option, std::int64_t least, std::int64_t most)
+{
+    return option->check(
+        CLI::Validator([least, most](std::string& text) { return checkWhole(text, least, most); }, "", "whole number"));
 }
 
 void PtzGroup::describeOptions(CLI::App& app)

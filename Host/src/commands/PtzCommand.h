@@ -3,10 +3,17 @@
 #include "Telemetry.h"
 #include "commands/Command.h"
 
+#include <cstdint>
 #include <json/value.h>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
+
+namespace CLI
+{
+class Option;
+}
 
 // What the files of `kelvo-host ptz` share.
 namespace Host
@@ -16,6 +23,11 @@ struct PtzRun {
     const Surroundings& surroundings;
     const Telemetry& telemetry;
     std::uint32_t channel;
+    const DeviceDescription& description;
+
+    /// Throws `Failure` (usage) when the speed exceeds the model's `limit`, in either direction. Asked before the
+    /// device is: an operation without a result cannot say afterwards whether the device has heard of it.
+    void checkSpeed(std::int32_t speed, const char* limit) const;
 
     /// Prints the event `result`, and `readable` for people. Throws `Failure` with `what` unless `result` is 0.
     void report(const std::string& operation, Json::Value fields, std::int32_t result, const std::string& readable,
@@ -68,6 +80,14 @@ private:
     const PtzOperations operations;
     std::vector<const CLI::App*> parts;  ///< of the parser, one for each operation
 };
+
+/// Has the parser refuse what is no whole number within the limits. `option` reads it, and is returned.
+CLI::Option* whole(CLI::Option* option, std::int64_t least, std::int64_t most);
+
+constexpr std::int64_t leastSpeed = std::numeric_limits<std::int32_t>::min();  ///< that the SDK can express
+constexpr std::int64_t greatestSpeed = std::numeric_limits<std::int32_t>::max();
+constexpr std::int64_t greatestIndex = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t greatestMoveSpeed = 9;  ///< of absolute moves and tours
 
 /// The operations of each file.
 PtzOperations makePtzMovements();

@@ -34,6 +34,7 @@ public:
 
     ExitStatus run(const PtzRun& run) final
     {
+        checkSpeeds(run);
         GDRV::ITelemetry& telemetry = *run.telemetry;
         const std::string operation = getName();
         try {
@@ -44,12 +45,13 @@ public:
             throw;
         }
         callWithoutResult("stopping", [&] { stop(telemetry); });
-        run.report(operation, speeds(), 0, operation + ": done and stopped", {});
+        run.report(operation, speeds(), 0, operation + ": accepted, and the stop too", {});
         return run.status();
     }
 
 private:
     virtual void describeSpeeds(CLI::App& app) = 0;
+    virtual void checkSpeeds(const PtzRun& run) const = 0;
     virtual void start(GDRV::ITelemetry& telemetry) const = 0;
     virtual void stop(GDRV::ITelemetry& telemetry) const = 0;
     virtual Json::Value speeds() const = 0;
@@ -65,8 +67,17 @@ public:
 private:
     void describeSpeeds(CLI::App& app) override
     {
-        app.add_option("PAN", pan, "Speed to the right; negative: to the left")->required()->type_name("");
-        app.add_option("TILT", tilt, "Speed upwards; negative: downwards")->required()->type_name("");
+        whole(app.add_option("PAN", pan, "Speed to the right; negative: to the left"), leastSpeed, greatestSpeed)
+            ->required()
+            ->type_name("");
+        whole(app.add_option("TILT", tilt, "Speed upwards; negative: downwards"), leastSpeed, greatestSpeed)
+            ->required()
+            ->type_name("");
+    }
+    void checkSpeeds(const PtzRun& run) const override
+    {
+        run.checkSpeed(pan, "panSpeed");
+        run.checkSpeed(tilt, "tiltSpeed");
     }
     void start(GDRV::ITelemetry& telemetry) const override { telemetry.MoveContinuous(pan, tilt); }
     void stop(GDRV::ITelemetry& telemetry) const override { telemetry.MoveContinuous(0, 0); }
@@ -87,15 +98,21 @@ class LensOperation final : public Movement {
 public:
     using Drive = void (GDRV::ITelemetry::*)(std::int32_t) noexcept;
 
-    LensOperation(const char* lensName, const char* lensSummary, const char* speedHelp, Drive lensDrive)
-        : name(lensName), summary(lensSummary), help(speedHelp), drive(lensDrive)
+    /// `limitName`: the parameter of the model that limits the speed.
+    LensOperation(const char* lensName, const char* lensSummary, const char* speedHelp, const char* limitName,
+                  Drive lensDrive)
+        : name(lensName), summary(lensSummary), help(speedHelp), limit(limitName), drive(lensDrive)
     {}
 
     const char* getName() const override { return name; }
     const char* getSummary() const override { return summary; }
 
 private:
-    void describeSpeeds(CLI::App& app) override { app.add_option("SPEED", speed, help)->required()->type_name(""); }
+    void describeSpeeds(CLI::App& app) override
+    {
+        whole(app.add_option("SPEED", speed, help), leastSpeed, greatestSpeed)->required()->type_name("");
+    }
+    void checkSpeeds(const PtzRun& run) const override { run.checkSpeed(speed, limit); }
     void start(GDRV::ITelemetry& telemetry) const override { (telemetry.*drive)(speed); }
     void stop(GDRV::ITelemetry& telemetry) const override { (telemetry.*drive)(0); }
     Json::Value speeds() const override
@@ -108,6 +125,7 @@ private:
     const char* const name;
     const char* const summary;
     const char* const help;
+    const char* const limit;
     const Drive drive;
     std::int32_t speed = 0;
 };
@@ -121,7 +139,7 @@ public:
     ExitStatus run(const PtzRun& run) override
     {
         callWithoutResult("stopping", [&] { (*run.telemetry).MoveContinuous(0, 0); });
-        run.report(getName(), Json::Value(Json::objectValue), 0, "stopped", {});
+        run.report(getName(), Json::Value(Json::objectValue), 0, "stop: accepted", {});
         return ExitStatus::done;
     }
 };
@@ -132,12 +150,13 @@ PtzOperations makePtzMovements()
     PtzOperations all;
     all.push_back(std::make_unique<MoveOperation>());
     all.push_back(std::make_unique<LensOperation>("zoom", "Zoom for a while, then stop", "Closer; negative: wider",
-                                                  &GDRV::ITelemetry::ZoomContinuous));
+                                                  "zoomSpeed", &GDRV::ITelemetry::ZoomContinuous));
     all.push_back(std::make_unique<LensOperation>("focus", "Focus for a while, then stop",
-                                                  "To the far; negative: to the near",
+                                                  "To the far; negative: to the near", "focusSpeed",
                                                   &GDRV::ITelemetry::FocusContinuous));
     all.push_back(std::make_unique<LensOperation>("iris", "Open or close the iris for a while, then stop",
-                                                  "Open; negative: close", &GDRV::ITelemetry::IrisContinuous));
+                                                  "Open; negative: close", "focusSpeed",  // the module's limit too
+                                                  &GDRV::ITelemetry::IrisContinuous));
     all.push_back(std::make_unique<StopOperation>());
     return all;
 }

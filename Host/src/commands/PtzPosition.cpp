@@ -20,6 +20,8 @@ struct Position {
     double pan = 0;
     double tilt = 0;
     double zoom = 0;
+
+    bool operator==(const Position&) const = default;
 };
 
 /// The result is 0 when `position` was filled in.
@@ -34,9 +36,8 @@ std::int32_t readPosition(GDRV::IAbsoluteTelemetry& telemetry, Position& positio
     return result;
 }
 
-void report(const PtzRun& run, const Position& position)
+void report(const PtzRun& run, const Position& position, Json::Value fields = Json::Value(Json::objectValue))
 {
-    Json::Value fields(Json::objectValue);
     fields["channel"] = run.channel;
     fields["pan"] = position.pan;
     fields["tilt"] = position.tilt;
@@ -82,9 +83,10 @@ public:
         addNumber(app, "--pan", pan, -360, 360, "Degrees to the right")->type_name("DEGREES");
         addNumber(app, "--tilt", tilt, -180, 180, "Degrees upwards")->type_name("DEGREES");
         addNumber(app, "--zoom", zoom, 0, 1000, "Ratio, 1 is the widest")->type_name("RATIO");
-        app.add_option("--speed", speed, "0 to 9")->type_name("N")->capture_default_str();
+        whole(app.add_option("--speed", speed, "0 to 9"), 0, greatestMoveSpeed)->type_name("N")->capture_default_str();
         addNumber(app, "--wait", patience, 0, 600,
-                  "How many seconds it may take until the camera reports the position;\n0: do not wait, nor ask")
+                  "How many seconds it may take until the camera reports the position;\n0: do not wait, nor ask. "
+                  "`arrived` of the event `position` tells whether it is there")
             ->type_name("S")
             ->capture_default_str();
     }
@@ -101,7 +103,7 @@ public:
         const std::int32_t result =
             telemetry.AbsoluteMoveEx(toHundredths(pan.value_or(0)), speed, toHundredths(tilt.value_or(0)), speed,
                                      toHundredths(zoom.value_or(0)), speed, mask());
-        run.report(getName(), wishes(), result, "on its way", "the camera could not be moved");
+        run.report(getName(), wishes(), result, "movement accepted", "the camera could not be moved");
         if (patience > 0)
             awaitArrival(run, telemetry);
         return run.status();
@@ -133,17 +135,22 @@ private:
                (!zoom || near(position.zoom - *zoom));
     }
 
-    /// Asks for the position until it is the wanted one or the time is over, and tells it.
+    /// Asks for the position until it is the wanted one or the time is over, and tells it. A device may accept a
+    /// movement and refuse it in the body of its answer, which the module does not judge: then the camera stays.
     void awaitArrival(const PtzRun& run, GDRV::IAbsoluteTelemetry& telemetry) const
     {
         constexpr std::chrono::milliseconds interval{100};
         const Surroundings& surroundings = run.surroundings;
         const auto end =
             Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(patience));
+        std::optional<Position> first;
         Position position;
-        for (;;) {
+        std::size_t answers = 0;
+        for (;; ++answers) {
             if (const std::int32_t result = readPosition(telemetry, position); result != 0)
-                return surroundings.console.line(reasonSentence("moving, but the position cannot be read", result));
+                return surroundings.console.line(reasonSentence("accepted, but the position cannot be read", result));
+            if (!first)
+                first = position;
             if (isThere(position) || surroundings.interrupted.stop_requested() || Clock::now() >= end)
                 break;
             surroundings.console.progress("pan " + decimalText(position.pan, 2) + ", tilt " +
@@ -151,9 +158,16 @@ private:
             surroundings.monitor.wait(surroundings.interrupted, Clock::now() + interval, [] { return false; });
         }
         surroundings.console.clearProgress();
-        report(run, position);
-        if (!isThere(position))
-            surroundings.console.line("the camera is not there yet; allow more with --wait");
+        Json::Value fields(Json::objectValue);
+        fields["arrived"] = isThere(position);
+        report(run, position, fields);
+        if (isThere(position))
+            return;
+        // The first answer alone says nothing of movement.
+        surroundings.console.line(
+            answers > 0 && position == *first
+                ? "the camera is not there and has not moved: it may have refused; else allow more with --wait"
+                : "the camera is not there yet; allow more with --wait");
     }
 
     std::optional<double> pan;
@@ -190,7 +204,7 @@ public:
         fields["y"] = area.y;
         fields["width"] = area.width;
         fields["height"] = area.height;
-        run.report(getName(), fields, run.telemetry.pointClick().AreaZoom(area), "on its way",
+        run.report(getName(), fields, run.telemetry.pointClick().AreaZoom(area), "movement accepted",
                    "the area could not be shown");
         return ExitStatus::done;
     }
@@ -215,7 +229,7 @@ public:
         Json::Value fields(Json::objectValue);
         fields["x"] = point.x;
         fields["y"] = point.y;
-        run.report(getName(), fields, run.telemetry.pointClick().PointMove(point), "on its way",
+        run.report(getName(), fields, run.telemetry.pointClick().PointMove(point), "movement accepted",
                    "the point could not be centred");
         return ExitStatus::done;
     }

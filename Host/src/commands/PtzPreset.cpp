@@ -27,7 +27,7 @@ public:
 
     void describeOptions(CLI::App& app) override
     {
-        app.add_option("N", preset, "Preset, counted from 0")->required()->type_name("");
+        whole(app.add_option("N", preset, "Preset, counted from 0"), 0, greatestIndex)->required()->type_name("");
     }
 
     ExitStatus run(const PtzRun& run) override
@@ -54,13 +54,13 @@ std::unique_ptr<PtzOperation> makePtzPreset()
 {
     PtzOperations all;
     all.push_back(std::make_unique<PresetOperation>(
-        "set", "Store where the camera looks now", " stored", " could not be stored",
+        "set", "Store where the camera looks now", ": storing accepted", " could not be stored",
         [](const Telemetry& telemetry, std::uint32_t preset) { return telemetry.adjuster().SetPreset(preset); }));
     all.push_back(std::make_unique<PresetOperation>(
-        "goto", "Move to where a preset looks", ": on its way", " could not be recalled",
+        "goto", "Move to where a preset looks", ": movement accepted", " could not be recalled",
         [](const Telemetry& telemetry, std::uint32_t preset) { return (*telemetry).GoToPreset(preset); }));
     all.push_back(std::make_unique<PresetOperation>(
-        "remove", "Remove a preset", " removed", " could not be removed",
+        "remove", "Remove a preset", ": removal accepted", " could not be removed",
         [](const Telemetry& telemetry, std::uint32_t preset) { return telemetry.adjuster().RemovePreset(preset); }));
     return std::make_unique<PtzGroup>("preset", "Store, recall or remove a preset", std::move(all));
 }

@@ -16,7 +16,7 @@ class TourOperation : public PtzOperation {
 public:
     void describeOptions(CLI::App& app) override
     {
-        app.add_option("INDEX", tour, "Tour, 0 or 1")->required()->type_name("");
+        whole(app.add_option("INDEX", tour, "Tour, 0 or 1"), 0, greatestIndex)->required()->type_name("");
     }
 
 protected:
@@ -50,11 +50,11 @@ public:
     {
         const std::int32_t started = (*run.telemetry).PlayTour(tour);
         if (started != success || !seconds) {
-            report(run, started, " plays", " could not be started");
+            report(run, started, ": start accepted", " could not be started");
             return ExitStatus::done;
         }
         run.pass(*seconds, "playing");
-        report(run, (*run.telemetry).StopTour(), " stopped", " plays on: it could not be stopped");
+        report(run, (*run.telemetry).StopTour(), ": start and stop accepted", " plays on: it could not be stopped");
         return run.status();
     }
 
@@ -81,7 +81,7 @@ public:
         std::int32_t result = (*run.telemetry).PlayTour(tour);
         if (result == success)
             result = (*run.telemetry).StopTour();
-        report(run, result, " stopped", " could not be stopped");
+        report(run, result, ": stop accepted", " could not be stopped");
         return ExitStatus::done;
     }
 };
@@ -113,6 +113,8 @@ std::optional<TourPoint> parsePoint(std::string_view text)
         return std::nullopt;
     if (!text.empty() && (!takeNumber(text, point.speed) || !text.empty()))
         return std::nullopt;
+    if (point.speed > greatestMoveSpeed)
+        return std::nullopt;
     return point;
 }
 
@@ -131,7 +133,9 @@ public:
             ->allow_extra_args(false)
             ->check(CLI::Validator(
                 [](std::string& text) {
-                    return parsePoint(text) ? "" : '"' + text + "\" is not PRESET:SECONDS or PRESET:SECONDS:SPEED";
+                    return parsePoint(text)
+                               ? ""
+                               : '"' + text + "\" is not PRESET:SECONDS or PRESET:SECONDS:SPEED with a speed of 0 to 9";
                 },
                 "", "point"))
             ->type_name("PRESET:SECONDS[:SPEED]");
@@ -148,7 +152,8 @@ public:
         }
         if (result == success)
             result = adjuster.StopFillTour();
-        report(run, result, " has " + std::to_string(texts.size()) + " stops", " could not be written");
+        const std::string stops = texts.size() == 1 ? " stop" : " stops";
+        report(run, result, " has " + std::to_string(texts.size()) + stops, " could not be written");
         return ExitStatus::done;
     }
 
