@@ -2,6 +2,7 @@
 
 #include "Lapi.h"
 
+#include <algorithm>
 #include <locale>
 #include <string>
 #include <vector>
@@ -32,12 +33,21 @@ private:
     std::locale before;
 };
 
+/// Two texts of a device, each of 256 bytes that are no UTF-8, and our own words.
+constexpr std::size_t longestLine = 2048;
+
+bool isControl(char c)
+{
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
 void checkJson(std::string_view text)
 {
     Json::Value document;
     std::string error;
     const bool read = lapi::parseJson(text, document, error);
     require(read || !error.empty(), "what is no JSON has a reason");
+    require(error.size() < longestLine && std::ranges::none_of(error, isControl), "the reason is one short line");
     // Documents with the mark that the reader uses for itself are known to be read by the host's locale.
     if (text.find('\x01') != std::string_view::npos || text.find("\\u0001") != std::string_view::npos)
         return;
@@ -63,6 +73,8 @@ void checkJudgement(const http::HttpResponse& response, const std::vector<char>&
             const std::string line = lapi::describe(reply, "/LAPI/V1.0/x", wording);
             require(line.empty() == (reply.failure == Failure::none || reply.failure == Failure::malformed),
                     "each failure but a malformed one has its words");
+            require(line.size() < longestLine && std::ranges::none_of(line, isControl),
+                    "a device neither floods nor controls the log");
         }
     }
 }
@@ -70,7 +82,7 @@ void checkJudgement(const http::HttpResponse& response, const std::vector<char>&
 /// A status of 16 bits, then the body of a reply.
 ///
 /// Promises: no reply throws; a failed check gives a result that is not 0 and the words for it; each check implies
-/// those before it; a global locale that groups digits changes nothing.
+/// those before it; the words are one short line; a global locale that groups digits changes nothing.
 void feed(ByteView input)
 {
     Script script(input);
@@ -79,6 +91,7 @@ void feed(ByteView input)
     const Bytes bytes = script.remaining();
     if (response.status % 3 == 0)
         response.status = 200;  // most of the checks lie behind this one
+    response.reason.assign(bytes.begin(), bytes.end());
     checkJson(textOf(bytes));
     checkJudgement(response, {bytes.begin(), bytes.end()});
 }
