@@ -6,6 +6,7 @@
 #include "MediaServer.h"
 #include "PtzHeads.h"
 #include "Replies.h"
+#include "TalkBack.h"
 
 #include <memory>
 #include <optional>
@@ -125,6 +126,7 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
         Json::Value data = admin->events.state();
         data["ptz"] = admin->heads.state();
         data["settings"] = admin->settings.state();
+        data["talkBack"] = admin->talkBack.state();
         return withData(std::move(data));
     });
     router.add("GET", "/simulator/requests", [admin](const Call&) { return withData(admin->activity.requests()); });

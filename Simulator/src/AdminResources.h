@@ -14,6 +14,7 @@ class DeviceEvents;
 class DeviceSettings;
 class MediaServer;
 class PtzHeads;
+class TalkBack;
 
 /// What the administration may do to the simulator. Nothing is owned; everything outlives the router.
 struct Administered {
@@ -23,6 +24,7 @@ struct Administered {
     DeviceEvents& events;
     PtzHeads& heads;
     DeviceSettings& settings;
+    const TalkBack& talkBack;
     std::function<void()> openRtspPort;
     std::function<void()> closeRtspPort;  ///< and its connections
     std::function<void(std::chrono::milliseconds)> reboot;

@@ -10,7 +10,7 @@ namespace simulator
 namespace
 {
 
-enum class Argument { none, optional, status, rtspStatus, code, milliseconds, seconds };
+enum class Argument { none, optional, status, rtspStatus, code, count, milliseconds, seconds };
 
 struct FaultName {
     const char* name;
@@ -41,6 +41,8 @@ constexpr FaultName faultNames[] = {
      "answer RTSP requests with this status (400..599)"},
     {"rtsp-drop", FaultKind::rtspDrop, Argument::seconds, false, "close each RTSP connection after so many seconds"},
     {"rtsp-notracks", FaultKind::rtspNoTracks, Argument::none, true, "describe the media without a track"},
+    {"talk-drop", FaultKind::talkDrop, Argument::count, true,
+     "close the RTSP connection after so many packets to the device"},
 };
 
 struct Range {
@@ -57,6 +59,7 @@ Range rangeOf(Argument argument)
     case Argument::rtspStatus:
         return {400, 599};
     case Argument::code:
+    case Argument::count:
         return {1, 1'000'000};
     case Argument::milliseconds:
         return {1, 600'000};

@@ -12,30 +12,31 @@ namespace simulator
 
 /// What can go wrong on purpose. The comments say what the peer sees.
 enum class FaultKind {
-    refuse,       ///< connection reset as soon as it is accepted
-    hang,         ///< request read, never answered
-    close,        ///< connection closed after the request was read
-    garbage,      ///< bytes that are no HTTP
-    status,       ///< this HTTP status instead of the answer
-    apiError,     ///< HTTP 200, this "ResponseCode"
-    brokenJson,   ///< a body that ends in the middle of the document, with a matching Content-Length
-    emptyBody,    ///< HTTP 200 without a body
-    noData,       ///< an envelope without "Data"
-    emptyData,    ///< an envelope whose "Data" has no members
-    slow,         ///< the answer starts this many milliseconds late
-    drip,         ///< the answer arrives byte by byte, one in this many milliseconds
-    truncate,     ///< a chunked body that breaks off in the middle
-    rtspRefuse,   ///< RTSP connection reset as soon as it is accepted
-    rtspHang,     ///< RTSP connection accepted, never answered
-    rtspStatus,   ///< this RTSP status instead of the answer
-    rtspDrop,     ///< RTSP connection closed after this many milliseconds
-    rtspNoTracks  ///< a session description without a track
+    refuse,        ///< connection reset as soon as it is accepted
+    hang,          ///< request read, never answered
+    close,         ///< connection closed after the request was read
+    garbage,       ///< bytes that are no HTTP
+    status,        ///< this HTTP status instead of the answer
+    apiError,      ///< HTTP 200, this "ResponseCode"
+    brokenJson,    ///< a body that ends in the middle of the document, with a matching Content-Length
+    emptyBody,     ///< HTTP 200 without a body
+    noData,        ///< an envelope without "Data"
+    emptyData,     ///< an envelope whose "Data" has no members
+    slow,          ///< the answer starts this many milliseconds late
+    drip,          ///< the answer arrives byte by byte, one in this many milliseconds
+    truncate,      ///< a chunked body that breaks off in the middle
+    rtspRefuse,    ///< RTSP connection reset as soon as it is accepted
+    rtspHang,      ///< RTSP connection accepted, never answered
+    rtspStatus,    ///< this RTSP status instead of the answer
+    rtspDrop,      ///< RTSP connection closed after this many milliseconds
+    rtspNoTracks,  ///< a session description without a track
+    talkDrop       ///< RTSP connection closed once so many packets have been spoken on it
 };
 
 /// One fault as written on the command line: `NAME[:ARGUMENT][@PATTERN]`.
 struct Fault {
     FaultKind kind = FaultKind::refuse;
-    unsigned argument = 0;  ///< status, code or milliseconds; 0 where the name takes none
+    unsigned argument = 0;  ///< status, code, milliseconds or packets; 0 where the name takes none
     std::string pattern;    ///< part of "METHOD path"; empty means every request
     std::string text;       ///< as written, for listings
 };

@@ -196,4 +196,9 @@ std::string livePath(Kind kind, unsigned channel, unsigned stream)
     return out.str();
 }
 
+std::string talkBackPath(unsigned channel)
+{
+    return livePath(Kind::camera, 0, channel);
+}
+
 }  // namespace simulator

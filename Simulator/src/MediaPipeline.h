@@ -42,4 +42,7 @@ std::string missingEncoder(Codec codec);
 /// forms from 1.
 std::string livePath(Kind kind, unsigned channel, unsigned stream);
 
+/// The RTSP path under which clients speak to a channel (from 0), whatever the kind.
+std::string talkBackPath(unsigned channel);
+
 }  // namespace simulator

@@ -8,8 +8,12 @@
 #include "MediaFile.h"
 #include "MediaPipeline.h"
 #include "PictureCaption.h"
+#include "RtspAuthentication.h"
+#include "RtspConnections.h"
 #include "RtspThread.h"
 #include "SimulatedMedia.h"
+#include "TalkBack.h"
+#include "TalkBackMedia.h"
 
 #include <gst/rtsp-server/rtsp-server.h>
 
@@ -17,7 +21,6 @@
 #include <deque>
 #include <map>
 #include <mutex>
-#include <set>
 #include <stdexcept>
 #include <string_view>
 
@@ -26,19 +29,11 @@ namespace simulator
 namespace
 {
 
-constexpr const char* role = "user";
-
 constexpr const char* connectionKey = "simulator-connection";
 
 MediaServer::ConnectionId connectionOf(GstRTSPClient* client)
 {
     return GPOINTER_TO_SIZE(g_object_get_data(G_OBJECT(client), connectionKey));
-}
-
-/// The thread that reads the socket sees the end and cleans up.
-void shutDown(GSocket* socket)
-{
-    g_socket_shutdown(socket, TRUE, TRUE, nullptr);
 }
 
 struct Method {
@@ -64,26 +59,6 @@ void requireElements(const Options& options)
         text += (text.empty() ? "" : "\n") + sentence;
     if (!text.empty())
         throw std::runtime_error(text);
-}
-
-GlibPointer<GstRTSPAuth> makeAuthentication(const Options& options, const std::string& realm)
-{
-    GlibPointer<GstRTSPAuth> auth(gst_rtsp_auth_new());
-    GstRTSPToken* const token = gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, role, nullptr);
-    gst_rtsp_auth_set_realm(auth.get(), realm.c_str());
-    int schemes = 0;
-    if (options.authentication != Authentication::basic) {
-        schemes |= GST_RTSP_AUTH_DIGEST;
-        gst_rtsp_auth_add_digest(auth.get(), options.user.c_str(), options.password.c_str(), token);
-    }
-    if (options.authentication != Authentication::digest) {
-        schemes |= GST_RTSP_AUTH_BASIC;
-        const GlibPointer<gchar> basic(gst_rtsp_auth_make_basic(options.user.c_str(), options.password.c_str()));
-        gst_rtsp_auth_add_basic(auth.get(), basic.get(), token);
-    }
-    gst_rtsp_auth_set_supported_methods(auth.get(), static_cast<GstRTSPAuthMethod>(schemes));
-    gst_rtsp_token_unref(token);
-    return auth;
 }
 
 std::string pictureTitle(unsigned channel, unsigned stream)
@@ -119,23 +94,22 @@ struct MediaServer::State {
         std::shared_ptr<const MediaFile> file;  ///< null: the test picture
         unsigned channel = 0;
         unsigned number = 0;           ///< 0: the main stream
+        bool forTalkOnly = false;      ///< found only by those who ask for the back channel
         StreamEncoding encoding = {};  ///< what follows is guarded by `mutex`
         GlibPointer<GstRTSPMediaFactory> factory = {};
         std::map<GstRTSPMedia*, GlibPointer<GstElement>> pipelines = {};  ///< of the media that live
     };
+    enum class Manner { asTold, besideRunning };
 
-    struct Connection {
-        GlibPointer<GSocket> socket;
-        std::set<const Stream*> streams = {};  ///< that it has asked for
-    };
-
-    State(const FaultTable& faultTable, Caption captionToShow) : faults(faultTable), caption(std::move(captionToShow))
+    State(const FaultTable& faultTable, TalkBack& loudspeakers, Caption captionToShow)
+        : faults(faultTable), talkBack(loudspeakers), caption(std::move(captionToShow))
     {
         for (const Method& method : methods)
             hooks.push_back({this, &method});
     }
 
     const FaultTable& faults;
+    TalkBack& talkBack;
     const Caption caption;
     Options options;  ///< never changed once the server runs
     GlibPointer<GstRTSPServer> server;
@@ -144,23 +118,24 @@ struct MediaServer::State {
     std::deque<Stream> streams;  ///< addresses stay: signal handlers hold them
     std::deque<Hook> hooks;
 
+    RtspConnections connections;
+
     std::mutex mutex;                ///< guards what follows: the I/O context and `thread` come here
     std::vector<PictureLook> looks;  ///< by channel
     std::vector<Microphone> microphones;
-    std::map<ConnectionId, Connection> connections;
     std::map<std::string, unsigned> requestCounts;
-    unsigned connectionCount = 0;
-    ConnectionId lastConnection = 0;
 
-    void addStream(unsigned channel, unsigned number, const std::shared_ptr<const MediaFile>& file);
+    void addChannel(unsigned channel, const std::shared_ptr<const MediaFile>& file);
+    Stream& addStream(std::string path, unsigned channel, unsigned number, BackChannel backChannel);
     std::string launchLine(const Stream& stream) const;
     void mount(Stream& stream);
-    enum class Manner { asTold, besideRunning };
     void changeEncoding(unsigned channel, unsigned number, const StreamEncoding& encoding, Manner manner);
+    void changeEncoding(Stream& stream, const StreamEncoding& encoding, Manner manner);
     template <typename Change>
     void changePipelines(unsigned channel, Change&& change);
-    Stream* streamAt(const GstRTSPContext* context);
-    void noteWish(GstRTSPClient* client, const GstRTSPContext* context);
+    const Stream* streamAt(const GstRTSPContext* context) const;
+    void beginTalk(GstRTSPClient* client, const GstRTSPContext* context);
+    static gchar* onRequirements(GstRTSPClient*, GstRTSPContext* context, gchar** wanted, gpointer self);
     static void onUnprepared(GstRTSPMedia* media, gpointer stream);
     static void onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer stream);
     static void onSession(GstRTSPClient*, GstRTSPSession* session, gpointer self);
@@ -177,32 +152,62 @@ namespace
 
 constexpr const char* joiningKey = "simulator-joining";  ///< set when a client's stream was running before its PLAY
 
+/// What a request of a running session is about; null when there is none.
+GlibPointer<GstRTSPSessionMedia> sessionMediaOf(const GstRTSPContext* context)
+{
+    gint matched = 0;
+    if (context->session == nullptr || context->uri == nullptr)
+        return nullptr;
+    return GlibPointer<GstRTSPSessionMedia>(
+        gst_rtsp_session_dup_media(context->session, context->uri->abspath, &matched));
+}
+
 /// Whether the stream that a PLAY is for has clients already.
 bool isSending(const GstRTSPContext* context)
 {
-    GstRTSPSession* const session = context->session;
-    if (session == nullptr || context->uri == nullptr)
-        return false;
-    gint matched = 0;
-    const GlibPointer<GstRTSPSessionMedia> sessionMedia(
-        gst_rtsp_session_dup_media(session, context->uri->abspath, &matched));
+    const auto sessionMedia = sessionMediaOf(context);
     GstRTSPMedia* const media = sessionMedia ? gst_rtsp_session_media_get_media(sessionMedia.get()) : nullptr;
     return media != nullptr && simulator::isSending(media);
 }
 
+bool requiresSomething(const GstRTSPContext* context)
+{
+    return context->request != nullptr &&
+           gst_rtsp_message_get_header(context->request, GST_RTSP_HDR_REQUIRE, nullptr, 0) == GST_RTSP_OK;
+}
+
 }  // namespace
 
-void MediaServer::State::addStream(unsigned channel, unsigned number, const std::shared_ptr<const MediaFile>& file)
+void MediaServer::State::addChannel(unsigned channel, const std::shared_ptr<const MediaFile>& file)
+{
+    const bool isCamera = options.kind == Kind::camera;
+    for (unsigned number = 0; number < servedStreams; ++number) {
+        // Where other kinds have their talk-back, a camera has its live streams.
+        Stream& stream = addStream(livePath(options.kind, channel, number), channel, number,
+                                   isCamera ? options.backChannel : BackChannel::none);
+        stream.file = file;
+        mount(stream);
+    }
+    if (isCamera)
+        return;
+    Stream& stream = addStream(talkBackPath(channel), channel, 0, options.backChannel);
+    stream.file = file;
+    stream.forTalkOnly = true;
+    mount(stream);
+}
+
+MediaServer::State::Stream& MediaServer::State::addStream(std::string path, unsigned channel, unsigned number,
+                                                          BackChannel backChannel)
 {
     Stream& stream = streams.emplace_back();
     stream.state = this;
-    stream.activity.path = livePath(options.kind, channel, number);
+    stream.activity.path = std::move(path);
     stream.activity.faults = &faults;
-    stream.file = file;
+    stream.activity.backChannel = backChannel;
     stream.channel = channel;
     stream.number = number;
     stream.encoding = initialEncoding(options, number);
-    mount(stream);
+    return stream;
 }
 
 std::string MediaServer::State::launchLine(const Stream& stream) const
@@ -215,10 +220,10 @@ std::string MediaServer::State::launchLine(const Stream& stream) const
 /// Serves the stream as it is encoded now, in place of what its path led to. Media that run go on.
 void MediaServer::State::mount(Stream& stream)
 {
-    GstRTSPMediaFactory* const factory = newSimulatedFactory();
+    GstRTSPMediaFactory* const factory = newSimulatedFactory(stream.activity.backChannel);
     gst_rtsp_media_factory_set_launch(factory, launchLine(stream).c_str());
     gst_rtsp_media_factory_set_shared(factory, TRUE);
-    gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
+    gst_rtsp_media_factory_add_role(factory, userRole, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
                                     GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
     g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), &stream);
     stream.factory = share(factory);
@@ -259,7 +264,7 @@ void MediaServer::State::onUnprepared(GstRTSPMedia* media, gpointer data)
 }
 
 /// The stream that a request is for; null when it is for none.
-MediaServer::State::Stream* MediaServer::State::streamAt(const GstRTSPContext* context)
+const MediaServer::State::Stream* MediaServer::State::streamAt(const GstRTSPContext* context) const
 {
     const std::string_view path = context->uri != nullptr ? context->uri->abspath : "";
     const auto found = std::ranges::find_if(streams, [path](const Stream& stream) {
@@ -269,24 +274,16 @@ MediaServer::State::Stream* MediaServer::State::streamAt(const GstRTSPContext* c
     return found == streams.end() ? nullptr : &*found;
 }
 
-/// From its first question about a stream on, a client relies on the stream's format.
-void MediaServer::State::noteWish(GstRTSPClient* client, const GstRTSPContext* context)
-{
-    const Stream* const stream = streamAt(context);
-    const std::lock_guard lock(mutex);
-    const auto connection = connections.find(connectionOf(client));
-    if (stream != nullptr && connection != connections.end())
-        connection->second.streams.insert(stream);
-}
-
 void MediaServer::State::changeEncoding(unsigned channel, unsigned number, const StreamEncoding& encoding,
                                         Manner manner)
 {
-    const auto found = std::ranges::find_if(
-        streams, [&](const Stream& stream) { return stream.channel == channel && stream.number == number; });
-    if (found == streams.end())
-        return;
-    Stream& stream = *found;
+    for (Stream& stream : streams)
+        if (stream.channel == channel && stream.number == number)
+            changeEncoding(stream, encoding, manner);
+}
+
+void MediaServer::State::changeEncoding(Stream& stream, const StreamEncoding& encoding, Manner manner)
+{
     const std::lock_guard lock(mutex);
     const bool sameCodec = encoding.codec == stream.encoding.codec;
     const bool adapts = sameCodec && (encoding.size == stream.encoding.size || manner == Manner::besideRunning ||
@@ -301,9 +298,7 @@ void MediaServer::State::changeEncoding(unsigned channel, unsigned number, const
             simulator::encode(pipeline.get(), encoding);
         return;
     }
-    for (const auto& [id, connection] : connections)
-        if (connection.streams.contains(&stream))
-            shutDown(connection.socket.get());
+    connections.closeThoseThatAskedFor(stream.activity.path);
 }
 
 template <typename Change>
@@ -329,6 +324,7 @@ void MediaServer::State::onClient(GstRTSPServer*, GstRTSPClient* client, gpointe
     g_signal_connect(client, "new-session", G_CALLBACK(onSession), data);
     g_signal_connect(client, "play-request", G_CALLBACK(onPlay), nullptr);
     g_signal_connect(client, "closed", G_CALLBACK(onClosed), data);
+    g_signal_connect(client, "check-requirements", G_CALLBACK(onRequirements), data);
     g_object_set_data(G_OBJECT(client), connectionKey, GSIZE_TO_POINTER(self.arriving));
 }
 
@@ -352,10 +348,17 @@ GstRTSPStatusCode MediaServer::State::beforeRequest(GstRTSPClient* client, GstRT
     logLine(std::string("RTSP ") + hook.method->name + ' ' + (context->uri != nullptr ? context->uri->abspath : "*"));
     if (context->method == GST_RTSP_OPTIONS)
         return GST_RTSP_STS_OK;  // see onMessage
-    hook.state->noteWish(client, context);
-    if (context->method == GST_RTSP_PLAY)
+    if (const Stream* const stream = hook.state->streamAt(context)) {
+        if (stream->forTalkOnly && !requiresSomething(context) && context->session == nullptr)
+            return GST_RTSP_STS_NOT_FOUND;
+        hook.state->connections.noteWish(connectionOf(client), stream->activity.path);
+    }
+    const auto fault = hook.state->faultFor(hook.method->name, context);
+    if (context->method == GST_RTSP_PLAY && !fault) {
         g_object_set_data(G_OBJECT(client), joiningKey, GINT_TO_POINTER(isSending(context)));
-    return hook.state->faultFor(hook.method->name, context).value_or(GST_RTSP_STS_OK);
+        hook.state->beginTalk(client, context);
+    }
+    return fault.value_or(GST_RTSP_STS_OK);
 }
 
 /// The library (1.22) frees what it has not allocated when OPTIONS is refused beforehand, so that answer is changed on
@@ -387,15 +390,47 @@ void MediaServer::State::onPlay(GstRTSPClient* client, GstRTSPContext* context, 
         forceKeyFrameOf(context->media);
 }
 
-void MediaServer::State::onClosed(GstRTSPClient* client, gpointer data)
+/// The features that a client requires and the device lacks, for the answer.
+gchar* MediaServer::State::onRequirements(GstRTSPClient*, GstRTSPContext* context, gchar** wanted, gpointer data)
 {
-    auto& self = *static_cast<State*>(data);
-    const std::lock_guard lock(self.mutex);
-    self.connections.erase(connectionOf(client));
+    const Stream* const stream = static_cast<State*>(data)->streamAt(context);
+    // A path that does not exist is for the request itself to refuse.
+    const bool hasBackChannel = stream == nullptr || stream->activity.backChannel != BackChannel::none;
+    std::string lacking;
+    for (; *wanted != nullptr; ++wanted)
+        if (!hasBackChannel || std::string_view(*wanted) != backChannelTag)
+            lacking += (lacking.empty() ? "" : ", ") + std::string(*wanted);
+    return g_strdup(lacking.c_str());
 }
 
-MediaServer::MediaServer(Options& options, const std::string& realm, const FaultTable& faults, Caption caption)
-    : state(std::make_unique<State>(faults, std::move(caption)))
+/// A client that is about to play the back channel begins to speak.
+void MediaServer::State::beginTalk(GstRTSPClient* client, const GstRTSPContext* context)
+{
+    const Stream* const stream = streamAt(context);
+    const auto sessionMedia = sessionMediaOf(context);
+    if (stream == nullptr || !sessionMedia)
+        return;
+    GstRTSPMedia* const media = gst_rtsp_session_media_get_media(sessionMedia.get());
+    const auto track = backChannelOf(media);
+    if (!track || gst_rtsp_session_media_get_transport(sessionMedia.get(), *track) == nullptr || isListenedTo(media))
+        return;
+    listenToBackChannel(media, [this, stream, connection = connectionOf(client),
+                                call = talkBack.begin(stream->channel)](const TalkPacket& packet) {
+        const auto count = call->take(packet.payloadType, packet.sequence, packet.payload);
+        const auto fault = faults.find(FaultKind::talkDrop, "PLAY " + stream->activity.path);
+        if (fault && count >= fault->argument)
+            connections.close(connection);
+    });
+}
+
+void MediaServer::State::onClosed(GstRTSPClient* client, gpointer data)
+{
+    static_cast<State*>(data)->connections.remove(connectionOf(client));
+}
+
+MediaServer::MediaServer(Options& options, const std::string& realm, const FaultTable& faults, TalkBack& talkBack,
+                         Caption caption)
+    : state(std::make_unique<State>(faults, talkBack, std::move(caption)))
 {
     GError* error = nullptr;
     if (!gst_init_check(nullptr, nullptr, &error)) {
@@ -420,8 +455,7 @@ MediaServer::MediaServer(Options& options, const std::string& realm, const Fault
     state->thread.emplace(state->server.get());
     g_signal_connect(state->server.get(), "client-connected", G_CALLBACK(State::onClient), state.get());
     for (unsigned channel = 0; channel < options.channels; ++channel)
-        for (unsigned stream = 0; stream < servedStreams; ++stream)
-            state->addStream(channel, stream, file);
+        state->addChannel(channel, file);
 }
 
 MediaServer::~MediaServer()
@@ -439,7 +473,8 @@ std::vector<std::string> MediaServer::paths() const
 {
     std::vector<std::string> paths;
     for (const State::Stream& stream : state->streams)
-        paths.push_back(stream.activity.path);
+        if (!stream.forTalkOnly)
+            paths.push_back(stream.activity.path);
     return paths;
 }
 
@@ -455,13 +490,7 @@ std::optional<MediaServer::ConnectionId> MediaServer::serve(boost::asio::ip::tcp
     if (shared == nullptr)
         return std::nullopt;
 
-    ConnectionId connection = 0;
-    {
-        const std::lock_guard lock(state->mutex);
-        connection = ++state->lastConnection;
-        ++state->connectionCount;
-        state->connections.emplace(connection, State::Connection{share(shared)});
-    }
+    const ConnectionId connection = state->connections.add(shared);
     state->thread->post([state = state.get(), shared, connection, ip = peer.address().to_string(), port = peer.port()] {
         state->arriving = connection;
         // Takes the reference to the socket.
@@ -472,17 +501,12 @@ std::optional<MediaServer::ConnectionId> MediaServer::serve(boost::asio::ip::tcp
 
 void MediaServer::close(ConnectionId connection)
 {
-    const std::lock_guard lock(state->mutex);
-    const auto found = state->connections.find(connection);
-    if (found != state->connections.end())
-        shutDown(found->second.socket.get());
+    state->connections.close(connection);
 }
 
 void MediaServer::closeAll()
 {
-    const std::lock_guard lock(state->mutex);
-    for (const auto& [id, open] : state->connections)
-        shutDown(open.socket.get());
+    state->connections.closeAll();
 }
 
 std::optional<std::string> MediaServer::refuseEncoding(const StreamEncoding& encoding) const
@@ -528,16 +552,18 @@ void MediaServer::expireSessions()
 Json::Value MediaServer::counters() const
 {
     Json::Value out(Json::objectValue);
+    out["connections"] = state->connections.total();
+    out["openConnections"] = static_cast<Json::UInt64>(state->connections.openCount());
     {
         const std::lock_guard lock(state->mutex);
-        out["connections"] = state->connectionCount;
-        out["openConnections"] = static_cast<Json::UInt64>(state->connections.size());
         out["requests"] = Json::Value(Json::objectValue);
         for (const auto& [method, count] : state->requestCounts)
             out["requests"][method] = count;
     }
     out["streams"] = Json::Value(Json::arrayValue);
     for (const State::Stream& served : state->streams) {
+        if (served.forTalkOnly)
+            continue;
         const StreamActivity& activity = served.activity;
         Json::Value stream(Json::objectValue);
         stream["path"] = activity.path;
@@ -556,9 +582,9 @@ void MediaServer::clearCounters()
 {
     for (State::Stream& stream : state->streams)
         stream.activity.clear();
+    state->connections.forgetTotal();
     const std::lock_guard lock(state->mutex);
     state->requestCounts.clear();
-    state->connectionCount = 0;
 }
 
 }  // namespace simulator

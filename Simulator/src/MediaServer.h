@@ -20,17 +20,22 @@
 namespace simulator
 {
 
+class TalkBack;
+
 /// Live media over RTSP by GStreamer's server, on connections that others have accepted. Each stream is encoded once,
-/// while anyone watches it, and shared by its clients. The operations are called on the I/O context; clients are
-/// handled on a thread of their own, and GStreamer encodes on further ones.
+/// while anyone watches it, and shared by its clients; one that asks to speak to the device has it for itself. The
+/// operations are called on the I/O context; clients are handled on a thread of their own, and GStreamer encodes on
+/// further ones.
 class MediaServer {
 public:
     using Caption = std::function<std::string(unsigned channel)>;
 
     /// Throws std::runtime_error with a sentence when GStreamer lacks something or the media file cannot be served.
-    /// `faults` is not owned and outlives the server. With a media file, `options` receives its codec, size and
-    /// frame rate; the test picture shows in each frame what `caption` says of its channel, asked on any thread.
-    MediaServer(Options& options, const std::string& realm, const FaultTable& faults, Caption caption);
+    /// `faults` and `talkBack` are not owned and outlive the server. With a media file, `options` receives its codec,
+    /// size and frame rate; the test picture shows in each frame what `caption` says of its channel, asked on any
+    /// thread.
+    MediaServer(Options& options, const std::string& realm, const FaultTable& faults, TalkBack& talkBack,
+                Caption caption);
     ~MediaServer();
     MediaServer(const MediaServer&) = delete;
     MediaServer& operator=(const MediaServer&) = delete;

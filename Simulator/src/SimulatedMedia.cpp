@@ -1,8 +1,11 @@
 #include "SimulatedMedia.h"
 
 #include "Glib.h"
+#include "TalkBackMedia.h"
 
 #include <gst/rtp/rtp.h>
+#include <gst/rtsp-server/rtsp-onvif-media-factory.h>
+#include <gst/rtsp-server/rtsp-onvif-media.h>
 
 namespace simulator
 {
@@ -19,13 +22,20 @@ constexpr gint ntpTimeSourceNtp = 0;
 constexpr guint64 reportInterval = GST_SECOND;
 
 struct SimulatedMedia {
-    GstRTSPMedia parent;
+    GstRTSPOnvifMedia parent;
 };
 struct SimulatedMediaClass {
-    GstRTSPMediaClass parent;
+    GstRTSPOnvifMediaClass parent;
+};
+struct SimulatedFactory {
+    GstRTSPOnvifMediaFactory parent;
+};
+struct SimulatedFactoryClass {
+    GstRTSPOnvifMediaFactoryClass parent;
 };
 
 GstRTSPMediaClass* parentClass = nullptr;
+GstRTSPMediaFactoryClass* parentFactoryClass = nullptr;
 
 /// The stream that a medium belongs to.
 StreamActivity* streamOf(GstRTSPMedia* media)
@@ -95,6 +105,7 @@ void onPrepared(GstRTSPMedia* media, gpointer)
     }
     if (StreamActivity* stream = streamOf(media))
         countPackets(media, *stream);
+    tapBackChannel(media, static_cast<GstElement*>(g_object_get_data(G_OBJECT(media), rtpbinKey)));
 }
 
 gboolean setupRtpbin(GstRTSPMedia* media, GstElement* rtpbin)
@@ -109,7 +120,23 @@ gboolean setupSdp(GstRTSPMedia* media, GstSDPMessage* sdp, GstSDPInfo* info)
     const StreamActivity* const stream = streamOf(media);
     if (stream != nullptr && stream->faults->find(FaultKind::rtspNoTracks, "DESCRIBE " + stream->path))
         return TRUE;  // it is the parent that describes the tracks
-    return parentClass->setup_sdp(media, sdp, info);
+    if (!backChannelOf(media)) {
+        // Without a back channel the description is that of any medium: no directions, no ONVIF attributes.
+        static const auto* const plain =
+            GST_RTSP_MEDIA_CLASS(g_type_class_peek_parent(g_type_class_peek(GST_TYPE_RTSP_ONVIF_MEDIA)));
+        return plain->setup_sdp(media, sdp, info);
+    }
+    if (!parentClass->setup_sdp(media, sdp, info))
+        return FALSE;
+    if (stream != nullptr && stream->backChannel == BackChannel::many)
+        describeManyFormats(sdp);
+    return TRUE;
+}
+
+gboolean unprepare(GstRTSPMedia* media)
+{
+    finishBackChannel(media);
+    return parentClass->unprepare(media);
 }
 
 void initialiseMediaClass(gpointer type, gpointer)
@@ -118,13 +145,63 @@ void initialiseMediaClass(gpointer type, gpointer)
     GstRTSPMediaClass* const mediaClass = GST_RTSP_MEDIA_CLASS(type);
     mediaClass->setup_rtpbin = setupRtpbin;
     mediaClass->setup_sdp = setupSdp;
+    mediaClass->unprepare = unprepare;
 }
 
 GType simulatedMediaType()
 {
     static const GType type =
-        g_type_register_static_simple(GST_TYPE_RTSP_MEDIA, "SimulatedMedia", sizeof(SimulatedMediaClass),
+        g_type_register_static_simple(GST_TYPE_RTSP_ONVIF_MEDIA, "SimulatedMedia", sizeof(SimulatedMediaClass),
                                       initialiseMediaClass, sizeof(SimulatedMedia), nullptr, GTypeFlags{});
+    return type;
+}
+
+/// Media with the same key are one; those without are not shared.
+gchar* mediaKey(GstRTSPMediaFactory* factory, const GstRTSPUrl* url)
+{
+    return isBackChannelWanted(factory) ? nullptr : parentFactoryClass->gen_key(factory, url);
+}
+
+/// The class that makes what a request wants. The one for back channels makes nothing when it is asked for one that it
+/// has not.
+const GstRTSPMediaFactoryClass* makerFor(GstRTSPMediaFactory* factory)
+{
+    static const auto* const plain = GST_RTSP_MEDIA_FACTORY_CLASS(g_type_class_peek(GST_TYPE_RTSP_MEDIA_FACTORY));
+    return isBackChannelWanted(factory) ? parentFactoryClass : plain;
+}
+
+GstElement* createElement(GstRTSPMediaFactory* factory, const GstRTSPUrl* url)
+{
+    return makerFor(factory)->create_element(factory, url);
+}
+
+GstRTSPMedia* constructMedia(GstRTSPMediaFactory* factory, const GstRTSPUrl* url)
+{
+    return makerFor(factory)->construct(factory, url);
+}
+
+void configureMedia(GstRTSPMediaFactory* factory, GstRTSPMedia* media)
+{
+    parentFactoryClass->configure(factory, media);
+    if (backChannelOf(media))
+        gst_rtsp_media_set_shared(media, FALSE);
+}
+
+void initialiseFactoryClass(gpointer type, gpointer)
+{
+    parentFactoryClass = GST_RTSP_MEDIA_FACTORY_CLASS(g_type_class_peek_parent(type));
+    GstRTSPMediaFactoryClass* const factoryClass = GST_RTSP_MEDIA_FACTORY_CLASS(type);
+    factoryClass->gen_key = mediaKey;
+    factoryClass->create_element = createElement;
+    factoryClass->construct = constructMedia;
+    factoryClass->configure = configureMedia;
+}
+
+GType simulatedFactoryType()
+{
+    static const GType type = g_type_register_static_simple(GST_TYPE_RTSP_ONVIF_MEDIA_FACTORY, "SimulatedMediaFactory",
+                                                            sizeof(SimulatedFactoryClass), initialiseFactoryClass,
+                                                            sizeof(SimulatedFactory), nullptr, GTypeFlags{});
     return type;
 }
 
@@ -136,16 +213,19 @@ void StreamActivity::clear()
         *counter = 0;
 }
 
-GstRTSPMediaFactory* newSimulatedFactory()
+GstRTSPMediaFactory* newSimulatedFactory(BackChannel backChannel)
 {
-    GstRTSPMediaFactory* const factory = gst_rtsp_media_factory_new();
+    auto* const factory = GST_RTSP_MEDIA_FACTORY(g_object_new(simulatedFactoryType(), nullptr));
+    if (const std::string launch = backChannelLaunch(backChannel); !launch.empty())
+        gst_rtsp_onvif_media_factory_set_backchannel_launch(GST_RTSP_ONVIF_MEDIA_FACTORY(factory), launch.c_str());
     gst_rtsp_media_factory_set_media_gtype(factory, simulatedMediaType());
     return factory;
 }
 
 void attach(GstRTSPMedia* media, StreamActivity& stream)
 {
-    stream.sending = false;
+    if (!backChannelOf(media))  // one beside the shared medium does not begin anything anew
+        stream.sending = false;
     g_object_set_data(G_OBJECT(media), streamKey, &stream);
     g_signal_connect(media, "prepared", G_CALLBACK(onPrepared), nullptr);
 }

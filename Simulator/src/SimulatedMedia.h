@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Fault.h"
+#include "Options.h"
 
 #include <gst/rtsp-server/rtsp-server.h>
 
@@ -14,9 +15,10 @@ namespace simulator
 /// A stream as the server counts it. GStreamer's threads write, the I/O context reads.
 struct StreamActivity {
     std::string path;
-    const FaultTable* faults = nullptr;       ///< not owned
-    std::atomic<std::uint64_t> frames{0};     ///< video frames sent towards clients
-    std::atomic<std::uint64_t> keyFrames{0};  ///< those of `frames` that can be decoded alone
+    const FaultTable* faults = nullptr;           ///< not owned
+    BackChannel backChannel = BackChannel::none;  ///< that clients may ask for
+    std::atomic<std::uint64_t> frames{0};         ///< video frames sent towards clients
+    std::atomic<std::uint64_t> keyFrames{0};      ///< those of `frames` that can be decoded alone
     std::atomic<std::uint64_t> videoPackets{0};
     std::atomic<std::uint64_t> videoBytes{0};  ///< RTP packets with their headers
     std::atomic<std::uint64_t> audioPackets{0};
@@ -28,8 +30,9 @@ struct StreamActivity {
 };
 
 /// A factory of media in which sender reports carry the time of day, packets are counted, tracks that no client wants
-/// do no harm, and the description may be made to lack its tracks.
-GstRTSPMediaFactory* newSimulatedFactory();
+/// do no harm, and the description may be made to lack its tracks. A client that asks for the back channel has a medium
+/// of its own, all others share one.
+GstRTSPMediaFactory* newSimulatedFactory(BackChannel backChannel);
 
 /// Ties a new medium to its stream, which outlives it.
 void attach(GstRTSPMedia* media, StreamActivity& stream);

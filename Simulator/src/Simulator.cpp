@@ -23,6 +23,7 @@
 #include "PtzResources.h"
 #include "RtspPort.h"
 #include "SettingsResources.h"
+#include "TalkBack.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -85,6 +86,7 @@ struct Simulator::State {
     Options options;
     FaultTable faults;
     PtzHeads heads;
+    TalkBack talkBack;
     MediaServer media;   ///< changes `options` to what a media file holds,
     DeviceState device;  ///< which the device then reports
     DeviceSettings settings;
@@ -112,7 +114,8 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
     : options(std::move(given)),
       faults(options.faults),
       heads(options.channels),
-      media(options, macAddress, faults, [this](unsigned channel) { return heads.caption(channel); }),
+      talkBack(options.channels, options.backChannel, options.talkBack),
+      media(options, macAddress, faults, talkBack, [this](unsigned channel) { return heads.caption(channel); }),
       device(options),
       settings(options),
       io(options.inputs, options.relays),
@@ -144,7 +147,7 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
     addEventResources(lapiRoutes, events, io);
     addEventAdministration(adminRoutes, events, io);
     addAdminResources(adminRoutes,
-                      {activity, faults, media, events, heads, settings, [this] { rtspPort.open(); },
+                      {activity, faults, media, events, heads, settings, talkBack, [this] { rtspPort.open(); },
                        [this] { rtspPort.close(); }, [this](std::chrono::milliseconds duration) { reboot(duration); }});
     watchSessions();
 }

@@ -17,6 +17,12 @@ TEST(LivePath, dependsOnTheKind)
     EXPECT_EQ(livePath(Kind::camera, 0, 1), "/media/video2");
 }
 
+TEST(TalkBackPath, countsChannelsFromOne)
+{
+    EXPECT_EQ(talkBackPath(0), "/media/video1");
+    EXPECT_EQ(talkBackPath(11), "/media/video12");
+}
+
 TEST(TestPicture, carriesTitleClockAndToneAsAsked)
 {
     PictureSettings settings;

@@ -123,6 +123,14 @@ void RtspPeer::play(const std::string& url, unsigned tracks)
     require("PLAY", url, {});
 }
 
+void RtspPeer::send(const Frame& frame)
+{
+    std::string bytes{'$', static_cast<char>(frame.channel), static_cast<char>(frame.bytes.size() >> 8),
+                      static_cast<char>(frame.bytes.size())};
+    bytes.append(frame.bytes.begin(), frame.bytes.end());
+    boost::asio::write(state->socket, boost::asio::buffer(bytes));
+}
+
 std::optional<RtspPeer::Frame> RtspPeer::nextFrame()
 {
     if (state->frames.empty())

@@ -29,6 +29,9 @@ public:
     /// SETUP of the given tracks (channels 0-1, 2-3, ...) and PLAY.
     void play(const std::string& url, unsigned tracks);
 
+    /// Sends an interleaved frame of at most 65535 bytes.
+    void send(const Frame& frame);
+
     /// The next interleaved frame; nothing once the connection has ended.
     std::optional<Frame> nextFrame();
 
