@@ -57,7 +57,8 @@ ready line calls adminPort (faults and restarts never touch it) and, for loopbac
   POST   /simulator/reboot         {"milliseconds": 2000} closes every port and connection for so long and forgets all
                                    subscriptions
   GET    /simulator/state          subscriptions, what became of their notifications, inputs and relays; where each
-                                   channel's head looks, its presets and patrols, what it was told ("ptz")
+                                   channel's head looks, its presets and patrols, what it was told ("ptz"); the
+                                   settings and what clients did to them ("settings"); what was spoken ("talkBack")
   POST   /simulator/events         one event or an array of them, pushed to every subscriber
   POST   /simulator/inputs/N       {"state": true} sets an input (from 0) and reports it
   DELETE /simulator/subscriptions  forgets them all without a word

@@ -35,6 +35,7 @@ TEST(Fault, isReadWithNumberAndPattern)
         {"rtsp-status:454@SETUP", FaultKind::rtspStatus, 454, "SETUP"},
         {"rtsp-drop:3", FaultKind::rtspDrop, 3000, ""},
         {"rtsp-drop:0.25", FaultKind::rtspDrop, 250, ""},
+        {"talk-drop:50@media/video1", FaultKind::talkDrop, 50, "media/video1"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);

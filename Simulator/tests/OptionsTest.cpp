@@ -30,6 +30,11 @@ TEST(Options, haveDefaultsForOneCamera)
     EXPECT_EQ(options.size, (Size{1280, 720}));
     EXPECT_EQ(options.subSize, (Size{640, 360}));
     EXPECT_TRUE(options.audio);
+    EXPECT_FALSE(options.microphoneMuted);
+    EXPECT_EQ(options.backChannel, BackChannel::g711u);
+    EXPECT_TRUE(options.talkBack.empty());
+    EXPECT_EQ(options.formatChange, FormatChange::closes);
+    EXPECT_EQ(options.dialect, Dialect::newFirmware);
     EXPECT_EQ(options.inputs, 4u);
     EXPECT_EQ(options.relays, 2u);
     EXPECT_TRUE(options.scriptFile.empty());
@@ -93,7 +98,17 @@ TEST(Options, areReadInFull)
                                       "status:500@Port",
                                       "--exit-with-stdin",
                                       "--bind",
-                                      "::1"});
+                                      "::1",
+                                      "--microphone",
+                                      "muted",
+                                      "--back-channel",
+                                      "g711a",
+                                      "--talk-back",
+                                      "calls.wav",
+                                      "--format-change",
+                                      "continue",
+                                      "--dialect",
+                                      "old"});
     EXPECT_EQ(options.httpPort, 0);
     EXPECT_EQ(options.rtspPort, 8555);
     ASSERT_TRUE(options.httpsPort);
@@ -119,6 +134,11 @@ TEST(Options, areReadInFull)
     EXPECT_EQ(options.faults[1].kind, FaultKind::status);
     EXPECT_TRUE(options.exitWithStdin);
     EXPECT_EQ(options.bindAddress, "::1");
+    EXPECT_TRUE(options.microphoneMuted);
+    EXPECT_EQ(options.backChannel, BackChannel::g711a);
+    EXPECT_EQ(options.talkBack, "calls.wav");
+    EXPECT_EQ(options.formatChange, FormatChange::continues);
+    EXPECT_EQ(options.dialect, Dialect::oldFirmware);
 }
 
 TEST(Options, takeThePasswordFromTheEnvironmentUnlessGiven)
@@ -155,6 +175,12 @@ TEST(Options, thatAreWrongEndWithStatusTwoAndAReason)
         {{"--script", "/there/is/no/such.json"}, "/there/is/no/such.json"},
         {{"--inputs", "65"}, "--inputs"},
         {{"--relays", "-1"}, "--relays"},
+        {{"--microphone", "off"}, "'off' is none of muted|on"},
+        {{"--back-channel", "opus"}, "'opus' is none of g711a|g711u|hidden|many|none"},
+        {{"--talk-back", "calls.mp3"}, "neither a folder nor does it end in .wav"},
+        {{"--talk-back", "/there/is/no/such/folder/calls.wav"}, "there is no folder '/there/is/no/such/folder'"},
+        {{"--format-change", "x"}, "'x' is none of close|continue"},
+        {{"--dialect", "x"}, "'x' is none of new|old"},
         {{"--user", ""}, "--user"},
         {{"--user", "a:b"}, "no colon"},
     };
