@@ -288,6 +288,41 @@ void saveTelemetry()
          area(-10.5, 1e10, 1, 1e-300) + moves + be16(2) + "\"\\" + std::string(6, '\0') + R"([{"ID":0},1e308])");
 }
 
+void saveSettings()
+{
+    // Numbers of the groups, names and types as Settings.cpp takes them apart.
+    const auto head = [](char group, char stream, char caps, char count) {
+        return std::string{group, stream, caps, count};
+    };
+    const auto integer = [](char name, std::uint8_t value) {
+        return std::string{name, 0, 0, 0, 0, static_cast<char>(value)};
+    };
+    const auto text = [](char name, const std::string& value) {
+        return std::string{name, 5, static_cast<char>(value.size())} + value;
+    };
+    const std::string entry =
+        R"("VideoEncodeInfo":{"EncodeFormat":1,"Resolution":{"Width":1920,"Height":1080},"BitRate":4096,"BitRateType":1,)"
+        R"("FrameRate":25,"GOPType":0,"IFrameInterval":50,"ImageQuality":5,"SmoothLevel":5,"SVCMode":0}})";
+    save("settings", "stream",
+         head(0, 1, 1, 3) + text(0, "H.264") + text(1, "1280x720") + integer(2, 25) +
+             R"({"Num":2,"VideoStreamInfos":[{"ID":0,"Enabled":1,)" + entry + R"(,{"ID":1,"Enabled":0,)" + entry +
+             "]}");
+    save("settings", "older_stream",
+         head(0, 0, 0, 3) + text(4, "CBR") + integer(8, 1) + integer(9, 40) +
+             R"({"VideoStreamInfos":[{"ID":0,"VideoEncodeInfo":{"EncodeFmt":6,"EncMode":1,"IInterval":50,)"
+             R"("VideoSvcCfg":{"Mode":0}}}]})");
+    save("settings", "odd_stream",
+         head(0, 0, 0, 1) + integer(3, 1) + R"({"VideoStreamInfos":[{"ID":"0"},7,{"ID":0}]})");
+    save("settings", "capture_mode",
+         head(1, 0, 0, 1) + text(10, "1920x1080x25") + R"({"Resolution":{"Width":1,"Height":1},"FrameRate":1.0})");
+    save("settings", "exposure",
+         head(2, 0, 0, 4) + integer(11, 2) + std::string{12, 1, 0} + integer(13, 80) + integer(15, 3) +
+             R"({"Mode":1,"ShutterInfo":{"Shutter":100},"GainInfo":{"MaxGain":100},"WideDynamic":null})");
+    save("settings", "image",
+         head(7, 0, 0, 1) + integer(24, 60) +
+             R"({"Brightness":50,"Contrast":50,"Scale":1.0,"Big":18446744073709551615})");
+}
+
 void saveLapi()
 {
     const std::string ok(2, '\0');  // a status that counts as 200
@@ -637,6 +672,7 @@ try {
     saveNotifications();
     saveLapi();
     saveTelemetry();
+    saveSettings();
     saveEvents();
     saveAlarms();
     saveRecordings();

@@ -251,6 +251,26 @@ TEST(LapiJson, leavesTextsWithControlCharactersAlone)
     EXPECT_DOUBLE_EQ(reply.data["Number"].asDouble(), 2.5);
 }
 
+TEST(LapiJson, readsFractionsAlikeBesideControlCharacters)
+{
+    const GroupingLocale grouping;
+    const auto reply =
+        judged("{\"Response\":{\"ResponseCode\":0,\"Data\":{\"Text\":\"\\u00011.5\x02 \\u0003\",\"Number\":2.5}}}");
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply.data["Text"].asString(), "\x01"
+                                             "1.5\x02 \x03");
+    EXPECT_DOUBLE_EQ(reply.data["Number"].asDouble(), 2.5);
+}
+
+TEST(LapiJson, readsADocumentWithEveryMarkAsItIs)
+{
+    Json::Value document;
+    std::string error;
+    ASSERT_TRUE(lapi::parseJson(R"(["\u0001\u0002\u0003\u0004\u0005\u0006\u0007\u0008", 2.5])", document, error));
+    EXPECT_EQ(document[0].asString(), "\1\2\3\4\5\6\7\10");
+    EXPECT_DOUBLE_EQ(document[1].asDouble(), 2.5);
+}
+
 TEST(LapiJson, reportsTheReadersWordsInOneShortLine)
 {
     Json::Value document;

@@ -383,6 +383,57 @@ TEST_F(RTSPReceiverBaseTest, onlyChangedValuesThatTheConnectionDependsOnRestartT
     EXPECT_EQ(stream->restarts, 1);
     adjustable->ApplySettings({{"codec", std::string("H.265")}, {"resolution", std::string("640x360")}});
     EXPECT_EQ(stream->restarts, 2);
+    adjustable->ApplySettings({{"codec", 5}, {"transport", 1}});
+    EXPECT_EQ(stream->restarts, 2) << "values of another type are none to follow";
     adjustable->Destroy();
+}
+
+TEST_F(RTSPReceiverBaseTest, whatTheStreamShowsNeedsNoRestart)
+{
+    const struct {
+        GDRV::MediaCodec codec;
+        const char* name;
+    } cases[] = {
+        {GDRV::MediaCodec::h264, "H.264"}, {GDRV::MediaCodec::h265, "H.265"}, {GDRV::MediaCodec::mjpeg, "MJPEG"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int before = stream->restarts;
+        const auto adjustable = std::make_shared<AdjustableReceiver>(&device, &channel, nullptr, LiveSourceContext{});
+        adjustable->adopt();
+        adjustable->offered = stream;
+        adjustable->Start();
+        GDRV::MediaFrame frame;
+        frame.codec = c.codec;
+        frame.keyFrame = true;
+        frame.width = 1920;
+        frame.height = 1080;
+        adjustable->onFrame(frame);
+
+        const ParameterMap same{{"codec", std::string(c.name)}, {"resolution", std::string("1920x1080")}};
+        adjustable->ApplySettings(same);
+        EXPECT_EQ(stream->restarts, before);
+        adjustable->ApplySettings({{"codec", std::string("other")}});
+        EXPECT_EQ(stream->restarts, before + 1);
+        adjustable->ApplySettings({{"resolution", std::string("1280x720")}});
+        EXPECT_EQ(stream->restarts, before + 2) << "what was set counts from then on";
+        adjustable->Destroy();
+    }
+}
+
+TEST_F(RTSPReceiverBaseTest, theFirstValueRestartsAStreamThatHasShownNothing)
+{
+    for (const char* const key : {"codec", "resolution"}) {
+        const int before = stream->restarts;
+        const auto adjustable = std::make_shared<AdjustableReceiver>(&device, &channel, nullptr, LiveSourceContext{});
+        adjustable->adopt();
+        adjustable->offered = stream;
+        adjustable->Start();
+        GDRV::MediaFrame unknown;
+        unknown.keyFrame = true;  // of a size and codec that nobody knows
+        adjustable->onFrame(unknown);
+        adjustable->ApplySettings({{key, std::string("H.264")}});
+        EXPECT_EQ(stream->restarts, before + 1) << key;
+        adjustable->Destroy();
+    }
 }
 }  // namespace

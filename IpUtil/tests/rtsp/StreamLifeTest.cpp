@@ -215,6 +215,38 @@ TEST(StreamLife, describesAgainWhenTheCodecChangesUnderItsPayloadType)
     }
 }
 
+/// Settings restart a stream before they are written, so that the new connection may still meet the old description.
+TEST(StreamLife, formatThatComesBehindARestartIsDescribedAgain)
+{
+    Camera camera;
+    camera.intercept = [](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (request.method != "DESCRIBE")
+            return false;
+        connection.reply(request, 200, {}, connection.number < 2 ? videoSdp : hevcSdp);
+        return true;
+    };
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        PacketSender sender;
+        for (int i = 0; i < 3 && connection.number == 1; ++i)
+            sendFrames(connection, sender, 3);
+        while (connection.number == 0                       ? sendFrames(connection, sender, 3),
+               sender.sendFrame(connection, {pictureNal()}) : sendHevc(connection, sender))
+            std::this_thread::yield();
+    };
+    Fixture fixture(camera);
+    fixture.loop.timing().firstRetry = fixture.loop.timing().longestRetry = milliseconds(10);
+    fixture.makeStream();
+    const auto video = fixture.add(MediaKind::video);
+    bool restarted = false;
+    ASSERT_TRUE(fixture.loop.runUntil([&] {
+        if (video->frames > 5 && !std::exchange(restarted, true))
+            fixture.stream->restart();
+        return video->codec == GDRV::MediaCodec::h265 && video->framesSinceState > 5;
+    })) << fixture.log.text();
+    EXPECT_EQ(fixture.peer.count("DESCRIBE"), 3U);
+    EXPECT_EQ(fixture.losses, 0) << "the device is as well as before";
+}
+
 TEST(StreamLife, pacesADeviceWhoseDescriptionStaysWrong)
 {
     Camera camera;
