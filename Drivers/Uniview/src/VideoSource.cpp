@@ -7,6 +7,7 @@
 #include "ObjectName.h"
 #include "StreamSettings.h"
 
+#include <IpUtil/AsyncMultiRequest.h>
 #include <Tavro8/ResultCode.h>
 #include <array>
 #include <boost/asio/io_context.hpp>

@@ -5,7 +5,7 @@
 #include "SettingsEdit.h"
 #include "SettingsGroup.h"
 
-#include <IpUtil/AsyncMultiRequest.h>
+#include <IpUtil/Http.h>
 #include <IpUtil/RTSPReceiverBase.h>
 #include <Tavro8/GDRV/ILiveSource.h>
 #include <atomic>
