@@ -14,9 +14,9 @@ void append(std::string& text, unsigned number, std::size_t digits)
     const std::string plain = std::to_string(number);
     text.append(digits > plain.size() ? digits - plain.size() : 0, '0').append(plain);
 }
+}  // namespace
 
-/// `dash` stands between the parts of the date, `colon` between those of the time; each may be empty.
-std::string format(std::uint64_t timeMs, const char* dash, const char* colon)
+std::string utcText(std::uint64_t timeMs)
 {
     using namespace std::chrono;
     const sys_seconds time{seconds(std::min(timeMs / 1000, lastSecond))};
@@ -26,22 +26,11 @@ std::string format(std::uint64_t timeMs, const char* dash, const char* colon)
 
     std::string text;
     append(text, static_cast<unsigned>(static_cast<int>(date.year())), 4);
-    append(text += dash, static_cast<unsigned>(date.month()), 2);
-    append(text += dash, static_cast<unsigned>(date.day()), 2);
+    append(text += '-', static_cast<unsigned>(date.month()), 2);
+    append(text += '-', static_cast<unsigned>(date.day()), 2);
     append(text += 'T', static_cast<unsigned>(clock.hours().count()), 2);
-    append(text += colon, static_cast<unsigned>(clock.minutes().count()), 2);
-    append(text += colon, static_cast<unsigned>(clock.seconds().count()), 2);
+    append(text += ':', static_cast<unsigned>(clock.minutes().count()), 2);
+    append(text += ':', static_cast<unsigned>(clock.seconds().count()), 2);
     return text += 'Z';
-}
-}  // namespace
-
-std::string utcText(std::uint64_t timeMs)
-{
-    return format(timeMs, "-", ":");
-}
-
-std::string clockText(std::uint64_t timeMs)
-{
-    return format(timeMs, "", "");
 }
 }  // namespace Uniview

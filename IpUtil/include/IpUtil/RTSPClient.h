@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,24 @@ struct TrackInitializer {
     std::function<void(const GDRV::MediaFrame&)> onFrame;
 };
 
+/// How recorded media are to be played.
+struct RecordedPlay {
+    /// What to play, UTC milliseconds since 1970; the device is told whole seconds.
+    struct Interval {
+        std::int64_t beginMs = 0;
+        std::int64_t endMs = 0;
+    };
+    std::optional<Interval> interval;  ///< nothing: on from where the device is
+    std::uint32_t scale = 1;           ///< speed
+    bool keyFramesOnly = false;
+};
+
+/// What the device has made of it.
+struct RecordedPlayAnswer {
+    double scale = 1;  ///< the speed that it uses: 1 when it names none
+    bool keyFramesOnly = false;
+};
+
 /// An RTSP connection to a device: RTSP over TCP, RTP in the same connection (RFC 2326 section 10.12) or over UDP,
 /// digest or basic authentication, keep-alive at no more than half of the session's time-out.
 ///
@@ -119,7 +138,8 @@ public:
     void setTransport(RtspTransport transport);
     RtspTransport getTransport() const noexcept;
     void setConnectTimeout(std::chrono::milliseconds timeout);
-    void setStallTimeout(std::chrono::milliseconds timeout);  ///< no packet for so long ends the connection; 0: never
+    /// No packet for so long while media are due ends the connection; 0: never.
+    void setStallTimeout(std::chrono::milliseconds timeout);
     void setKeepAliveCommand(RtspMethod method);
     void setVideoSinkParams(const VideoSinkParams& params);
     void setAudioSinkParams(const AudioSinkParams& params);
@@ -140,6 +160,25 @@ public:
 
     /// Only inside `handleSdp`. Nothing when the track cannot be received; the reason is logged.
     std::weak_ptr<RTSPTrack> addTrack(TrackInitializer initializer);
+
+    // Recorded media, instead of `performDefaultSteps`. Frames carry the time at which they were recorded: the device's
+    // sender reports are believed as they stand; until the first one the begin of the range that it plays counts.
+    // Always over the RTSP connection: who takes frames slowly slows the device down, and nothing piles up here.
+
+    /// As `performDefaultSteps` up to the last SETUP; `handleReady` is told the outcome. Nothing comes before
+    /// `playRecorded`. From then on a failure that ends the connection is told to the closed handler alone.
+    void prepareRecorded(const Headers& headers, SdpHandler handleSdp, Completion handleReady);
+
+    using PlayHandler = std::function<void(const error_code& ec, const RecordedPlayAnswer& answer)>;
+    /// Begins, goes on after `pauseRecorded`, or changes place or speed while media come. With an interval frames are
+    /// of that interval from here on, and begin with a key frame; without one none is lost. A refusal is told to the
+    /// handler and changes nothing. One `playRecorded` or `pauseRecorded` at a time, else `invalidState`.
+    void playRecorded(const RecordedPlay& wanted, PlayHandler handlePlay);
+    /// Frames that are on their way still come, up to the call of `handlePause`.
+    void pauseRecorded(Completion handlePause);
+    /// Told each time when the device has said that everything was played (RTCP BYE). The session stays and may play
+    /// another interval.
+    void setEndHandler(std::function<void()> handleEnd);
 
     /// Sends one RTP payload on a track that plays; `timestamp` in the track's clock. Fails with `noResources` while
     /// too much waits to be written, because the device does not read.

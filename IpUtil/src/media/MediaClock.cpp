@@ -1,5 +1,7 @@
 #include "media/MediaClock.h"
 
+#include "media/SenderTime.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -19,23 +21,9 @@ constexpr std::chrono::minutes reportsEndAfter{5};
 // Between two packets, media time and real time may differ that much before the timestamps count as new ones.
 constexpr std::int64_t maxTimestampJumpUs = 10 * microsecondsPerSecond;
 
-constexpr std::int64_t secondsFrom1900To1970 = 2'208'988'800;
-constexpr std::int64_t secondsPerNtpEra = std::int64_t{1} << 32;
-constexpr std::int64_t firstEraEndUs = (secondsPerNtpEra - secondsFrom1900To1970) * microsecondsPerSecond;
-
-// 1971: a device whose clock was never set counts from 1970, or from the beginning of this half of the NTP era.
-constexpr std::int64_t earliestSetClockUs = std::int64_t{365} * 24 * 3600 * microsecondsPerSecond;
-
 std::int64_t toUs(std::chrono::system_clock::time_point utc) noexcept
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(utc.time_since_epoch()).count();
-}
-
-std::int64_t ntpToUnixUs(std::uint64_t ntp, std::int64_t era) noexcept
-{
-    const auto seconds = static_cast<std::int64_t>(ntp >> 32) + era * secondsPerNtpEra - secondsFrom1900To1970;
-    const auto fractionUs = static_cast<std::int64_t>(((ntp & 0xffffffffU) * 1'000'000U) >> 32);
-    return seconds * microsecondsPerSecond + fractionUs;
 }
 }  // namespace
 
@@ -98,16 +86,10 @@ void MediaClock::followArrival(std::int64_t mediaUs, const ArrivalTime& arrival)
 
 void MediaClock::onSenderReport(const SenderReport& report) noexcept
 {
-    if (!anchored || report.ntpTimestamp == 0)
+    const auto utcUs = anchored ? senderTimeUs(report, toUs(lastArrival.utc)) : std::nullopt;
+    if (!utcUs)
         return;
-    const bool highestBit = (report.ntpTimestamp >> 63) != 0;
-    const bool secondEra = !highestBit && toUs(lastArrival.utc) > firstEraEndUs - 24 * 3600 * microsecondsPerSecond;
-    if (!highestBit && !secondEra)
-        return;
-    const std::int64_t utcUs = ntpToUnixUs(report.ntpTimestamp, secondEra ? 1 : 0);
-    if (utcUs < earliestSetClockUs)
-        return;
-    const std::int64_t senderTargetUs = utcUs - mediaTimeUs(extend(report.rtpTimestamp));
+    const std::int64_t senderTargetUs = *utcUs - mediaTimeUs(extend(report.rtpTimestamp));
     if (isBelievable(senderTargetUs)) {
         aimAt(senderTargetUs);
         senderClockUsed = true;

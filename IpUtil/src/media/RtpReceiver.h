@@ -67,6 +67,14 @@ public:
     /// when it is not of `expectedSource`, the SSRC that the device has announced; announcements are often wrong.
     void expectDatagrams(std::optional<std::uint32_t> expectedSource) noexcept;
 
+    /// What comes next is of another place of a recording: its numbers begin anew, nothing is missing in front of it.
+    void beginAnew() noexcept
+    {
+        started = false;
+        following = false;
+        suspecting = false;
+    }
+
     /// Judges a packet on arrival. Some devices send packets of a payload type nobody announced, with the
     /// SSRC of the stream and the sequence number of the packet that follows: the payload type is looked
     /// at before anything else.

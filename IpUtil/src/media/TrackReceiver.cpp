@@ -23,10 +23,11 @@ std::unique_ptr<TrackReceiver> TrackReceiver::make(const TrackFormat& format, st
 TrackReceiver::TrackReceiver(const TrackFormat& format, std::shared_ptr<FramePool> framePool, FrameSink& frameSink,
                              const Options& options)
     : pool(std::move(framePool)),
+      clockRate(clockRateOf(format)),
       depacketiser(makeDepacketiser(format, *pool, *this, options.depacketiser)),
       sink(frameSink),
-      receiver(RtpReceiver::Settings{format.payloadTypes, clockRateOf(format), options.confirmRestart}),
-      clock(clockRateOf(format))
+      receiver(RtpReceiver::Settings{format.payloadTypes, clockRate, options.confirmRestart}),
+      clock(clockRate)
 {}
 
 void TrackReceiver::listHotMemory(HotMemory& hot) const noexcept
@@ -100,6 +101,16 @@ void TrackReceiver::deliverWaiting(const ReorderBuffer::Packet& waiting)
         deliver(packet, waiting.arrival);
 }
 
+void TrackReceiver::beginRecorded(const RecordedClock::Start& start)
+{
+    recorded = std::make_unique<RecordedClock>(clockRate, start);
+    receiver.beginAnew();
+    depacketiser->reset();
+    clock.reset();
+    lastVideoTimestamp.reset();
+    earlyReport.reset();
+}
+
 /// The packet that announces a restart belongs to it, and is most often the start of a key frame.
 void TrackReceiver::keepSuspect(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival)
 {
@@ -158,6 +169,8 @@ void TrackReceiver::watchFormat(std::uint32_t rtpTimestamp, bool misfit) noexcep
 
 void TrackReceiver::onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept
 {
+    if (recorded)
+        recorded->onSenderReport(report);
     if (receiver.onSenderReport(report, arrival))
         clock.onSenderReport(report);
     else
@@ -166,7 +179,7 @@ void TrackReceiver::onSenderReport(const SenderReport& report, const ArrivalTime
 
 void TrackReceiver::onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp)
 {
-    frame.timestampMs = clock.stamp(rtpTimestamp);
+    frame.timestampMs = recorded ? recorded->stamp(rtpTimestamp) : clock.stamp(rtpTimestamp);
     if (GDRV::isVideo(frame.codec)) {
         // Pictures in decoding order may step back in time (B pictures): no duration then.
         const auto ticks = static_cast<std::int32_t>(rtpTimestamp - lastVideoTimestamp.value_or(rtpTimestamp));

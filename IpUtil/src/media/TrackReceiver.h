@@ -3,6 +3,7 @@
 #include "media/Depacketiser.h"
 #include "media/FramePool.h"
 #include "media/MediaClock.h"
+#include "media/RecordedClock.h"
 #include "media/ReorderBuffer.h"
 #include "media/RtpReceiver.h"
 
@@ -88,6 +89,12 @@ public:
     /// A sender report for this track. One that comes before the first packet of its source is kept for it.
     void onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept;
 
+    /// What comes from now on is a recording from another place on than before: begins anew with its next key frame,
+    /// and frames carry the time of the recording. Not for live media again.
+    void beginRecorded(const RecordedClock::Start& start);
+    /// What the device says about it; null before `beginRecorded`.
+    RecordedClock* getRecordedClock() noexcept { return recorded.get(); }
+
     /// The stream ends or pauses: hands out what only waits for other packets to come.
     void flush();
 
@@ -131,6 +138,7 @@ private:
     std::shared_ptr<FramePool> pool;  // outlives the depacketiser, which uses it
     RtpFault lastFault = RtpFault::none;
     std::uint64_t notRtp = 0;
+    const std::uint32_t clockRate;
 
     // Datagrams only.
     std::vector<std::uint8_t> suspect;  // the last suspect packet; keeps its capacity
@@ -143,6 +151,7 @@ private:
     RtpReceiver receiver;
     MediaClock clock;
     std::optional<EarlyReport> earlyReport;
+    std::unique_ptr<RecordedClock> recorded;          // of a replay, instead of `clock`
     std::optional<std::uint32_t> lastVideoTimestamp;  // of the last frame handed out, for durations
     Statistics totals;
 

@@ -54,6 +54,14 @@ wire::RtspKeepAlive keepAliveOf(const std::optional<RtspMethod>& method)
     return wire::RtspKeepAlive::automatic;
 }
 
+template <typename Function>
+Function take(Function& function)
+{
+    return std::exchange(function, nullptr);
+}
+
+}  // namespace
+
 ResultCode resultOf(const wire::RtspClientSession::Failed& failed)
 {
     using wire::RtspError;
@@ -105,14 +113,6 @@ std::string describeFailure(const wire::RtspClientSession::Failed& failed)
     return text + wire::describe(failed.error);
 }
 
-template <typename Function>
-Function take(Function& function)
-{
-    return std::exchange(function, nullptr);
-}
-
-}  // namespace
-
 RTSPClient::State::State(boost::asio::io_context& io, std::shared_ptr<ILogger> hostLogger)
     : Client(io),
       service(io),
@@ -152,7 +152,8 @@ void RTSPClient::State::onConnected()
     tell(take(onSession), {});
 }
 
-void RTSPClient::State::performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay)
+void RTSPClient::State::performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay,
+                                            bool recordedMedia)
 {
     if (phase != Phase::connected) {
         const error_code reason =
@@ -163,6 +164,9 @@ void RTSPClient::State::performDefaultSteps(const Headers& headers, SdpHandler h
         return;
     }
     phase = Phase::negotiating;
+    recorded = recordedMedia;
+    if (recorded)
+        transport = RtspTransport::tcp;
     onSdp = std::move(handleSdp);
     onPlay = std::move(handlePlay);
 
@@ -174,6 +178,7 @@ void RTSPClient::State::performDefaultSteps(const Headers& headers, SdpHandler h
     for (const auto& [name, value] : headers)
         config.headers.add(name, value);
     config.keepAlive = keepAliveOf(keepAliveMethod);
+    config.playAtOnce = !recorded;
     session.emplace(std::move(config));
     perform(session->start());
 }
@@ -194,7 +199,13 @@ void RTSPClient::State::perform(wire::RtspClientSession::Step step)
     else if (std::holds_alternative<Session::Described>(step))
         onDescribed();
     else if (std::holds_alternative<Session::Playing>(step))
-        onPlaying();
+        recorded ? onRecordedPlaying() : onPlaying();
+    else if (std::holds_alternative<Session::Ready>(step))
+        onReady();
+    else if (std::holds_alternative<Session::Paused>(step))
+        onPaused();
+    else if (const auto* refusal = std::get_if<Session::Refused>(&step))
+        onRefused(refusal->why);
     else if (const auto* refused = std::get_if<Session::KeepAliveRefused>(&step))
         onKeepAliveRefused(refused->status);
     else if (std::holds_alternative<Session::Closed>(step))
@@ -210,15 +221,15 @@ void RTSPClient::State::send(const wire::RtspClientSession::Send& out)
         return;
     if (!besides) {
         waitingFor = out.kind;
-        if (phase == Phase::negotiating)
+        if (phase == Phase::negotiating || phase == Phase::playing)
             deadline = Clock::now() + timing.requestTimeout;
     }
-    if (out.kind == wire::RtspStepKind::play)
+    if (out.kind == wire::RtspStepKind::play && !recorded)
         establishTracks();  // media may be on its way before the answer
     connection.send({out.bytes.begin(), out.bytes.end()});
 }
 
-void RTSPClient::State::onPlaying()
+void RTSPClient::State::beginSupervision()
 {
     const auto now = Clock::now();
     phase = Phase::playing;
@@ -227,6 +238,11 @@ void RTSPClient::State::onPlaying()
     playingSince = now;
     for (const auto& track : tracks)
         track->beginWatch(now);
+}
+
+void RTSPClient::State::onPlaying()
+{
+    beginSupervision();
     logger.info(
         "Tavro8::Utility::RTSPClient::performDefaultSteps", "playing ", url,
         std::ranges::any_of(tracks, [](const auto& track) { return track->getPorts() != nullptr; }) ? " over UDP" : "");
@@ -263,6 +279,7 @@ void RTSPClient::State::fail(const error_code& ec, const char* step, const std::
     auto play = take(onPlay);
     auto closedHandler = take(onClosed);
     const Phase failedIn = phase;
+    forgetHandlers();
     sayGoodBye();
     close();
     // The tracks live until the handler has read their counters.
@@ -300,10 +317,7 @@ void RTSPClient::State::teardown(Completion completion)
 {
     if (context == nullptr)
         return;  // with the I/O context everything has ended already
-    onSession = nullptr;
-    onSdp = nullptr;
-    onPlay = nullptr;
-    onClosed = nullptr;
+    forgetHandlers();
     std::ranges::for_each(tracks, [](const auto& track) { track->mute(); });
     if (phase == Phase::closing) {
         onTornDown.push_back(std::move(completion));
@@ -358,14 +372,22 @@ void RTSPClient::State::onContextShutdown() noexcept
 {
     phase = Phase::closed;
     const auto keptUntilTheEnd = connection.release();
-    onSession = nullptr;
-    onSdp = nullptr;
-    onPlay = nullptr;
-    onClosed = nullptr;
+    forgetHandlers();
     onTornDown.clear();
     for (const auto& track : tracks)
         track->closePorts();
     tracks.clear();
+}
+
+void RTSPClient::State::forgetHandlers() noexcept
+{
+    onSession = nullptr;
+    onSdp = nullptr;
+    onPlay = nullptr;
+    onClosed = nullptr;
+    onEnd = nullptr;
+    onPlayDone = nullptr;
+    onPauseDone = nullptr;
 }
 
 std::shared_ptr<void> RTSPClient::State::keepAlive()
@@ -466,7 +488,27 @@ void RTSPClient::initialize(const std::shared_ptr<const asio::ConnectionInfo>& i
 
 void RTSPClient::performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay)
 {
-    state->performDefaultSteps(headers, std::move(handleSdp), std::move(handlePlay));
+    state->performDefaultSteps(headers, std::move(handleSdp), std::move(handlePlay), false);
+}
+
+void RTSPClient::prepareRecorded(const Headers& headers, SdpHandler handleSdp, Completion handleReady)
+{
+    state->performDefaultSteps(headers, std::move(handleSdp), std::move(handleReady), true);
+}
+
+void RTSPClient::playRecorded(const RecordedPlay& wanted, PlayHandler handlePlay)
+{
+    state->playRecorded(wanted, std::move(handlePlay));
+}
+
+void RTSPClient::pauseRecorded(Completion handlePause)
+{
+    state->pauseRecorded(std::move(handlePause));
+}
+
+void RTSPClient::setEndHandler(std::function<void()> handleEnd)
+{
+    state->onEnd = std::move(handleEnd);
 }
 
 std::weak_ptr<RTSPTrack> RTSPClient::addTrack(TrackInitializer initializer)

@@ -211,9 +211,16 @@ void RTSPClient::State::onInterleaved(const wire::InterleavedFrame& frame, const
     if (channelsShared)
         onSharedChannel(*track, number % 2 != 0, frame.payload, arrival);
     else if (number % 2 != 0)
-        track->onRtcp(frame.payload, arrival);
+        onRtcp(*track, frame.payload, arrival);
     else if (track->isReceiving())
         deliverRtp(*track, frame.payload, arrival);
+}
+
+void RTSPClient::State::onRtcp(RTSPTrack& track, wire::ByteView packet, const media::ArrivalTime& arrival)
+{
+    track.onRtcp(packet, arrival);
+    if (recorded)
+        noticeEnd();
 }
 
 /// Reports name their source, by which each track knows its own.
@@ -332,7 +339,10 @@ void RTSPClient::State::judgeTime(Clock::time_point now)
             fail(ResultCode::timedOut, wire::nameOf(waitingFor), "the device does not answer");
         break;
     case Phase::playing:
-        supervise(now);
+        if (late && awaitsPlayOrPause())
+            fail(ResultCode::timedOut, wire::nameOf(waitingFor), "the device does not answer");
+        else
+            supervise(now);
         break;
     case Phase::closing:
         if (late)
@@ -348,7 +358,7 @@ void RTSPClient::State::judgeTime(Clock::time_point now)
 void RTSPClient::State::supervise(Clock::time_point now)
 {
     warnOfOddities();
-    if (watchProgress(now))
+    if (!resting && watchProgress(now))
         return;
     if (now >= nextKeepAlive) {
         nextKeepAlive = now + keepAliveInterval();
@@ -389,6 +399,8 @@ bool RTSPClient::State::watchProgress(Clock::time_point now)
         return phase != Phase::playing;
     if (ending->byUdp)
         giveUpUdp();
+    else if (ending->farewell && recorded)
+        reachEnd();
     else
         fail(ending->result, "receiving", ending->reason);
     return true;

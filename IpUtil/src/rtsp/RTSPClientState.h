@@ -20,6 +20,10 @@
 
 namespace Tavro8::Utility
 {
+/// What a failure of the session is for the host, and its words for the log.
+ResultCode resultOf(const wire::RtspClientSession::Failed& failed);
+std::string describeFailure(const wire::RtspClientSession::Failed& failed);
+
 /// The RTSP client: feeds the session with the connection's messages, sends what it wants sent, gives media to the
 /// tracks, and watches the time. All of it runs on the I/O context.
 struct RTSPClient::State final : private StreamContext::Client,
@@ -42,7 +46,10 @@ struct RTSPClient::State final : private StreamContext::Client,
 
     void initialize(const std::shared_ptr<const asio::ConnectionInfo>& info, const std::string& path,
                     Completion handleSession);
-    void performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay);
+    /// `recorded`: the session waits for `playRecorded` instead of playing at once.
+    void performDefaultSteps(const Headers& headers, SdpHandler handleSdp, Completion handlePlay, bool recorded);
+    void playRecorded(const RecordedPlay& wanted, PlayHandler handlePlay);
+    void pauseRecorded(Completion handlePause);
     std::weak_ptr<RTSPTrack> addTrack(TrackInitializer initializer);
     void sendPacket(const std::weak_ptr<RTSPTrack>& weakTrack, const std::vector<std::uint8_t>& payload,
                     std::uint32_t timestamp, Completion handleWritePacket);
@@ -61,6 +68,7 @@ struct RTSPClient::State final : private StreamContext::Client,
     VideoSinkParams videoSink;
     AudioSinkParams audioSink;
     Completion onClosed;
+    std::function<void()> onEnd;
 
 private:
     static constexpr std::size_t maxTracks = 8;
@@ -93,6 +101,20 @@ private:
     void onDescribed();
     void onPlaying();
     void onKeepAliveRefused(unsigned status);
+    void beginSupervision();
+
+    void onReady();
+    void onRecordedPlaying();
+    void onPaused();
+    void onRefused(const wire::RtspClientSession::Failed& why);
+    bool awaitsPlayOrPause() const noexcept { return playAsked || onPauseDone; }
+    template <typename Body>
+    void forEachReceiving(Body&& body);
+    media::RecordedClock::Start startAsAsked() const;
+    media::RecordedClock::Start startAsAnswered(const RTSPTrack& track) const;
+    void noticeEnd();
+    void reachEnd();
+    void forgetHandlers() noexcept;
 
     wire::RtspTrackRequest requestOf(RTSPTrack& track);
     void reportSmallBuffer(const RtpPorts& ports);
@@ -101,6 +123,7 @@ private:
     void learnTransport(bool refusesInterleaved);
     void giveUpUdp();
     void shareChannels(std::size_t number);
+    void onRtcp(RTSPTrack& track, wire::ByteView packet, const media::ArrivalTime& arrival);
     void onSharedChannel(RTSPTrack& named, bool rtcp, wire::ByteView packet, const media::ArrivalTime& arrival);
     RTSPTrack* playingTrack(std::size_t number) const noexcept;
     void deliverRtp(RTSPTrack& track, wire::ByteView packet, const media::ArrivalTime& arrival);
@@ -148,6 +171,14 @@ private:
     SdpHandler onSdp;
     Completion onPlay;
     std::vector<Completion> onTornDown;
+    PlayHandler onPlayDone;
+    Completion onPauseDone;
+
+    // Recorded media.
+    bool recorded = false;
+    bool resting = false;                   // no media are due: not begun, paused or at the end
+    std::optional<RecordedPlay> playAsked;  // while its answer is awaited
+    std::uint32_t scaleAsked = 1;           // by the last PLAY
 
     std::uint32_t ownSource;  // SSRC of our receiver reports
     TimePoint deadline;

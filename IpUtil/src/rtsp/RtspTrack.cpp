@@ -131,6 +131,12 @@ void RTSPTrack::onRtcp(wire::ByteView packet, const media::ArrivalTime& arrival)
         packetsAtBye = statistics().packets;
 }
 
+void RTSPTrack::beginRecorded(const media::RecordedClock::Start& start)
+{
+    receiver->beginRecorded(start);
+    packetsAtBye.reset();
+}
+
 void RTSPTrack::onFrame(const GDRV::MediaFrame& frame)
 try {
     if (!muted)

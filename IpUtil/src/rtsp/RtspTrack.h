@@ -65,6 +65,13 @@ public:
     void flush() { receiver->flush(); }
     /// From now on frames are dropped; allowed inside the delivery of one.
     void mute() noexcept { muted = true; }
+    /// Frames are handed out again.
+    void unmute() noexcept { muted = false; }
+
+    /// Only for a track that receives; see `media::TrackReceiver::beginRecorded`. A BYE so far is forgotten.
+    void beginRecorded(const media::RecordedClock::Start& start);
+    /// Null before `beginRecorded`.
+    media::RecordedClock* getRecordedClock() noexcept { return receiver->getRecordedClock(); }
 
     /// The compound RTCP packet of a receiver report; empty while nothing was received.
     wire::Bytes makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now);

@@ -78,6 +78,31 @@ std::optional<std::int64_t> parseUtcTime(std::string_view text)
     return time.time_since_epoch().count() * 1000 + fractionMs;
 }
 
+void appendPadded(std::string& to, unsigned number, std::size_t digits)
+{
+    std::string plain;
+    appendNumber(plain, number);
+    to.append(digits > plain.size() ? digits - plain.size() : 0, '0').append(plain);
+}
+
+void appendUtcTime(std::string& to, std::int64_t secondsSince1970)
+{
+    using namespace std::chrono;
+    constexpr std::int64_t lastSecond = 253'402'300'799;  // of the year 9999
+    const sys_seconds time{seconds(std::clamp<std::int64_t>(secondsSince1970, 0, lastSecond))};
+    const auto day = floor<days>(time);
+    const year_month_day date{day};
+    const hh_mm_ss clock{time - day};
+    appendPadded(to, static_cast<unsigned>(static_cast<int>(date.year())), 4);
+    appendPadded(to, static_cast<unsigned>(date.month()), 2);
+    appendPadded(to, static_cast<unsigned>(date.day()), 2);
+    to += 'T';
+    appendPadded(to, static_cast<unsigned>(clock.hours().count()), 2);
+    appendPadded(to, static_cast<unsigned>(clock.minutes().count()), 2);
+    appendPadded(to, static_cast<unsigned>(clock.seconds().count()), 2);
+    to += 'Z';
+}
+
 /// "5000-5001", or "5000" which stands for itself and the next number.
 template <typename Number>
 std::optional<NumberPair<Number>> parsePair(std::string_view text)
@@ -287,6 +312,17 @@ std::optional<ClockRange> parseClockRange(std::string_view value)
     if (!begin)
         return std::nullopt;
     return ClockRange{*begin, parseUtcTime(trim(range))};
+}
+
+std::string write(const ClockRange& range)
+{
+    constexpr std::int64_t millisecondsPerSecond = 1000;
+    std::string text = "clock=";
+    appendUtcTime(text, range.beginMs / millisecondsPerSecond);
+    text += '-';
+    if (range.endMs)
+        appendUtcTime(text, *range.endMs / millisecondsPerSecond + (*range.endMs % millisecondsPerSecond > 0 ? 1 : 0));
+    return text;
 }
 
 std::optional<double> parseScale(std::string_view value)

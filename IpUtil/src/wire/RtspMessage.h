@@ -93,6 +93,9 @@ struct ClockRange {
 };
 /// Nothing for a range in other units, and for one without a begin.
 std::optional<ClockRange> parseClockRange(std::string_view value);
+/// In whole seconds, since not all devices read fractions: the begin is cut off, the end rounded up. Times from 1970 to
+/// 9999, others are written as these.
+std::string write(const ClockRange& range);
 
 /// `Scale` (RFC 2326 section 12.34): nothing when it is no positive number that is at most 1000.
 std::optional<double> parseScale(std::string_view value);

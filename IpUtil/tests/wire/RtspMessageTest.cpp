@@ -2,6 +2,8 @@
 
 #include "WireTestSupport.h"
 
+#include <limits>
+
 namespace Tavro8::wire
 {
 TEST(HeaderList, findsNamesInAnyCaseAndKeepsRepeatedLines)
@@ -186,6 +188,17 @@ TEST(ClockRange, refusesWhatIsNone)
         SCOPED_TRACE(text);
         EXPECT_FALSE(parseClockRange(text));
     }
+}
+
+TEST(ClockRange, isWrittenInWholeSeconds)
+{
+    EXPECT_EQ(write(ClockRange{1493172645000, 1493173185000}), "clock=20170426T021045Z-20170426T021945Z");
+    EXPECT_EQ(write(ClockRange{1493172645999, 1493173184001}), "clock=20170426T021045Z-20170426T021945Z");
+    EXPECT_EQ(write(ClockRange{0, std::nullopt}), "clock=19700101T000000Z-");
+    EXPECT_EQ(write(ClockRange{-5, std::numeric_limits<std::int64_t>::max()}),
+              "clock=19700101T000000Z-99991231T235959Z");
+    EXPECT_EQ(parseClockRange(write(ClockRange{1582934400000, 1582934401000})),
+              (ClockRange{1582934400000, 1582934401000}));
 }
 
 TEST(Scale, isAPositiveNumber)

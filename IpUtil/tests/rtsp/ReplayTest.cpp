@@ -1,0 +1,406 @@
+#include <utility>
+
+#include "Player.h"
+#include "Recorder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Tavro8::Utility
+{
+namespace
+{
+using namespace testkit;
+using std::chrono::milliseconds;
+
+constexpr RecordedPlay::Interval hour{recordedMs, recordedMs + 3'600'000};
+
+/// Prepares a replay and keeps what it is told.
+struct Replayer : Player {
+    explicit Replayer(Loop& loop) : Player(loop) {}
+
+    void open(const ScriptedPeer& peer)
+    {
+        client->setClosedHandler([this](const error_code& ec) { closed = ec; });
+        client->setEndHandler([this] {
+            ++ends;
+            if (onEnd)
+                onEnd();
+        });
+        client->initialize(addressOf(peer), "/c1/b1493172645/e1493176245/replay/", [this](const error_code& ec) {
+            session = ec;
+            if (!ec)
+                client->prepareRecorded(
+                    headers,
+                    [this](const error_code& error, const SessionDescription& description) {
+                        sdp = error;
+                        addTracks(description);
+                    },
+                    [this](const error_code& error) { ready = error; });
+        });
+    }
+    void begin(RecordedPlay wanted = {hour, 1, false})
+    {
+        played.reset();
+        client->playRecorded(wanted, [this](const error_code& ec, const RecordedPlayAnswer& said) {
+            played = ec;
+            answer = said;
+        });
+    }
+    void pause()
+    {
+        paused.reset();
+        client->pauseRecorded([this](const error_code& ec) { paused = ec; });
+    }
+    bool isReady() const { return ready && !*ready; }
+    bool isPlayed() const { return played && !*played; }
+    std::vector<std::int64_t> times() const
+    {
+        std::vector<std::int64_t> all;
+        for (const TakenFrame& frame : frames)
+            all.push_back(frame.info.timestampMs - recordedMs);
+        return all;
+    }
+
+    std::optional<error_code> ready, played, paused;
+    RecordedPlayAnswer answer;
+    int ends = 0;
+    std::function<void()> onEnd;
+};
+
+struct ReplayTest : ::testing::Test {
+    /// A peer, and a client that is ready to play.
+    void open(Camera recorder)
+    {
+        peer.emplace(recorder.script());
+        replayer->open(*peer);
+        ASSERT_TRUE(loop.runUntil([&] { return replayer->ready.has_value(); }));
+    }
+    void beginAndWait(RecordedPlay wanted = {hour, 1, false})
+    {
+        replayer->begin(wanted);
+        ASSERT_TRUE(loop.runUntil([&] { return replayer->played.has_value(); }));
+    }
+    bool waitFrames(std::size_t count)
+    {
+        return loop.runUntil([&] { return replayer->frames.size() >= count; });
+    }
+    std::vector<ScriptedPeer::Request> plays() const
+    {
+        auto all = peer->requests();
+        std::erase_if(all, [](const auto& request) { return request.method != "PLAY"; });
+        return all;
+    }
+
+    Loop loop;
+    std::optional<ScriptedPeer> peer;
+    std::optional<Replayer> replayer{std::in_place, loop};  // made anew by tests that change waiting times
+};
+
+TEST_F(ReplayTest, waitsForPlayAndPlaysARangeWithItsOwnTimes)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200,
+                         "Session: 88\r\nRange: clock=20170426T021045Z-20170426T031045Z\r\n"
+                         "RTP-Info: url=track1;seq=100;rtptime=90000\r\n");
+        RecordingSender(connection).keyFrame().picture().report(recordedMs + 5000).picture();
+    }));
+    EXPECT_TRUE(replayer->isReady());
+    EXPECT_EQ(peer->count("PLAY"), 0U);
+    beginAndWait();
+    EXPECT_TRUE(replayer->isPlayed());
+    ASSERT_TRUE(waitFrames(3));
+    EXPECT_EQ(headerOf(plays().at(0), "range"), "clock=20170426T021045Z-20170426T031045Z");
+    EXPECT_EQ(headerOf(plays().at(0), "scale"), "");
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 5000}));
+    EXPECT_TRUE(replayer->frames[0].info.keyFrame);
+}
+
+TEST_F(ReplayTest, theRangeOfTheAnswerSaysWhereItBegins)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200, "Range: clock=20170426T021050Z-\r\n");
+        RecordingSender(connection).keyFrame().picture();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{5000, 5040}));
+}
+
+TEST_F(ReplayTest, anAnswerThatSaysNothingBeginsWhereItWasAsked)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender(connection).keyFrame();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(1));
+    EXPECT_EQ(replayer->times(), std::vector<std::int64_t>{0});
+    EXPECT_EQ(replayer->answer.scale, 1.0);
+    EXPECT_FALSE(replayer->answer.keyFramesOnly);
+}
+
+TEST_F(ReplayTest, mediaInFrontOfTheAnswerAreTaken)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        RecordingSender sender(connection);
+        sender.report(recordedMs + 700).keyFrame();
+        connection.reply(request, 200, "Range: clock=20170426T021045Z-\r\n");
+        sender.picture();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{700, 740}));
+}
+
+TEST_F(ReplayTest, aGapIsALeapOfTheReportsInFrontOfItsFirstFrame)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender(connection).report(recordedMs).keyFrame().picture().report(recordedMs + 600'000).keyFrame();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(3));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 600'000}));
+    EXPECT_EQ(replayer->frames[2].info.durationMs, 40U);
+}
+
+TEST_F(ReplayTest, theFarewellOfTheTrackIsTheEndAndTheSessionStays)
+{
+    int round = 0;
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        const std::int64_t begin = recordedMs + 1000 * round++;
+        RecordingSender(connection, 90000U * static_cast<unsigned>(round), 100).report(begin).keyFrame().bye();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
+    EXPECT_EQ(replayer->frames.size(), 1U);
+    EXPECT_FALSE(replayer->closed);
+    beginAndWait({RecordedPlay::Interval{recordedMs + 1000, hour.endMs}, 1, false});
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 2; }));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 1000}));
+    EXPECT_EQ(headerOf(plays().at(1), "range"), "clock=20170426T021046Z-20170426T031045Z");
+}
+
+TEST_F(ReplayTest, theLastFrameIsHandedOutAtTheEndWhereFramesAreNotMarked)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        std::uint16_t sequence = 100;
+        for (const Bytes& nal : {spsNal(), ppsNal(), idrNal()})
+            connection.sendFrame(0, rtp(96, sequence++, 90000, false, nal));
+        connection.sendFrame(0, rtp(96, sequence, 93600, false, pictureNal()));
+        connection.sendFrame(1, byePacket(0x11223344));
+    }));
+    beginAndWait();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
+    EXPECT_EQ(replayer->frames.size(), 2U);
+}
+
+TEST_F(ReplayTest, aSeekDropsWhatIsOfTheOldPlaceAndBeginsWithAKeyFrame)
+{
+    int round = 0;
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        RecordingSender sender(connection, 90000, static_cast<std::uint16_t>(round * 5000));
+        if (round++ == 1)
+            sender.picture().keyFrame();  // on their way when the device heard of the new place
+        connection.reply(request, 200, "Range: clock=" + headerOf(request, "range").substr(6) + "\r\n");
+        if (round == 1)
+            sender.keyFrame().picture();
+        else
+            sender.picture().keyFrame().picture();
+    }));
+    beginAndWait({RecordedPlay::Interval{recordedMs + 60'000, hour.endMs}, 1, false});
+    ASSERT_TRUE(waitFrames(2));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(4));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{60'000, 60'040, 0, 40}));
+    EXPECT_TRUE(replayer->frames[2].info.keyFrame);
+    EXPECT_TRUE(replayer->frames[2].info.lostPacketsBefore);
+}
+
+TEST_F(ReplayTest, anotherSpeedGoesOnWithoutLoss)
+{
+    int round = 0;
+    std::optional<RecordingSender> sender;
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (!sender)
+            sender.emplace(connection);
+        if (round++ == 1)
+            sender->picture();
+        const std::string scale = headerOf(request, "scale");
+        connection.reply(request, 200, scale.empty() ? "" : "Scale: " + scale + "\r\n");
+        round == 1 ? sender->keyFrame() : sender->picture();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(1));
+    beginAndWait({std::nullopt, 4, false});
+    EXPECT_EQ(replayer->answer.scale, 4.0);
+    ASSERT_TRUE(waitFrames(3));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 80}));
+    EXPECT_EQ(headerOf(plays().at(1), "range"), "");
+    EXPECT_EQ(headerOf(plays().at(1), "scale"), "4");
+    beginAndWait({std::nullopt, 1, false});
+    EXPECT_EQ(headerOf(plays().at(2), "scale"), "1") << "said, because another one was asked for before";
+}
+
+TEST_F(ReplayTest, keyFramesOnlyIsAskedForAndConfirmed)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200, "Frames: " + headerOf(request, "frames") + "\r\nScale: 8\r\n");
+    }));
+    beginAndWait({hour, 8, true});
+    EXPECT_TRUE(replayer->answer.keyFramesOnly);
+    EXPECT_EQ(headerOf(plays().at(0), "frames"), "intra");
+}
+
+TEST_F(ReplayTest, pausedSilenceIsNoStallAndNothingIsLost)
+{
+    std::optional<RecordingSender> sender;
+    Camera recorder = recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        if (sender)
+            sender->picture();
+        else
+            sender.emplace(connection).keyFrame();
+    });
+    const auto onPlay = recorder.intercept;
+    recorder.intercept = [&, onPlay](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (request.method == "PAUSE")
+            sender->picture();  // sent before the request was read
+        return onPlay(connection, request);
+    };
+    loop.timing().keepAliveInterval = milliseconds(10);
+    replayer.emplace(loop);
+    replayer->client->setStallTimeout(milliseconds(50));
+    open(recorder);
+    ASSERT_TRUE(loop.runUntil([&] { return peer->count("GET_PARAMETER") >= 8; })) << "nothing is due before PLAY";
+    beginAndWait();
+    replayer->pause();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->paused.has_value(); }));
+    EXPECT_FALSE(*replayer->paused);
+    const std::size_t before = peer->count("GET_PARAMETER");
+    ASSERT_TRUE(loop.runUntil([&] { return peer->count("GET_PARAMETER") >= before + 10; }));
+    EXPECT_FALSE(replayer->closed);
+    beginAndWait({std::nullopt, 1, false});
+    ASSERT_TRUE(waitFrames(3));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 80}));
+    EXPECT_EQ(replayer->client->counters(replayer->videoTrack).lostPackets, 0U);
+}
+
+TEST_F(ReplayTest, silenceWhileMediaAreDueIsAStall)
+{
+    replayer->client->setStallTimeout(milliseconds(30));
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender(connection).keyFrame();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->closed.has_value(); }));
+    EXPECT_EQ(*replayer->closed, make_error_code(ResultCode::timedOut));
+}
+
+TEST_F(ReplayTest, aRefusalChangesNothing)
+{
+    int round = 0;
+    std::optional<RecordingSender> sender;
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (!sender)
+            sender.emplace(connection);
+        connection.reply(request, round++ == 1 ? 457 : 200);
+        round == 1 ? sender->keyFrame() : sender->picture();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(1));
+    beginAndWait({RecordedPlay::Interval{recordedMs + 60'000, hour.endMs}, 1, false});
+    EXPECT_EQ(*replayer->played, make_error_code(ResultCode::streamRefused));
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40}));
+    EXPECT_FALSE(replayer->closed);
+}
+
+TEST_F(ReplayTest, aSessionThatTheDeviceHasForgottenEnds)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 454);
+    }));
+    replayer->begin();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->closed.has_value(); }));
+    EXPECT_EQ(*replayer->closed, make_error_code(ResultCode::resourceNotFound));
+}
+
+TEST_F(ReplayTest, aPlayWithoutAnAnswerEndsTheConnection)
+{
+    loop.timing().requestTimeout = milliseconds(100);
+    replayer.emplace(loop);
+    open(recorderWith([&](ScriptedPeer::Connection&, const ScriptedPeer::Request&) {}));
+    replayer->begin();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->closed.has_value(); }));
+    EXPECT_EQ(*replayer->closed, make_error_code(ResultCode::timedOut));
+}
+
+TEST_F(ReplayTest, aRecordingThatTheDeviceHasNotFailsBeforeReady)
+{
+    for (const unsigned status : {404U, 599U, 454U}) {
+        SCOPED_TRACE(status);
+        Camera recorder = recorderWith({});
+        recorder.statuses["DESCRIBE"] = status;
+        ScriptedPeer unknowing(recorder.script());
+        Replayer other(loop);
+        other.open(unknowing);
+        ASSERT_TRUE(loop.runUntil([&] { return other.sdp.has_value(); }));
+        EXPECT_EQ(*other.sdp, make_error_code(status == 599 ? ResultCode::deviceError : ResultCode::resourceNotFound));
+    }
+}
+
+TEST_F(ReplayTest, onePlayOrPauseAtATimeAndOnlyWhenReady)
+{
+    replayer->begin();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->played.has_value(); }));
+    EXPECT_EQ(*replayer->played, make_error_code(ResultCode::invalidState));
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+    }));
+    replayer->begin();
+    replayer->pause();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->paused && replayer->played; }));
+    EXPECT_EQ(*replayer->paused, make_error_code(ResultCode::invalidState));
+    EXPECT_FALSE(*replayer->played);
+}
+
+TEST_F(ReplayTest, teardownInsideTheEndIsTheLastOfIt)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender(connection).keyFrame().bye();
+    }));
+    bool done = false;
+    replayer->onEnd = [&] { replayer->client->teardown([&](const error_code&) { done = true; }); };
+    replayer->begin();
+    ASSERT_TRUE(loop.runUntil([&] { return done; }));
+    EXPECT_EQ(peer->count("TEARDOWN"), 1U);
+    EXPECT_FALSE(replayer->closed);
+}
+
+TEST_F(ReplayTest, bothTracksEndBeforeTheEndIsTold)
+{
+    open(recorderWith(
+        [](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+            connection.reply(request, 200);
+            RecordingSender sender(connection);
+            sender.keyFrame().bye();
+            connection.sendFrame(2, rtp(0, 7, 160, false, Bytes(160, 0x55), 0x99));
+            connection.sendFrame(3, byePacket(0x99));
+        },
+        videoAndAudioSdp));
+    beginAndWait();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
+    EXPECT_EQ(replayer->audio.size(), 1U);
+    EXPECT_EQ(replayer->video.size(), 1U);
+}
+}  // namespace
+}  // namespace Tavro8::Utility
