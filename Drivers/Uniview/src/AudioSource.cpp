@@ -1,10 +1,17 @@
+#include <utility>
+
 #include "AudioSource.h"
 
+#include "AudioSettings.h"
 #include "ObjectName.h"
 
+#include <IpUtil/Http.h>
+#include <Tavro8/GDRV/IDeviceInformation.h>
 #include <Tavro8/ResultCode.h>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <stdexcept>
-#include <utility>
+#include <vector>
 
 template class Tavro8::Utility::RTSPReceiverBase<Tavro8::GDRV::IAudioSource, Uniview::Device>;
 template class Tavro8::Utility::RTSPReceiverSource<Tavro8::GDRV::IAudioSource, Uniview::Device>;
@@ -15,8 +22,21 @@ namespace Uniview
 {
 namespace
 {
+using Tavro8::ParameterMap;
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+using Tavro8::Utility::AudioSinkParams;
+
+constexpr const char* sourcePath = "Drivers/Uniview/src/AudioSource";
+constexpr const char* starting = "Uniview::AudioSource::Start";
+constexpr const char* startingIPC = "Uniview::AudioSource::startIPC";
+constexpr const char* applyingSettings = "Uniview::AudioSource::applyAudioSettings";
+
+constexpr const char* cameraPath = "/LAPI/V1.0/Media/Audio/Input";
+constexpr const char* unmuteBody = "{\"IsMute\": 0}";
+
 /// The stream whose connection the sound shares: the parameter `stream`, else the main stream.
-std::uint32_t sharedStream(const Tavro8::ParameterMap& parameters)
+std::uint32_t sharedStream(const ParameterMap& parameters)
 {
     const auto found = parameters.find("stream");
     if (found == parameters.end())
@@ -26,12 +46,60 @@ std::uint32_t sharedStream(const Tavro8::ParameterMap& parameters)
         throw std::out_of_range("the parameter \"stream\" is negative");
     return static_cast<std::uint32_t>(stream);
 }
+
+bool isRecorder(const Device& device)
+{
+    return device.GetDeviceKind() == static_cast<std::uint32_t>(Tavro8::GDRV::DeviceKind::recorder);
+}
+
+/// A recorder has an audio input for each channel, a camera one for all.
+std::string audioInputPath(const Device& device, std::uint32_t channel)
+{
+    if (!isRecorder(device))
+        return cameraPath;
+    return "/LAPI/V1.0/Channels/" + std::to_string(channel + 1) + "/Media/Audio/Input";
+}
+
+constexpr std::uint64_t formatOf(Tavro8::GDRV::MediaCodec codec, std::uint32_t sampleRate) noexcept
+{
+    return static_cast<std::uint64_t>(codec) << 32U | sampleRate;
+}
+
+/// Whether what comes is what is wanted.
+bool satisfies(std::uint64_t format, const AudioSinkParams& wanted) noexcept
+{
+    const auto rate = static_cast<std::uint32_t>(format);
+    return format != 0 && (wanted.sampleRate == 0 || wanted.sampleRate == rate) &&
+           (wanted.expectedCodec == Tavro8::GDRV::MediaCodec::unknown ||
+            format == formatOf(wanted.expectedCodec, rate));
+}
+
+/// No data are expected of a write; those that come are judged.
+lapi::Expect writeExpectation(const std::vector<char>& body) noexcept
+{
+    return body.empty() ? lapi::Expect::status : lapi::Expect::success;
+}
 }  // namespace
+
+struct AudioSource::Turn {
+    explicit Turn(std::shared_ptr<AudioSource> of) : source(std::move(of)), quiet(source->microphoneFailureTold) {}
+    ~Turn()
+    {
+        source->microphoneFailureTold = failed;
+        source->switchingOn = false;
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    const std::shared_ptr<AudioSource> source;
+    const bool quiet;  // the last one failed too, and that was said
+    bool failed = false;
+};
 
 Tavro8::GDRV::IAudioSource* AudioSource::create(Device* device, std::uint32_t channel,
                                                 Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
                                                 Tavro8::GDRV::IMediaFrameHandler* frames,
-                                                const Tavro8::ParameterMap& parameters, Tavro8::IContract* parent)
+                                                const ParameterMap& parameters, Tavro8::IContract* parent)
 {
     Tavro8::Utility::LiveSourceContext context;
     context.frames = frames;
@@ -44,8 +112,322 @@ Tavro8::GDRV::IAudioSource* AudioSource::create(Device* device, std::uint32_t ch
     return source.get();
 }
 
-std::int32_t AudioSource::ApplySettings(const Tavro8::ParameterMap&) noexcept
+AudioSource::AudioSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler, Tavro8::IContract* parent,
+                         Tavro8::Utility::LiveSourceContext sourceContext)
+    : RTSPReceiverAudioSource(device, handler, parent, std::move(sourceContext)),
+      weakDevice(device->weak_from_this()),
+      log(device->getLogger().get(), sourcePath, context.objectName)
+{}
+
+void AudioSource::Start() noexcept
 {
-    return toResult(Tavro8::ResultCode::notSupported);
+    const auto keep = shared_from_this();  // the host may destroy the source from inside `Started`
+    Tavro8::guardedVoid(log, starting, [this] {
+        if (currentStream() != nullptr)
+            return;  // runs already
+        microphoneFailureTold = false;
+        startCoversConnection = turnMicrophoneOn();
+    });
+    RTSPReceiverAudioSource::Start();
+}
+
+void AudioSource::Destroy() noexcept
+{
+    const auto keep = shared_from_this();
+    requests.end();
+    RTSPReceiverAudioSource::Destroy();
+}
+
+void AudioSource::onConnectionStart()
+{
+    RTSPReceiverAudioSource::onConnectionStart();
+    if (!startCoversConnection.exchange(false))
+        Tavro8::guardedVoid(log, starting, [this] { turnMicrophoneOn(); });
+}
+
+void AudioSource::onStreamState(const Tavro8::error_code& ec)
+{
+    // A stream that played before this source came has made no connection for it.
+    startCoversConnection = false;
+    RTSPReceiverAudioSource::onStreamState(ec);
+}
+
+void AudioSource::onFrame(const Tavro8::GDRV::MediaFrame& frame) noexcept
+{
+    lastFormat.store(formatOf(frame.codec, frame.sampleRate), std::memory_order_relaxed);
+    RTSPReceiverAudioSource::onFrame(frame);
+}
+
+// ---- requests -------------------------------------------------------------------------------------------------
+
+void AudioSource::Requests::note(Kind kind, Tavro8::http::CancellationPtr request)
+{
+    const std::lock_guard lock(mutex);
+    underWay[kind] = std::move(request);
+    if (ended)
+        underWay[kind]->cancel();
+}
+
+void AudioSource::Requests::end() noexcept
+{
+    const std::lock_guard lock(mutex);
+    ended = true;
+    for (const auto& request : underWay) {
+        if (request != nullptr)
+            request->cancel();
+    }
+}
+
+bool AudioSource::Requests::haveEnded() const noexcept
+{
+    const std::lock_guard lock(mutex);
+    return ended;
+}
+
+template <typename Next>
+Tavro8::http::CompletionHandler AudioSource::onReply(const std::shared_ptr<Device>& of, const char* place, Next next)
+{
+    return [self = sharedSelf(), of, place, next = std::move(next)](const Tavro8::error_code& ec,
+                                                                    const std::vector<char>& body,
+                                                                    const Tavro8::http::HttpResponse& response) {
+        Tavro8::guardedVoid(self->log, place, [&] {
+            if (self->requests.haveEnded())
+                return;
+            // Some firmware breaks off its answer where it lacks a resource; that is no loss of the device.
+            if (ec != ResultCode::connectionLost)
+                of->reportExchange(ec);
+            next(*self, of, ec, body, response);
+        });
+    };
+}
+
+// ---- the microphone -------------------------------------------------------------------------------------------
+
+/// False while the device is not connected.
+bool AudioSource::turnMicrophoneOn()
+{
+    const auto of = weakDevice.lock();
+    if (of == nullptr || !of->hasBeenConnected())
+        return false;
+    if (switchingOn.exchange(true))
+        return true;
+    const auto turn = std::make_shared<Turn>(sharedSelf());
+    const std::string path = audioInputPath(*of, context.channel);
+    const auto reply = onReply(
+        of, starting,
+        [turn, path](AudioSource& self, const auto& device, const auto& ec, const auto& body, const auto& response) {
+            self.onMicrophoneState(device, turn, path, lapi::judge(ec, response, body));
+        });
+    requests.note(Requests::microphone,
+                  Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
+    return true;
+}
+
+void AudioSource::onMicrophoneState(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,
+                                    const lapi::Reply& reply)
+{
+    if (!reply) {
+        reportFailure(*turn, starting, reply, path, "Bad request to turn on the microphone.");
+        // A camera that is there and does not say how its microphone stands may listen all the same.
+        if (reply.failure != lapi::Failure::transport && !isRecorder(*of))
+            startIPC(of, turn);
+        return;
+    }
+    const bool isObject = reply.data.isObject();
+    if (isObject && reply.data["IsMute"].isInt() && reply.data["IsMute"].asInt() == 0) {
+        turn->failed = false;
+        log.info(starting, "Microphone is already turned on");
+        return;
+    }
+    unmute(of, turn, path, starting);
+}
+
+void AudioSource::startIPC(const std::shared_ptr<Device>& of, const TurnPtr& turn)
+{
+    unmute(of, turn, cameraPath, startingIPC);
+}
+
+void AudioSource::unmute(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,
+                         const char* place)
+{
+    const auto reply = onReply(
+        of, place,
+        [turn, path, place](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
+            const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
+            if (!judged)
+                return self.reportFailure(*turn, place, judged, path, "Bad request to turn on the microphone");
+            turn->failed = false;
+            self.log.info(place, "Microphone is turned on");
+        });
+    requests.note(Requests::microphone,
+                  Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, unmuteBody, of->service(), reply));
+}
+
+/// Until it works again this is said once: a device that has no microphone is asked at each connection.
+void AudioSource::reportFailure(Turn& turn, const char* place, const lapi::Reply& reply, const std::string& path,
+                                const char* words)
+{
+    turn.failed = true;
+    if (turn.quiet)
+        return;
+    if (const std::string why = lapi::describe(reply, path); !why.empty())
+        log.error(place, why);
+    log.error(place, words);
+}
+
+// ---- settings -------------------------------------------------------------------------------------------------
+
+std::int32_t AudioSource::ApplySettings(const ParameterMap& changed) noexcept
+{
+    return Tavro8::guarded(log, applyingSettings, toResult(ResultCode::unexpected), [&] {
+        try {
+            return takeSettings(changed);
+        } catch (const settings::Refusal& e) {
+            log.error(applyingSettings, e.what());
+            return e.getResult();
+        }
+    });
+}
+
+std::int32_t AudioSource::takeSettings(const ParameterMap& changed)
+{
+    const bool concernsDevice = settings::readAudioInput(changed).any();
+    settings::checkAudioSink(changed);
+    if (concernsDevice && !device->hasBeenConnected()) {
+        log.error(applyingSettings, "Settings can be applied once the device has connected");
+        return toResult(ResultCode::invalidState);
+    }
+    if (settingsTaken.fetch_add(1) >= maxSettingsTaken) {
+        --settingsTaken;
+        log.error(applyingSettings, "Too many settings wait for the device");
+        return toResult(ResultCode::deviceBusy);
+    }
+    boost::asio::post(device->service(),
+                      [self = sharedSelf(), request = SettingsRequest{changed, device->shared_from_this()}] {
+                          Tavro8::guardedVoid(self->log, applyingSettings, [&] {
+                              self->waitingSettings.push_back(request);
+                              self->applyNextSettings();
+                          });
+                      });
+    return toResult(ResultCode::success);
+}
+
+void AudioSource::applyNextSettings()
+{
+    while (!applying && !waitingSettings.empty() && !requests.haveEnded()) {
+        const SettingsRequest request = std::move(waitingSettings.front());
+        waitingSettings.pop_front();
+        applying = true;
+        const auto failed = Tavro8::guarded(log, applyingSettings, toResult(ResultCode::unexpected), [&] {
+            applyAudioSettings(request);
+            return toResult(ResultCode::success);
+        });
+        if (failed != 0)
+            finishSettings(failed);
+    }
+}
+
+/// A step of a settings request, which ends with a result whatever happens.
+template <typename Step>
+void AudioSource::finishOnThrow(Step&& step)
+{
+    const auto failed = Tavro8::guarded(log, applyingSettings, toResult(ResultCode::unexpected), [&] {
+        std::forward<Step>(step)();
+        return toResult(ResultCode::success);
+    });
+    if (failed != 0)
+        finishAudioInput(failed);
+}
+
+void AudioSource::applyAudioSettings(const SettingsRequest& request)
+{
+    adjust(request.given);
+    if (!settings::readAudioInput(request.given).any())
+        return finishSettings(toResult(ResultCode::success));
+    const std::string path = audioInputPath(*request.device, context.channel);
+    const auto reply = onReply(request.device, applyingSettings,
+                               [given = request.given, path](AudioSource& self, const auto& of, const auto& ec,
+                                                             const auto& body, const auto& response) {
+                                   lapi::Reply judged = lapi::judge(ec, response, body);
+                                   self.finishOnThrow([&] { self.onSettingsRead(of, given, path, judged); });
+                               });
+    requests.note(Requests::settings, Tavro8::http::asyncGetEx(request.device->getHttpConnectionInfo(), path,
+                                                               request.device->service(), reply));
+}
+
+void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const ParameterMap& given, const std::string& path,
+                                 lapi::Reply& reply)
+{
+    if (!reply && reply.failure != lapi::Failure::malformed) {
+        log.error(applyingSettings, lapi::describe(reply, path));
+        log.error(applyingSettings, "Bad response while tried to get audio settings");
+        return finishAudioInput(reply.result);
+    }
+    settings::AudioInputValues values = settings::readAudioInput(given);
+    if (values.micMode && !values.micNumber)  // of the microphone that the host has chosen before
+        values.micNumber = settings::readAudioInput(parameters.snapshot()).micNumber;
+    const settings::Edit edit = reply ? settings::editAudioInput(reply.data, values)
+                                      : settings::Edit{false, toResult(ResultCode::malformedReply), reply.message};
+    if (edit.result == toResult(ResultCode::malformedReply))
+        log.error(applyingSettings, "Can't parse audio settings");
+    else if (edit.result != 0)
+        log.error(applyingSettings, edit.message);
+    if (!edit)
+        return finishAudioInput(edit.result);
+    const std::string edited = lapi::writeJson(reply.data);
+    const auto written =
+        onReply(of, applyingSettings,
+                [path, edited](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
+                    const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
+                    self.finishOnThrow([&] { self.onSettingsWritten(path, edited, judged); });
+                });
+    requests.note(Requests::settings,
+                  Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, edited, of->service(), written));
+}
+
+void AudioSource::onSettingsWritten(const std::string& path, const std::string& body, const lapi::Reply& reply)
+{
+    if (!reply) {
+        if (const std::string why = lapi::describe(reply, path); !why.empty())
+            log.error(applyingSettings, why);
+        log.error(applyingSettings, "Failed to apply settings");
+        log.error(applyingSettings, "Failed request details:\n", "PUT ", path, '\n', body);
+    }
+    finishAudioInput(reply.result);
+}
+
+void AudioSource::finishAudioInput(std::int32_t result)
+{
+    reportSettings("audioInput", result);
+    finishSettings(result);
+    applyNextSettings();
+}
+
+void AudioSource::finishSettings(std::int32_t result)
+{
+    applying = false;
+    --settingsTaken;
+    reportSettings("all", result);
+}
+
+// ---- what is received -----------------------------------------------------------------------------------------
+
+void AudioSource::initializeAudioFilter(Tavro8::Utility::RTSPClient& client)
+{
+    client.setAudioSinkParams(settings::readAudioSink(parameters.snapshot()));
+}
+
+/// Values that ask for what comes anyway need no new connection.
+bool AudioSource::parametersRequireRTSPClientReconnect(const ParameterMap& changed) const
+{
+    if (changes<std::string>(changed, "transport"))
+        return true;
+    ParameterMap all = parameters.snapshot();
+    const AudioSinkParams before = settings::readAudioSink(all);
+    for (const auto& [name, value] : changed)
+        all[name] = value;
+    const AudioSinkParams after = settings::readAudioSink(all);
+    const bool same = before.expectedCodec == after.expectedCodec && before.sampleRate == after.sampleRate;
+    return !same && !satisfies(lastFormat, after);
 }
 }  // namespace Uniview

@@ -1,9 +1,18 @@
 #pragma once
 
 #include "Device.h"
+#include "Lapi.h"
 
+#include <IpUtil/Http.h>
 #include <IpUtil/RTSPReceiverBase.h>
 #include <Tavro8/GDRV/ILiveSource.h>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
 
 // Compiled once, in AudioSource.cpp.
 extern template class Tavro8::Utility::RTSPReceiverBase<Tavro8::GDRV::IAudioSource, Uniview::Device>;
@@ -13,18 +22,104 @@ extern template class Tavro8::Utility::RTSPReceiverAudioSource<Uniview::Device>;
 
 namespace Uniview
 {
-/// Live sound of a channel. Threads as in `RTSPReceiverBase`.
+/// Live sound of a channel, its microphone and the microphone's settings.
+///
+/// Threads as in `RTSPReceiverBase`; replies of the management interface come on the device's I/O thread. The
+/// microphone is switched on beside the stream and never holds it up: once for each start, or when the device has
+/// connected if that is later, and again with each later connection of the stream, since a device that restarted may be
+/// mute. Settings are applied one request of the host after the other.
 class AudioSource final : public Tavro8::Utility::RTSPReceiverAudioSource<Device> {
 public:
+    static constexpr std::size_t maxSettingsTaken = 32;  ///< by `ApplySettings`, before the first of them is done
+
     /// Makes a source that the host releases with `Destroy`. Arguments as in `IDevice::CreateAudioSource`.
     static Tavro8::GDRV::IAudioSource* create(Device* device, std::uint32_t channel,
                                               Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
                                               Tavro8::GDRV::IMediaFrameHandler* frames,
                                               const Tavro8::ParameterMap& parameters, Tavro8::IContract* parent);
 
-    using RTSPReceiverAudioSource::RTSPReceiverAudioSource;
+    AudioSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler, Tavro8::IContract* parent,
+                Tavro8::Utility::LiveSourceContext sourceContext);
 
-    /// Settings are not written to the device yet: "not supported".
+    void Start() noexcept override;
+    /// Requests that are under way are given up.
+    void Destroy() noexcept override;
+
+    /// Knows `volume`, `noiseReduce`, `micNumber`, `micMode` (integers), which are written to the device, and
+    /// `encoding`, `algorithm`, `samplerate`, which say what is to be received. Returns 0 when the request was taken, 3
+    /// for a value of another type, 2 when the device has to be written to and has not been connected, 515 when too
+    /// many others wait. Then the handler is told "audioInput", if that is concerned, and "all".
     std::int32_t ApplySettings(const Tavro8::ParameterMap& changed) noexcept override;
+
+    // RTSPReceiver; on the stream's I/O thread.
+    void onConnectionStart() override;
+    void onFrame(const Tavro8::GDRV::MediaFrame& frame) noexcept override;
+    void onStreamState(const Tavro8::error_code& ec) override;
+
+protected:
+    void initializeAudioFilter(Tavro8::Utility::RTSPClient& client) override;
+    bool parametersRequireRTSPClientReconnect(const Tavro8::ParameterMap& changed) const override;
+
+private:
+    /// Requests to the device that are under way, at most one of each kind. Any thread.
+    class Requests {
+    public:
+        enum Kind { microphone, settings, kinds };
+
+        void note(Kind kind, Tavro8::http::CancellationPtr request);
+        void end() noexcept;  ///< takes back those under way and those to come
+        bool haveEnded() const noexcept;
+
+    private:
+        mutable std::mutex mutex;  // guards all below
+        Tavro8::http::CancellationPtr underWay[kinds];
+        bool ended = false;
+    };
+    /// One request of the host to apply settings.
+    struct SettingsRequest {
+        Tavro8::ParameterMap given;
+        std::shared_ptr<Device> device;  // the host may release it before the last reply
+    };
+    /// One attempt to switch the microphone on; no other begins while it is held.
+    struct Turn;
+    using TurnPtr = std::shared_ptr<Turn>;
+
+    std::shared_ptr<AudioSource> sharedSelf() { return std::static_pointer_cast<AudioSource>(shared_from_this()); }
+    /// The completion of a request to the device: judges the reply and hands it to `next`, unless the source is gone.
+    template <typename Next>
+    Tavro8::http::CompletionHandler onReply(const std::shared_ptr<Device>& of, const char* place, Next next);
+
+    bool turnMicrophoneOn();
+    void onMicrophoneState(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,
+                           const lapi::Reply& reply);
+    void unmute(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path, const char* place);
+    void startIPC(const std::shared_ptr<Device>& of, const TurnPtr& turn);
+    void reportFailure(Turn& turn, const char* place, const lapi::Reply& reply, const std::string& path,
+                       const char* words);
+
+    std::int32_t takeSettings(const Tavro8::ParameterMap& changed);
+    void applyNextSettings();
+    void applyAudioSettings(const SettingsRequest& request);
+    void onSettingsRead(const std::shared_ptr<Device>& of, const Tavro8::ParameterMap& given, const std::string& path,
+                        lapi::Reply& reply);
+    void onSettingsWritten(const std::string& path, const std::string& body, const lapi::Reply& reply);
+    template <typename Step>
+    void finishOnThrow(Step&& step);
+    void finishAudioInput(std::int32_t result);
+    void finishSettings(std::int32_t result);
+
+    const std::weak_ptr<Device>
+        weakDevice;  // for the I/O thread, on which the host does not wait before it destroys it
+    const Tavro8::LoggerHelper log;
+    Requests requests;
+    std::atomic<bool> switchingOn{false};
+    std::atomic<bool> startCoversConnection{false};  // the microphone was seen to when the source was started
+    std::atomic<bool> microphoneFailureTold{false};
+    std::atomic<std::size_t> settingsTaken{0};  // requests that are not done
+    std::atomic<std::uint64_t> lastFormat{0};   // codec and sample rate of the last frame
+
+    // On the I/O thread only:
+    std::deque<SettingsRequest> waitingSettings;
+    bool applying = false;
 };
 }  // namespace Uniview

@@ -102,7 +102,7 @@ protected:
     void expectError(const std::string& text, const std::string& function)
     {
         const LogLine line = logger.find(text);
-        EXPECT_EQ(line.message.find("ad 0: " + text), line.message.find("ad 0: ")) << line.message;
+        EXPECT_NE(line.message.find("ad 0: " + text), std::string::npos) << line.message;
         EXPECT_EQ(line.function, "Uniview::AudioDestination::" + function) << text;
         EXPECT_EQ(line.file, "Drivers/Uniview/src/AudioDestination");
         EXPECT_EQ(line.severity, Tavro8::LogSeverity::error);

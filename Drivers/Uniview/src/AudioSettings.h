@@ -1,0 +1,36 @@
+#pragma once
+
+#include "SettingsEdit.h"
+
+#include <IpUtil/RTSPClient.h>
+#include <Tavro8/ParameterMap.h>
+#include <json/value.h>
+#include <optional>
+
+/// What the host's values mean for a microphone and for the sound that is received. Nothing in here knows a socket.
+namespace Uniview::settings
+{
+/// Values for the device's audio input; what the host has not given is nothing.
+struct AudioInputValues {
+    std::optional<int> volume = {};       ///< "InputGain"
+    std::optional<int> noiseReduce = {};  ///< 0 or 1
+    std::optional<int> micNumber = {};    ///< "ID" of the microphone that is to be used
+    std::optional<int> micMode = {};      ///< its "Mode"
+
+    bool any() const noexcept { return volume || noiseReduce || micNumber || micMode; }
+};
+
+/// Integers, or their texts. Raises a `Refusal` for anything else.
+AudioInputValues readAudioInput(const Tavro8::ParameterMap& given);
+
+/// Puts the values into the data of the audio-input resource and leaves everything else as it is. A microphone that the
+/// device does not have is not found, data of another shape are a malformed reply.
+Edit editAudioInput(Json::Value& data, const AudioInputValues& values);
+
+/// Which sound is to be received: `encoding` ("G.711", or "u-law" for that law), `algorithm` (the law of "G.711":
+/// "u-law", or another for A-law) and `samplerate`. What says nothing, or has another type, leaves the choice to the
+/// device.
+Tavro8::Utility::AudioSinkParams readAudioSink(const Tavro8::ParameterMap& parameters);
+/// Raises a `Refusal` when one of these values is of another type.
+void checkAudioSink(const Tavro8::ParameterMap& given);
+}  // namespace Uniview::settings

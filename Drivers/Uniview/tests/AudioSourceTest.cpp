@@ -1,0 +1,479 @@
+#include "AudioSource.h"
+
+#include "DeviceFixture.h"
+#include "ScriptedPeer.h"
+
+#include <Tavro8/ResultCode.h>
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace
+{
+using namespace Uniview::test;
+using kelvo::test::LogLine;
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+using Tavro8::Utility::testkit::Bytes;
+using Tavro8::Utility::testkit::Camera;
+using Tavro8::Utility::testkit::PacketSender;
+using Tavro8::Utility::testkit::ScriptedPeer;
+using Results = std::vector<std::pair<std::string, std::int32_t>>;
+
+constexpr const char* cameraPath = "/LAPI/V1.0/Media/Audio/Input";
+constexpr const char* getCamera = "GET /LAPI/V1.0/Media/Audio/Input";
+constexpr const char* putCamera = "PUT /LAPI/V1.0/Media/Audio/Input";
+constexpr const char* ok = "{\"Response\":{\"ResponseCode\":0,\"ResponseString\":\"Succeed\",\"Data\":null}}";
+constexpr const char* refused =
+    "{\"Response\":{\"ResponseCode\":1,\"ResponseString\":\"No\",\"StatusString\":\"Never\",\"Data\":null}}";
+
+std::string reply(const std::string& data)
+{
+    return "{\"Response\":{\"ResponseCode\":0,\"Data\":" + data + "}}";
+}
+
+/// G.711 as long as somebody listens.
+Camera singingCamera()
+{
+    Camera camera;
+    camera.sdp = "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\nm=audio 0 RTP/AVP 0\r\na=control:sound\r\n";
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        PacketSender sender;
+        sender.payloadType = 0;
+        for (int i = 0; i < 10; ++i)
+            sender.sendFrame(connection, {Bytes(160, 0xff)}, 160);
+    };
+    return camera;
+}
+
+class AudioSource : public DeviceFixture {
+protected:
+    ~AudioSource() override { destroy(); }
+
+    void create(std::uint32_t channel = 0, const Tavro8::ParameterMap& parameters = {})
+    {
+        ASSERT_EQ(device->CreateAudioSource(channel, &sound, &sound, parameters, nullptr, &source), 0);
+    }
+    void destroy()
+    {
+        if (source != nullptr)
+            std::exchange(source, nullptr)->Destroy();
+    }
+    /// A connected device of a kind, and a source of its channel.
+    void prepare(int deviceType = 0, std::uint32_t channels = 1)
+    {
+        rtsp = std::make_unique<ScriptedPeer>(singingCamera().script());
+        make(channels);
+        peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+        peer.answer(infoPath, 200, deviceInfo(deviceType));
+        connect();
+        create();
+    }
+    std::size_t count(const std::string& request) const
+    {
+        const auto all = peer.requests();
+        return static_cast<std::size_t>(std::count(all.begin(), all.end(), request));
+    }
+    /// The body of the last request of that name.
+    std::string bodyOf(const std::string& request) const
+    {
+        const auto requests = peer.requests();
+        const auto bodies = peer.bodies();
+        std::string found;
+        for (std::size_t i = 0; i < requests.size() && i < bodies.size(); ++i) {
+            if (requests[i] == request)
+                found = bodies[i];
+        }
+        return found;
+    }
+    void expectError(const std::string& message, const std::string& function)
+    {
+        const LogLine line = logger.find("chan 0: " + message);
+        EXPECT_EQ(line.message, "[127.0.0.1:" + std::to_string(peer.port()) + "] chan 0: " + message) << logger.text();
+        EXPECT_EQ(line.function, "Uniview::AudioSource::" + function);
+        EXPECT_EQ(line.file, "Drivers/Uniview/src/AudioSource");
+        EXPECT_EQ(line.severity, Tavro8::LogSeverity::error);
+    }
+    std::int32_t apply(const Tavro8::ParameterMap& given) { return source->ApplySettings(given); }
+    /// What the host is told of one request.
+    Results applied(const Tavro8::ParameterMap& given)
+    {
+        EXPECT_EQ(apply(given), 0);
+        EXPECT_TRUE(sound.waitSettings("all"));
+        return sound.settingsResults();
+    }
+
+    kelvo::test::ChannelHandler sound;
+    std::unique_ptr<ScriptedPeer> rtsp;
+    Tavro8::GDRV::IAudioSource* source = nullptr;
+};
+
+// ---- the microphone -------------------------------------------------------------------------------------------
+
+TEST_F(AudioSource, aMicrophoneThatIsOnIsLeftAlone)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Microphone is already turned on"));
+    EXPECT_TRUE(sound.waitFrames(1));
+    EXPECT_EQ(logger.find("Microphone is already turned on").function, "Uniview::AudioSource::Start");
+    EXPECT_EQ(count(getCamera), 1U);
+    EXPECT_EQ(count(putCamera), 0U);
+}
+
+TEST_F(AudioSource, aMutedMicrophoneIsTurnedOn)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"IsMute\":1}"));
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_EQ(bodyOf(putCamera), "{\"IsMute\": 0}");
+    EXPECT_TRUE(sound.waitFrames(1));
+    EXPECT_EQ(logger.errorCount(), 0U) << logger.text();
+}
+
+TEST_F(AudioSource, aMicrophoneWhoseStateIsNotToldIsTurnedOn)
+{
+    for (const char* const data : {"{}", "{\"IsMute\":\"0\"}", "null", "[0]"}) {
+        SCOPED_TRACE(data);
+        const std::size_t before = count(putCamera);
+        if (device == nullptr)
+            prepare();
+        peer.answer(std::string("GET ") + cameraPath, 200, reply(data));
+        peer.answer(std::string("PUT ") + cameraPath, 200, "");
+        source->Start();
+        ASSERT_TRUE(peer.waitForRequest(putCamera, before + 1));
+        ASSERT_TRUE(logger.waitFor("Microphone is turned on", before + 1));
+        source->Stop();
+        ASSERT_TRUE(sound.waitStopped(before + 1));
+    }
+}
+
+TEST_F(AudioSource, aRecorderHasAnInputForEachChannelCountedFromOne)
+{
+    prepare(1, 3);
+    const std::string path = "/LAPI/V1.0/Channels/1/Media/Audio/Input";
+    peer.answer("GET " + path, 200, reply("{\"IsMute\":1}"));
+    peer.answer("PUT " + path, 200, ok);
+    source->Start();
+    EXPECT_TRUE(peer.waitForRequest("PUT " + path));
+    EXPECT_EQ(count(getCamera), 0U);
+}
+
+TEST_F(AudioSource, aCameraWithSeveralChannelsHasOneInput)
+{
+    prepare(1000, 3);
+    peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
+    source->Start();
+    EXPECT_TRUE(peer.waitForRequest(getCamera));
+    EXPECT_TRUE(logger.waitFor("Microphone is already turned on"));
+}
+
+TEST_F(AudioSource, aCameraThatDoesNotTellItsStateIsTurnedOnDirectly)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 404, "");
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Microphone is turned on"));
+    expectError("Bad request to turn on the microphone.", "Start");
+    EXPECT_EQ(logger.find("Microphone is turned on").function, "Uniview::AudioSource::startIPC");
+    EXPECT_EQ(bodyOf(putCamera), "{\"IsMute\": 0}");
+}
+
+TEST_F(AudioSource, aMicrophoneThatCannotBeTurnedOnDoesNotPreventReception)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, refused);
+    peer.answer(std::string("PUT ") + cameraPath, 500, "");
+    source->Start();
+    EXPECT_TRUE(sound.waitFrames(1));
+    ASSERT_TRUE(logger.waitFor("HTTP response has error code:500"));
+    ASSERT_TRUE(logger.waitFor("Bad request to turn on the microphone", 2));
+    expectError("Bad request to turn on the microphone.", "Start");
+    expectError(" Internal API error :No, status :Never", "Start");
+    const auto lines = logger.lines();
+    EXPECT_TRUE(std::ranges::any_of(lines, [](const LogLine& line) {
+        return line.function == "Uniview::AudioSource::startIPC" &&
+               line.message.ends_with("chan 0: Bad request to turn on the microphone");
+    }));
+}
+
+TEST_F(AudioSource, aRecorderThatRefusesIsNotAskedInTheCamerasWay)
+{
+    prepare(1, 2);
+    peer.answer("GET /LAPI/V1.0/Channels/1/Media/Audio/Input", 200, refused);
+    source->Start();
+    EXPECT_TRUE(sound.waitFrames(1));
+    ASSERT_TRUE(logger.waitFor("Bad request to turn on the microphone."));
+    source->Stop();
+    ASSERT_TRUE(sound.waitStopped());
+    EXPECT_EQ(count(putCamera), 0U);
+}
+
+TEST_F(AudioSource, aDeviceThatHangsDoesNotDelayReception)
+{
+    prepare();
+    peer.staySilent(cameraPath);
+    source->Start();
+    ASSERT_TRUE(sound.waitFrames(1));
+    ASSERT_TRUE(peer.waitForRequest(getCamera));
+    destroy();
+    EXPECT_EQ(logger.errorCount(), 0U) << "a request that is given up is no failure";
+}
+
+TEST_F(AudioSource, startedBeforeTheDeviceConnectsTurnsTheMicrophoneOnLater)
+{
+    rtsp = std::make_unique<ScriptedPeer>(singingCamera().script());
+    make();
+    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"IsMute\":1}"));
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    create();
+    source->Start();
+    EXPECT_EQ(count(getCamera), 0U);
+    connect();
+    EXPECT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_TRUE(sound.waitFrames(1));
+}
+
+TEST_F(AudioSource, aNewConnectionLooksAfterTheMicrophoneAgain)
+{
+    Camera camera = singingCamera();
+    camera.afterPlay = [play = camera.afterPlay](ScriptedPeer::Connection& connection) {
+        play(connection);
+        if (connection.number == 0)
+            connection.close();
+    };
+    rtsp = std::make_unique<ScriptedPeer>(camera.script());
+    make();
+    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
+    connect();
+    create();
+    source->Start();
+    EXPECT_TRUE(logger.waitFor("Microphone is already turned on", 2));
+}
+
+TEST_F(AudioSource, asksOnceForEachStart)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
+    source->Start();
+    source->Start();
+    ASSERT_TRUE(sound.waitFrames(1));
+    ASSERT_TRUE(logger.waitFor("Microphone is already turned on"));
+    source->Stop();
+    ASSERT_TRUE(sound.waitStopped());
+    EXPECT_EQ(count(getCamera), 1U);
+}
+
+// ---- settings -------------------------------------------------------------------------------------------------
+
+constexpr const char* input = "{\"IsMute\":0,\"InputGain\":120,\"NoiseReduction\":{\"Enabled\":0},\"Gain\":25.4,"
+                              "\"AudioInputNum\":2,\"AudioInputList\":[{\"ID\":1,\"Enabled\":1,\"Mode\":0},"
+                              "{\"ID\":2,\"Enabled\":0,\"Mode\":0}]}";
+
+TEST_F(AudioSource, writesSettingsBackWithWhatItDoesNotKnow)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply(input));
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    EXPECT_EQ(applied({{"volume", 200}, {"noiseReduce", 1}, {"micNumber", 2}, {"micMode", 3}}),
+              (Results{{"audioInput", 0}, {"all", 0}}));
+    EXPECT_EQ(bodyOf(putCamera), "{\"AudioInputList\":[{\"Enabled\":1,\"ID\":1,\"Mode\":0},{\"Enabled\":1,\"ID\":2,"
+                                 "\"Mode\":3}],\"AudioInputNum\":2,\"Gain\":25.4,\"InputGain\":200,\"IsMute\":0,"
+                                 "\"NoiseReduction\":{\"Enabled\":1}}");
+    EXPECT_EQ(logger.errorCount(), 0U) << logger.text();
+}
+
+TEST_F(AudioSource, doesNotWriteWhatIsSoAlready)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply(input));
+    EXPECT_EQ(applied({{"volume", 120}}), (Results{{"audioInput", 0}, {"all", 0}}));
+    EXPECT_EQ(count(getCamera), 1U);
+    EXPECT_EQ(count(putCamera), 0U);
+}
+
+TEST_F(AudioSource, aModeAloneIsForTheMicrophoneChosenBefore)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply(input));
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    applied({{"micNumber", 2}});
+    ASSERT_EQ(apply({{"micMode", 5}}), 0);
+    ASSERT_TRUE(sound.waitSettings("all", 2));
+    EXPECT_NE(bodyOf(putCamera).find("\"ID\":2,\"Mode\":5"), std::string::npos) << bodyOf(putCamera);
+}
+
+TEST_F(AudioSource, tellsASettingsResourceThatCannotBeRead)
+{
+    prepare();
+    peer.answer(cameraPath, 500, "");
+    const Results results = applied({{"volume", 1}});
+    EXPECT_EQ(results,
+              (Results{{"audioInput", toResult(ResultCode::deviceError)}, {"all", toResult(ResultCode::deviceError)}}));
+    expectError("Bad response while tried to get audio settings", "applyAudioSettings");
+    EXPECT_EQ(count(putCamera), 0U);
+}
+
+TEST_F(AudioSource, tellsSettingsThatAreNotJson)
+{
+    for (const std::string& body : {std::string("<html/>"), reply("[1]"), reply("null")}) {
+        if (device == nullptr)
+            prepare();
+        const std::size_t before = sound.settingsResults().size();
+        peer.answer(cameraPath, 200, body);
+        ASSERT_EQ(apply({{"volume", 1}}), 0);
+        ASSERT_TRUE(sound.waitSettings("all", before / 2 + 1));
+        EXPECT_EQ(sound.settingsResults().back().second, toResult(ResultCode::malformedReply)) << body;
+    }
+    expectError("Can't parse audio settings", "applyAudioSettings");
+    EXPECT_EQ(logger.count("Can't parse audio settings"), 3U);
+    EXPECT_FALSE(logger.contains("Bad response while tried to get audio settings"));
+}
+
+TEST_F(AudioSource, tellsARefusedWriteWithItsRequest)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"InputGain\":1}"));
+    peer.answer(std::string("PUT ") + cameraPath, 200, refused);
+    EXPECT_EQ(applied({{"volume", 2}}),
+              (Results{{"audioInput", toResult(ResultCode::apiError)}, {"all", toResult(ResultCode::apiError)}}));
+    expectError("Failed to apply settings", "applyAudioSettings");
+    expectError("Failed request details:\nPUT /LAPI/V1.0/Media/Audio/Input\n{\"InputGain\":2}", "applyAudioSettings");
+}
+
+TEST_F(AudioSource, aMicrophoneThatTheDeviceDoesNotHaveIsNotFound)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply(input));
+    EXPECT_EQ(applied({{"micNumber", 3}, {"volume", 1}}),
+              (Results{{"audioInput", toResult(ResultCode::notFound)}, {"all", toResult(ResultCode::notFound)}}));
+    EXPECT_EQ(count(putCamera), 0U);
+}
+
+TEST_F(AudioSource, aRecordersInputIsWrittenUnderItsChannel)
+{
+    prepare(1, 2);
+    destroy();
+    create(1);
+    const std::string path = "/LAPI/V1.0/Channels/2/Media/Audio/Input";
+    peer.answer("GET " + path, 200, reply("{\"InputGain\":1}"));
+    peer.answer("PUT " + path, 200, ok);
+    applied({{"volume", 2}});
+    EXPECT_EQ(bodyOf("PUT " + path), "{\"InputGain\":2}");
+}
+
+TEST_F(AudioSource, settingsOfAnotherTypeAreRefusedAtOnce)
+{
+    prepare();
+    for (const Tavro8::ParameterMap& wrong :
+         {Tavro8::ParameterMap{{"volume", 2.5}}, Tavro8::ParameterMap{{"noiseReduce", std::string("much")}},
+          Tavro8::ParameterMap{{"encoding", 1}}, Tavro8::ParameterMap{{"samplerate", std::string("8000")}}})
+        EXPECT_EQ(apply(wrong), toResult(ResultCode::invalidArgument));
+    EXPECT_TRUE(sound.settingsResults().empty());
+}
+
+TEST_F(AudioSource, settingsNeedADeviceThatWasConnected)
+{
+    make();
+    create();
+    EXPECT_EQ(apply({{"volume", 1}}), toResult(ResultCode::invalidState));
+    EXPECT_EQ(applied({{"encoding", std::string("G.711")}}), (Results{{"all", 0}})) << "nothing to be asked of it";
+}
+
+TEST_F(AudioSource, settingsAreAppliedOneAfterTheOther)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"InputGain\":0}"));
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    for (int i = 1; i <= 5; ++i)
+        ASSERT_EQ(apply({{"volume", i}}), 0);
+    ASSERT_TRUE(sound.waitSettings("all", 5));
+    std::vector<std::string> order;
+    for (const std::string& request : peer.requests()) {
+        if (request == getCamera || request == putCamera)
+            order.push_back(request.substr(0, 3));
+    }
+    std::vector<std::string> expected;
+    for (int i = 0; i < 5; ++i)
+        expected.insert(expected.end(), {"GET", "PUT"});
+    EXPECT_EQ(order, expected);
+    EXPECT_EQ(bodyOf(putCamera), "{\"InputGain\":5}");
+}
+
+TEST_F(AudioSource, takesALimitedNumberOfSettings)
+{
+    prepare();
+    peer.staySilent(cameraPath);
+    for (std::size_t i = 0; i < Uniview::AudioSource::maxSettingsTaken; ++i)
+        ASSERT_EQ(apply({{"volume", 1}}), 0);
+    EXPECT_EQ(apply({{"volume", 1}}), toResult(ResultCode::deviceBusy));
+    destroy();
+    EXPECT_TRUE(sound.settingsResults().empty());
+}
+
+TEST_F(AudioSource, mayBeDestroyedInsideTheResultOfItsSettings)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply(input));
+    sound.onSettings = [this](Tavro8::IContract*, const std::string&) { destroy(); };
+    ASSERT_EQ(apply({{"volume", 120}}), 0);
+    ASSERT_EQ(apply({{"volume", 120}}), 0);
+    ASSERT_TRUE(sound.waitSettings("audioInput"));
+    device->Destroy();
+    device.reset();
+    service->barrier();
+    EXPECT_EQ(sound.settingsResults().size(), 1U);
+}
+
+// ---- what is received -----------------------------------------------------------------------------------------
+
+TEST_F(AudioSource, valuesThatAskForWhatComesAnywayKeepTheConnection)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
+    source->Start();
+    ASSERT_TRUE(sound.waitFrames(1));
+    applied({{"encoding", std::string("G.711")}, {"algorithm", std::string("u-law")}, {"samplerate", 8000}});
+    service->barrier();
+    EXPECT_EQ(rtsp->connectionCount(), 1U);
+}
+
+TEST_F(AudioSource, anotherLawIsAskedForWithANewConnection)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
+    source->Start();
+    ASSERT_TRUE(sound.waitFrames(1));
+    applied({{"encoding", std::string("G.711")}, {"algorithm", std::string("A-law")}});
+    EXPECT_TRUE(sound.waitState(toResult(ResultCode::noSuchStream))) << "the camera has no such sound";
+    EXPECT_GE(rtsp->connectionCount(), 2U);
+}
+
+TEST_F(AudioSource, takesTheFormatThatItWasMadeFor)
+{
+    Camera camera = singingCamera();
+    camera.sdp = "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\nm=audio 0 RTP/AVP 8\r\na=control:a\r\n"
+                 "m=audio 0 RTP/AVP 0\r\na=control:u\r\n";
+    rtsp = std::make_unique<ScriptedPeer>(camera.script());
+    make();
+    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    connect();
+    create(0, {{"encoding", std::string("u-law")}});
+    source->Start();
+    ASSERT_TRUE(sound.waitFrames(1));
+    for (const auto& request : rtsp->requests()) {
+        if (request.method == "SETUP") {
+            EXPECT_TRUE(request.uri.ends_with("/u")) << request.uri;
+        }
+    }
+}
+}  // namespace
