@@ -6,7 +6,8 @@ set(page "${SOURCE_DIR}/docs/device-quirks.md")
 file(READ "${page}" text)
 set(problems "")
 
-file(GLOB_RECURSE test_files "${SOURCE_DIR}/*/tests/*Test.cpp" "${SOURCE_DIR}/tests/*Test.cpp")
+file(GLOB_RECURSE test_files "${SOURCE_DIR}/*/tests/*Test.cpp" "${SOURCE_DIR}/Drivers/*/tests/*Test.cpp"
+    "${SOURCE_DIR}/tests/*Test.cpp")
 set(tests "")
 foreach(test_file IN LISTS test_files)
     if(test_file MATCHES "/build/")

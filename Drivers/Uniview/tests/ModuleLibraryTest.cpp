@@ -1,9 +1,13 @@
+#include "CallHandler.h"
 #include "HostFakes.h"
 #include "Programs.h"
 #include "ScriptedHttpPeer.h"
 
 #include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
@@ -135,5 +139,75 @@ TEST_F(ModuleLibrary, manyThreadsMayUseItAtOnce)
     for (auto& thread : threads)
         thread.join();
     fini();
+}
+
+TEST_F(ModuleLibrary, canBeUnloadedInTheMiddleOfACall)
+{
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::acceptor silent(io, {boost::asio::ip::address_v4::loopback(), 0});  // accepts, says nothing
+    ScriptedHttpPeer peer;
+    peer.answer("/LAPI/V1.0/Network/Port", 200, "\"RTSPPort\":" + std::to_string(silent.local_endpoint().port()));
+    peer.answer("/LAPI/V1.0/System/DeviceInfo", 200, "{\"Response\":{\"Data\":{\"DeviceType\":0}}}");
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE(round);
+        DeviceHandler handler;
+        CallHandler calls;
+        const Description description;
+        ASSERT_TRUE(init(&host, "m"));
+        IDevice* device = nullptr;
+        ASSERT_EQ(get()->CreateDevice(&description, &handler, &device), 0);
+        ASSERT_EQ(device->Open(peer.address().c_str()), 0);
+        ASSERT_TRUE(handler.waitConnected());
+        IAudioDestination* destination = nullptr;
+        ASSERT_EQ(device->CreateAudioDestination(0, &calls, {}, &destination), 0);
+        destination->Call();
+        const std::vector<std::int16_t> sound(160);
+        destination->PushAudioFrame({sound});
+        if (round % 2 == 0) {
+            boost::asio::ip::tcp::socket asked(io);
+            silent.accept(asked);
+            std::array<char, 1> request{};
+            ASSERT_EQ(asked.read_some(boost::asio::buffer(request)), 1U) << "the device is asked and does not answer";
+        }
+        destination->Destroy();
+        device->Destroy();
+        fini();
+        unload();
+        load();
+    }
+}
+
+TEST_F(ModuleLibrary, keepsTheSoundOfCallsWhereTheEnvironmentSaidAtItsLoad)
+{
+    constexpr const char* variable = "KELVO_SPEAKER_AUDIO_OUTPUT_DUMP_DIR";
+    const auto dumps = directory / "dumps";
+    std::filesystem::create_directories(dumps);
+    unload();
+    ::setenv(variable, dumps.c_str(), 1);
+    load();
+    ::unsetenv(variable);  // comes too late
+    ASSERT_TRUE(init(&host, "m"));
+    DeviceHandler handler;
+    CallHandler calls;
+    const Description description;
+    IDevice* device = nullptr;
+    ASSERT_EQ(get()->CreateDevice(&description, &handler, &device), 0);
+    IAudioDestination* destination = nullptr;
+    ASSERT_EQ(device->CreateAudioDestination(0, &calls, {}, &destination), 0);
+    for (std::size_t i = 1; i <= 2; ++i) {
+        destination->Call();  // there is no device, which does not matter here
+        ASSERT_TRUE(calls.waitEnded(i));
+    }
+    destination->Destroy();
+    device->Destroy();
+    fini();
+    std::size_t files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dumps)) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_TRUE(name.find("file") != std::string::npos && name.ends_with(".bin")) << name;
+        ++files;
+    }
+    EXPECT_EQ(files, 2U) << "one for each call";
+    unload();
 }
 }  // namespace
