@@ -344,6 +344,8 @@ void AudioSource::applyAudioSettings(const SettingsRequest& request)
     adjust(request.given);
     if (!settings::readAudioInput(request.given).any())
         return finishSettings(toResult(ResultCode::success));
+    if (!request.device->hasBeenConnected())
+        return finishAudioInput(toResult(ResultCode::invalidState));  // closed while it waited
     const std::string path = audioInputPath(*request.device, context.channel);
     const auto reply = onReply(request.device, applyingSettings,
                                [given = request.given, path](AudioSource& self, const auto& of, const auto& ec,

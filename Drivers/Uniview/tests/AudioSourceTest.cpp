@@ -389,6 +389,25 @@ TEST_F(AudioSource, settingsNeedADeviceThatWasConnected)
     EXPECT_EQ(applied({{"encoding", std::string("G.711")}}), (Results{{"all", 0}})) << "nothing to be asked of it";
 }
 
+TEST_F(AudioSource, settingsThatWaitWhenTheDeviceIsClosedAreNotWritten)
+{
+    prepare();
+    peer.staySilent(cameraPath);
+    ASSERT_EQ(apply({{"volume", 1}}), 0);
+    ASSERT_EQ(apply({{"volume", 2}}), 0);
+    ASSERT_TRUE(peer.waitForRequest(getCamera));
+    device->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(apply({{"volume", 3}}), toResult(ResultCode::invalidState));
+    peer.breakSilence(200, reply("{\"InputGain\":1}"));
+    ASSERT_TRUE(sound.waitSettings("all", 2));
+    EXPECT_EQ(sound.settingsResults(), (Results{{"audioInput", 0},
+                                                {"all", 0},
+                                                {"audioInput", toResult(ResultCode::invalidState)},
+                                                {"all", toResult(ResultCode::invalidState)}}));
+    EXPECT_EQ(count(getCamera), 1U);
+}
+
 TEST_F(AudioSource, settingsAreAppliedOneAfterTheOther)
 {
     prepare();
