@@ -4,7 +4,6 @@
 #include "ExitStatus.h"
 #include "Monitor.h"
 #include "PathText.h"
-#include "media/MediaWriter.h"
 #include "media/Picture.h"
 
 #include <utility>
@@ -18,8 +17,8 @@ FrameRecorder::FrameRecorder(Wishes userWishes, Monitor& sharedMonitor, Console&
     : wishes(std::move(userWishes)), monitor(sharedMonitor), console(userConsole), queue(FrameQueue::Limits{})
 {
     if (!wishes.recording.empty())
-        writer = std::make_unique<MediaWriter>(wishes.recording, wishes.sound,
-                                               [this](const std::string& text) { console.line(text); });
+        writer = std::make_unique<MediaWriter>(
+            wishes.recording, wishes.sound, [this](const std::string& text) { console.line(text); }, wishes.onPart);
     thread = std::thread([this] { run(); });
 }
 
@@ -51,10 +50,8 @@ void FrameRecorder::take(const FrameReference& frame)
         wishes.onFrame(*frame);
     if (!wishes.picture.empty() && !pictureSaved && frame->keyFrame && !frame->damaged && isVideo(frame->codec))
         savePictureOf(*frame);
-    if (writer) {
+    if (writer)
         writer->write(frame);
-        recordings = writer->getFiles();
-    }
 }
 
 void FrameRecorder::savePictureOf(const MediaFrame& frame)
@@ -68,10 +65,13 @@ void FrameRecorder::savePictureOf(const MediaFrame& frame)
 
 void FrameRecorder::complete()
 {
-    if (!writer)
-        return;
-    writer->finish();
-    recordings = writer->getFiles();
+    if (writer)
+        writer->finish();
+}
+
+std::vector<RecordedPart> FrameRecorder::getRecordings() const
+{
+    return writer ? writer->getParts() : std::vector<RecordedPart>{};
 }
 
 void FrameRecorder::finish()
@@ -81,7 +81,7 @@ void FrameRecorder::finish()
         thread.join();
     if (!failure.empty())
         throw Failure(ExitStatus::failed, failure);
-    if (!wishes.recording.empty() && recordings.empty())
+    if (!wishes.recording.empty() && getRecordings().empty())
         throw Failure(ExitStatus::failed,
                       "nothing was recorded to " + pathText(wishes.recording) + ": no complete key frame arrived");
     if (!wishes.picture.empty() && !pictureSaved)

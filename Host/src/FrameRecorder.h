@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FrameQueue.h"
+#include "media/MediaWriter.h"
 
 #include <filesystem>
 #include <functional>
@@ -13,7 +14,6 @@
 namespace Host
 {
 class Console;
-class MediaWriter;
 class Monitor;
 
 /// Does with received frames what the user wishes, on a thread of its own: records them, saves a picture,
@@ -25,6 +25,7 @@ public:
         bool sound = false;               ///< the recording is expected to have sound
         std::filesystem::path picture;    ///< PNG or JPEG file of the first picture; empty for none
         std::function<void(const Tavro8::GDRV::MediaFrame&)> onFrame;  ///< may be empty
+        std::function<void(const RecordedPart&)> onPart;  ///< told when a file of the recording begins; may be empty
 
         bool any() const { return !recording.empty() || !picture.empty() || onFrame; }
     };
@@ -44,7 +45,8 @@ public:
     /// Throws `Failure` when something that was wished for is missing, with the reason.
     void finish();
 
-    const std::vector<std::filesystem::path>& getRecordings() const noexcept { return recordings; }
+    /// The files of the recording. Call after `finish`.
+    std::vector<RecordedPart> getRecordings() const;
     bool hasPicture() const noexcept { return pictureSaved; }
 
 private:
@@ -60,7 +62,6 @@ private:
 
     // The recorder's thread, and whoever has joined it.
     std::unique_ptr<MediaWriter> writer;
-    std::vector<std::filesystem::path> recordings;
     std::string failure;
     bool pictureSaved = false;
 

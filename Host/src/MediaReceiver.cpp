@@ -68,9 +68,7 @@ void MediaReceiver::OnFrame(Tavro8::IContract*, const GDRV::MediaFrame& frame) n
         received.keyFrames += frame.keyFrame ? 1 : 0;
         received.damagedFrames += frame.damaged ? 1 : 0;
         received.bytes += frame.data.size();
-        received.codec = frame.codec;
-        received.width = frame.width;
-        received.height = frame.height;
+        received.formats.add(frame);
         if (first)
             received.firstFrame = Monitor::Clock::now();
     }

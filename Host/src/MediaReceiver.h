@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FormatHistory.h"
 #include "Monitor.h"
 
 #include <Tavro8/GDRV/ILiveSource.h>
@@ -18,9 +19,7 @@ struct ReceivedMedia {
     std::uint64_t keyFrames = 0;
     std::uint64_t bytes = 0;
     std::uint64_t damagedFrames = 0;
-    Tavro8::GDRV::MediaCodec codec = Tavro8::GDRV::MediaCodec::unknown;
-    std::uint32_t width = 0;
-    std::uint32_t height = 0;
+    FormatHistory formats;
     std::optional<Monitor::Clock::time_point> firstFrame;  ///< when it arrived
     Tavro8::GDRV::StreamStatistics statistics;             ///< the module's own, as last reported
     std::uint64_t statisticsCount = 0;                     ///< how often it has reported them

@@ -91,9 +91,74 @@ void addTransport(Json::Value& fields, const ReceivedMedia& video)
         fields["transport"] = transport;
 }
 
-std::string sizeOf(const ReceivedMedia& video)
+/// "H.264 1920x1080", "G.711 u-law 8000 Hz".
+std::string nameOf(const StreamFormat& format)
 {
-    return std::to_string(video.width) + 'x' + std::to_string(video.height);
+    std::string name = codecName(format.codec);
+    if (!isVideo(format.codec) && format.sampleRate != 0)
+        return name + ' ' + std::to_string(format.sampleRate) + " Hz";
+    return name + ' ' + std::to_string(format.width) + 'x' + std::to_string(format.height);
+}
+
+/// Nothing to tell unless the format changed.
+std::string changesLine(const FormatHistory& history)
+{
+    if (history.getFormats().size() < 2)
+        return {};
+    std::string line;
+    for (const StreamFormat& format : history.getFormats())
+        line += (line.empty() ? "Changes   " : ", then ") + nameOf(format) + " (" + std::to_string(format.frames) +
+                " frames)";
+    return line + '\n';
+}
+
+void addVideoFormat(Json::Value& fields, const StreamFormat& format)
+{
+    fields["codec"] = codecToken(format.codec);
+    fields["width"] = format.width;
+    fields["height"] = format.height;
+}
+
+void addFormats(Json::Value& list, const FormatHistory& history)
+{
+    list = Json::Value(Json::arrayValue);
+    for (const StreamFormat& format : history.getFormats()) {
+        Json::Value entry(Json::objectValue);
+        if (isVideo(format.codec)) {
+            addVideoFormat(entry, format);
+        } else {
+            entry["codec"] = codecToken(format.codec);
+            entry["sampleRate"] = format.sampleRate;
+            entry["channelCount"] = format.channelCount;
+        }
+        entry["frames"] = number(format.frames);
+        entry["bytes"] = number(format.bytes);
+        list.append(entry);
+    }
+}
+
+void addSound(Json::Value& fields, const ReceivedMedia& audio)
+{
+    const StreamFormat format = audio.formats.latest();
+    fields["audioFrames"] = number(audio.frames);
+    fields["audioBytes"] = number(audio.bytes);
+    fields["audioCodec"] = codecToken(format.codec);
+    fields["audioSampleRate"] = format.sampleRate;
+    fields["audioChannels"] = format.channelCount;
+    fields["audioLost"] = number(audio.statistics.lostPackets);
+    addFormats(fields["audioFormats"], audio.formats);
+}
+
+Json::Value jsonOf(const RecordedPart& part)
+{
+    Json::Value fields(Json::objectValue);
+    fields["file"] = pathText(part.file);
+    addVideoFormat(fields, {part.video.codec, part.video.width, part.video.height});
+    if (part.audio) {
+        fields["audioCodec"] = codecToken(part.audio->codec);
+        fields["audioSampleRate"] = part.audio->sampleRate;
+    }
+    return fields;
 }
 
 std::string pictureLine(const StreamSummary& summary)
@@ -107,7 +172,7 @@ std::string pictureLine(const StreamSummary& summary)
         line += " on " + std::to_string(summary.streams) + " streams";
     if (summary.silentStreams > 0)
         line += ", " + std::to_string(summary.silentStreams) + " of them silent";
-    line += "\nVideo     " + std::string(codecName(video.codec)) + ' ' + sizeOf(video) + ", " +
+    line += "\nVideo     " + nameOf(video.formats.latest()) + ", " +
             decimalText(static_cast<double>(video.frames) * perSecond, 1) + " frames/s, " +
             bitRateText(static_cast<double>(video.bytes) * 8 * perSecond) + transportPhrase(transportOf(video)) + ", " +
             std::to_string(video.statistics.lostPackets) + " packets lost";
@@ -135,18 +200,24 @@ const char* whatToCheck(std::int32_t state) noexcept
 
 std::string readableSummary(const StreamSummary& summary)
 {
-    std::string text = pictureLine(summary);
+    std::string text = pictureLine(summary) + changesLine(summary.video.formats);
     if (summary.audio && summary.audio->frames > 0)
-        text += "Sound     " + std::string(codecName(summary.audio->codec)) + ", " +
-                std::to_string(summary.audio->frames) + " frames\n";
+        text += "Sound     " + nameOf(summary.audio->formats.latest()) + ", " + std::to_string(summary.audio->frames) +
+                " frames, " + std::to_string(summary.audio->statistics.lostPackets) + " packets lost\n" +
+                changesLine(summary.audio->formats);
     else if (summary.audio)
         text += silenceReason("Sound     none arrived", summary.audio->streamState) + '\n';
     if (summary.droppedFrames > 0)
         text += "Dropped   " + std::to_string(summary.droppedFrames) + " frames, because writing did not keep up\n";
     text += "Load      " + decimalText(summary.load.cpuSeconds, 2) + " s of CPU, " +
             sizeText(static_cast<double>(summary.load.residentBytes)) + " of memory\n";
-    for (const auto& file : summary.recordings)
-        text += "File      " + pathText(file) + '\n';
+    for (const RecordedPart& part : summary.recordings)
+        text +=
+            "File      " + pathText(part.file) +
+            (summary.recordings.size() > 1 ? ", " + nameOf({part.video.codec, part.video.width, part.video.height}) +
+                                                 ", " + std::to_string(part.pictures) + " pictures"
+                                           : "") +
+            '\n';
     if (!summary.picture.empty())
         text += "Picture   " + pathText(summary.picture) + '\n';
     return text;
@@ -155,10 +226,11 @@ std::string readableSummary(const StreamSummary& summary)
 void addFiles(Json::Value& fields, const StreamSummary& summary)
 {
     if (!summary.recordings.empty())
-        fields["output"] = pathText(summary.recordings.front());
-    if (summary.recordings.size() > 1)
-        for (const auto& file : summary.recordings)
-            fields["parts"].append(pathText(file));
+        fields["output"] = pathText(summary.recordings.front().file);
+    for (const RecordedPart& part : summary.recordings) {
+        Json::Value& entry = fields["parts"].append(jsonOf(part));
+        entry["frames"] = number(part.pictures);
+    }
     if (!summary.picture.empty())
         fields["snapshot"] = pathText(summary.picture);
 }
@@ -175,11 +247,7 @@ ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams)
     for (const ReceivedMedia& one : streams) {
         if (sum.firstFrame == std::nullopt || (one.firstFrame && *one.firstFrame < *sum.firstFrame))
             sum.firstFrame = one.firstFrame;
-        if (sum.frames == 0) {
-            sum.codec = one.codec;
-            sum.width = one.width;
-            sum.height = one.height;
-        }
+        sum.formats.addUp(one.formats);
         if (one.frames == 0 && sum.streamState == 0)
             sum.streamState = one.streamState;
         sum.frames += one.frames;
@@ -192,7 +260,8 @@ ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams)
     return sum;
 }
 
-void reportStatistics(Output& output, const ReceivedMedia& video, const ProcessLoad& load)
+void reportStatistics(Output& output, const ReceivedMedia& video, const std::optional<ReceivedMedia>& audio,
+                      const ProcessLoad& load)
 {
     const StreamStatistics& statistics = video.statistics;
     Json::Value fields(Json::objectValue);
@@ -206,12 +275,23 @@ void reportStatistics(Output& output, const ReceivedMedia& video, const ProcessL
     fields["connects"] = statistics.connects;
     fields["reconnects"] = statistics.reconnects;
     fields["jitterMs"] = statistics.jitterMs;
+    addVideoFormat(fields, video.formats.latest());
+    addFormats(fields["formats"], video.formats);
+    if (audio)
+        addSound(fields, *audio);
     addTransport(fields, video);
     fields["cpuSeconds"] = load.cpuSeconds;
     fields["residentBytes"] = number(load.residentBytes);
     for (const auto& [name, value] : statistics.named)
         fields["named"][name] = value;
     output.event("statistics", fields, {});
+}
+
+void reportPart(Output& output, std::size_t number, const RecordedPart& part)
+{
+    Json::Value fields = jsonOf(part);
+    fields["number"] = Host::number(number);
+    output.event("part", fields, {});
 }
 
 void reportFrame(Output& output, std::uint64_t index, const MediaFrame& frame)
@@ -244,7 +324,7 @@ void reportFrame(Output& output, std::uint64_t index, const MediaFrame& frame)
 
 std::string progressText(const ReceivedMedia& video, std::chrono::duration<double> elapsed)
 {
-    std::string text = std::string(codecName(video.codec)) + ' ' + sizeOf(video) + "  ";
+    std::string text = nameOf(video.formats.latest()) + "  ";
     if (video.statisticsCount > 0)
         text += decimalText(video.statistics.framesPerSecond, 1) + " frames/s  " +
                 bitRateText(static_cast<double>(video.statistics.bitsPerSecond)) + "  " +
@@ -262,9 +342,8 @@ void reportSummary(Output& output, const StreamSummary& summary)
     fields["keyFrames"] = number(video.keyFrames);
     fields["damagedFrames"] = number(video.damagedFrames);
     fields["droppedFrames"] = number(summary.droppedFrames);
-    fields["codec"] = codecToken(video.codec);
-    fields["width"] = video.width;
-    fields["height"] = video.height;
+    addVideoFormat(fields, video.formats.latest());
+    addFormats(fields["formats"], video.formats);
     fields["bytes"] = number(video.bytes);
     fields["lost"] = number(video.statistics.lostPackets);
     fields["reconnects"] = video.statistics.reconnects;
@@ -273,11 +352,8 @@ void reportSummary(Output& output, const StreamSummary& summary)
     fields["seconds"] = summary.elapsed.count();
     fields["cpuSeconds"] = summary.load.cpuSeconds;
     fields["residentBytes"] = number(summary.load.residentBytes);
-    if (summary.audio) {
-        fields["audioFrames"] = number(summary.audio->frames);
-        fields["audioBytes"] = number(summary.audio->bytes);
-        fields["audioCodec"] = codecToken(summary.audio->codec);
-    }
+    if (summary.audio)
+        addSound(fields, *summary.audio);
     addFiles(fields, summary);
     output.event("summary", fields, readableSummary(summary));
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MediaReceiver.h"
+#include "media/MediaWriter.h"
 
 #include <chrono>
 #include <filesystem>
@@ -15,8 +16,8 @@ class Output;
 
 /// What a receiving command has to tell, in the words and members that are the same for live and recorded media.
 
-/// The received media of several streams, counted together; format and size are the first stream's, and the
-/// state is that of the first from which nothing came. Of the named statistics, numbers are added up, and texts that
+/// The received media of several streams, counted together; the state is that of the first from which nothing came. Of
+/// the named statistics, numbers are added up, and texts that
 /// differ become "mixed".
 ReceivedMedia addUp(const std::vector<ReceivedMedia>& streams);
 
@@ -30,8 +31,13 @@ struct ProcessLoad {
     std::uint64_t residentBytes = 0;  ///< in RAM now
 };
 
-/// Writes the event `statistics`. It has no readable form: people watch the progress line.
-void reportStatistics(Output& output, const ReceivedMedia& video, const ProcessLoad& load);
+/// Writes the event `statistics`; `audio` is empty when no sound was asked for. It has no readable form: people watch
+/// the progress line.
+void reportStatistics(Output& output, const ReceivedMedia& video, const std::optional<ReceivedMedia>& audio,
+                      const ProcessLoad& load);
+
+/// Writes the event `part`: file `number`, counted from 1, of a recording begins. People read of it in a message.
+void reportPart(Output& output, std::size_t number, const RecordedPart& part);
 
 /// Writes the event `frame`. `index` counts all frames of the command from 0.
 void reportFrame(Output& output, std::uint64_t index, const Tavro8::GDRV::MediaFrame& frame);
@@ -49,7 +55,7 @@ struct StreamSummary {
     std::chrono::duration<double> elapsed{0};     ///< since the first frame of all
     ProcessLoad load;                             ///< at the end
     std::uint64_t droppedFrames = 0;              ///< received, but the disk or the decoder did not keep up
-    std::vector<std::filesystem::path> recordings;
+    std::vector<RecordedPart> recordings;
     std::filesystem::path picture;  ///< empty when none was saved
 };
 

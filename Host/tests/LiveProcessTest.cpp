@@ -30,6 +30,9 @@ protected:
         EXPECT_EQ(status, 0) << name;
         EXPECT_EQ(ffmpeg.all(), "") << name;
     }
+
+    /// Records the device whose codec changes twice, to files of that ending.
+    void recordsEachCodecToAFileOfItsOwn(const std::string& ending);
 };
 
 TEST_F(Live, recordsPicturesAndSoundToMp4AndSavesAPicture)
@@ -136,11 +139,106 @@ TEST_F(Live, beginsANewPartWhenThePictureChangesItsSize)
     EXPECT_THAT(host.errors(), HasSubstr("the recording goes on in " + file("a-2.mp4")));
     const Json::Value summary = getEvent("summary");
     ASSERT_EQ(summary["parts"].size(), 2U);
-    EXPECT_EQ(summary["parts"][1], file("a-2.mp4"));
+    EXPECT_EQ(summary["parts"][1]["file"], file("a-2.mp4"));
     EXPECT_THAT(probe("a.mp4"), HasSubstr("width=160\nheight=120\nnb_read_frames=25\n"));
     EXPECT_THAT(probe("a-2.mp4"), HasSubstr("width=240\nheight=180\n"));
     expectDecodable("a.mp4");
     expectDecodable("a-2.mp4");
+}
+
+void Live::recordsEachCodecToAFileOfItsOwn(const std::string& ending)
+{
+    const ChildProcess& host = run({"--json", "--device", "changing", "live", "--seconds", "1.2", "--audio", "--output",
+                                    file("c" + ending), "--snapshot", file("c.png")});
+    ASSERT_EQ(status, 0) << host.errors();
+    EXPECT_THAT(host.errors(), HasSubstr("the stream changed to H.265 128x96; the recording goes on in " +
+                                         file("c-2" + ending) + "\n"));
+    EXPECT_THAT(host.errors(), HasSubstr("the stream changed to MJPEG 160x120; the recording goes on in " +
+                                         file("c-3" + ending) + "\n"));
+    const struct {
+        std::string name;
+        const char* codec;
+        int width;
+        const char* probed;
+    } parts[] = {{"c" + ending, "h264", 160, "codec_name=h264\nwidth=160\nheight=120\nnb_read_frames=10\n"},
+                 {"c-2" + ending, "h265", 128, "codec_name=hevc\nwidth=128\nheight=96\nnb_read_frames=10\n"},
+                 {"c-3" + ending, "mjpeg", 160, "codec_name=mjpeg\nwidth=160\nheight=120\n"}};
+    const Json::Value summary = getEvent("summary");
+    ASSERT_EQ(summary["parts"].size(), 3U);
+    ASSERT_EQ(summary["formats"].size(), 3U);
+    std::vector<Json::Value> begun;
+    for (const Json::Value& event : getEvents())
+        if (event["event"] == "part")
+            begun.push_back(event);
+    ASSERT_EQ(begun.size(), 3U);
+    for (unsigned i = 0; i < 3; ++i) {
+        SCOPED_TRACE(parts[i].name);
+        for (const Json::Value& part : {begun[i], summary["parts"][i]}) {
+            EXPECT_EQ(part["file"], file(parts[i].name));
+            EXPECT_EQ(part["codec"], parts[i].codec);
+            EXPECT_EQ(part["width"], parts[i].width);
+            EXPECT_EQ(part["audioCodec"], "g711u");
+        }
+        EXPECT_EQ(begun[i]["number"].asUInt(), i + 1);
+        EXPECT_EQ(summary["formats"][i]["codec"], parts[i].codec);
+        EXPECT_EQ(summary["formats"][i]["width"], parts[i].width);
+        EXPECT_EQ(summary["parts"][i]["frames"], summary["formats"][i]["frames"]);
+        EXPECT_THAT(probe(parts[i].name), HasSubstr(parts[i].probed));
+        EXPECT_THAT(probe(parts[i].name), HasSubstr("sample_rate=8000"));
+        expectDecodable(parts[i].name);
+    }
+    EXPECT_EQ(summary["formats"][0]["frames"], 10);
+    EXPECT_EQ(summary["output"], file("c" + ending));
+    EXPECT_THAT(probe("c.png"), HasSubstr("codec_name=png\nwidth=160\nheight=120\n"));
+}
+
+TEST_F(Live, beginsANewPartWhenTheCodecChanges)
+{
+    recordsEachCodecToAFileOfItsOwn(".mp4");
+}
+
+TEST_F(Live, beginsANewPartWhenTheCodecChangesInMatroskaToo)
+{
+    recordsEachCodecToAFileOfItsOwn(".mkv");
+}
+
+TEST_F(Live, tellsEveryCodecThatItHasSeen)
+{
+    run({"--json", "--device", "changing", "live", "--seconds", "1.2", "--discard"});
+    EXPECT_EQ(status, 0);
+    const Json::Value statistics = getEvent("statistics");
+    EXPECT_EQ(statistics["codec"], "mjpeg");
+    ASSERT_EQ(statistics["formats"].size(), 3U);
+    EXPECT_EQ(statistics["formats"][0]["codec"], "h264");
+    EXPECT_EQ(statistics["formats"][0]["frames"], 10);
+    EXPECT_EQ(statistics["formats"][1]["codec"], "h265");
+    EXPECT_EQ(statistics["formats"][1]["height"], 96);
+    EXPECT_EQ(getEvent("summary")["codec"], "mjpeg");
+    EXPECT_TRUE(getEvent("summary")["parts"].isNull());
+    run({"--device", "changing", "live", "--seconds", "1"});
+    EXPECT_THAT(child->output(),
+                HasSubstr("Changes   H.264 160x120 (10 frames), then H.265 128x96 (10 frames), then MJPEG 160x120 ("));
+}
+
+TEST_F(Live, countsSoundWithoutAFile)
+{
+    run({"--json", "--device", "camera", "live", "--seconds", "1.2", "--audio"});
+    EXPECT_EQ(status, 0);
+    for (const char* name : {"statistics", "summary"}) {
+        SCOPED_TRACE(name);
+        const Json::Value event = getEvent(name);
+        EXPECT_GE(event["audioFrames"].asUInt(), 24U);
+        EXPECT_EQ(event["audioBytes"].asUInt(), event["audioFrames"].asUInt() * 320);
+        EXPECT_EQ(event["audioCodec"], "g711u");
+        EXPECT_EQ(event["audioSampleRate"], 8000);
+        EXPECT_EQ(event["audioChannels"], 1);
+        EXPECT_EQ(event["audioLost"], 0);
+        EXPECT_EQ(event["audioFormats"].size(), 1U);
+    }
+    run({"--json", "--device", "camera", "live", "--seconds", "0.1"});
+    EXPECT_FALSE(getEvent("summary").isMember("audioFrames"));
+    run({"--device", "camera", "live", "--seconds", "0.1", "--audio"});
+    EXPECT_THAT(child->output(), HasSubstr("Sound     G.711 u-law 8000 Hz, "));
 }
 
 TEST_F(Live, goesOnWithoutSoundWhenTheDeviceHasNone)

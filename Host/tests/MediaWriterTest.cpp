@@ -108,6 +108,14 @@ protected:
         EXPECT_EQ(status, 0);
     }
 
+    static std::vector<std::string> filesOf(const MediaWriter& writer)
+    {
+        std::vector<std::string> files;
+        for (const RecordedPart& part : writer.getParts())
+            files.push_back(part.file.string());
+        return files;
+    }
+
     static constexpr std::int64_t beginMs = 1'700'000'000'000;
     std::vector<std::string> notices;
     const std::function<void(const std::string&)> note = [this](const std::string& text) { notices.push_back(text); };
@@ -118,7 +126,7 @@ TEST_F(MediaWriterTest, writesH265WhoseSizeOnlyThePictureTells)
     for (const char* name : {"a.mp4", "a.mkv"}) {
         MediaWriter writer(file(name), false, note);
         writeClip(writer, [](std::int64_t) {});
-        EXPECT_THAT(writer.getFiles(), ElementsAre(file(name)));
+        EXPECT_THAT(filesOf(writer), ElementsAre(file(name)));
         EXPECT_THAT(probe(name), HasSubstr("hevc\n"));
         EXPECT_THAT(probe(name), HasSubstr("128\n96\n10\n"));
         expectDecodable(name);
@@ -182,6 +190,28 @@ TEST_F(MediaWriterTest, beginsAtTheFirstKeyFrame)
     expectDecodable("k.mp4");
 }
 
+TEST_F(MediaWriterTest, waitsForAKeyFrameOfANewCodec)
+{
+    const std::vector<Bytes> units =
+        accessUnits(readFile(std::filesystem::path(KELVO_TEST_DATA_DIR) / "ten_pictures.h265"));
+    std::vector<RecordedPart> begun;
+    MediaWriter writer(file("m.mkv"), false, note, [&](const RecordedPart& part) { begun.push_back(part); });
+    writer.write(video(MediaCodec::h265, true, units[0], beginMs));
+    writer.write(video(MediaCodec::h264, false, Bytes{0, 0, 1, 0x41, 1, 2, 3}, beginMs + 40));
+    writer.write(video(MediaCodec::h264, true, Bytes{0, 0, 1, 0x65, 1, 2, 3}, beginMs + 80));  // without parameter sets
+    writer.write(video(MediaCodec::h265, false, units[1], beginMs + 120));
+    writer.finish();
+    ASSERT_EQ(writer.getParts().size(), 1U);
+    EXPECT_EQ(writer.getParts()[0].pictures, 2U);
+    ASSERT_EQ(begun.size(), 1U);
+    EXPECT_EQ(begun[0].file, file("m.mkv"));
+    EXPECT_EQ(begun[0].video.codec, MediaCodec::h265);
+    EXPECT_EQ(begun[0].video.width, 128U);
+    EXPECT_FALSE(begun[0].audio);
+    EXPECT_THAT(probe("m.mkv"), HasSubstr("128\n96\n2\n"));
+    expectDecodable("m.mkv");
+}
+
 TEST_F(MediaWriterTest, writesNoFileWithoutAKeyFrame)
 {
     MediaWriter writer(file("n.mp4"), false, note);
@@ -189,7 +219,7 @@ TEST_F(MediaWriterTest, writesNoFileWithoutAKeyFrame)
     writer.write(video(MediaCodec::h265, true, Bytes{0, 0, 1, 0x26, 1, 0}, beginMs + 40));
     writer.write(sound(MediaCodec::g711U, 1, Bytes(320), beginMs));
     writer.finish();
-    EXPECT_TRUE(writer.getFiles().empty());
+    EXPECT_TRUE(filesOf(writer).empty());
     EXPECT_FALSE(std::filesystem::exists(file("n.mp4")));
 }
 
@@ -209,7 +239,7 @@ TEST_F(MediaWriterTest, beginsANewPartAtTheKeyFrameAfterTheSoundChanged)
     writeClip(writer, [&](std::int64_t time) {
         writer.write(sound(time < beginMs + 120 ? MediaCodec::g711U : MediaCodec::g711A, 1, data, time));
     });
-    EXPECT_THAT(writer.getFiles(), ElementsAre(file("c.mkv"), file("c-2.mkv")));
+    EXPECT_THAT(filesOf(writer), ElementsAre(file("c.mkv"), file("c-2.mkv")));
     EXPECT_THAT(notices, ElementsAre(HasSubstr("the sound changed")));
     EXPECT_THAT(probe("c.mkv"), HasSubstr("pcm_mulaw"));
     EXPECT_THAT(probe("c-2.mkv"), HasSubstr("pcm_alaw"));

@@ -106,6 +106,7 @@ private:
         wishes.recording = options.output;
         wishes.sound = options.request.sound;
         wishes.picture = options.snapshot;
+        wishes.onPart = [this](const RecordedPart& part) { reportPart(surroundings.output, ++partCount, part); };
         if (options.frames)
             wishes.onFrame = [this](const Tavro8::GDRV::MediaFrame& frame) {
                 reportFrame(surroundings.output, frameIndex++, frame);
@@ -197,7 +198,7 @@ private:
             if (!round.isComplete())
                 continue;
             round.begin();
-            reportStatistics(surroundings.output, received(), load());
+            reportStatistics(surroundings.output, received(), receivedSound(), load());
         }
     }
 
@@ -230,8 +231,7 @@ private:
         summary.streams = streams.size();
         summary.silentStreams = silentStreams();
         summary.video = received();
-        if (options.request.sound)
-            summary.audio = receivedSound();
+        summary.audio = receivedSound();
         reportSummary(surroundings.output, summary);
         const bool interrupted = surroundings.interrupted.stop_requested();
         if (failure && !(interrupted && !firstFrame))
@@ -239,8 +239,11 @@ private:
         return interrupted ? ExitStatus::interrupted : ExitStatus::done;
     }
 
-    ReceivedMedia receivedSound() const
+    /// Nothing when no sound was asked for.
+    std::optional<ReceivedMedia> receivedSound() const
     {
+        if (!options.request.sound)
+            return {};
         std::vector<ReceivedMedia> all;
         for (const auto& stream : streams)
             all.push_back(stream->getAudio());
@@ -252,6 +255,7 @@ private:
     Clock::time_point startedAt;
     double cpuAtFirstFrame = 0;
     std::uint64_t frameIndex = 0;  // used by the recorder's thread
+    std::size_t partCount = 0;     // likewise
     std::optional<Clock::time_point> firstFrame;
     StreamSummary summary;
 

@@ -21,9 +21,11 @@ std::string describe(const VideoFormat& format)
 }
 }  // namespace
 
-MediaWriter::MediaWriter(std::filesystem::path firstFile, bool expectSound,
-                         std::function<void(const std::string&)> noticeUser)
-    : path(std::move(firstFile)), soundExpected(expectSound), notice(std::move(noticeUser))
+MediaWriter::MediaWriter(std::filesystem::path firstFile, bool expectSound, Notice noticeUser, PartBegun onPart)
+    : path(std::move(firstFile)),
+      soundExpected(expectSound),
+      notice(std::move(noticeUser)),
+      partBegun(std::move(onPart))
 {}
 
 MediaWriter::~MediaWriter() = default;
@@ -40,9 +42,11 @@ void MediaWriter::writeVideo(const FrameReference& frame)
 {
     if (frame->keyFrame)
         considerKeyFrame(frame);
+    if (!video || frame->codec != video->codec)
+        return;  // of a new codec, but not decodable without the key frame that is still to come
     if (file) {
-        file->writeVideo(*frame);
-    } else if (video) {
+        writePicture(*frame);
+    } else {
         pending.push_back(frame);
         if (mayBegin())
             begin();
@@ -64,7 +68,7 @@ void MediaWriter::considerKeyFrame(const FrameReference& frame)
     file->finish();
     beginPart(frame->timestampMs);
     notice((sameVideo ? std::string("the sound changed") : "the stream changed to " + describe(*video)) +
-           "; the recording goes on in " + pathText(files.back()));
+           "; the recording goes on in " + pathText(parts.back().file));
 }
 
 void MediaWriter::writeAudio(const FrameReference& frame)
@@ -90,22 +94,30 @@ void MediaWriter::begin()
 {
     beginPart(pending.front()->timestampMs);
     if (soundExpected && !audio)
-        notice("no sound has arrived, so " + pathText(files.back()) + " begins without");
+        notice("no sound has arrived, so " + pathText(parts.back().file) + " begins without");
     for (const FrameReference& frame : std::exchange(pending, {})) {
         if (isVideo(frame->codec))
-            file->writeVideo(*frame);
+            writePicture(*frame);
         else
             file->writeAudio(*frame);
     }
 }
 
+void MediaWriter::writePicture(const Tavro8::GDRV::MediaFrame& frame)
+{
+    file->writeVideo(frame);
+    ++parts.back().pictures;
+}
+
 void MediaWriter::beginPart(std::int64_t originMs)
 {
-    const std::filesystem::path partFile = partPath(path, files.size() + 1);
+    const std::filesystem::path partFile = partPath(path, parts.size() + 1);
     file.reset();
     file = std::make_unique<MediaFile>(partFile, *video, audio, originMs);
     audioInFile = audio;
-    files.push_back(partFile);
+    parts.push_back({partFile, *video, audio});
+    if (partBegun)
+        partBegun(parts.back());
 }
 
 void MediaWriter::finish()

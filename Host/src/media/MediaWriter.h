@@ -12,6 +12,14 @@
 
 namespace Host
 {
+/// One file of a recording, and what it was begun with.
+struct RecordedPart {
+    std::filesystem::path file;
+    VideoFormat video;
+    std::optional<AudioFormat> audio;  ///< empty for a file without sound
+    std::uint64_t pictures = 0;
+};
+
 /// Records a stream whose format is not known beforehand and may change.
 ///
 /// A file begins at a key frame; frames before the first one are left out. When codec or picture size change,
@@ -19,9 +27,13 @@ namespace Host
 /// `std::runtime_error` when a file cannot be written.
 class MediaWriter {
 public:
+    using Notice = std::function<void(const std::string& text)>;
+    using PartBegun = std::function<void(const RecordedPart& part)>;
+
     /// With `expectSound` the first file waits up to two seconds for sound, since a file cannot gain a track
-    /// later. `noticeUser` is told what the user should know, such as the beginning of a new part.
-    MediaWriter(std::filesystem::path firstFile, bool expectSound, std::function<void(const std::string&)> noticeUser);
+    /// later. `noticeUser` is told what the user should know, such as the beginning of a new part; `onPart` (may be
+    /// empty) of each part, the first one too.
+    MediaWriter(std::filesystem::path firstFile, bool expectSound, Notice noticeUser, PartBegun onPart = {});
     ~MediaWriter();
 
     void write(const Tavro8::GDRV::FrameReference& frame);
@@ -29,8 +41,8 @@ public:
     /// Completes the last file.
     void finish();
 
-    /// The files written so far; empty as long as no key frame has come.
-    const std::vector<std::filesystem::path>& getFiles() const noexcept { return files; }
+    /// What was written so far; empty as long as no key frame has come.
+    const std::vector<RecordedPart>& getParts() const noexcept { return parts; }
 
 private:
     void writeVideo(const Tavro8::GDRV::FrameReference& frame);
@@ -38,17 +50,19 @@ private:
     void considerKeyFrame(const Tavro8::GDRV::FrameReference& frame);
     bool mayBegin() const;
     void begin();
+    void writePicture(const Tavro8::GDRV::MediaFrame& frame);
     void beginPart(std::int64_t originMs);
 
     const std::filesystem::path path;
     const bool soundExpected;
-    const std::function<void(const std::string&)> notice;
+    const Notice notice;
+    const PartBegun partBegun;
 
     std::vector<Tavro8::GDRV::FrameReference> pending;  // from the first key frame on, until sound is known
     std::optional<VideoFormat> video;                   // of the newest key frame
     std::optional<AudioFormat> audio;                   // of the newest sound
     std::optional<AudioFormat> audioInFile;             // what the open file was begun with
     std::unique_ptr<MediaFile> file;
-    std::vector<std::filesystem::path> files;
+    std::vector<RecordedPart> parts;
 };
 }  // namespace Host

@@ -9,22 +9,30 @@ namespace Sample
 // The files of clip/, made into arrays by the build.
 extern const std::span<const std::uint8_t> smallClipBytes;
 extern const std::span<const std::uint8_t> largeClipBytes;
+extern const std::span<const std::uint8_t> h265ClipBytes;
+extern const std::span<const std::uint8_t> jpegClipBytes;
 
 namespace
 {
-/// Each access unit of the clips begins with a delimiter, NAL unit type 9 (ITU-T H.264 section 7.3.2.4).
-constexpr std::uint8_t delimiter[] = {0, 0, 0, 1, 9};
+using Tavro8::GDRV::MediaCodec;
+using Bytes = std::span<const std::uint8_t>;
 
-std::vector<std::span<const std::uint8_t>> cutIntoAccessUnits(std::span<const std::uint8_t> stream)
+// How each picture of the clips begins: with an access unit delimiter (ITU-T H.264 section 7.3.2.4, H.265 section
+// 7.3.2.5), and a JPEG with its start of image and the marker behind it.
+constexpr std::uint8_t h264Delimiter[] = {0, 0, 0, 1, 0x09};
+constexpr std::uint8_t h265Delimiter[] = {0, 0, 0, 1, 0x46};
+constexpr std::uint8_t startOfImage[] = {0xFF, 0xD8, 0xFF};
+
+std::vector<Bytes> cutIntoPictures(Bytes stream, Bytes beginning)
 {
-    std::vector<std::span<const std::uint8_t>> units;
+    std::vector<Bytes> pictures;
     auto begin = stream.begin();
     while (begin != stream.end()) {
-        const auto end = std::search(begin + 1, stream.end(), std::begin(delimiter), std::end(delimiter));
-        units.emplace_back(begin, end);
+        const auto end = std::search(begin + 1, stream.end(), beginning.begin(), beginning.end());
+        pictures.emplace_back(begin, end);
         begin = end;
     }
-    return units;
+    return pictures;
 }
 
 /// ITU-T G.711, the logarithm of a 14-bit sample in 8 segments of 16 steps.
@@ -44,13 +52,25 @@ std::uint8_t toMuLaw(int sample)
 
 const Clip& smallClip()
 {
-    static const Clip clip{160, 120, cutIntoAccessUnits(smallClipBytes)};
+    static const Clip clip{MediaCodec::h264, 160, 120, 25, cutIntoPictures(smallClipBytes, h264Delimiter)};
     return clip;
 }
 
 const Clip& largeClip()
 {
-    static const Clip clip{240, 180, cutIntoAccessUnits(largeClipBytes)};
+    static const Clip clip{MediaCodec::h264, 240, 180, 25, cutIntoPictures(largeClipBytes, h264Delimiter)};
+    return clip;
+}
+
+const Clip& h265Clip()
+{
+    static const Clip clip{MediaCodec::h265, 128, 96, 5, cutIntoPictures(h265ClipBytes, h265Delimiter)};
+    return clip;
+}
+
+const Clip& jpegClip()
+{
+    static const Clip clip{MediaCodec::mjpeg, 160, 120, 1, cutIntoPictures(jpegClipBytes, startOfImage)};
     return clip;
 }
 

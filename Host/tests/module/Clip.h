@@ -11,15 +11,19 @@ namespace Sample
 inline constexpr std::uint32_t framesPerSecond = 25;
 inline constexpr std::uint32_t frameMs = 1000 / framesPerSecond;
 
-/// A second of H.264 test picture, one key frame at its beginning.
+/// A piece of test picture.
 struct Clip {
+    Tavro8::GDRV::MediaCodec codec;
     std::uint32_t width;
     std::uint32_t height;
-    std::vector<std::span<const std::uint8_t>> accessUnits;  ///< Annex B
+    std::size_t keyFrameInterval;  ///< in pictures; the first is a key frame
+    std::vector<std::span<const std::uint8_t>> pictures;
 };
 
-const Clip& smallClip();
-const Clip& largeClip();
+const Clip& smallClip();  ///< a second of H.264
+const Clip& largeClip();  ///< likewise
+const Clip& h265Clip();   ///< 0.4 s of H.265
+const Clip& jpegClip();   ///< 0.2 s of MJPEG
 
 /// The memory of one frame: copied in, and released with its last reference.
 class FrameMemory final : public Tavro8::GDRV::IFrameBuffer {

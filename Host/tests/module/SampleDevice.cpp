@@ -95,8 +95,8 @@ void SampleDevice::Close() noexcept
 
 std::int32_t SampleDevice::resultOfAttempt()
 {
-    const char* const working[] = {"camera",    "recorder", "multichannel", "dark",  "barred",  "mute",
-                                   "voiceless", "growing",  "flaky",        "stuck", "crowded", "tardy"};
+    const char* const working[] = {"camera",  "recorder", "multichannel", "dark",  "barred",  "mute", "voiceless",
+                                   "growing", "changing", "flaky",        "stuck", "crowded", "tardy"};
     const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
     const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
     const bool atLast = hostName == "late" && attempts > 2;
@@ -146,9 +146,11 @@ std::int32_t SampleDevice::CreateVideoSource(std::uint32_t channel, std::uint32_
     if (channel >= channels)
         return toResult(ResultCode::notFound);
     return create(source, [&] {
-        auto produce = hostName == "dark"    ? nothing()
-                       : hostName == "tardy" ? afterHardWork(testPicture(false))
-                                             : testPicture(hostName == "growing");
+        auto produce = hostName == "dark"       ? nothing()
+                       : hostName == "tardy"    ? afterHardWork(testPicture())
+                       : hostName == "growing"  ? growingPicture()
+                       : hostName == "changing" ? changingPicture()
+                                                : testPicture();
         const bool full = hostName == "crowded" && ++placesTaken > crowdedPlaces;
         const auto state = hostName == "barred" || full ? ResultCode::streamRefused : ResultCode::success;
         return new Source<GDRV::IVideoSource>(

@@ -26,6 +26,7 @@ namespace Sample
 /// | mute | connects; makes nothing but video sources and detectors, and takes no settings |
 /// | voiceless | sends a test picture; its sound is refused with 1024; knows continuous movement alone |
 /// | growing | the picture becomes larger after a second |
+/// | changing | sends H.264, after 0.4 s H.265, and after as long again MJPEG |
 /// | stuck | works, but never reports that it was closed |
 /// | flaky | the connection is lost and comes back while the pictures go on; a call breaks at its fifth frame |
 ///

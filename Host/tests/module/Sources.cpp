@@ -16,6 +16,16 @@ std::int64_t nowMs()
     using namespace std::chrono;
     return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
+
+std::vector<std::uint8_t> pictureOf(const Clip& clip, std::uint64_t index, GDRV::MediaFrame& frame)
+{
+    const std::size_t picture = index % clip.pictures.size();
+    frame.codec = clip.codec;
+    frame.keyFrame = picture % clip.keyFrameInterval == 0;
+    frame.width = clip.width;
+    frame.height = clip.height;
+    return {clip.pictures[picture].begin(), clip.pictures[picture].end()};
+}
 }  // namespace
 
 void Stream::start(Tavro8::IContract* asSource)
@@ -87,16 +97,24 @@ void Stream::deliver(const GDRV::MediaFrame& frame, std::size_t bytes)
         frames->OnFrame(source, frame);
 }
 
-Stream::Produce testPicture(bool changesSize)
+Stream::Produce testPicture()
 {
-    return [changesSize](std::uint64_t index, GDRV::MediaFrame& frame) {
-        const Clip& clip = changesSize && index >= framesPerSecond ? largeClip() : smallClip();
-        const std::size_t unit = index % clip.accessUnits.size();
-        frame.codec = GDRV::MediaCodec::h264;
-        frame.keyFrame = unit == 0;
-        frame.width = clip.width;
-        frame.height = clip.height;
-        return std::vector<std::uint8_t>(clip.accessUnits[unit].begin(), clip.accessUnits[unit].end());
+    return [](std::uint64_t index, GDRV::MediaFrame& frame) { return pictureOf(smallClip(), index, frame); };
+}
+
+Stream::Produce growingPicture()
+{
+    return [](std::uint64_t index, GDRV::MediaFrame& frame) {
+        return pictureOf(index < framesPerSecond ? smallClip() : largeClip(), index, frame);
+    };
+}
+
+Stream::Produce changingPicture()
+{
+    constexpr std::uint64_t change = 10;
+    return [](std::uint64_t index, GDRV::MediaFrame& frame) {
+        const Clip& clip = index < change ? smallClip() : index < 2 * change ? h265Clip() : jpegClip();
+        return pictureOf(clip, index % change, frame);
     };
 }
 

@@ -88,7 +88,9 @@ private:
     const std::unique_ptr<Settings> settings;
 };
 
-Stream::Produce testPicture(bool changesSize);  ///< `changesSize`: the picture is larger from the second second on
+Stream::Produce testPicture();
+Stream::Produce growingPicture();   ///< larger from the second second on
+Stream::Produce changingPicture();  ///< 0.4 s of H.264, then 0.4 s of H.265, then MJPEG
 Stream::Produce testTone();
 Stream::Produce afterHardWork(Stream::Produce produce);  ///< the first frame costs 0.4 s of CPU more
 Stream::Produce nothing();                               ///< frames without payload are not delivered
