@@ -46,7 +46,8 @@ void describeDevice(CLI::App& app, CommonOptions& options)
         ->allow_extra_args(false)
         ->type_name("KEY=VALUE")
         ->group(group);
-    app.add_option("--timeout", options.timeout, "Longest wait for the connection, the first picture and the device's answers")
+    app.add_option("--timeout", options.timeout,
+                   "Longest wait for the connection, the first picture and the device's answers")
         ->check(CLI::Validator([](std::string& text) { return checkSeconds(text, 0.001, 86400); }, "", "seconds"))
         ->type_name("SECONDS")
         ->capture_default_str()

@@ -136,7 +136,7 @@ TEST_F(SettingsCommand, aResourceThatWasToBeChangedIsOne)
     const ChildProcess& host = run({"--device", "barred", "settings", "set", "maxGain=9", "brightness=1"});
     EXPECT_THAT(host.output(), HasSubstr("exposure: maxGain not applied: the device does not know the resource"));
     EXPECT_THAT(host.output(), HasSubstr("imageEnhance: brightness applied\n"));
-    EXPECT_THAT(host.errors(), HasSubstr("not all settings were applied"));
+    EXPECT_THAT(host.errors(), HasSubstr("not applied: maxGain: the device does not know the resource (result 514)"));
 }
 
 TEST_F(SettingsCommand, saysWhatTheDeviceDoesNotHave)
@@ -152,6 +152,7 @@ TEST_F(SettingsCommand, failsWhenTheModuleTakesNoSettings)
     set({"codec=MJPEG"}, "mute");
     EXPECT_EQ(status, 4);
     EXPECT_THAT(results(), ElementsAre("all 8"));
+    EXPECT_THAT(errors, HasSubstr("not applied: codec: not supported (result 8)"));
     EXPECT_EQ(getEvent("failure")["code"], 8);
     set({"volume=1"}, "mute");
     EXPECT_EQ(status, 4);

@@ -125,8 +125,14 @@ private:
     void begin(SettingsTarget<Source>& target, const Tavro8::ParameterMap& parameters)
     {
         surroundings.monitor.change([this] { ++pending; });
-        if (const std::int32_t refusal = target.apply(parameters); refusal != 0)
-            complete(refusal);
+        const std::int32_t refusal = target.apply(parameters);
+        if (refusal == 0)
+            return;
+        surroundings.monitor.change([&] {
+            for (const auto& parameter : parameters)
+                lost.push_back(parameter.first);
+        });
+        complete(refusal);
     }
 
     void complete(std::int32_t result)
@@ -144,8 +150,13 @@ private:
             complete(result);
             return;
         }
-        surroundings.monitor.change([&] { told.insert(resource); });
         report(resource, result);
+        const std::vector<std::string> keys = wanted.keysOf(resource);
+        surroundings.monitor.change([&] {
+            told.insert(resource);
+            if (result != 0)
+                lost.insert(lost.end(), keys.begin(), keys.end());
+        });
     } catch (const std::exception& e) {
         surroundings.console.line(std::string("what became of a setting cannot be shown: ") + e.what());
     }
@@ -186,20 +197,26 @@ private:
         fields["code"] = result;
         surroundings.output.event("result", fields, "");
         if (result != 0)
-            throw Failure(ExitStatus::failed, reasonSentence("not all settings were applied", result), result);
+            throw Failure(ExitStatus::failed, reasonSentence("not applied" + which(), result), result);
         for (const std::string& resource : untold())
             surroundings.console.line("remark: this device has nothing called " + resource + ", so " +
                                       joined(wanted.keysOf(resource), ", ") + " changed nothing");
         return ExitStatus::done;
     }
 
+    std::string which() const
+    {
+        const auto keys = surroundings.monitor.read([this] { return lost; });
+        return keys.empty() ? "" : ": " + joined(keys, ", ");
+    }
+
     Failure unfinished() const
     {
         const std::vector<std::string> names = untold();
-        const std::string which = names.empty() ? "" : "; no answer for " + joined(names, ", ");
+        const std::string silent = names.empty() ? "" : "; no answer for " + joined(names, ", ");
         if (surroundings.interrupted.stop_requested())
-            return {ExitStatus::interrupted, "interrupted; the device may have taken settings all the same" + which};
-        return {ExitStatus::failed, "the device did not answer in time" + which + "; allow more with --timeout"};
+            return {ExitStatus::interrupted, "interrupted; the device may have taken settings all the same" + silent};
+        return {ExitStatus::failed, "the device did not answer in time" + silent + "; allow more with --timeout"};
     }
 
     AppliedCallback noteTaker()
@@ -213,8 +230,9 @@ private:
 
     // Guarded by the monitor.
     std::size_t pending = 0;
-    std::int32_t outcome = 0;  ///< the first failure of those that are complete
-    std::set<std::string> told;
+    std::int32_t outcome = 0;       ///< the first failure of those that are complete
+    std::set<std::string> told;     ///< resources
+    std::vector<std::string> lost;  ///< keys that were not applied
 
     ConnectedDevices devices;
     SettingsTarget<GDRV::IVideoSource> video{noteTaker()};
