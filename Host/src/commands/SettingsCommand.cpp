@@ -139,7 +139,7 @@ private:
     {
         surroundings.monitor.change([&] {
             outcome = outcome == 0 ? result : outcome;
-            --pending;
+            pending -= pending > 0 ? 1 : 0;  // whatever a module tells twice
         });
     }
 

@@ -167,7 +167,8 @@ private:
     void hangUp()
     {
         surroundings.console.progress("hanging up ...");
-        line.hangUp();
+        if (!line.getEnd())
+            line.hangUp();
         if (!line.awaitEnd({}, Clock::now() + hangUpTimeout))
             surroundings.console.line("the module did not report the end of the call in time");
         surroundings.console.clearProgress();
