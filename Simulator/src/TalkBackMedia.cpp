@@ -189,7 +189,7 @@ void listenToBackChannel(GstRTSPMedia* media, TalkListener listener)
 void finishBackChannel(GstRTSPMedia* media)
 {
     Tap* const tap = tapOf(media);
-    if (tap == nullptr)
+    if (tap == nullptr || !isListenedTo(media))
         return;
     const bool ends = tap->pad && endSource(tap->pad.get());
     std::unique_lock lock(tap->mutex);

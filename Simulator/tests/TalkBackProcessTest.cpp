@@ -209,6 +209,23 @@ TEST(BackChannel, keepsWhatWasSpokenWhenTheConnectionBreaksOff)
     EXPECT_EQ(samplesOf({"-i", file.name()}).size(), 20 * packetBytes * 2);
 }
 
+TEST(BackChannel, goesWithTheSoundOfAMediaFile)
+{
+    const TemporaryFile media(".mp4");
+    ASSERT_EQ(
+        runProgram(
+            {"ffmpeg",   "-v",      "error", "-y",        "-f",   "lavfi", "-i",        "testsrc=size=192x108:rate=30",
+             "-f",       "lavfi",   "-i",    "sine=1000", "-t",   "0.5",   "-c:v",      "libx264",
+             "-pix_fmt", "yuv420p", "-bf",   "0",         "-c:a", "aac",   media.name()})
+            .status,
+        0);
+    const SimulatorProcess simulator(small({"--media", media.name()}));
+    Speaker speaker(simulator);
+    speaker.speak(muLaw, 5);
+    EXPECT_TRUE(isFine(speaker.hangUp()));
+    EXPECT_EQ(talkBack(simulator)["packets"], 5);
+}
+
 TEST(BackChannel, isBrokenOffAsTold)
 {
     const SimulatorProcess simulator(small({"--fault", "talk-drop:5@media/video1"}));
