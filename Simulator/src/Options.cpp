@@ -223,7 +223,7 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     app.add_option("--talk-back", options.talkBack,
                    "write what is spoken to the device to this WAV file, or to one for each call in this folder");
     addChoice(app, "--format-change", options.formatChange, formatChanges,
-              "what those who watch a stream see when it gets another size [close]");
+              "what becomes of connections on which a stream gets another size [close]");
     addChoice(app, "--dialect", options.dialect, dialects,
               "firmware whose names the stream settings have: EncodeFormat and the like, or EncodeFmt [new]");
     app.add_option("--media", options.mediaFile, "serve this MP4, MKV or TS file in a loop instead of the test picture")

@@ -47,7 +47,7 @@ public:
     Json::Value& own() { return document; }
 
     /// {"data", "writes", "refusals", "lostMembers", "strangeMembers"}: how often it was written and refused, members
-    /// that came back missing or altered although no client may change them, and members that it never had. An entry
+    /// that came back missing, or altered although no client may change them, and members that it never had. An entry
     /// of a list is named by its "ID": "VideoStreamInfos[1].VideoEncodeInfo.QPFactor".
     Json::Value state() const;
 
