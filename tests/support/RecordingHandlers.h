@@ -2,6 +2,7 @@
 
 #include "HostFakes.h"
 
+#include <Tavro8/GDRV/IRecordingPlayback.h>
 #include <Tavro8/GDRV/IRecordingSearch.h>
 #include <cstddef>
 #include <cstdint>
@@ -83,5 +84,71 @@ private:
     // Only within change, wait and read.
     std::vector<Recording> found;
     std::vector<std::int32_t> results;
+};
+
+/// Keeps what a playback tells.
+class PlaybackHandler final : public Tavro8::GDRV::IRecordingPlaybackHandler, private Observations {
+public:
+    using Playback = Tavro8::GDRV::IRecordingPlayback;
+    using Results = std::vector<std::int32_t>;
+
+    void* FindContract(const char* name) noexcept override
+    {
+        return Tavro8::findContractIn<Tavro8::GDRV::IRecordingPlaybackHandler, Tavro8::IContract>(this, name);
+    }
+    void Opened(Playback* playback, std::int32_t result) noexcept override
+    {
+        change([&] { openings.push_back(result); });
+        if (onOpened)
+            onOpened(playback);
+    }
+    void GapReached(Playback* playback, const Tavro8::GDRV::DateTimeRange& gap) noexcept override
+    {
+        change([&] { foundGaps.push_back(gap); });
+        if (onGap)
+            onGap(playback);
+    }
+    void EndReached(Playback* playback) noexcept override
+    {
+        change([&] { ++endCount; });
+        if (onEnd)
+            onEnd(playback);
+    }
+    void Closed(Playback* playback, std::int32_t result) noexcept override
+    {
+        change([&] { closings.push_back(result); });
+        if (onClosed)
+            onClosed(playback);
+    }
+
+    bool waitOpened(std::size_t times = 1)
+    {
+        return wait([&] { return openings.size() >= times; });
+    }
+    bool waitEnd(std::size_t times = 1)
+    {
+        return wait([&] { return endCount >= times; });
+    }
+    bool waitClosed(std::size_t times = 1)
+    {
+        return wait([&] { return closings.size() >= times; });
+    }
+    Results opened() const { return read(openings); }
+    Results closed() const { return read(closings); }
+    std::size_t ends() const { return read(endCount); }
+    std::vector<Tavro8::GDRV::DateTimeRange> gaps() const { return read(foundGaps); }
+
+    // Set before the playback is opened.
+    std::function<void(Playback*)> onOpened;
+    std::function<void(Playback*)> onGap;
+    std::function<void(Playback*)> onEnd;
+    std::function<void(Playback*)> onClosed;
+
+private:
+    // Only within change, wait and read.
+    Results openings;
+    Results closings;
+    std::size_t endCount = 0;
+    std::vector<Tavro8::GDRV::DateTimeRange> foundGaps;
 };
 }  // namespace kelvo::test

@@ -10,9 +10,11 @@
 #include <Tavro8/ParameterMap.h>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Uniview
@@ -100,6 +102,12 @@ public:
                                 Tavro8::GDRV::IDetector** detector) noexcept override;
     std::int32_t CreateTelemetry(std::uint32_t channel, Tavro8::GDRV::ITelemetry** telemetry) noexcept override;
     std::int32_t CreateRecordingSearch(Tavro8::GDRV::IRecordingSearch** search) noexcept override;
+    /// Cameras with a memory card play recordings, too; what a device cannot play it says when it is asked.
+    std::int32_t CreateRecordingPlayback(std::uint32_t channel,
+                                         Tavro8::GDRV::IRecordingPlaybackHandler* playbackHandler,
+                                         Tavro8::GDRV::IMediaFrameHandler* frames,
+                                         const Tavro8::ParameterMap& channelParameters,
+                                         Tavro8::GDRV::IRecordingPlayback** playback) noexcept override;
 
     // Offered to child objects. Any thread.
     ConnectionInfoPtr getHttpConnectionInfo() const;  ///< null before the first attempt that understood its address
@@ -112,6 +120,10 @@ public:
     /// The number of a channel in management paths: the index itself on a single-channel camera whose
     /// `channelNumbering` is 1, otherwise the index plus one.
     std::uint32_t channelNumber(std::uint32_t channel) const;
+
+    /// Runs `action` each time the host closes the device or opens another address, until `holder` has gone. On the
+    /// host's thread: it only posts. Any thread.
+    void whenClosing(std::weak_ptr<void> holder, std::function<void()> action);
 
     /// Offers the events that the device pushes to `subscriber`, which is not owned, from the time on that the device
     /// has connected. In the order of registration; one that registers twice is asked twice. Any thread, but since it
@@ -139,6 +151,7 @@ private:
     std::shared_ptr<EventListener> getListener() const;
     void makeListener();
     void pauseEvents();
+    void runClosingActions();
     void endEvents();
     std::int32_t applyLocalServer(const Tavro8::ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler);
     std::int32_t adjust(const Tavro8::ParameterMap& changed) const;
@@ -147,9 +160,10 @@ private:
     Tavro8::Utility::SimpleAdjuster adjuster;
     std::atomic<std::uint32_t> deviceKind{0};  // a GDRV::DeviceKind
     const std::uint32_t channelCount;
-    ConnectionInfoPtr rtspConnectionInfo;  // guarded by `mutex`
-    ConnectionInfoPtr httpConnectionInfo;  // guarded by `mutex`
-    std::string address;                   // guarded by `mutex`
+    ConnectionInfoPtr rtspConnectionInfo;                                               // guarded by `mutex`
+    ConnectionInfoPtr httpConnectionInfo;                                               // guarded by `mutex`
+    std::string address;                                                                // guarded by `mutex`
+    std::vector<std::pair<std::weak_ptr<void>, std::function<void()>>> closingActions;  // guarded by `mutex`
     mutable std::mutex mutex;
     mutable std::mutex listenerMutex;         // guards the next three; the listener may be called while it is held
     std::shared_ptr<EventListener> listener;  // made by the first attempt that got so far

@@ -100,14 +100,38 @@ void Device::Destroy() noexcept
 std::int32_t Device::Open(const char* target) noexcept
 {
     if (target != nullptr)
-        guardedVoid(logger, "Uniview::Device::Open", [this] { pauseEvents(); });
+        guardedVoid(logger, "Uniview::Device::Open", [this] {
+            pauseEvents();
+            runClosingActions();
+        });
     return Base::Open(target);
 }
 
 void Device::Close() noexcept
 {
-    guardedVoid(logger, "Uniview::Device::Close", [this] { pauseEvents(); });
+    guardedVoid(logger, "Uniview::Device::Close", [this] {
+        pauseEvents();
+        runClosingActions();
+    });
     Base::Close();
+}
+
+void Device::whenClosing(std::weak_ptr<void> holder, std::function<void()> action)
+{
+    const std::lock_guard lock(mutex);
+    std::erase_if(closingActions, [](const auto& known) { return known.first.expired(); });
+    closingActions.emplace_back(std::move(holder), std::move(action));
+}
+
+void Device::runClosingActions()
+{
+    std::unique_lock lock(mutex);
+    const auto actions = closingActions;
+    lock.unlock();
+    for (const auto& [holder, action] : actions) {
+        if (const auto held = holder.lock())
+            action();
+    }
 }
 
 /// What is not the listener's.

@@ -5,6 +5,7 @@
 #include "IODevice.h"
 #include "ModuleSettings.h"
 #include "ProcessRecord.h"
+#include "RecordingPlayback.h"
 #include "RecordingSearch.h"
 #include "TelemetryChannel.h"
 #include "VideoSource.h"
@@ -235,6 +236,17 @@ std::int32_t Device::CreateRecordingSearch(Tavro8::GDRV::IRecordingSearch** sear
 {
     return createChild(*this, search, "Uniview::Device::CreateRecordingSearch",
                        [&] { return RecordingSearch::create(this); });
+}
+
+std::int32_t Device::CreateRecordingPlayback(std::uint32_t channel,
+                                             Tavro8::GDRV::IRecordingPlaybackHandler* playbackHandler,
+                                             Tavro8::GDRV::IMediaFrameHandler* frames,
+                                             const Tavro8::ParameterMap& channelParameters,
+                                             Tavro8::GDRV::IRecordingPlayback** playback) noexcept
+{
+    return createChild(*this, channel, playback, "Uniview::Device::CreateRecordingPlayback", [&] {
+        return RecordingPlayback::create(this, channel, playbackHandler, frames, channelParameters);
+    });
 }
 }  // namespace Uniview
 

@@ -17,6 +17,7 @@ struct Templates {
     boost::format ioOfNamed{"io: %1%, %2%", std::locale::classic()};
     boost::format detector{"detector %1%.%2%", std::locale::classic()};
     boost::format telemetry{"tc %1%", std::locale::classic()};
+    boost::format playback{"rp %1%", std::locale::classic()};
 };
 
 const Templates& templates()
@@ -61,6 +62,12 @@ std::string detectorObjectName(const char* detectionType, std::uint32_t channel)
 std::string telemetryObjectName(std::uint32_t channel)
 {
     boost::format name = templates().telemetry;
+    return (name % channel).str();
+}
+
+std::string playbackObjectName(std::uint32_t channel)
+{
+    boost::format name = templates().playback;
     return (name % channel).str();
 }
 }  // namespace Uniview

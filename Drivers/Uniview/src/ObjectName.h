@@ -13,4 +13,5 @@ std::string ioObjectName(const std::string& deviceName, std::uint32_t channelInd
 std::string detectorObjectName(const char* detectionType, std::uint32_t channel);  ///< "detector motion.0"
 std::string destinationObjectName(std::uint32_t channel);                          ///< "ad 0"
 std::string telemetryObjectName(std::uint32_t channel);                            ///< "tc 0"
+std::string playbackObjectName(std::uint32_t channel);                             ///< "rp 0"
 }  // namespace Uniview

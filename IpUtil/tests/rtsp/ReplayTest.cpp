@@ -96,6 +96,9 @@ struct ReplayTest : ::testing::Test {
     }
 
     Loop loop;
+    // What the peer's script uses goes after the peer, which may be at work until then.
+    int round = 0;
+    std::optional<RecordingSender> sender;
     std::optional<ScriptedPeer> peer;
     std::optional<Replayer> replayer{std::in_place, loop};  // made anew by tests that change waiting times
 };
@@ -170,7 +173,6 @@ TEST_F(ReplayTest, aGapIsALeapOfTheReportsInFrontOfItsFirstFrame)
 
 TEST_F(ReplayTest, theFarewellOfTheTrackIsTheEndAndTheSessionStays)
 {
-    int round = 0;
     open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
         connection.reply(request, 200);
         const std::int64_t begin = recordedMs + 1000 * round++;
@@ -203,7 +205,6 @@ TEST_F(ReplayTest, theLastFrameIsHandedOutAtTheEndWhereFramesAreNotMarked)
 
 TEST_F(ReplayTest, aSeekDropsWhatIsOfTheOldPlaceAndBeginsWithAKeyFrame)
 {
-    int round = 0;
     open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
         RecordingSender sender(connection, 90000, static_cast<std::uint16_t>(round * 5000));
         if (round++ == 1)
@@ -225,8 +226,6 @@ TEST_F(ReplayTest, aSeekDropsWhatIsOfTheOldPlaceAndBeginsWithAKeyFrame)
 
 TEST_F(ReplayTest, anotherSpeedGoesOnWithoutLoss)
 {
-    int round = 0;
-    std::optional<RecordingSender> sender;
     open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
         if (!sender)
             sender.emplace(connection);
@@ -260,7 +259,6 @@ TEST_F(ReplayTest, keyFramesOnlyIsAskedForAndConfirmed)
 
 TEST_F(ReplayTest, pausedSilenceIsNoStallAndNothingIsLost)
 {
-    std::optional<RecordingSender> sender;
     Camera recorder = recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
         connection.reply(request, 200);
         if (sender)
@@ -306,8 +304,6 @@ TEST_F(ReplayTest, silenceWhileMediaAreDueIsAStall)
 
 TEST_F(ReplayTest, aRefusalChangesNothing)
 {
-    int round = 0;
-    std::optional<RecordingSender> sender;
     open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
         if (!sender)
             sender.emplace(connection);

@@ -1,0 +1,552 @@
+#include <utility>
+
+#include "RecordingPlayback.h"
+
+#include "DeviceFixture.h"
+#include "Recorder.h"
+#include "RecordingHandlers.h"
+
+#include <Tavro8/ResultCode.h>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+using namespace Uniview;
+using namespace kelvo::test;
+using namespace Tavro8::Utility::testkit;
+using Tavro8::ResultCode;
+using Tavro8::toResult;
+using Tavro8::GDRV::DateTimeRange;
+using Results = PlaybackHandler::Results;
+using Times = std::vector<std::int64_t>;
+using Connection = ScriptedPeer::Connection;
+using Request = ScriptedPeer::Request;
+
+constexpr auto beginMs = static_cast<std::uint64_t>(recordedMs);
+constexpr DateTimeRange hour{beginMs, beginMs + 3'600'000};
+
+std::string okFor(const Request& request)
+{
+    const std::string scale = headerOf(request, "scale");
+    const std::string frames = headerOf(request, "frames");
+    return "Session: 88\r\n" + (scale.empty() ? "" : "Scale: " + scale + "\r\n") +
+           (frames.empty() ? "" : "Frames: " + frames + "\r\n");
+}
+
+class RecordingPlaybackTest : public Uniview::test::DeviceFixture {
+protected:
+    /// The device goes before those that hear of its recordings.
+    ~RecordingPlaybackTest() override
+    {
+        if (playback != nullptr)
+            playback->Destroy();
+        if (device != nullptr)
+            std::exchange(device, nullptr)->Destroy();
+    }
+
+    void make(const Camera& recorder, std::uint32_t channel = 0, const Tavro8::ParameterMap& parameters = {})
+    {
+        rtsp.emplace(recorder.script());
+        DeviceFixture::make(4);
+        peer.answer(Uniview::test::portPath, 200, "\"RTSPPort\":\t" + std::to_string(rtsp->port()));
+        peer.answer(Uniview::test::infoPath, 200, Uniview::test::deviceInfo(1));
+        connect();
+        frames.keepFrames = true;
+        ASSERT_EQ(device->CreateRecordingPlayback(channel, &handler, &frames, parameters, &playback), 0);
+    }
+    void make(OnPlay onPlay) { make(recorderWith(std::move(onPlay))); }
+    void openAndPlay()
+    {
+        ASSERT_EQ(playback->Open(hour), 0);
+        ASSERT_EQ(playback->Play(), 0);
+        ASSERT_TRUE(handler.waitOpened());
+        ASSERT_EQ(handler.opened(), Results{0});
+    }
+    Times times()
+    {
+        Times all;
+        for (const auto& frame : frames.takeFrames())
+            all.push_back(frame->timestampMs - recordedMs);
+        return all;
+    }
+    std::vector<Request> plays() const
+    {
+        auto all = rtsp->requests();
+        std::erase_if(all, [](const Request& request) { return request.method != "PLAY"; });
+        return all;
+    }
+    /// Behind everything that the object has been told so far.
+    void settle()
+    {
+        service->barrier();
+        service->barrier();
+    }
+
+    PlaybackHandler handler;
+    ChannelHandler frames;
+    // What the peer's script uses goes after the peer, which may be at work until then.
+    int round = 0;
+    std::optional<RecordingSender> sender;
+    std::atomic<std::size_t> sent{0};
+    std::atomic<unsigned> status{0};
+    std::optional<ScriptedPeer> rtsp;
+    Tavro8::GDRV::IRecordingPlayback* playback = nullptr;
+};
+
+TEST_F(RecordingPlaybackTest, playsAnIntervalToItsEnd)
+{
+    make(recorderWith([](Connection& connection, const Request& request) {
+             connection.reply(request, 200, okFor(request));
+             RecordingSender(connection).report(recordedMs).keyFrame().picture().bye();
+         }),
+         2);
+    EXPECT_EQ(playback->GetChannelIndex(), 2U);
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(times(), (Times{0, 40}));
+    EXPECT_TRUE(frames.waitState(0));
+    EXPECT_EQ(rtsp->requests()[1].uri,
+              "rtsp://127.0.0.1:" + std::to_string(rtsp->port()) + "/c3/b1493172645/e1493176245/replay/");
+    EXPECT_EQ(headerOf(plays().at(0), "range"), "clock=20170426T021045Z-20170426T031045Z");
+    EXPECT_TRUE(handler.closed().empty());
+    playback->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.closed(), Results{0});
+    EXPECT_EQ(handler.ends(), 1U);
+    EXPECT_TRUE(handler.gaps().empty());
+}
+
+TEST_F(RecordingPlaybackTest, nothingIsPlayedBeforePlay)
+{
+    make([](Connection& connection, const Request& request) { connection.reply(request, 200, okFor(request)); });
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_TRUE(handler.waitOpened());
+    settle();
+    EXPECT_EQ(rtsp->count("PLAY"), 0U);
+    playback->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.closed(), Results{0});
+}
+
+TEST_F(RecordingPlaybackTest, soundAndPicturesComeThroughOneHandler)
+{
+    make(recorderWith(
+        [](Connection& connection, const Request& request) {
+            connection.reply(request, 200, okFor(request));
+            RecordingSender(connection).keyFrame();
+            connection.sendFrame(2, rtp(0, 7, 160, false, Bytes(160, 0x55), 0x99));
+        },
+        videoAndAudioSdp));
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(2));
+    const auto taken = frames.takeFrames();
+    EXPECT_EQ(taken[0]->codec, Tavro8::GDRV::MediaCodec::h264);
+    EXPECT_EQ(taken[1]->codec, Tavro8::GDRV::MediaCodec::g711U);
+    EXPECT_EQ(taken[1]->timestampMs, recordedMs);
+}
+
+TEST_F(RecordingPlaybackTest, gapsAreToldInFrontOfTheFrameBehindThem)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection)
+            .report(recordedMs)
+            .keyFrame()
+            .picture()
+            .report(recordedMs + 600'000)
+            .keyFrame()
+            .report(recordedMs + 600'900)
+            .picture()
+            .bye();
+    });
+    std::size_t framesAtTheGap = 0;
+    handler.onGap = [&](auto*) { framesAtTheGap = frames.frameTotal(); };
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(handler.gaps(), (std::vector<DateTimeRange>{{beginMs + 80, beginMs + 600'000}}));
+    EXPECT_EQ(framesAtTheGap, 2U);
+    EXPECT_EQ(times(), (Times{0, 40, 600'000, 600'900}));
+}
+
+TEST_F(RecordingPlaybackTest, aRecordingThatBeginsLaterBeginsWithAGap)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, "Range: clock=20170426T021545Z-\r\n");
+        RecordingSender(connection).keyFrame();
+    });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(handler.gaps(), (std::vector<DateTimeRange>{{beginMs, beginMs + 300'000}}));
+}
+
+TEST_F(RecordingPlaybackTest, pausesAndPlaysOnWithoutARange)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        if (sender)
+            sender->picture();
+        else
+            sender.emplace(connection).keyFrame();
+    });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(playback->Pause(), 0);
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(2));
+    EXPECT_EQ(times(), (Times{0, 40}));
+    EXPECT_EQ(rtsp->count("PAUSE"), 1U);
+    ASSERT_EQ(plays().size(), 2U);
+    EXPECT_EQ(headerOf(plays()[1], "range"), "");
+}
+
+TEST_F(RecordingPlaybackTest, seeksForthAndBackAndStampsAnew)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, "Range: " + headerOf(request, "range") + "\r\n");
+        RecordingSender(connection, 90000, static_cast<std::uint16_t>(1000 * ++round)).keyFrame();
+    });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(playback->Seek(beginMs + 1'800'500), 0);
+    ASSERT_TRUE(frames.waitFrames(2));
+    EXPECT_EQ(playback->Seek(beginMs + 60'000), 0);
+    ASSERT_TRUE(frames.waitFrames(3));
+    EXPECT_EQ(times(), (Times{0, 1'800'000, 60'000}));
+    EXPECT_TRUE(handler.gaps().empty()) << "a leap that the host has asked for is no gap";
+    EXPECT_EQ(playback->Seek(hour.end), toResult(ResultCode::outOfRange));
+    EXPECT_EQ(playback->Seek(hour.begin - 1), toResult(ResultCode::outOfRange));
+}
+
+TEST_F(RecordingPlaybackTest, wishesThatFollowFastCostOneRequestAtATime)
+{
+    std::promise<void> go;
+    auto gate = go.get_future().share();
+    make([&, gate](Connection& connection, const Request& request) {
+        if (++round == 1)
+            gate.wait();
+        connection.reply(request, 200, "Range: " + headerOf(request, "range") + "\r\n");
+        RecordingSender(connection, 90000, static_cast<std::uint16_t>(1000 * round)).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(handler.waitOpened());
+    for (std::uint64_t second = 1; second <= 50; ++second)
+        ASSERT_EQ(playback->Seek(beginMs + second * 1000), 0);
+    settle();
+    go.set_value();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(times(), Times{50'000}) << "the first place is the old one before its first frame is there";
+    EXPECT_EQ(plays().size(), 2U);
+}
+
+TEST_F(RecordingPlaybackTest, playBehindTheEndBeginsAgain)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection, 90000, static_cast<std::uint16_t>(1000 * ++round)).keyFrame().bye();
+    });
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(handler.waitEnd(2));
+    EXPECT_EQ(times(), (Times{0, 0}));
+    EXPECT_EQ(headerOf(plays().at(1), "range"), headerOf(plays().at(0), "range"));
+}
+
+TEST_F(RecordingPlaybackTest, aSeekFromInsideTheEndGoesOn)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender sender(connection, 90000, static_cast<std::uint16_t>(1000 * ++round));
+        sender.keyFrame();
+        if (round == 1)
+            sender.bye();
+    });
+    handler.onEnd = [](Tavro8::GDRV::IRecordingPlayback* ended) {
+        ended->Seek(beginMs + 5000);
+        ended->Play();
+    };
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(2));
+    EXPECT_EQ(times(), (Times{0, 5000}));
+}
+
+TEST_F(RecordingPlaybackTest, playsFasterAndKeyFramesOnlyWhereTheDeviceOffersIt)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    EXPECT_EQ(playback->SetSpeed(8, true), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(headerOf(plays().at(0), "scale"), "8");
+    EXPECT_EQ(headerOf(plays().at(0), "frames"), "intra");
+    EXPECT_TRUE(frames.waitState(0));
+    for (const std::uint32_t factor : {0U, 3U, 16U})
+        EXPECT_EQ(playback->SetSpeed(factor, false), toResult(ResultCode::outOfRange));
+}
+
+TEST_F(RecordingPlaybackTest, whatTheDeviceDoesNotOfferIsToldAndThenRefused)
+{
+    make([](Connection& connection, const Request& request) { connection.reply(request, 200); });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitState(0));
+    EXPECT_EQ(playback->SetSpeed(1, true), 0);
+    ASSERT_TRUE(frames.waitState(toResult(ResultCode::notSupported)));
+    settle();
+    EXPECT_EQ(playback->SetSpeed(1, true), toResult(ResultCode::notSupported));
+    EXPECT_EQ(playback->SetSpeed(4, false), 0);
+    ASSERT_TRUE(logger.waitFor("the device does not offer this speed"));
+    settle();
+    EXPECT_EQ(playback->SetSpeed(2, false), toResult(ResultCode::notSupported));
+    EXPECT_EQ(playback->SetSpeed(1, false), 0);
+    EXPECT_TRUE(handler.closed().empty());
+}
+
+TEST_F(RecordingPlaybackTest, aSeekThatTheDeviceRefusesIsToldAndTheRestGoesOn)
+{
+    make([&](Connection& connection, const Request& request) {
+        if (!sender)
+            sender.emplace(connection);
+        connection.reply(request, ++round == 2 ? 457 : 200);
+        round == 1 ? sender->keyFrame() : sender->picture();
+    });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(playback->Seek(beginMs + 60'000), 0);
+    ASSERT_TRUE(frames.waitState(toResult(ResultCode::streamRefused)));
+    ASSERT_TRUE(frames.waitFrames(2));
+    EXPECT_EQ(times(), (Times{0, 40}));
+    EXPECT_TRUE(handler.gaps().empty());
+}
+
+TEST_F(RecordingPlaybackTest, whatTheRecorderDoesNotHaveIsAFailureOfOpening)
+{
+    const struct {
+        unsigned status;
+        ResultCode result;
+    } cases[] = {{404, ResultCode::resourceNotFound},
+                 {599, ResultCode::deviceError},
+                 {454, ResultCode::resourceNotFound},
+                 {453, ResultCode::deviceBusy}};
+    Camera recorder = recorderWith({});
+    recorder.intercept = [&](Connection& connection, const Request& request) {
+        return request.method == "DESCRIBE" && connection.reply(request, status);
+    };
+    make(recorder);
+    std::size_t times = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
+        status = c.status;
+        ASSERT_EQ(playback->Open(hour), 0);
+        ASSERT_TRUE(handler.waitOpened(++times));
+        EXPECT_EQ(handler.opened().back(), toResult(c.result));
+        settle();
+    }
+    EXPECT_TRUE(handler.closed().empty());
+    EXPECT_EQ(playback->Play(), toResult(ResultCode::invalidState));
+}
+
+TEST_F(RecordingPlaybackTest, aConnectionThatIsLostIsToldAndNotMadeAgain)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame();
+        connection.close();
+    });
+    openAndPlay();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.closed(), Results{toResult(ResultCode::connectionLost)});
+    EXPECT_EQ(handler.ends(), 0U);
+    EXPECT_EQ(playback->Play(), toResult(ResultCode::invalidState));
+    EXPECT_EQ(rtsp->connectionCount(), 1U);
+    EXPECT_EQ(playback->Open(hour), 0) << "by the host it may be opened again";
+    EXPECT_TRUE(handler.waitOpened(2));
+}
+
+TEST_F(RecordingPlaybackTest, aConnectionThatIsClosedAtTheEndOfTheIntervalIsTheEnd)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame().report(recordedMs + 3'599'000).picture();
+        connection.close();
+    });
+    openAndPlay();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.ends(), 1U);
+    EXPECT_EQ(handler.closed(), Results{0});
+}
+
+TEST_F(RecordingPlaybackTest, silenceIsAStallOnlyWhilePlaying)
+{
+    make(recorderWith([](Connection& connection, const Request& request) {
+             connection.reply(request, 200, okFor(request));
+             RecordingSender(connection).keyFrame();
+         }),
+         0, {{"stallTimeout", 1}});
+    openAndPlay();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.closed(), Results{toResult(ResultCode::timedOut)});
+}
+
+TEST_F(RecordingPlaybackTest, closeWhileOpeningTellsBoth)
+{
+    Camera recorder = recorderWith({});
+    recorder.intercept = [](Connection&, const Request& request) { return request.method == "DESCRIBE"; };
+    make(recorder);
+    ASSERT_EQ(playback->Open(hour), 0);
+    playback->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.opened(), Results{toResult(ResultCode::cancelled)});
+    EXPECT_EQ(handler.closed(), Results{0});
+    playback->Close();
+    settle();
+    EXPECT_EQ(handler.closed().size(), 1U);
+}
+
+TEST_F(RecordingPlaybackTest, mayBeOpenedAnewRightBehindClose)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    EXPECT_EQ(playback->Open(hour), toResult(ResultCode::invalidState)) << "one at a time";
+    playback->Close();
+    ASSERT_EQ(playback->Open({beginMs + 5000, hour.end}), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(times(), Times{5000});
+    EXPECT_EQ(handler.opened(), (Results{toResult(ResultCode::cancelled), 0}));
+    EXPECT_EQ(handler.closed(), Results{0});
+}
+
+TEST_F(RecordingPlaybackTest, destroyInsideEveryCallbackIsTheLastCall)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).report(recordedMs).keyFrame().report(recordedMs + 60'000).picture().bye();
+    });
+    std::exchange(playback, nullptr)->Destroy();
+    using Callback = std::function<void(Tavro8::GDRV::IRecordingPlayback*)>;
+    const std::vector<Callback PlaybackHandler::*> callbacks = {&PlaybackHandler::onOpened, &PlaybackHandler::onGap,
+                                                                &PlaybackHandler::onEnd, &PlaybackHandler::onClosed};
+    for (std::size_t which = 0; which < callbacks.size(); ++which) {
+        SCOPED_TRACE(which);
+        PlaybackHandler once;
+        ChannelHandler taker;
+        std::promise<void> destroyed;
+        once.*callbacks[which] = [&](Tavro8::GDRV::IRecordingPlayback* going) {
+            going->Destroy();
+            destroyed.set_value();
+        };
+        if (which == 3)
+            once.onEnd = [](Tavro8::GDRV::IRecordingPlayback* going) { going->Close(); };
+        Tavro8::GDRV::IRecordingPlayback* going = nullptr;
+        ASSERT_EQ(device->CreateRecordingPlayback(0, &once, &taker, {}, &going), 0);
+        ASSERT_EQ(going->Open(hour), 0);
+        ASSERT_EQ(going->Play(), 0);
+        destroyed.get_future().get();
+        settle();
+        EXPECT_EQ(once.gaps().size(), which >= 1 ? 1U : 0U);
+        EXPECT_EQ(once.ends(), which >= 2 ? 1U : 0U);
+        EXPECT_EQ(once.closed().size(), which >= 3 ? 1U : 0U);
+        EXPECT_EQ(taker.frameTotal(), which == 0 ? 0U : which == 1 ? 1U : 2U);
+    }
+}
+
+TEST_F(RecordingPlaybackTest, destroyInsideAFrameIsTheLastOfThem)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame().picture().picture();
+    });
+    std::promise<void> destroyed;
+    frames.onFrame = [&](Tavro8::IContract*) {
+        std::exchange(playback, nullptr)->Destroy();
+        destroyed.set_value();
+    };
+    openAndPlay();
+    destroyed.get_future().get();
+    settle();
+    EXPECT_EQ(frames.frameTotal(), 1U);
+}
+
+TEST_F(RecordingPlaybackTest, destroyWhileFramesComeAndTheDeviceRightBehindIt)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender sender(connection);
+        while (!connection.hasMore()) {
+            sender.keyFrame();
+            std::this_thread::yield();
+        }
+    });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(10));
+    std::exchange(playback, nullptr)->Destroy();
+    const std::size_t last = frames.frameTotal();
+    std::exchange(device, nullptr)->Destroy();
+    settle();
+    EXPECT_EQ(frames.frameTotal(), last);
+}
+
+TEST_F(RecordingPlaybackTest, closingTheDeviceEndsIt)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame();
+    });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    device->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.closed(), Results{toResult(ResultCode::cancelled)});
+    EXPECT_EQ(playback->Open(hour), toResult(ResultCode::invalidState));
+}
+
+TEST_F(RecordingPlaybackTest, argumentsAndStatesThatMakeNoSenseAreRefused)
+{
+    DeviceFixture::make(2);
+    EXPECT_EQ(device->CreateRecordingPlayback(2, &handler, &frames, {}, &playback), toResult(ResultCode::notFound));
+    ASSERT_EQ(device->CreateRecordingPlayback(1, nullptr, nullptr, {}, &playback), 0);
+    EXPECT_EQ(playback->Open(hour), toResult(ResultCode::invalidState)) << "the device has not connected";
+    EXPECT_EQ(playback->Open({5, 5}), toResult(ResultCode::invalidArgument));
+    EXPECT_EQ(playback->Open({4'294'967'296'000, 4'294'967'297'000}), toResult(ResultCode::outOfRange));
+    EXPECT_EQ(playback->Play(), toResult(ResultCode::invalidState));
+    EXPECT_EQ(playback->Pause(), toResult(ResultCode::invalidState));
+    EXPECT_EQ(playback->Seek(5), toResult(ResultCode::invalidState));
+    EXPECT_EQ(playback->SetSpeed(1, false), toResult(ResultCode::invalidState));
+    EXPECT_EQ(Tavro8::queryContract<Tavro8::GDRV::IRecordingPlayback>(playback), playback);
+    EXPECT_EQ(Tavro8::queryContract<Tavro8::GDRV::IDeviceChannel>(playback), playback);
+}
+
+TEST_F(RecordingPlaybackTest, aSlowTakerSlowsTheRecorderDownAndLosesNothing)
+{
+    constexpr std::size_t total = 3000;
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        PacketSender sender;
+        for (; sent < total && sender.sendFrame(connection, {spsNal(), ppsNal(), idrNal(20'000)}); ++sent) {
+        }
+    });
+    std::promise<void> go;
+    auto gate = go.get_future().share();
+    frames.keepFrames = false;
+    frames.onFrame = [gate](Tavro8::IContract*) { gate.wait(); };  // the last call may outlive the test's locals
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_LT(sent, total) << "the sockets hold a few megabytes, not sixty";
+    go.set_value();
+    ASSERT_TRUE(frames.waitFrames(total));
+}
+}  // namespace
