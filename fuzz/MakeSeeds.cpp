@@ -288,6 +288,20 @@ void saveTelemetry()
          area(-10.5, 1e10, 1, 1e-300) + moves + be16(2) + "\"\\" + std::string(6, '\0') + R"([{"ID":0},1e308])");
 }
 
+void saveAudioInput()
+{
+    // A bit for each value that is given, then the values.
+    const auto integer = [](std::uint8_t value) { return std::string{0, 0, 0, static_cast<char>(value)}; };
+    const std::string input =
+        R"({"IsMute":0,"InputGain":120,"NoiseReduction":{"Enabled":0},"AudioInputNum":2,)"
+        R"("AudioInputList":[{"ID":1,"Enabled":1,"Mode":0},{"ID":2,"Enabled":false,"Mode":0.5}]})";
+    save("audio_input", "all", char{15} + integer(200) + integer(1) + integer(2) + integer(3) + input);
+    save("audio_input", "as_it_is", char{3} + integer(120) + integer(0) + input);
+    save("audio_input", "no_such_microphone", char{4} + integer(9) + input);
+    save("audio_input", "odd_shape",
+         char{6} + integer(1) + integer(1) + R"({"NoiseReduction":1,"AudioInputList":[7,{"ID":"1"},{"ID":1}]})");
+}
+
 void saveSettings()
 {
     // Numbers of the groups, names and types as Settings.cpp takes them apart.
@@ -672,6 +686,7 @@ try {
     saveNotifications();
     saveLapi();
     saveTelemetry();
+    saveAudioInput();
     saveSettings();
     saveEvents();
     saveAlarms();
