@@ -139,12 +139,12 @@ TEST_F(SettingsCommand, aResourceThatWasToBeChangedIsOne)
     EXPECT_THAT(host.errors(), HasSubstr("not applied: maxGain: the device does not know the resource (result 514)"));
 }
 
-TEST_F(SettingsCommand, saysWhatTheDeviceDoesNotHave)
+TEST_F(SettingsCommand, saysWhatWasNotWritten)
 {
     set({"codec=MJPEG", "brightness=1"}, "recorder");
     EXPECT_EQ(status, 0);
     EXPECT_THAT(results(), ElementsAre("imageEnhance 0", "all 0"));
-    EXPECT_THAT(errors, HasSubstr("remark: this device has nothing called stream, so codec changed nothing"));
+    EXPECT_THAT(errors, HasSubstr("remark: stream was not written on this device, so codec changed nothing there"));
 }
 
 TEST_F(SettingsCommand, failsWhenTheModuleTakesNoSettings)

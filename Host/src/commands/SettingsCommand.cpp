@@ -199,8 +199,8 @@ private:
         if (result != 0)
             throw Failure(ExitStatus::failed, reasonSentence("not applied" + which(), result), result);
         for (const std::string& resource : untold())
-            surroundings.console.line("remark: this device has nothing called " + resource + ", so " +
-                                      joined(wanted.keysOf(resource), ", ") + " changed nothing");
+            surroundings.console.line("remark: " + resource + " was not written on this device, so " +
+                                      joined(wanted.keysOf(resource), ", ") + " changed nothing there");
         return ExitStatus::done;
     }
 
