@@ -382,14 +382,6 @@ TEST_F(DeviceTest, offersItsInformationAsAContract)
     EXPECT_EQ(information->GetLivePath(1, 0, nullptr, 0), 14U);
 }
 
-TEST_F(DeviceTest, whatIsNotBuiltIsNotSupported)
-{
-    make();
-    Tavro8::GDRV::IRecordingSearch* search = nullptr;
-    EXPECT_EQ(device->CreateRecordingSearch(&search), toResult(ResultCode::notSupported));
-    EXPECT_EQ(search, nullptr);
-}
-
 TEST_F(DeviceTest, mayBeDestroyedFromInsideItsCallback)
 {
     make();
