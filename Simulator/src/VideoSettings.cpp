@@ -82,9 +82,9 @@ Json::Value streamDocument(const Options& options, unsigned id)
     encode["ImageQuality"] = 5;
     encode["SmoothLevel"] = 1;
     if (options.dialect == Dialect::oldFirmware)
-        encode["SVCMode"] = 0;
-    else
         encode["VideoSvcCfg"]["Mode"] = 0;
+    else
+        encode["SVCMode"] = 0;
     encode["SmartEncodeMode"] = 0;
     encode["QPFactor"] = 25.4;
     encode["RegionOfInterest"] = Json::Value();

@@ -109,15 +109,15 @@ TEST_F(SettingsResourcesTest, listsThreeStreamsInTheWordsOfNewFirmware)
             {"ID": 0, "Enabled": 1, "Tag": 9007199254740993, "VideoEncodeInfo": {
                 "EncodeFormat": 1, "Resolution": {"Width": 1280, "Height": 720}, "BitRate": 2000, "BitRateType": 0,
                 "FrameRate": 25, "GOPType": 0, "IFrameInterval": 25, "ImageQuality": 5, "SmoothLevel": 1,
-                "VideoSvcCfg": {"Mode": 0}, "SmartEncodeMode": 0, "QPFactor": 25.4, "RegionOfInterest": null}},
+                "SVCMode": 0, "SmartEncodeMode": 0, "QPFactor": 25.4, "RegionOfInterest": null}},
             {"ID": 1, "Enabled": 1, "Tag": 9007199254740994, "VideoEncodeInfo": {
                 "EncodeFormat": 1, "Resolution": {"Width": 640, "Height": 360}, "BitRate": 500, "BitRateType": 0,
                 "FrameRate": 25, "GOPType": 0, "IFrameInterval": 25, "ImageQuality": 5, "SmoothLevel": 1,
-                "VideoSvcCfg": {"Mode": 0}, "SmartEncodeMode": 0, "QPFactor": 25.4, "RegionOfInterest": null}},
+                "SVCMode": 0, "SmartEncodeMode": 0, "QPFactor": 25.4, "RegionOfInterest": null}},
             {"ID": 2, "Enabled": 0, "Tag": 9007199254740995, "VideoEncodeInfo": {
                 "EncodeFormat": 1, "Resolution": {"Width": 352, "Height": 288}, "BitRate": 128, "BitRateType": 0,
                 "FrameRate": 25, "GOPType": 0, "IFrameInterval": 25, "ImageQuality": 5, "SmoothLevel": 1,
-                "VideoSvcCfg": {"Mode": 0}, "SmartEncodeMode": 0, "QPFactor": 25.4, "RegionOfInterest": null}}]})");
+                "SVCMode": 0, "SmartEncodeMode": 0, "QPFactor": 25.4, "RegionOfInterest": null}}]})");
     // As text, in which 1 and 1u are the same.
     EXPECT_EQ(compactPrint(get(streamsPath)), compactPrint(expected));
 }
@@ -128,7 +128,7 @@ TEST_F(SettingsOfOldFirmware, listsStreamsInTheWordsOfOldFirmware)
     EXPECT_EQ(compactPrint(main),
               R"({"BitRate":2000,"EncMode":0,"EncodeFmt":6,"FrameRate":25,"GOPType":0,"IInterval":25,"ImageQuality":5,)"
               R"("QPFactor":25.399999999999999,"RegionOfInterest":null,"Resolution":{"Height":720,"Width":1280},)"
-              R"("SVCMode":0,"SmartEncodeMode":0,"SmoothLevel":1})");
+              R"("SmartEncodeMode":0,"SmoothLevel":1,"VideoSvcCfg":{"Mode":0}})");
     Json::Value body = oneStream(0);
     body["VideoStreamInfos"][0]["VideoEncodeInfo"]["EncodeFmt"] = 13;
     EXPECT_EQ(put(streamsPath, body), 0);
@@ -149,7 +149,7 @@ TEST_F(SettingsResourcesTest, encodesOneStreamAnewAndLeavesTheOthers)
     encode["FrameRate"] = 10;
     encode["IFrameInterval"] = 40;
     encode["BitRateType"] = 1;
-    encode["VideoSvcCfg"]["Mode"] = 1;
+    encode["SVCMode"] = 1;
     EXPECT_EQ(put(streamsPath, body), 0);
     ASSERT_EQ(encoded.size(), 1u);
     EXPECT_EQ(encoded[0].channel, 0u);
@@ -158,7 +158,7 @@ TEST_F(SettingsResourcesTest, encodesOneStreamAnewAndLeavesTheOthers)
     const Json::Value streams = get(streamsPath);
     EXPECT_EQ(streams["Num"], 3u);
     EXPECT_EQ(streams["VideoStreamInfos"][1]["VideoEncodeInfo"]["BitRateType"], 1);
-    EXPECT_EQ(streams["VideoStreamInfos"][1]["VideoEncodeInfo"]["VideoSvcCfg"]["Mode"], 1);
+    EXPECT_EQ(streams["VideoStreamInfos"][1]["VideoEncodeInfo"]["SVCMode"], 1);
     EXPECT_EQ(streams["VideoStreamInfos"][0]["VideoEncodeInfo"]["EncodeFormat"], 1);
     EXPECT_EQ(compactPrint(settings.video(0).state()["lostMembers"]), "[]");
 }
@@ -181,7 +181,7 @@ TEST_F(SettingsResourcesTest, refusesStreamsThatCannotBe)
         {"EncodeFormat", 3},       {"EncodeFormat", "1"}, {"EncodeFormat", 0}, {"BitRate", 31},
         {"BitRate", 2000.5},       {"FrameRate", 0},      {"FrameRate", "25"}, {"IFrameInterval", 0},
         {"BitRateType", 2},        {"ImageQuality", 10},  {"SmoothLevel", 0},  {"SmartEncodeMode", -1},
-        {"Resolution", "640x360"}, {"VideoSvcCfg", 1},
+        {"Resolution", "640x360"}, {"SVCMode", 4},
     };
     const Json::Value before = get(streamsPath);
     for (const auto& c : cases) {
