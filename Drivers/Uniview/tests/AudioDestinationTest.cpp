@@ -368,24 +368,25 @@ TEST_F(AudioDestination, saysGoodByeWhenItIsDestroyedInTheMiddleOfACall)
     push(Samples(160, 0));
     destroy();
     EXPECT_TRUE(calls.ends().empty());
-    device->Destroy();
-    device.reset();
-    const auto end = std::chrono::steady_clock::now() + kelvo::test::patience;
-    while (rtsp->count("TEARDOWN") == 0 && std::chrono::steady_clock::now() < end)
-        std::this_thread::yield();
+    leave();
     EXPECT_EQ(rtsp->count("TEARDOWN"), 1U);
     EXPECT_TRUE(calls.ends().empty());
 }
 
 TEST_F(AudioDestination, mayBeDestroyedFromItsOwnCallbacks)
 {
-    calls.onStarted = [this](Tavro8::IContract*) { destroy(); };
+    std::promise<void> destroyed;
+    calls.onStarted = [&](Tavro8::IContract*) {
+        destroy();
+        destroyed.set_value();
+    };
     startCamera(cameraWith(sdpWithBackChannel("0")));
     createDestination();
     destination->Call();
-    ASSERT_TRUE(calls.waitStarted());
-    calls.onStarted = nullptr;
+    destroyed.get_future().wait();
+    leave();
     EXPECT_TRUE(calls.ends().empty());
+    EXPECT_EQ(rtsp->count("TEARDOWN"), 1U);
 }
 
 TEST_F(AudioDestination, keepsNoFileUnlessTheEnvironmentAsksForIt)

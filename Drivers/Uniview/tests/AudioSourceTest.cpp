@@ -5,6 +5,7 @@
 
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <future>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -51,7 +52,11 @@ Camera singingCamera()
 
 class AudioSource : public DeviceFixture {
 protected:
-    ~AudioSource() override { destroy(); }
+    ~AudioSource() override
+    {
+        destroy();
+        leave();
+    }
 
     void create(std::uint32_t channel = 0, const Tavro8::ParameterMap& parameters = {})
     {
@@ -443,13 +448,15 @@ TEST_F(AudioSource, mayBeDestroyedInsideTheResultOfItsSettings)
 {
     prepare();
     peer.answer(cameraPath, 200, reply(input));
-    sound.onSettings = [this](Tavro8::IContract*, const std::string&) { destroy(); };
+    std::promise<void> destroyed;
+    sound.onSettings = [&](Tavro8::IContract*, const std::string&) {
+        destroy();
+        destroyed.set_value();
+    };
     ASSERT_EQ(apply({{"volume", 120}}), 0);
     ASSERT_EQ(apply({{"volume", 120}}), 0);
-    ASSERT_TRUE(sound.waitSettings("audioInput"));
-    device->Destroy();
-    device.reset();
-    service->barrier();
+    destroyed.get_future().wait();
+    leave();
     EXPECT_EQ(sound.settingsResults().size(), 1U);
 }
 

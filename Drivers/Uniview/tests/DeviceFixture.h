@@ -3,6 +3,7 @@
 #include "Device.h"
 
 #include "HostFakes.h"
+#include "ModuleSettings.h"
 #include "ScriptedHttpPeer.h"
 
 #include <cstdint>
@@ -50,6 +51,15 @@ protected:
     {
         open();
         ASSERT_TRUE(handler.waitConnected());
+    }
+    /// Destroys the device, whose children are destroyed already, and waits for what they still have to say goodbye to.
+    void leave()
+    {
+        if (device != nullptr)
+            device->Destroy();
+        device.reset();
+        ModuleSettings::lifetimeGate().waitUntilEmpty();
+        service->barrier();
     }
     void failToConnect()
     {

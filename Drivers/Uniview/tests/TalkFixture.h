@@ -31,7 +31,11 @@ inline std::string sdpWithBackChannel(const std::string& formats, const std::str
 /// A connected device, its RTSP peer and a talk-back channel.
 class TalkFixture : public DeviceFixture {
 protected:
-    ~TalkFixture() override { destroy(); }
+    ~TalkFixture() override
+    {
+        destroy();
+        leave();
+    }
 
     /// Connects the device to `rtspPort`.
     void connectTo(std::uint16_t rtspPort, std::uint32_t channels = 1)
