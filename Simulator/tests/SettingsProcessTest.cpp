@@ -1,14 +1,15 @@
 #include "Eventually.h"
 #include "JsonText.h"
+#include "Luma.h"
 #include "PictureCaption.h"
 #include "Programs.h"
 #include "RtspPeer.h"
 #include "SimulatorProcess.h"
+#include "Sound.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <utility>
 
 namespace simulator::test
@@ -234,83 +235,27 @@ std::vector<std::string> quickInput(const SimulatorProcess& simulator)
     return {"-fpsprobesize", "0", "-analyzeduration", "100000", "-rtsp_transport", "tcp", "-i", url(simulator)};
 }
 
-/// A raw picture of the running stream.
-struct Luma {
-    static constexpr std::size_t width = 320;
-    static constexpr std::size_t height = 240;
-
-    explicit Luma(const SimulatorProcess& simulator)
-    {
-        std::vector<std::string> command{"ffmpeg", "-v", "error"};
-        const auto input = quickInput(simulator);
-        command.insert(command.end(), input.begin(), input.end());
-        command.insert(command.end(), {"-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "yuv420p", "-"});
-        bytes = runProgram(command).output;
-        EXPECT_EQ(bytes.size(), width * height * 3 / 2);
-        bytes.resize(width * height * 3 / 2);
-    }
-
-    /// Of the part between the captions.
-    double mean() const
-    {
-        double sum = 0;
-        for (std::size_t i = 80 * width; i < 160 * width; ++i)
-            sum += at(i);
-        return sum / static_cast<double>(80 * width);
-    }
-    double deviation() const
-    {
-        const double middle = mean();
-        double sum = 0;
-        for (std::size_t i = 80 * width; i < 160 * width; ++i)
-            sum += (at(i) - middle) * (at(i) - middle);
-        return std::sqrt(sum / static_cast<double>(80 * width));
-    }
-    /// Mean distance of the colour from grey.
-    double colour() const
-    {
-        double sum = 0;
-        for (std::size_t i = width * height; i < bytes.size(); ++i)
-            sum += std::abs(at(i) - 128);
-        return sum / static_cast<double>(bytes.size() - width * height);
-    }
-    enum Corner { topLeft, topRight, bottomLeft, bottomRight };
-    /// Where the letter stands that tells how the picture is turned. The bars behind it do not change from row to row.
-    Corner letter() const
-    {
-        double change[4] = {};
-        for (std::size_t row = 92; row < 147; ++row)
-            for (std::size_t column = 0; column < width; ++column)
-                change[(row < 120 ? 0 : 2) + (column < width / 2 ? 0 : 1)] +=
-                    std::abs(at(row * width + column) - at((row + 1) * width + column));
-        return static_cast<Corner>(std::ranges::max_element(change) - change);
-    }
-    double at(std::size_t i) const { return static_cast<std::uint8_t>(bytes[i]); }
-
-    std::string bytes;
-};
-
 TEST(ImageSettings, areSeenInTheRunningPicture)
 {
     const SimulatorProcess simulator(small({"--no-audio"}));
     Watcher watcher(simulator);  // it keeps the stream running
-    const Luma before(simulator);
+    const Luma before(quickInput(simulator));
 
     set(simulator, enhancePath, "Brightness", 168);
-    const Luma bright(simulator);
+    const Luma bright(quickInput(simulator));
     EXPECT_GT(bright.mean() - before.mean(), 20) << "white cannot become any brighter";
     EXPECT_LT(bright.mean() - before.mean(), 80);
     set(simulator, enhancePath, "Brightness", 128);
 
     set(simulator, enhancePath, "Contrast", 32);
-    EXPECT_LT(Luma(simulator).deviation(), before.deviation() / 2);
+    EXPECT_LT(Luma(quickInput(simulator)).deviation(), before.deviation() / 2);
     set(simulator, enhancePath, "Contrast", 128);
 
     set(simulator, enhancePath, "Saturation", 0);
-    EXPECT_LT(Luma(simulator).colour(), before.colour() / 3);
+    EXPECT_LT(Luma(quickInput(simulator)).colour(), before.colour() / 3);
     set(simulator, enhancePath, "Saturation", 128);
 
-    EXPECT_NEAR(Luma(simulator).mean(), before.mean(), 5) << "as it was";
+    EXPECT_NEAR(Luma(quickInput(simulator)).mean(), before.mean(), 5) << "as it was";
     EXPECT_TRUE(watcher.nextPicture()) << "the connection stands";
 }
 
@@ -322,38 +267,31 @@ TEST(ImageSettings, turnThePictureButNotItsCaption)
     for (const int rotation : {0, 2, 1, 3}) {
         SCOPED_TRACE(rotation);
         set(simulator, enhancePath, "ImageRotation", rotation);
-        EXPECT_EQ(Luma(simulator).letter(), corners[rotation]);
+        EXPECT_EQ(Luma(quickInput(simulator)).letter(), corners[rotation]);
     }
     EXPECT_LT(difference(caption, captionsOf(quickInput(simulator))[0]), 0.5)
         << "other bars shine through, the letters stand";
 }
 
-/// Root of the mean square of what a microphone gives, after the first packets.
-double loudness(const SimulatorProcess& simulator)
+/// How loud a microphone is, after the first packets.
+double loudnessAt(const SimulatorProcess& simulator)
 {
-    const ProgramResult heard = runProgram({"ffmpeg", "-v", "error", "-rtsp_transport", "tcp", "-allowed_media_types",
-                                            "audio", "-i", url(simulator), "-t", "0.4", "-f", "s16le", "-"});
-    EXPECT_EQ(heard.status, 0) << heard.errors;
-    EXPECT_GT(heard.output.size(), 4000u) << "silence is sent, too";
-    double sum = 0;
-    for (std::size_t i = 0; i + 1 < heard.output.size(); i += 2) {
-        const auto sample = static_cast<std::int16_t>(static_cast<std::uint8_t>(heard.output[i]) |
-                                                      static_cast<std::uint8_t>(heard.output[i + 1]) << 8);
-        sum += static_cast<double>(sample) * sample;
-    }
-    return std::sqrt(sum / static_cast<double>(heard.output.size() / 2 + 1));
+    const Samples heard =
+        soundOf({"-rtsp_transport", "tcp", "-allowed_media_types", "audio", "-i", url(simulator), "-t", "0.4"});
+    EXPECT_GT(heard.size(), 2000u) << "silence is sent, too";
+    return loudness(heard);
 }
 
 TEST(Microphone, isSilentUntilItIsSwitchedOn)
 {
     const SimulatorProcess simulator(small({"--microphone", "muted"}));
     EXPECT_EQ(read(simulator, microphonePath)["IsMute"], 1);
-    EXPECT_LT(loudness(simulator), 10);
+    EXPECT_LT(loudnessAt(simulator), 10);
     write(simulator, microphonePath, parseJson(R"({"IsMute": 0})"));
-    const double full = loudness(simulator);
+    const double full = loudnessAt(simulator);
     EXPECT_GT(full, 1000);
     set(simulator, microphonePath, "InputGain", 90);
-    EXPECT_NEAR(loudness(simulator) / full, 0.5, 0.1);
+    EXPECT_NEAR(loudnessAt(simulator) / full, 0.5, 0.1);
 }
 
 }  // namespace

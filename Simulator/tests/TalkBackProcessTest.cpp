@@ -2,6 +2,7 @@
 #include "Programs.h"
 #include "RtspPeer.h"
 #include "SimulatorProcess.h"
+#include "Sound.h"
 #include "TemporaryFile.h"
 
 #include <gtest/gtest.h>
@@ -104,18 +105,6 @@ private:
     unsigned number = 1000;
 };
 
-/// What ffmpeg makes of a file: 16-bit samples.
-std::string samplesOf(const std::vector<std::string>& input)
-{
-    std::vector<std::string> command{"ffmpeg", "-v", "error"};
-    command.insert(command.end(), input.begin(), input.end());
-    command.insert(command.end(), {"-f", "s16le", "-"});
-    const ProgramResult result = runProgram(command);
-    EXPECT_EQ(result.status, 0) << result.errors;
-    EXPECT_EQ(result.errors, "");
-    return result.output;
-}
-
 TEST(BackChannel, isOfferedToThoseWhoRequireIt)
 {
     const SimulatorProcess simulator(small());
@@ -187,7 +176,7 @@ TEST(BackChannel, writesWhatIsSpoken)
 
         const TemporaryFile raw(".raw");
         std::ofstream(raw.name(), std::ios::binary) << speaker.spoken;
-        EXPECT_EQ(samplesOf({"-i", file.name()}), samplesOf({"-f", c.format, "-ar", "8000", "-i", raw.name()}));
+        EXPECT_EQ(soundOf({"-i", file.name()}), soundOf({"-f", c.format, "-ar", "8000", "-i", raw.name()}));
     }
 }
 
@@ -202,11 +191,11 @@ TEST(BackChannel, keepsWhatWasSpokenWhenTheConnectionBreaksOff)
         speaker.speak(muLaw, 10);
         EXPECT_TRUE(eventually([&] { return talkBack(simulator)["packets"] == 20; }));
         EXPECT_EQ(talkBack(simulator)["active"], true);
-        EXPECT_EQ(samplesOf({"-i", file.name()}).size(), 20 * packetBytes * 2) << "already during the call";
+        EXPECT_EQ(soundOf({"-i", file.name()}).size(), 20 * packetBytes) << "already during the call";
     }
     EXPECT_TRUE(eventually([&] { return talkBack(simulator)["active"] == false; }));
     EXPECT_EQ(talkBack(simulator)["lost"], 3);
-    EXPECT_EQ(samplesOf({"-i", file.name()}).size(), 20 * packetBytes * 2);
+    EXPECT_EQ(soundOf({"-i", file.name()}).size(), 20 * packetBytes);
 }
 
 TEST(BackChannel, goesWithTheSoundOfAMediaFile)

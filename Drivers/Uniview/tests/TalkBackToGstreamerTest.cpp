@@ -1,5 +1,6 @@
 #include "AudioDestination.h"
 #include "Programs.h"
+#include "Sound.h"
 #include "TalkFixture.h"
 
 #include "media/G711.h"
@@ -21,7 +22,8 @@ namespace
 {
 using namespace Uniview::test;
 using kelvo::test::ChildProcess;
-using Samples = std::vector<std::int16_t>;
+using kelvo::test::correlation;
+using kelvo::test::Samples;
 
 /// A second of a voice-like mixture that never repeats itself.
 Samples someVoice()
@@ -34,20 +36,6 @@ Samples someVoice()
         samples[i] = static_cast<std::int16_t>(12000 * (0.3 + 0.7 * t) * (sweep + tone) / 1.4);
     }
     return samples;
-}
-
-/// Of the two as far as the shorter goes: 1 when they are the same but for their loudness.
-double correlation(const Samples& a, const Samples& b)
-{
-    double ab = 0;
-    double aa = 0;
-    double bb = 0;
-    for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
-        ab += double{1} * a[i] * b[i];
-        aa += double{1} * a[i] * a[i];
-        bb += double{1} * b[i] * b[i];
-    }
-    return ab / std::sqrt(aa * bb);
 }
 
 class TalkBackToGstreamer : public TalkFixture {
