@@ -86,6 +86,14 @@ private:
     GDRV::IAudioDestination* destination = nullptr;
 };
 
+/// Of a call that a device did not take.
+std::string refusalSentence(std::int32_t result)
+{
+    const bool hasNone = result == Tavro8::toResult(Tavro8::ResultCode::notSupported) ||
+                         result == Tavro8::toResult(Tavro8::ResultCode::noSuchStream);
+    return reasonSentence("the call was refused", result) + (hasNone ? "; the device cannot be talked to" : "");
+}
+
 struct TalkOptions {
     std::filesystem::path input;
     std::uint32_t channel = 0;
@@ -132,7 +140,7 @@ private:
         if (line.stands() && !surroundings.interrupted.stop_requested())
             return;
         if (const auto result = line.getEnd())
-            throw Failure(ExitStatus::refused, reasonSentence("the call was refused", *result), *result);
+            throw Failure(ExitStatus::refused, refusalSentence(*result), *result);
         hangUp();
         if (answered || surroundings.interrupted.stop_requested())
             throw Failure(ExitStatus::interrupted, "interrupted");
