@@ -52,9 +52,36 @@ std::vector<std::string> hostCommand(const ScratchFolder& folder, const std::str
 HostRun runHost(const ScratchFolder& folder, const std::string& address, const std::vector<std::string>& arguments);
 HostRun hostRun(const ProgramResult& result);
 
+/// kelvo-host while it runs, with JSON output.
+class RunningHost {
+public:
+    RunningHost(const ScratchFolder& folder, const std::string& address, const std::vector<std::string>& arguments);
+
+    /// Reads until `text` has appeared on standard output; one that does not come fails the test.
+    void await(const std::string& text) { process.awaitOutput(text); }
+    /// Reads on to an event of that name for which `holds`; null, and a failure of the test, when none comes in time.
+    Json::Value awaitEvent(const std::string& name, const std::function<bool(const Json::Value& event)>& holds);
+    /// Ends it like a user; what it has told.
+    HostRun interrupt();
+    /// Waits until it ends by itself.
+    HostRun awaitEnd();
+
+private:
+    ChildProcess process;
+};
+
+/// What ffprobe says of a file: for each stream a line with its codec, and with its width and height where it has such.
+std::string codecsOf(const std::string& file);
+
+/// What ffmpeg complains about while it decodes the whole file.
+std::string decodeErrorsOf(const std::string& file);
+
 /// Asks again until it holds; false when it does not within 15 s.
 bool eventually(const std::function<bool()>& holds);
 
 /// Waits until the simulator has exactly one subscription.
 bool hasSubscribed(const SimulatorProcess& device);
+
+/// Of a resource's state: whatever clients wrote came back with every member as the device had it.
+void expectNothingLost(const Json::Value& resource);
 }  // namespace kelvo::test

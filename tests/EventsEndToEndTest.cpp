@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <csignal>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
@@ -30,34 +29,20 @@ std::string freePort()
 }
 
 /// `kelvo-host events` while it runs.
-class EventsHost {
+class EventsHost : public RunningHost {
 public:
     EventsHost(const ScratchFolder& folder, const std::string& address, const std::string& port = freePort(),
                const std::vector<std::string>& further = {})
-        : process(command(folder, address, port, further))
+        : RunningHost(folder, address, command(port, further))
     {}
 
-    void await(const std::string& text) { process.awaitOutput(text); }
-
-    /// Ends it like a user; what it has told.
-    HostRun finish()
-    {
-        process.signal(SIGINT);
-        const int status = process.awaitEnd();
-        return hostRun({status, process.output(), process.errors()});
-    }
-
 private:
-    static std::vector<std::string> command(const ScratchFolder& folder, const std::string& address,
-                                            const std::string& port, const std::vector<std::string>& further)
+    static std::vector<std::string> command(const std::string& port, const std::vector<std::string>& further)
     {
-        auto arguments = hostCommand(folder, address);
-        arguments.insert(arguments.end(), {"--set", "localServerPort=" + port, "events", "--seconds", "0"});
+        std::vector<std::string> arguments{"--set", "localServerPort=" + port, "events", "--seconds", "0"};
         arguments.insert(arguments.end(), further.begin(), further.end());
         return arguments;
     }
-
-    ChildProcess process;
 };
 
 /// What an event says in short, for comparing many.
@@ -91,7 +76,7 @@ TEST(EventsEndToEnd, showWhatTheDevicesScriptPushes)
     const SimulatorProcess device(smallPictures({"--script", folder.file("script.json")}));
     EventsHost host(folder, deviceAddress(device));
     host.await("TemperatureDetectionAlarm");
-    const HostRun run = host.finish();
+    const HostRun run = host.interrupt();
     EXPECT_THAT(happenings(run), testing::ElementsAre("input 1 on", "motion begin", "crossLineDetectType momentary",
                                                       "motion end", "input 1 off", "temperatureDetectType begin"));
     const Json::Value motion = run.events.at(1);
@@ -107,7 +92,7 @@ TEST(EventsEndToEnd, theSubscriptionEndsWithTheHost)
     const SimulatorProcess device(smallPictures());
     EventsHost host(folder, deviceAddress(device));
     ASSERT_TRUE(hasSubscribed(device));
-    EXPECT_EQ(host.finish().status, 130);
+    EXPECT_EQ(host.interrupt().status, 130);
     EXPECT_TRUE(eventually([&] { return device.admin("GET", "state")["subscriptions"].empty(); }));
     EXPECT_EQ(device.admin("GET", "state")["counters"]["expired"], 0);
 }
@@ -121,7 +106,7 @@ TEST(EventsEndToEnd, aDetectorHearsOfItsOwnChannelAlone)
     device.admin("POST", "events", R"([{"type": "MotionAlarmOn", "channel": 1}, {"type": "MotionAlarmOn", "channel": 5},
                                        {"type": "EnterArea", "channel": 1}, {"type": "MotionAlarmOff", "channel": 1}])");
     host.await("\"end\"");
-    const HostRun run = host.finish();
+    const HostRun run = host.interrupt();
     EXPECT_THAT(happenings(run), testing::ElementsAre("motion begin", "motion end"));
     EXPECT_EQ(run.event("detector")["channel"], 1);
 }
@@ -137,7 +122,7 @@ TEST(EventsEndToEnd, brokenNotificationsCostOnlyThemselves)
                      std::string(R"({"type": "EnterArea", "connection": "fresh", "form": ")") + form + "\"}");
     device.admin("POST", "events", R"({"type": "LeaveArea", "connection": "fresh"})");
     host.await("LeaveArea");
-    const HostRun run = host.finish();
+    const HostRun run = host.interrupt();
     EXPECT_THAT(happenings(run), testing::ElementsAre("leaveAreaDetectType momentary"));
 }
 
@@ -161,7 +146,7 @@ TEST(EventsEndToEnd, notificationsOfAStrangerAreRefused)
         const Json::Value counters = device.admin("GET", "state")["counters"];
         return counters["delivered"].asInt() + counters["failed"].asInt() == 6;
     }));
-    EXPECT_THAT(happenings(host.finish()),
+    EXPECT_THAT(happenings(host.interrupt()),
                 testing::ElementsAre("enterAreaDetectType momentary", "enterAreaDetectType momentary",
                                      "leaveAreaDetectType momentary"));
 }

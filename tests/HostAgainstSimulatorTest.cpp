@@ -13,21 +13,6 @@ using ::testing::Not;
 
 constexpr double framesPerSecond = 25;
 
-/// What ffprobe says of a file: one "codec_name" line for each stream.
-std::string codecsOf(const std::string& file)
-{
-    return runProgram({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height", "-of",
-                       "default=noprint_wrappers=1", file})
-        .output;
-}
-
-/// What ffmpeg complains about while it decodes the whole file.
-std::string decodeErrorsOf(const std::string& file)
-{
-    const auto result = runProgram({"ffmpeg", "-v", "error", "-i", file, "-f", "null", "-"});
-    return result.status == 0 ? result.errors : "ffmpeg failed: " + result.errors;
-}
-
 TEST(InfoEndToEnd, identifiesEachKindOfDevice)
 {
     const struct {
