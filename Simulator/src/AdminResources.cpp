@@ -1,5 +1,6 @@
 #include "AdminResources.h"
 
+#include "Archive.h"
 #include "DeviceEvents.h"
 #include "DeviceSettings.h"
 #include "LapiEnvelope.h"
@@ -114,12 +115,14 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
     router.add("GET", "/simulator/counters", [admin](const Call&) {
         Json::Value data = admin->activity.counters();
         data["rtsp"] = admin->media.counters();
+        data["archive"] = admin->archive.counters();
         return withData(std::move(data));
     });
     router.add("DELETE", "/simulator/counters", [admin](const Call&) {
         admin->activity.clear();
         admin->media.clearCounters();
         admin->events.clearCounters();
+        admin->archive.clearCounters();
         return Reply{};
     });
     router.add("GET", "/simulator/state", [admin](const Call&) {
@@ -127,6 +130,7 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
         data["ptz"] = admin->heads.state();
         data["settings"] = admin->settings.state();
         data["talkBack"] = admin->talkBack.state();
+        data["archive"] = admin->archive.state();
         return withData(std::move(data));
     });
     router.add("GET", "/simulator/requests", [admin](const Call&) { return withData(admin->activity.requests()); });

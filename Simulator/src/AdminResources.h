@@ -10,6 +10,7 @@
 namespace simulator
 {
 
+class Archive;
 class DeviceEvents;
 class DeviceSettings;
 class MediaServer;
@@ -25,6 +26,7 @@ struct Administered {
     PtzHeads& heads;
     DeviceSettings& settings;
     const TalkBack& talkBack;
+    Archive& archive;
     std::function<void()> openRtspPort;
     std::function<void()> closeRtspPort;  ///< and its connections
     std::function<void(std::chrono::milliseconds)> reboot;

@@ -43,6 +43,12 @@ constexpr FaultName faultNames[] = {
     {"rtsp-notracks", FaultKind::rtspNoTracks, Argument::none, true, "describe the media without a track"},
     {"talk-drop", FaultKind::talkDrop, Argument::count, true,
      "close the RTSP connection after so many packets to the device"},
+    {"records-total", FaultKind::recordsTotal, Argument::count, true, "say this \"Total\" in record lists"},
+    {"records-stall", FaultKind::recordsStall, Argument::count, true,
+     "send empty record pages from this offset on, \"Total\" unchanged"},
+    {"records-nolist", FaultKind::recordsNoList, Argument::none, true, "leave \"RecordInfos\" out of record pages"},
+    {"records-noarray", FaultKind::recordsNoArray, Argument::none, true, "make \"RecordInfos\" an object"},
+    {"records-reversed", FaultKind::recordsReversed, Argument::none, true, "swap \"Begin\" and \"End\" of each record"},
 };
 
 struct Range {

@@ -30,6 +30,8 @@ const std::map<std::string, BackChannel> backChannels{{"g711a", BackChannel::g71
 const std::map<std::string, Dialect> dialects{{"new", Dialect::newFirmware}, {"old", Dialect::oldFirmware}};
 const std::map<std::string, FormatChange> formatChanges{{"close", FormatChange::closes},
                                                         {"continue", FormatChange::continues}};
+const std::map<std::string, RecordOrder> recordOrders{{"newest", RecordOrder::newestFirst},
+                                                      {"oldest", RecordOrder::oldestFirst}};
 const std::map<std::string, bool> portForms{{"singular", false}, {"plural", true}};
 
 constexpr int usageStatus = 2;
@@ -58,7 +60,8 @@ ready line calls adminPort (faults and restarts never touch it) and, for loopbac
                                    subscriptions
   GET    /simulator/state          subscriptions, what became of their notifications, inputs and relays; where each
                                    channel's head looks, its presets and patrols, what it was told ("ptz"); the
-                                   settings and what clients did to them ("settings"); what was spoken ("talkBack")
+                                   settings and what clients did to them ("settings"); what was spoken ("talkBack");
+                                   what is recorded and was searched ("archive")
   POST   /simulator/events         one event or an array of them, pushed to every subscriber
   POST   /simulator/inputs/N       {"state": true} sets an input (from 0) and reports it
   DELETE /simulator/subscriptions  forgets them all without a word
@@ -172,6 +175,8 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     std::uint16_t httpsPort = 0;
     double nonceLifetime = 60;
     double idleTimeout = 5;
+    std::uint32_t records = 0;
+    std::uint32_t recordsUntil = 0;
     std::vector<std::string> faults;
 
     CLI::App app{"A simulated camera or recorder: LAPI over HTTP, live media over RTSP, faults on demand.",
@@ -229,6 +234,14 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     app.add_option("--media", options.mediaFile, "serve this MP4, MKV or TS file in a loop instead of the test picture")
         ->check(CLI::ExistingFile);
 
+    auto* archive = app.add_flag("--archive,!--no-archive", options.archive,
+                                 "recordings that can be searched and played [on, for a recorder]");
+    auto* exactRecords = app.add_option("--records", records, "so many records in each channel [those of a month]")
+                             ->check(CLI::Range(0u, mostRecords));
+    auto* until = app.add_option("--records-until", recordsUntil, "Unix seconds at which recordings end [the start]")
+                      ->check(CLI::Range(mostRecords * 60, UINT32_MAX));
+    addChoice(app, "--records-order", options.recordOrder, recordOrders, "which record is listed first [oldest]");
+
     app.add_option("--inputs", options.inputs, "alarm inputs")->check(CLI::Range(0u, 64u))->capture_default_str();
     app.add_option("--relays", options.relays, "relay outputs")->check(CLI::Range(0u, 64u))->capture_default_str();
     app.add_option("--script", options.scriptFile, "JSON file of timed events, see below")->check(CLI::ExistingFile);
@@ -258,6 +271,12 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
         options.channels = 4;
     if (https->count() != 0)
         options.httpsPort = httpsPort;
+    if (archive->count() == 0)
+        options.archive = options.kind == Kind::recorder || exactRecords->count() != 0;
+    if (exactRecords->count() != 0)
+        options.records = records;
+    if (until->count() != 0)
+        options.recordsUntil = recordsUntil;
     options.nonceLifetime = readSeconds(nonceLifetime);
     options.idleTimeout = readSeconds(idleTimeout);
     return options;

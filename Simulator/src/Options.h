@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Fault.h"
+#include "RecordList.h"
 
 #include <chrono>
 #include <cstdint>
@@ -88,6 +89,11 @@ struct Options {
     unsigned inputs = 4;
     unsigned relays = 2;
     std::string scriptFile;  ///< of events; empty: nothing happens by itself
+
+    bool archive = false;                       ///< recordings can be searched and played
+    std::optional<std::uint32_t> records;       ///< exactly so many, in each channel; else a month of them
+    std::optional<std::uint32_t> recordsUntil;  ///< Unix seconds at which they end; else the program's start
+    RecordOrder recordOrder = RecordOrder::oldestFirst;
 
     std::vector<Fault> faults;
     bool exitWithStdin = false;

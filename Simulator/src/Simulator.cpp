@@ -4,6 +4,7 @@
 
 #include "Activity.h"
 #include "AdminResources.h"
+#include "Archive.h"
 #include "Authentication.h"
 #include "Certificate.h"
 #include "DeviceEvents.h"
@@ -21,6 +22,7 @@
 #include "Notification.h"
 #include "PtzHeads.h"
 #include "PtzResources.h"
+#include "RecordResources.h"
 #include "RtspPort.h"
 #include "SettingsResources.h"
 #include "TalkBack.h"
@@ -59,6 +61,12 @@ std::optional<EventScript> scriptOf(const Options& options)
     return loadEventScript(options.scriptFile, options.inputs);
 }
 
+std::uint32_t unixSecondsNow()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count());
+}
+
 Authenticator::Settings authenticatorSettings(const Options& options, const std::string& realm)
 {
     const Authentication scheme = options.authentication;
@@ -87,6 +95,7 @@ struct Simulator::State {
     FaultTable faults;
     PtzHeads heads;
     TalkBack talkBack;
+    Archive archive;
     MediaServer media;   ///< changes `options` to what a media file holds,
     DeviceState device;  ///< which the device then reports
     DeviceSettings settings;
@@ -115,6 +124,7 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
       faults(options.faults),
       heads(options.channels),
       talkBack(options.channels, options.backChannel, options.talkBack),
+      archive(options, unixSecondsNow()),
       media(options, macAddress, faults, talkBack, [this](unsigned channel) { return heads.caption(channel); }),
       device(options),
       settings(options),
@@ -144,10 +154,12 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
     addLapiResources(lapiRoutes, device, options.pluralPorts);
     addSettingsResources(lapiRoutes, device, settings, settingsEffects());
     addPtzResources(lapiRoutes, device, heads);
+    if (options.archive)
+        addRecordResources(lapiRoutes, device, archive, faults);
     addEventResources(lapiRoutes, events, io);
     addEventAdministration(adminRoutes, events, io);
     addAdminResources(adminRoutes,
-                      {activity, faults, media, events, heads, settings, talkBack, [this] { rtspPort.open(); },
+                      {activity, faults, media, events, heads, settings, talkBack, archive, [this] { rtspPort.open(); },
                        [this] { rtspPort.close(); }, [this](std::chrono::milliseconds duration) { reboot(duration); }});
     watchSessions();
 }

@@ -41,6 +41,20 @@ TEST(Options, haveDefaultsForOneCamera)
     EXPECT_TRUE(options.faults.empty());
 }
 
+TEST(Options, giveRecordersAnArchiveUnlessTold)
+{
+    EXPECT_TRUE(accepted({"--kind", "recorder"}).archive);
+    EXPECT_FALSE(accepted({"--kind", "recorder", "--no-archive"}).archive);
+    EXPECT_FALSE(accepted({}).archive);
+    EXPECT_TRUE(accepted({"--archive"}).archive);
+    EXPECT_TRUE(accepted({"--records", "5"}).archive);
+    EXPECT_FALSE(accepted({"--kind", "recorder"}).records);
+    const Options options = accepted({"--records", "0", "--records-until", "1790000000", "--records-order", "newest"});
+    EXPECT_EQ(options.records, 0u);
+    EXPECT_EQ(options.recordsUntil, 1'790'000'000u);
+    EXPECT_EQ(options.recordOrder, RecordOrder::newestFirst);
+}
+
 TEST(Options, giveOtherKindsFourChannelsUnlessTold)
 {
     EXPECT_EQ(accepted({"--kind", "multichannel"}).channels, 4u);
