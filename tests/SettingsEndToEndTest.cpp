@@ -160,7 +160,7 @@ TEST_P(SettingsEndToEndWith, everySettingOfAStreamReachesItsMember)
     EXPECT_EQ(stream["ImageQuality"], 7);
     EXPECT_EQ(stream["SmoothLevel"], 3);
     EXPECT_EQ(stream["SmartEncodeMode"], 1);
-    EXPECT_EQ(old ? stream["SVCMode"] : stream["VideoSvcCfg"]["Mode"], 2);
+    EXPECT_EQ(old ? stream["VideoSvcCfg"]["Mode"] : stream["SVCMode"], 2);
     EXPECT_EQ(stream[old ? "IInterval" : "IFrameInterval"], 30);
 
     const Json::Value video = settings()["video"][0];
