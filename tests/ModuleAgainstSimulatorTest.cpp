@@ -19,6 +19,7 @@ namespace
 {
 using namespace kelvo::test;
 using namespace Tavro8::GDRV;
+using Tavro8::ParameterMap;
 
 class ModuleAgainstSimulator : public ::testing::Test {
 protected:
@@ -283,6 +284,34 @@ TEST_F(ReceivingModule, anotherSizeComesWithTheNextKeyFrameOfTheRunningStream)
     EXPECT_TRUE((*first)->keyFrame);
     EXPECT_FALSE((*first)->parameterSets.empty());
     EXPECT_FALSE((*first)->lostPacketsBefore) << "the connection stands";
+    EXPECT_EQ(camera.admin("GET", "counters")["rtsp"]["connections"].asUInt(), 1U);
+}
+
+/// The stream is restarted before the device knows of the new format.
+TEST_F(ReceivingModule, settingsOfTheRunningSourceBringItsNextFormatByThemselves)
+{
+    ASSERT_TRUE(pictures.waitFrames(5));
+    const ParameterMap changed{{"codec", std::string("H.265")}, {"resolution", std::string("640x360")}};
+    ASSERT_EQ(video->ApplySettings(changed), 0);
+    ASSERT_TRUE(pictures.waitSettings("all"));
+    EXPECT_EQ(pictures.settingsResults().back(), std::pair(std::string("all"), 0));
+    const auto isNew = [](const FrameReference& frame) {
+        return frame->codec == MediaCodec::h265 && frame->width == 640 && frame->height == 360;
+    };
+    const auto frames = framesUntil(isNew);
+    const auto first = std::ranges::find_if(frames, isNew);
+    ASSERT_NE(first, frames.end()) << "the new format never came";
+    EXPECT_TRUE((*first)->keyFrame);
+    EXPECT_FALSE((*first)->parameterSets.empty());
+}
+
+TEST_F(ReceivingModule, settingsThatAreWhatTheyWereKeepTheConnection)
+{
+    ASSERT_TRUE(pictures.waitFrames(5));
+    const ParameterMap same{{"codec", std::string("H.264")}, {"resolution", std::string("320x240")}};
+    ASSERT_EQ(video->ApplySettings(same), 0);
+    ASSERT_TRUE(pictures.waitSettings("all"));
+    ASSERT_TRUE(pictures.waitFrames(pictures.frameTotal() + 5));
     EXPECT_EQ(camera.admin("GET", "counters")["rtsp"]["connections"].asUInt(), 1U);
 }
 
