@@ -6,6 +6,7 @@
 #include "LapiEnvelope.h"
 #include "MediaServer.h"
 #include "PtzHeads.h"
+#include "ReplayServer.h"
 #include "Replies.h"
 #include "TalkBack.h"
 
@@ -116,6 +117,8 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
         Json::Value data = admin->activity.counters();
         data["rtsp"] = admin->media.counters();
         data["archive"] = admin->archive.counters();
+        if (admin->replays != nullptr)
+            data["archive"]["replay"] = admin->replays->counters();
         return withData(std::move(data));
     });
     router.add("DELETE", "/simulator/counters", [admin](const Call&) {
@@ -123,6 +126,8 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
         admin->media.clearCounters();
         admin->events.clearCounters();
         admin->archive.clearCounters();
+        if (admin->replays != nullptr)
+            admin->replays->clearCounters();
         return Reply{};
     });
     router.add("GET", "/simulator/state", [admin](const Call&) {
@@ -131,6 +136,8 @@ void addActivity(Router& router, const std::shared_ptr<Administered>& admin)
         data["settings"] = admin->settings.state();
         data["talkBack"] = admin->talkBack.state();
         data["archive"] = admin->archive.state();
+        if (admin->replays != nullptr)
+            data["archive"]["replays"] = admin->replays->replays();
         return withData(std::move(data));
     });
     router.add("GET", "/simulator/requests", [admin](const Call&) { return withData(admin->activity.requests()); });
@@ -151,7 +158,7 @@ void addOutages(Router& router, const std::shared_ptr<Administered>& admin)
             return Reply{};
         };
     };
-    router.add("POST", "/simulator/rtsp/drop", command([admin] { admin->media.closeAll(); }));
+    router.add("POST", "/simulator/rtsp/drop", command(admin->dropRtspConnections));
     router.add("POST", "/simulator/rtsp/stop", command(admin->closeRtspPort));
     router.add("POST", "/simulator/rtsp/start", command(admin->openRtspPort));
     router.add("POST", "/simulator/picture", [admin](const Call& call) { return changePicture(*admin, call); });

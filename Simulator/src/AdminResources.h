@@ -15,6 +15,7 @@ class DeviceEvents;
 class DeviceSettings;
 class MediaServer;
 class PtzHeads;
+class ReplayServer;
 class TalkBack;
 
 /// What the administration may do to the simulator. Nothing is owned; everything outlives the router.
@@ -27,6 +28,8 @@ struct Administered {
     DeviceSettings& settings;
     const TalkBack& talkBack;
     Archive& archive;
+    ReplayServer* replays;  ///< null when nothing is recorded
+    std::function<void()> dropRtspConnections;
     std::function<void()> openRtspPort;
     std::function<void()> closeRtspPort;  ///< and its connections
     std::function<void(std::chrono::milliseconds)> reboot;

@@ -149,6 +149,8 @@ std::string digestResponse(const DigestFields& fields, std::string_view method, 
 {
     const std::string secret = md5Hex({user, realm, password});
     const std::string request = md5Hex({method, field(fields, "uri")});
+    if (!fields.contains("qop"))
+        return md5Hex({secret, field(fields, "nonce"), request});
     return md5Hex(
         {secret, field(fields, "nonce"), field(fields, "nc"), field(fields, "cnonce"), field(fields, "qop"), request});
 }
@@ -181,8 +183,8 @@ Authenticator::Verdict Authenticator::judgeDigest(const DigestFields& fields, st
 {
     const auto count = readNonceCount(field(fields, "nc"));
     const std::string_view algorithm = field(fields, "algorithm");
-    if (!count || field(fields, "uri") != target || field(fields, "realm") != settings.realm ||
-        field(fields, "qop") != "auth" || field(fields, "cnonce").empty() ||
+    const bool counted = count && field(fields, "qop") == "auth" && !field(fields, "cnonce").empty();
+    if (counted != settings.qop || field(fields, "uri") != target || field(fields, "realm") != settings.realm ||
         !(algorithm.empty() || equalIgnoringCase(algorithm, "MD5")))
         return Verdict::malformed;
     if (field(fields, "username") != settings.user ||
@@ -194,7 +196,7 @@ Authenticator::Verdict Authenticator::judgeDigest(const DigestFields& fields, st
     const auto nonce = nonces.find(field(fields, "nonce"));
     if (nonce == nonces.end())
         return Verdict::stale;
-    if (!nonce->second.usedCounts.insert(*count).second) {
+    if (count && !nonce->second.usedCounts.insert(*count).second) {
         ++replayCount;
         return Verdict::replayed;
     }
@@ -212,8 +214,8 @@ Authenticator::Challenge Authenticator::challenge(Verdict verdict, Clock::time_p
     const std::string nonce = makeNonce();
     nonces.emplace(nonce, Nonce{now, {}});
     // The devices put the algorithm in quotes, which RFC 2617 does not ask for.
-    challenge.digest = "Digest realm=\"" + settings.realm + "\", nonce=\"" + nonce +
-                       "\", algorithm=\"MD5\", qop=\"auth\"" + (verdict == Verdict::stale ? ", stale=true" : "");
+    challenge.digest = "Digest realm=\"" + settings.realm + "\", nonce=\"" + nonce + "\", algorithm=\"MD5\"" +
+                       (settings.qop ? ", qop=\"auth\"" : "") + (verdict == Verdict::stale ? ", stale=true" : "");
     return challenge;
 }
 

@@ -18,7 +18,7 @@ using DigestFields = std::map<std::string, std::string, std::less<>>;
 /// Takes `Digest name=value, name="value"...` apart; nothing when it is not that.
 std::optional<DigestFields> parseDigest(std::string_view header);
 
-/// The expected "response" of RFC 2617, 3.2.2.1, for algorithm MD5 and qop "auth".
+/// The expected "response" of RFC 2617, 3.2.2.1, for algorithm MD5 and qop "auth" or none.
 std::string digestResponse(const DigestFields& fields, std::string_view method, std::string_view user,
                            std::string_view realm, std::string_view password);
 
@@ -35,6 +35,7 @@ public:
         bool digest = true;
         bool basic = false;
         std::chrono::milliseconds nonceLifetime{60'000};
+        bool qop = true;  ///< the devices offer it over HTTP, and not over RTSP
     };
 
     /// Why a request was let in or not; the log names it.

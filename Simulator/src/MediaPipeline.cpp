@@ -54,13 +54,14 @@ std::string videoPayloader(Codec codec)
 /// Packets of 40 ms, in the middle of what devices send.
 constexpr const char* g711Payloader = "rtppcmupay name=pay1 pt=0 min-ptime=40000000 max-ptime=40000000";
 
-std::string toneLaunch(const PictureSettings& settings)
+std::string toneLaunch(const PictureSettings& settings, bool isLive)
 {
     const bool aac = settings.audioCodec == AudioCodec::aac;
     std::ostringstream out;
     out.imbue(std::locale::classic());
-    out << " audiotestsrc is-live=true wave=sine volume=0.3 samplesperbuffer=" << (aac ? 1024 : 320)
-        << " freq=" << settings.toneHertz << " ! audio/x-raw,format=S16LE,channels=1,rate=";
+    out << " audiotestsrc is-live=" << (isLive ? "true" : "false")
+        << " wave=sine volume=0.3 samplesperbuffer=" << (aac ? 1024 : 320) << " freq=" << settings.toneHertz
+        << " ! audio/x-raw,format=S16LE,channels=1,rate=";
     if (aac)
         out << "16000 ! volume name=microphone ! voaacenc bitrate=32000 ! aacparse ! rtpmp4gpay name=pay1 pt=97";
     else
@@ -85,6 +86,11 @@ std::string lack(const NeededElement& element)
 
 }  // namespace
 
+unsigned toneOf(unsigned channel)
+{
+    return 440 + 110 * (channel % 8);
+}
+
 std::string pictureCaps(const StreamEncoding& encoding)
 {
     std::ostringstream out;
@@ -108,8 +114,24 @@ std::string testPictureLaunch(const PictureSettings& settings)
         << " ! timeoverlay valignment=bottom halignment=left" << font << " ! " << encoderLaunch(settings.encoding)
         << " ! " << videoPayloader(settings.encoding.codec);
     if (settings.audio)
-        out << toneLaunch(settings);
+        out << toneLaunch(settings, true);
     out << " )";
+    return out.str();
+}
+
+std::string replayLaunch(const PictureSettings& settings, bool pictures, bool sound)
+{
+    // A sink that is full makes its source wait.
+    constexpr const char* sink = " ! appsink sync=false enable-last-sample=false max-buffers=100 name=sink";
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    if (pictures)
+        out << "videotestsrc pattern=smpte100 horizontal-speed=2 ! capsfilter name=picture caps=\""
+            << pictureCaps(settings.encoding) << "\" ! textoverlay name=caption shaded-background=true"
+            << " line-alignment=center valignment=center halignment=center font-desc=\"Monospace Bold 36\" ! "
+            << encoderLaunch(settings.encoding) << " ! " << videoPayloader(settings.encoding.codec) << sink << '0';
+    if (sound)
+        out << toneLaunch(settings, false) << sink << '1';
     return out.str();
 }
 

@@ -18,6 +18,9 @@ struct PictureSettings {
     unsigned toneHertz = 440;
 };
 
+/// Channels (from 0) can be told apart by ear.
+unsigned toneOf(unsigned channel);
+
 /// What the picture is before it is encoded, as GStreamer writes it.
 std::string pictureCaps(const StreamEncoding& encoding);
 
@@ -26,6 +29,10 @@ std::string pictureCaps(const StreamEncoding& encoding);
 /// shows the title "caption", the encoder "encoder", the tone's volume "microphone", the payloaders "pay0" (video) and
 /// "pay1" (audio). The encoder makes key frames when it is told to.
 std::string testPictureLaunch(const PictureSettings& settings);
+
+/// The launch line for recorded media, made as fast as its packets are taken: a test picture and a tone, with the names
+/// above, whose RTP packets arrive at the application sinks "sink0" (pictures) and "sink1" (sound). At least one.
+std::string replayLaunch(const PictureSettings& settings, bool pictures, bool sound);
 
 /// The launch line for media from memory: application sources "video" and "audio" that a feeder fills. Names are those
 /// of the test picture.

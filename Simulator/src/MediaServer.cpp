@@ -74,7 +74,7 @@ PictureSettings pictureSettings(const Options& options, unsigned channel, unsign
     settings.encoding = encoding;
     settings.audio = options.audio;
     settings.audioCodec = options.audioCodec;
-    settings.toneHertz = 440 + 110 * (channel % 8);  // channels can be told apart by ear
+    settings.toneHertz = toneOf(channel);
     return settings;
 }
 

@@ -61,7 +61,7 @@ ready line calls adminPort (faults and restarts never touch it) and, for loopbac
   GET    /simulator/state          subscriptions, what became of their notifications, inputs and relays; where each
                                    channel's head looks, its presets and patrols, what it was told ("ptz"); the
                                    settings and what clients did to them ("settings"); what was spoken ("talkBack");
-                                   what is recorded and was searched ("archive")
+                                   what is recorded, searched and played ("archive")
   POST   /simulator/events         one event or an array of them, pushed to every subscriber
   POST   /simulator/inputs/N       {"state": true} sets an input (from 0) and reports it
   DELETE /simulator/subscriptions  forgets them all without a word
@@ -241,6 +241,8 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     auto* until = app.add_option("--records-until", recordsUntil, "Unix seconds at which recordings end [the start]")
                       ->check(CLI::Range(mostRecords * 60, UINT32_MAX));
     addChoice(app, "--records-order", options.recordOrder, recordOrders, "which record is listed first [oldest]");
+    app.add_flag("--replay-key-frames,!--no-replay-key-frames", options.replayKeyFrames,
+                 "whether \"Frames: intra\" is known when recordings are played [on]");
 
     app.add_option("--inputs", options.inputs, "alarm inputs")->check(CLI::Range(0u, 64u))->capture_default_str();
     app.add_option("--relays", options.relays, "relay outputs")->check(CLI::Range(0u, 64u))->capture_default_str();

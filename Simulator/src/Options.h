@@ -94,6 +94,7 @@ struct Options {
     std::optional<std::uint32_t> records;       ///< exactly so many, in each channel; else a month of them
     std::optional<std::uint32_t> recordsUntil;  ///< Unix seconds at which they end; else the program's start
     RecordOrder recordOrder = RecordOrder::oldestFirst;
+    bool replayKeyFrames = true;  ///< a replay may be asked for its key frames only
 
     std::vector<Fault> faults;
     bool exitWithStdin = false;

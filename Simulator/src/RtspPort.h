@@ -12,14 +12,16 @@ namespace simulator
 {
 
 class MediaServer;
+class ReplayServer;
 
 /// Accepts RTSP connections, lets the faults that strike a connection do their work, and hands what is left to the
-/// media server. Used on the I/O context only.
+/// server of live media or, by what is asked for first, of recorded media. Used on the I/O context only.
 class RtspPort {
 public:
-    /// `faults` and `media` are not owned and outlive the port. Throws when the port cannot be had.
+    /// Nothing is owned; everything outlives the port. `replays` is null when nothing is recorded. Throws when the port
+    /// cannot be had.
     RtspPort(boost::asio::io_context& context, const boost::asio::ip::tcp::endpoint& endpoint, const FaultTable& faults,
-             MediaServer& media);
+             MediaServer& media, ReplayServer* replays);
     ~RtspPort();
 
     std::uint16_t port() const;

@@ -23,6 +23,7 @@
 #include "PtzHeads.h"
 #include "PtzResources.h"
 #include "RecordResources.h"
+#include "ReplayServer.h"
 #include "RtspPort.h"
 #include "SettingsResources.h"
 #include "TalkBack.h"
@@ -70,12 +71,22 @@ std::uint32_t unixSecondsNow()
 Authenticator::Settings authenticatorSettings(const Options& options, const std::string& realm)
 {
     const Authentication scheme = options.authentication;
-    return {options.user,
-            options.password,
-            realm,
-            scheme == Authentication::digest || scheme == Authentication::both,
-            scheme == Authentication::basic || scheme == Authentication::both,
-            options.nonceLifetime};
+    return {.user = options.user,
+            .password = options.password,
+            .realm = realm,
+            .digest = scheme == Authentication::digest || scheme == Authentication::both,
+            .basic = scheme == Authentication::basic || scheme == Authentication::both,
+            .nonceLifetime = options.nonceLifetime};
+}
+
+std::unique_ptr<ReplayServer> replayServer(const Options& options, const Archive& archive, const FaultTable& faults)
+{
+    if (!options.archive)
+        return nullptr;
+    Authenticator::Settings credentials = authenticatorSettings(options, macAddress);
+    credentials.qop = false;
+    credentials.nonceLifetime = std::chrono::hours(24);
+    return std::make_unique<ReplayServer>(options, credentials, archive, faults);
 }
 
 }  // namespace
@@ -96,8 +107,9 @@ struct Simulator::State {
     PtzHeads heads;
     TalkBack talkBack;
     Archive archive;
-    MediaServer media;   ///< changes `options` to what a media file holds,
-    DeviceState device;  ///< which the device then reports
+    MediaServer media;                      ///< changes `options` to what a media file holds,
+    DeviceState device;                     ///< which the device then reports
+    std::unique_ptr<ReplayServer> replays;  ///< null without an archive
     DeviceSettings settings;
     IoState io;
     DeviceEvents events;
@@ -127,6 +139,7 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
       archive(options, unixSecondsNow()),
       media(options, macAddress, faults, talkBack, [this](unsigned channel) { return heads.caption(channel); }),
       device(options),
+      replays(replayServer(options, archive, faults)),
       settings(options),
       io(options.inputs, options.relays),
       events(context, io, scriptOf(options)),
@@ -142,7 +155,7 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
                [this](tcp::socket socket) { acceptLapi(std::move(socket), nullptr); }),
       adminPort(context, {boost::asio::ip::address_v4::loopback(), options.adminPort},
                 [this](tcp::socket socket) { adminServer.serve(std::move(socket)); }),
-      rtspPort(context, endpointFor(options.bindAddress, options.rtspPort), faults, media)
+      rtspPort(context, endpointFor(options.bindAddress, options.rtspPort), faults, media, replays.get())
 {
     if (options.httpsPort) {
         tls.emplace(selfSignedContext(options.bindAddress));
@@ -159,7 +172,8 @@ Simulator::State::State(boost::asio::io_context& context, Options given)
     addEventResources(lapiRoutes, events, io);
     addEventAdministration(adminRoutes, events, io);
     addAdminResources(adminRoutes,
-                      {activity, faults, media, events, heads, settings, talkBack, archive, [this] { rtspPort.open(); },
+                      {activity, faults, media, events, heads, settings, talkBack, archive, replays.get(),
+                       [this] { rtspPort.dropConnections(); }, [this] { rtspPort.open(); },
                        [this] { rtspPort.close(); }, [this](std::chrono::milliseconds duration) { reboot(duration); }});
     watchSessions();
 }

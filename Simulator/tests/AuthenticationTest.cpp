@@ -42,6 +42,31 @@ TEST(Digest, matchesTheExampleOfRfc2617)
               "6629fae49393a05397450978507c4ef1");
 }
 
+TEST(Digest, computesTheOlderFormWithoutQop)
+{
+    const DigestFields fields{{"nonce", "dcd98b7102dd2f0e8b11d0f600bfb0c093"}, {"uri", "/dir/index.html"}};
+    EXPECT_EQ(digestResponse(fields, "GET", "Mufasa", "testrealm@host.com", "Circle Of Life"),
+              "670fd8c2df070c60b045671b8b24ff02");
+}
+
+TEST(AuthenticatorWithoutQop, takesTheOlderFormAgainAndAgain)
+{
+    Authenticator authenticator({.user = "admin", .password = "secret", .realm = "r", .qop = false},
+                                [] { return std::string("nonce1"); });
+    const auto now = Authenticator::Clock::now();
+    EXPECT_EQ(authenticator.challenge(Authenticator::Verdict::missing, now).digest,
+              R"(Digest realm="r", nonce="nonce1", algorithm="MD5")");
+    const DigestFields fields{{"nonce", "nonce1"}, {"uri", "rtsp://h/"}};
+    const std::string response = digestResponse(fields, "PLAY", "admin", "r", "secret");
+    const std::string header = R"(Digest username="admin", realm="r", nonce="nonce1", uri="rtsp://h/", response=")";
+    EXPECT_EQ(authenticator.judge(header + response + '"', "PLAY", "rtsp://h/", now), Authenticator::Verdict::accepted);
+    EXPECT_EQ(authenticator.judge(header + response + '"', "PLAY", "rtsp://h/", now), Authenticator::Verdict::accepted);
+    EXPECT_EQ(authenticator.judge(header + "0\"", "PLAY", "rtsp://h/", now), Authenticator::Verdict::wrong);
+    EXPECT_EQ(authenticator.judge(header + response + R"(", qop="auth", nc="00000001", cnonce="c")", "PLAY",
+                                  "rtsp://h/", now),
+              Authenticator::Verdict::malformed);
+}
+
 TEST(Nonce, isHexadecimalAndNeverTheSame)
 {
     const std::string nonce = randomNonce();
