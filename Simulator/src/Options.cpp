@@ -179,7 +179,7 @@ std::variant<Options, Usage> parseOptions(const std::vector<std::string>& argume
     std::uint32_t recordsUntil = 0;
     std::vector<std::string> faults;
 
-    CLI::App app{"A simulated camera or recorder: LAPI over HTTP, live media over RTSP, faults on demand.",
+    CLI::App app{"A simulated camera or recorder: LAPI over HTTP, live and recorded media over RTSP, faults on demand.",
                  "uniview-simulator"};
     app.footer(footer + describeFaults() + adminFooter + describeForms() + scriptFooter);
     addChoice(app, "--kind", options.kind, kinds, "what to simulate [camera]");
