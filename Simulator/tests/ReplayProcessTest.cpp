@@ -221,7 +221,11 @@ TEST(Replay, saysWhenEachPacketWasRecordedAndLeapsOverAGap)
                                                 ";rtptime=" + std::to_string(items[1].rtpTime));
     std::vector<std::int64_t> times;
     std::vector<std::uint32_t> rtpTimes;
+    std::uint16_t sequence = items[1].sequence;
     for (std::size_t i = 0; i < items.size(); ++i) {
+        if (items[i].kind == Player::Item::packet) {
+            EXPECT_EQ(items[i].sequence, sequence++);
+        }
         if (items[i].kind != Player::Item::packet || !items[i].marker)
             continue;
         times.push_back(items[i].timeMs);
