@@ -288,13 +288,19 @@ PictureSettings ReplaySession::picture(unsigned channel, bool keyFramesOnly) con
     return settings;
 }
 
+/// Finds out, once for all replays, what their tracks are.
+void ReplaySession::prepareTracks()
+{
+    if (!services.tracks.empty())
+        return;
+    const auto anyTime = std::make_shared<ReplayTimeline>(std::vector{RecordedSpan{0, 1}});
+    ReplayPipeline sample({picture(0, false), {true, services.options.audio}}, anyTime, [] {});
+    services.tracks = sample.describe();
+}
+
 ReplaySession::Answer ReplaySession::describe(const RtspQuestion& question, const ReplayPath& wanted)
 {
-    if (services.tracks.empty()) {
-        const auto anyTime = std::make_shared<ReplayTimeline>(std::vector{RecordedSpan{0, 1}});
-        ReplayPipeline sample({picture(0, false), {true, services.options.audio}}, anyTime, [] {});
-        services.tracks = sample.describe();
-    }
+    prepareTracks();
     const auto spans = services.archive.coverage(wanted.channelNumber - 1, wanted.interval);
     const ReplayTimeline whole(spans);
     error_code ignored;
@@ -320,8 +326,7 @@ ReplaySession::Answer ReplaySession::setUp(const RtspQuestion& question, const R
     const auto channel = channelOf(question.header("transport"), static_cast<std::uint8_t>(2 * track));
     if (!channel)
         return {.status = 461};
-    if (services.tracks.empty())
-        return {.status = 455};  // it has not been described
+    prepareTracks();
     if (!session.empty() && (playback.isLoaded() || wanted.interval != path.interval))
         return {.status = 455};
     if (session.empty()) {
