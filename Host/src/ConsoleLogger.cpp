@@ -39,7 +39,7 @@ try {
         LoggedErrors::note(message != nullptr ? message : "");
     if (!Tavro8::wants(level, severity))
         return;
-    std::string text = clockText(std::chrono::system_clock::now());
+    std::string text = clockText(presentMoment());
     text.append(" ").append(severityText(severity)).append(" ");
     if (function != nullptr && *function != '\0')
         text.append(function).append(": ");

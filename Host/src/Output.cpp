@@ -11,13 +11,23 @@ namespace Host
 {
 namespace
 {
+/// Making one takes longer than writing a line with it.
+const Json::StreamWriterBuilder& lineBuilder()
+{
+    static const Json::StreamWriterBuilder builder = [] {
+        Json::StreamWriterBuilder made;
+        made["indentation"] = "";
+        made["emitUTF8"] = true;
+        made["precisionType"] = "decimal";
+        made["precision"] = 6;
+        return made;
+    }();
+    return builder;
+}
+
 std::string jsonLine(std::string_view name, const Json::Value& fields)
 {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    builder["precisionType"] = "decimal";
-    builder["precision"] = 6;
+    const Json::StreamWriterBuilder& builder = lineBuilder();
     const std::string members = Json::writeString(builder, fields.isNull() ? Json::Value(Json::objectValue) : fields)
                                     .substr(1);  // without the opening brace
     // JsonCpp sorts members; a reader of many lines wants to see first what a line is about.

@@ -22,6 +22,9 @@ public:
     /// an empty text writes nothing.
     void event(std::string_view name, const Json::Value& fields, std::string_view readable);
 
+    /// Which of the two forms of an event is written: asked where there are so many that making the other one costs.
+    bool writesJson() const noexcept { return json; }
+
     /// True when results could not be written, for example to a full disk or a pipe without a reader.
     bool hasFailed() const;
 

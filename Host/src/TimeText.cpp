@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdint>
 #include <iterator>
 
 namespace Host
@@ -26,20 +25,32 @@ std::string scaledText(double value, double step, const char* const (&units)[cou
 }
 }  // namespace
 
-std::string clockText(std::chrono::system_clock::time_point time)
+Moment presentMoment()
+{
+    return std::chrono::floor<Moment::duration>(std::chrono::system_clock::now());
+}
+
+std::string clockText(Moment time)
 {
     using namespace std::chrono;
-    const auto sinceMidnight = floor<milliseconds>(time - floor<days>(time));
-    const hh_mm_ss<milliseconds> clock(sinceMidnight);
+    const hh_mm_ss<milliseconds> clock(time - floor<days>(time));
     return padded(clock.hours().count(), 2) + ':' + padded(clock.minutes().count(), 2) + ':' +
            padded(clock.seconds().count(), 2) + '.' + padded(clock.subseconds().count(), 3);
 }
 
-std::string isoText(std::chrono::system_clock::time_point time)
+std::string isoText(Moment time)
 {
     const std::chrono::year_month_day date(std::chrono::floor<std::chrono::days>(time));
     return padded(static_cast<int>(date.year()), 4) + '-' + padded(static_cast<unsigned>(date.month()), 2) + '-' +
            padded(static_cast<unsigned>(date.day()), 2) + 'T' + clockText(time) + 'Z';
+}
+
+std::string momentText(std::uint64_t timestampMs)
+{
+    std::string text = isoText(Moment(std::chrono::milliseconds(timestampMs)));
+    if (timestampMs % 1000 == 0)
+        text.erase(text.rfind('.'), 4);
+    return text;
 }
 
 std::string durationText(std::chrono::duration<double> duration)

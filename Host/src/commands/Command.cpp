@@ -68,6 +68,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(makePtzCommand());
     commands.push_back(makeSettingsCommand());
     commands.push_back(makeTalkCommand());
+    commands.push_back(makeRecordingsCommand());
     return commands;
 }
 }  // namespace Host

@@ -58,9 +58,9 @@ Json::Value jsonOf(const boost::any& value)
     return {};
 }
 
-std::chrono::system_clock::time_point systemTime(std::int64_t milliseconds)
+Moment systemTime(std::int64_t milliseconds)
 {
-    return std::chrono::system_clock::time_point(std::chrono::milliseconds(milliseconds));
+    return Moment(std::chrono::milliseconds(milliseconds));
 }
 
 /// Prints what happens in front of one device until it is time to end.
@@ -150,7 +150,7 @@ private:
         surroundings.console.line(std::string("a detector's event cannot be shown: ") + e.what());
     }
 
-    static std::string now() { return clockText(std::chrono::system_clock::now()) + "  "; }
+    static std::string now() { return clockText(presentMoment()) + "  "; }
 
     static std::string deviceTime(const GDRV::DetectorEventInfo& event)
     {

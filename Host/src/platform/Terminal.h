@@ -10,4 +10,7 @@ bool isTerminal(std::FILE* stream) noexcept;
 
 /// Columns of the terminal; 80 when it does not say.
 std::size_t terminalWidth(std::FILE* stream) noexcept;
+
+/// True when text is shown, or read elsewhere, as UTF-8.
+bool usesUtf8();
 }  // namespace Host

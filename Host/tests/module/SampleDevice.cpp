@@ -95,8 +95,9 @@ void SampleDevice::Close() noexcept
 
 std::int32_t SampleDevice::resultOfAttempt()
 {
-    const char* const working[] = {"camera",  "recorder", "multichannel", "dark",  "barred",  "mute", "voiceless",
-                                   "growing", "changing", "flaky",        "stuck", "crowded", "tardy"};
+    const char* const working[] = {"camera", "recorder",  "multichannel", "dark",     "barred",
+                                   "mute",   "voiceless", "growing",      "changing", "flaky",
+                                   "stuck",  "crowded",   "tardy",        "hoarding", "unwilling"};
     const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
     const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
     const bool atLast = hostName == "late" && attempts > 2;
@@ -235,16 +236,54 @@ std::int32_t SampleDevice::CreateDetector(std::uint32_t channel, const Parameter
     return create(detector, [&] { return new Detector(*loop, channel, *type, detectorHandler); });
 }
 
-std::int32_t SampleDevice::CreateRecordingSearch(GDRV::IRecordingSearch** search) noexcept
+Archive SampleDevice::archiveOf(std::uint32_t channel) const
 {
-    return notSupported(search);
+    constexpr std::uint64_t minute = 60'000;
+    if (channel != 0)
+        return {0, 0};
+    return hostName == "hoarding" ? Archive{minute, minute * 2 / 3} : Archive{60 * minute, 50 * minute};
 }
 
-std::int32_t SampleDevice::CreateRecordingPlayback(std::uint32_t, GDRV::IRecordingPlaybackHandler*,
-                                                   GDRV::IMediaFrameHandler*, const ParameterMap&,
+std::int32_t SampleDevice::CreateRecordingSearch(GDRV::IRecordingSearch** search) noexcept
+{
+    if (hostName == "mute")
+        return notSupported(search);
+    return create(search, [&] {
+        const auto refusal = hostName == "barred"  ? ResultCode::resourceNotFound
+                             : hostName == "flaky" ? ResultCode::connectionLost
+                                                   : ResultCode::success;
+        return new RecordingSearch(*loop, logger,
+                                   {.channelCount = channels,
+                                    .answers = hostName != "dark",
+                                    .refusal = toResult(refusal),
+                                    .archive = archiveOf(0)});
+    });
+}
+
+std::int32_t SampleDevice::CreateRecordingPlayback(std::uint32_t channel,
+                                                   GDRV::IRecordingPlaybackHandler* playbackHandler,
+                                                   GDRV::IMediaFrameHandler* frames, const ParameterMap&,
                                                    GDRV::IRecordingPlayback** playback) noexcept
 {
-    return notSupported(playback);
+    *playback = nullptr;
+    if (hostName == "mute")
+        return notSupported(playback);
+    if (channel >= channels)
+        return toResult(ResultCode::notFound);
+    if (playbackHandler == nullptr || frames == nullptr)
+        return toResult(ResultCode::invalidArgument);
+    return create(playback, [&] {
+        return new RecordingPlayback(
+            *loop, channel, playbackHandler, frames, logger,
+            {.answers = hostName != "dark",
+             .refusal = toResult(hostName == "barred" ? ResultCode::resourceNotFound : ResultCode::success),
+             .playRefusal = toResult(hostName == "unwilling" ? ResultCode::streamRefused : ResultCode::success),
+             .offersSpeed = hostName != "voiceless",
+             .breaks = hostName == "flaky",
+             .hasSound = hostName != "voiceless",
+             .archive = archiveOf(channel),
+             .pictures = hostName == "changing" ? changingPicture() : testPicture()});
+    });
 }
 
 std::uint32_t SampleDevice::GetDeviceKind() const noexcept

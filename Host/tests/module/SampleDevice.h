@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Archive.h"
 #include "Loop.h"
 #include "Settings.h"
 
@@ -30,7 +31,13 @@ namespace Sample
 /// | stuck | works, but never reports that it was closed |
 /// | flaky | the connection is lost and comes back while the pictures go on; a call breaks at its fifth frame |
 ///
-/// Any other name is unreachable too.
+/// | hoarding | the same; has recorded the first 40 s of each minute |
+/// | unwilling | the same; opens recordings, but refuses to play them, with 1025 |
+///
+/// Any other name is unreachable too. Channel 0 has recorded the first 50 minutes of each hour, the others nothing.
+/// Archives behave as the rest does: "dark" does not answer, "barred" refuses with 514, "mute" has none, "voiceless"
+/// has recorded no sound and offers one speed, "changing" changes in the recordings too, and "flaky" loses the
+/// connection at the tenth picture and while it searches.
 class SampleDevice final : public Tavro8::GDRV::IDevice, private Tavro8::GDRV::IDeviceInformation {
 public:
     SampleDevice(const Tavro8::GDRV::IDeviceDescription& description, Tavro8::GDRV::IDeviceHandler* hostHandler,
@@ -76,6 +83,7 @@ private:
 
     std::unique_ptr<Settings> settingsOf(const std::string& name, Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
                                          Settings::Resources resources);
+    Archive archiveOf(std::uint32_t channel) const;
     void attempt();
     std::int32_t resultOfAttempt();
     void loseConnection();
