@@ -27,12 +27,27 @@ try {
     awaitingKeyFrame = true;
 }
 
+void FrameQueue::pushWaiting(const MediaFrame& frame) noexcept
+{
+    {
+        std::unique_lock lock(mutex);
+        // A frame larger than the queue is dropped by `push`.
+        emptied.wait(lock, [&] { return closed || frames.empty() || hasRoom(frame); });
+    }
+    push(frame);
+}
+
+bool FrameQueue::hasRoom(const MediaFrame& frame) const noexcept
+{
+    return frames.size() < limits.frames && bytes + frame.data.size() <= limits.bytes;
+}
+
 bool FrameQueue::accept(const MediaFrame& frame)
 {
     const bool video = isVideo(frame.codec);
     if (frame.buffer == nullptr || (video && awaitingKeyFrame && !frame.keyFrame))
         return false;
-    const bool fits = frames.size() < limits.frames && bytes + frame.data.size() <= limits.bytes;
+    const bool fits = hasRoom(frame);
     if (video)
         awaitingKeyFrame = !fits;
     return fits;
@@ -47,6 +62,7 @@ std::optional<FrameReference> FrameQueue::pop()
     FrameReference frame = std::move(frames.front());
     frames.pop_front();
     bytes -= frame->data.size();
+    emptied.notify_one();
     return frame;
 }
 
@@ -57,6 +73,7 @@ void FrameQueue::close() noexcept
         closed = true;
     }
     filled.notify_all();
+    emptied.notify_all();
 }
 
 std::uint64_t FrameQueue::getDropped() const

@@ -27,6 +27,10 @@ public:
     /// Never blocks for long, never throws.
     void push(const Tavro8::GDRV::MediaFrame& frame) noexcept;
 
+    /// The same, but waits for room instead of dropping what does not fit: for a sender that can be kept waiting.
+    /// Returns when the queue is closed. One thread pushes.
+    void pushWaiting(const Tavro8::GDRV::MediaFrame& frame) noexcept;
+
     /// Waits for the next frame; nothing once the queue is closed and empty.
     std::optional<Tavro8::GDRV::FrameReference> pop();
 
@@ -36,11 +40,13 @@ public:
     std::uint64_t getDropped() const;
 
 private:
+    bool hasRoom(const Tavro8::GDRV::MediaFrame& frame) const noexcept;
     bool accept(const Tavro8::GDRV::MediaFrame& frame);
 
     const Limits limits;
     mutable std::mutex mutex;  // guards everything below
     std::condition_variable filled;
+    std::condition_variable emptied;
     std::deque<Tavro8::GDRV::FrameReference> frames;
     std::size_t bytes = 0;
     std::uint64_t dropped = 0;

@@ -3,6 +3,7 @@
 #include "DeviceSession.h"
 #include "Output.h"
 #include "PathText.h"
+#include "RecordedInterval.h"
 #include "TimeText.h"
 #include "media/MediaNames.h"
 
@@ -14,6 +15,7 @@
 namespace Host
 {
 using Tavro8::ResultCode;
+using Tavro8::GDRV::DateTimeRange;
 using Tavro8::GDRV::MediaFrame;
 using Tavro8::GDRV::StreamStatistics;
 namespace
@@ -174,11 +176,48 @@ std::string pictureLine(const StreamSummary& summary)
         line += ", " + std::to_string(summary.silentStreams) + " of them silent";
     line += "\nVideo     " + nameOf(video.formats.latest()) + ", " +
             decimalText(static_cast<double>(video.frames) * perSecond, 1) + " frames/s, " +
-            bitRateText(static_cast<double>(video.bytes) * 8 * perSecond) + transportPhrase(transportOf(video)) + ", " +
-            std::to_string(video.statistics.lostPackets) + " packets lost";
+            bitRateText(static_cast<double>(video.bytes) * 8 * perSecond) + transportPhrase(transportOf(video));
+    if (summary.played)
+        return line + ", packets missing at " + std::to_string(summary.played->media.losses) + " places\n";
+    line += ", " + std::to_string(video.statistics.lostPackets) + " packets lost";
     if (video.statistics.reconnects > 0)
         line += ", " + std::to_string(video.statistics.reconnects) + " reconnections";
     return line + '\n';
+}
+
+/// Whole seconds, for people.
+std::string recordedText(const DateTimeRange& recorded)
+{
+    const auto seconds = [](std::uint64_t timestampMs) { return momentText(timestampMs / 1000 * 1000); };
+    return seconds(recorded.begin) + " to " + seconds(recorded.end);
+}
+
+std::string playedLine(const PlayedInterval& played)
+{
+    const PlayedMedia& media = played.media;
+    std::string line = "Recorded  " + (media.recorded ? recordedText(*media.recorded) : "-");
+    if (media.gaps > 0)
+        line += ", without " + std::to_string(media.gaps) + (media.gaps == 1 ? " gap" : " gaps") + " of " +
+                durationText(std::chrono::milliseconds(media.gapMs));
+    return line + (played.endReached ? "\n" : ", not played to the end\n");
+}
+
+void addPlayed(Json::Value& fields, const PlayedInterval& played)
+{
+    const PlayedMedia& media = played.media;
+    if (media.recorded) {
+        fields["recordedBegin"] = momentText(media.recorded->begin);
+        fields["recordedBeginMs"] = number(media.recorded->begin);
+        fields["recordedEnd"] = momentText(media.recorded->end);
+        fields["recordedEndMs"] = number(media.recorded->end);
+    }
+    fields["gaps"] = number(media.gaps);
+    fields["gapSeconds"] = static_cast<double>(media.gapMs) / 1000;
+    fields["losses"] = number(media.losses);
+    fields["speed"] = played.speed;
+    fields["keyFramesOnly"] = played.keyFramesOnly;
+    fields["speedRefused"] = media.speedRefused;
+    fields["endReached"] = played.endReached;
 }
 
 const char* whatToCheck(std::int32_t state) noexcept
@@ -201,10 +240,16 @@ const char* whatToCheck(std::int32_t state) noexcept
 std::string readableSummary(const StreamSummary& summary)
 {
     std::string text = pictureLine(summary) + changesLine(summary.video.formats);
+    if (summary.played)
+        text += playedLine(*summary.played);
     if (summary.audio && summary.audio->frames > 0)
-        text += "Sound     " + nameOf(summary.audio->formats.latest()) + ", " + std::to_string(summary.audio->frames) +
-                " frames, " + std::to_string(summary.audio->statistics.lostPackets) + " packets lost\n" +
-                changesLine(summary.audio->formats);
+        text +=
+            "Sound     " + nameOf(summary.audio->formats.latest()) + ", " + std::to_string(summary.audio->frames) +
+            " frames" +
+            (summary.played ? "\n" : ", " + std::to_string(summary.audio->statistics.lostPackets) + " packets lost\n") +
+            changesLine(summary.audio->formats);
+    else if (summary.audio && summary.played)
+        text += "Sound     none is recorded\n";
     else if (summary.audio)
         text += silenceReason("Sound     none arrived", summary.audio->streamState) + '\n';
     if (summary.droppedFrames > 0)
@@ -332,6 +377,25 @@ std::string progressText(const ReceivedMedia& video, std::chrono::duration<doubl
     return text + durationText(elapsed);
 }
 
+void reportGap(Output& output, const DateTimeRange& gap)
+{
+    Json::Value fields(Json::objectValue);
+    addInterval(fields, gap);
+    output.event("gap", fields, {});
+}
+
+std::string progressText(const DateTimeRange& interval, const PlayedMedia& played, const ReceivedMedia& video,
+                         std::chrono::duration<double> elapsed)
+{
+    const std::uint64_t reached = played.recorded ? played.recorded->end : interval.begin;
+    const std::uint64_t position = std::clamp(reached, interval.begin, interval.end);
+    const double share =
+        static_cast<double>(position - interval.begin) / static_cast<double>(interval.end - interval.begin);
+    return momentText(position / 1000 * 1000) + "  " + decimalText(100 * share, 0) + " %  " +
+           nameOf(video.formats.latest()) + "  " + std::to_string(video.frames) + " frames  " +
+           sizeText(static_cast<double>(video.bytes)) + "  " + durationText(elapsed);
+}
+
 void reportSummary(Output& output, const StreamSummary& summary)
 {
     const ReceivedMedia& video = summary.video;
@@ -345,15 +409,21 @@ void reportSummary(Output& output, const StreamSummary& summary)
     addVideoFormat(fields, video.formats.latest());
     addFormats(fields["formats"], video.formats);
     fields["bytes"] = number(video.bytes);
-    fields["lost"] = number(video.statistics.lostPackets);
-    fields["reconnects"] = video.statistics.reconnects;
-    addTransport(fields, video);
+    if (summary.played) {
+        addPlayed(fields, *summary.played);
+    } else {
+        fields["lost"] = number(video.statistics.lostPackets);
+        fields["reconnects"] = video.statistics.reconnects;
+        addTransport(fields, video);
+    }
     fields["connectSeconds"] = summary.connecting.count();
     fields["seconds"] = summary.elapsed.count();
     fields["cpuSeconds"] = summary.load.cpuSeconds;
     fields["residentBytes"] = number(summary.load.residentBytes);
     if (summary.audio)
         addSound(fields, *summary.audio);
+    if (summary.played)
+        fields.removeMember("audioLost");  // not told either
     addFiles(fields, summary);
     output.event("summary", fields, readableSummary(summary));
 }

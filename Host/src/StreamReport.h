@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MediaReceiver.h"
+#include "PlaybackStream.h"
 #include "media/MediaWriter.h"
 
 #include <chrono>
@@ -45,6 +46,21 @@ void reportFrame(Output& output, std::uint64_t index, const Tavro8::GDRV::MediaF
 /// "H.264 1920x1080  25.0 frames/s  4.1 Mbit/s  0 lost  00:07"; without rates until the module has reported some.
 std::string progressText(const ReceivedMedia& video, std::chrono::duration<double> elapsed);
 
+/// What a playback has to tell beside what came.
+struct PlayedInterval {
+    PlayedMedia media;
+    std::uint32_t speed = 1;  ///< as asked for, as the following
+    bool keyFramesOnly = false;
+    bool endReached = false;
+};
+
+/// Writes the event `gap`. People read of it in a message.
+void reportGap(Output& output, const Tavro8::GDRV::DateTimeRange& gap);
+
+/// "2026-11-20T14:00:07Z  35 %  H.264 1920x1080  912 frames  4.1 MiB  00:07" while `interval` is played.
+std::string progressText(const Tavro8::GDRV::DateTimeRange& interval, const PlayedMedia& played,
+                         const ReceivedMedia& video, std::chrono::duration<double> elapsed);
+
 /// All that the event `summary` says.
 struct StreamSummary {
     std::size_t streams = 1;
@@ -56,7 +72,8 @@ struct StreamSummary {
     ProcessLoad load;                             ///< at the end
     std::uint64_t droppedFrames = 0;              ///< received, but the disk or the decoder did not keep up
     std::vector<RecordedPart> recordings;
-    std::filesystem::path picture;  ///< empty when none was saved
+    std::filesystem::path picture;         ///< empty when none was saved
+    std::optional<PlayedInterval> played;  ///< recorded media, of which modules tell no statistics
 };
 
 void reportSummary(Output& output, const StreamSummary& summary);

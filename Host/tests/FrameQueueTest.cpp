@@ -1,5 +1,7 @@
 #include "FrameQueue.h"
 
+#include <atomic>
+#include <future>
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
@@ -18,7 +20,7 @@ public:
     void AddRef() const noexcept override { ++references; }
     void Release() const noexcept override { --references; }
 
-    mutable int references = 0;
+    mutable std::atomic<int> references{0};
 };
 
 class FrameQueueTest : public testing::Test {
@@ -115,6 +117,41 @@ TEST_F(FrameQueueTest, wakesTheReaderWhenItIsClosed)
     std::thread reader([&] { EXPECT_FALSE(queue.pop()); });
     queue.close();
     reader.join();
+}
+
+TEST_F(FrameQueueTest, letsAPatientSenderWaitForRoom)
+{
+    FrameQueue queue({2, 1000});
+    constexpr int count = 50;
+    std::thread sender([&] {
+        for (int i = 0; i < count; ++i)
+            queue.pushWaiting(i == 0 ? keyPicture() : picture());
+        queue.close();
+    });
+    int received = 0;
+    while (queue.pop())
+        ++received;
+    sender.join();
+    EXPECT_EQ(received, count);
+    EXPECT_EQ(queue.getDropped(), 0U);
+}
+
+TEST_F(FrameQueueTest, letsNobodyWaitOnceItIsClosed)
+{
+    FrameQueue queue({1, 1000});
+    queue.push(keyPicture());
+    const auto sender = std::async(std::launch::async, [&] { queue.pushWaiting(keyPicture()); });
+    queue.close();
+    sender.wait();
+    EXPECT_TRUE(queue.pop());
+    EXPECT_FALSE(queue.pop());
+}
+
+TEST_F(FrameQueueTest, dropsWhatNeverFits)
+{
+    FrameQueue queue({10, 500});
+    queue.pushWaiting(frame(MediaCodec::h264, true, 600));
+    EXPECT_EQ(queue.getDropped(), 1U);
 }
 }  // namespace
 }  // namespace Host

@@ -69,6 +69,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(makeSettingsCommand());
     commands.push_back(makeTalkCommand());
     commands.push_back(makeRecordingsCommand());
+    commands.push_back(makePlaybackCommand());
     return commands;
 }
 }  // namespace Host

@@ -105,6 +105,7 @@ std::unique_ptr<Command> makePtzCommand();
 std::unique_ptr<Command> makeSettingsCommand();
 std::unique_ptr<Command> makeTalkCommand();
 std::unique_ptr<Command> makeRecordingsCommand();
+std::unique_ptr<Command> makePlaybackCommand();
 
 /// All commands in the order of the help.
 std::vector<std::unique_ptr<Command>> makeCommands();

@@ -2,11 +2,9 @@
 #include "FrameRecorder.h"
 #include "LiveStream.h"
 #include "Output.h"
-#include "PathText.h"
 #include "StreamReport.h"
 #include "commands/Command.h"
-#include "media/MediaFile.h"
-#include "media/Picture.h"
+#include "commands/MediaFiles.h"
 #include "platform/ProcessUsage.h"
 
 #include <CLI/CLI.hpp>
@@ -22,8 +20,7 @@ using Clock = Monitor::Clock;
 struct LiveOptions {
     LiveStream::Request request;
     double seconds = 10;  ///< 0: until interrupted
-    std::filesystem::path output;
-    std::filesystem::path snapshot;
+    MediaFiles files;
     std::size_t count = 1;
     bool discard = false;
     bool frames = false;
@@ -103,9 +100,9 @@ private:
     FrameRecorder::Wishes recorderWishes()
     {
         FrameRecorder::Wishes wishes;
-        wishes.recording = options.output;
+        wishes.recording = options.files.output;
         wishes.sound = options.request.sound;
-        wishes.picture = options.snapshot;
+        wishes.picture = options.files.snapshot;
         wishes.onPart = [this](const RecordedPart& part) { reportPart(surroundings.output, ++partCount, part); };
         if (options.frames)
             wishes.onFrame = [this](const Tavro8::GDRV::MediaFrame& frame) {
@@ -226,7 +223,7 @@ private:
             if (!failure)
                 summary.recordings = recorder->getRecordings();
             if (recorder->hasPicture())
-                summary.picture = options.snapshot;
+                summary.picture = options.files.snapshot;
         }
         summary.streams = streams.size();
         summary.silentStreams = silentStreams();
@@ -288,12 +285,7 @@ public:
             ->check(CLI::IsMember({"tcp", "udp", "auto"}, CLI::ignore_case).description(""))
             ->type_name("HOW")
             ->capture_default_str();
-        app.add_option("--output", options.output, "Record to FILE.mp4 or FILE.mkv, pictures as received")
-            ->check(CLI::Validator(checkRecording, "", "recording"))
-            ->type_name("FILE");
-        app.add_option("--snapshot", options.snapshot, "Save the first picture as FILE.png or FILE.jpg")
-            ->check(CLI::Validator(checkPicture, "", "picture"))
-            ->type_name("FILE");
+        describeMediaFiles(app, options.files);
         app.add_flag("--frames", options.frames, "Tell of each frame");
         describeMeasuring(app);
     }
@@ -301,9 +293,7 @@ public:
     ExitStatus run(const Surroundings& surroundings) override
     {
         refuseContradictions();
-        for (const auto& file : {options.output, options.snapshot})
-            if (!file.empty())
-                requireWritable(file);
+        requireWritable(options.files);
         return LiveRun(surroundings, options).run();
     }
 
@@ -321,20 +311,10 @@ private:
 
     void refuseContradictions() const
     {
-        const bool looksAtFrames = !options.output.empty() || !options.snapshot.empty() || options.frames;
+        const bool looksAtFrames = !options.files.output.empty() || !options.files.snapshot.empty() || options.frames;
         if (looksAtFrames && (options.discard || options.count > 1))
             throw Failure(ExitStatus::usage, "--discard and --count above 1 only count what arrives; they go together "
                                              "with none of --output, --snapshot and --frames");
-    }
-
-    static std::string checkRecording(std::string& file)
-    {
-        return isMediaFile(file) ? "" : "the file's name must end in .mp4 or .mkv";
-    }
-
-    static std::string checkPicture(std::string& file)
-    {
-        return isPictureFile(file) ? "" : "the file's name must end in .png, .jpg or .jpeg";
     }
 
     LiveOptions options;
