@@ -167,6 +167,12 @@ bool concernsStream(const Tavro8::ParameterMap& given)
     return std::ranges::any_of(parameterNames, [&](const char* name) { return values.has(name); });
 }
 
+bool canBeWritten(const Tavro8::ParameterMap& given, const TextMap& maxFpsForCodec)
+{
+    Json::Value encoding(Json::objectValue);  // of a device that has nothing
+    return edit([&] { return writeEncoding(encoding, Given(given), maxFpsForCodec); }).result == 0;
+}
+
 Edit editStream(Json::Value& data, const Tavro8::ParameterMap& given, std::uint32_t stream,
                 const TextMap& maxFpsForCodec)
 {

@@ -11,6 +11,9 @@ namespace Uniview::settings
 /// Whether one of the values is for the stream resource.
 bool concernsStream(const Tavro8::ParameterMap& given);
 
+/// Whether the values for the stream resource can be written as far as they themselves tell, whatever the device has.
+bool canBeWritten(const Tavro8::ParameterMap& given, const Tavro8::TextMap& maxFpsForCodec);
+
 /// Edits the data of a stream reply so that they hold the one stream of that number, with the values that the host has
 /// given. `maxFpsForCodec` caps the frame rate by the name of the codec, with a number or "any"; empty, there is no
 /// cap.

@@ -9,6 +9,7 @@
 
 #include <IpUtil/AsyncMultiRequest.h>
 #include <Tavro8/ResultCode.h>
+#include <algorithm>
 #include <array>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -49,6 +50,12 @@ constexpr std::size_t indexOf(const GroupTraits& group)
 bool concerns(const GroupTraits& group, const ParameterMap& given)
 {
     return group.group == Group::stream ? settings::concernsStream(given) : settings::concernsImage(group.group, given);
+}
+
+bool hasStreamSettings(std::uint32_t deviceKind)
+{
+    return std::ranges::any_of(settings::groupsOf(deviceKind),
+                               [](const GroupTraits& group) { return group.group == Group::stream; });
 }
 
 /// In the order of the groups.
@@ -183,6 +190,15 @@ void VideoSource::applySettings(const ParameterMap& given)
     });
 }
 
+/// What will not be written is no reason to interrupt the stream.
+bool VideoSource::parametersRequireRTSPClientReconnect(const ParameterMap& changed) const
+{
+    ParameterMap effective = changed;
+    if (!hasStreamSettings(device->GetDeviceKind()) || !settings::canBeWritten(changed, maxFpsForCodec))
+        std::erase_if(effective, [this](const auto& entry) { return isHeldByDevice(entry.first); });
+    return RTSPReceiverVideoSource::parametersRequireRTSPClientReconnect(effective);
+}
+
 /// What goes wrong in the handler of one resource is the failure of that resource alone.
 Tavro8::http::CompletionHandler VideoSource::settingsHandler(const GroupTraits& group, const char* place,
                                                              SettingsStep step)
@@ -226,6 +242,8 @@ void VideoSource::onSettingsWritten(const GroupTraits& group, lapi::Reply& reply
 {
     if (!reply)
         logFailure(group.writePlace, reply, group, group.writeFailure);
+    else if (group.group == Group::stream)
+        adjustWritten(settingsRun->request.given);
     finishSettings(group, reply.result);
 }
 

@@ -57,6 +57,9 @@ public:
     settings::Edit ldcSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
     settings::Edit imageEnhanceSettings(Json::Value& data, const Tavro8::ParameterMap& given) const;
 
+protected:
+    bool parametersRequireRTSPClientReconnect(const Tavro8::ParameterMap& changed) const override;
+
 private:
     /// One request of the host to apply settings.
     struct SettingsRequest {

@@ -317,6 +317,23 @@ TEST(StreamSettings, whatIsNotKnownIsWrittenBackAsItCame)
     }
 }
 
+TEST(StreamSettings, tellsWhatCannotBeWrittenWithoutTheDevice)
+{
+    const struct {
+        ParameterMap given;
+        bool expected;
+    } cases[] = {
+        {{}, true},
+        {{{"codec", Text("H.265")}, {"resolution", Text("640x360")}, {"fps", 25}}, true},
+        {{{"brightness", Text("no value of the stream")}}, true},
+        {{{"codec", Text("H265")}}, false},
+        {{{"resolution", Text("640")}}, false},
+        {{{"codec", Text("H.265")}, {"bitRate", Text("much")}}, false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(settings::canBeWritten(c.given, {}), c.expected);
+}
+
 TEST(StreamSettings, knowsWhichValuesAreItsOwn)
 {
     for (const char* const name : {"codec", "resolution", "fps", "bitRate", "bitrateControl", "quality", "smoothing",

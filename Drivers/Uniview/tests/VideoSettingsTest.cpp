@@ -618,27 +618,86 @@ TEST_F(VideoSettings, workWithoutAHandler)
     silent->Destroy();
 }
 
-TEST_F(VideoSettings, onlyWhatTheStreamDependsOnRestartsIt)
-{
-    connect();
-    ScriptedHttpPeer rtsp;  // never answers, which keeps the stream connecting
-    const std::string url = "rtsp://" + rtsp.address() + "/media/video1";
-    rtsp.staySilent(url);
-    peer.answer(portPath, 200, R"({"Response":{"Data":{"RTSPPort":)" + std::to_string(rtsp.port()) + "}}}");
-    device->Close();
-    ASSERT_TRUE(handler.waitClosed());
-    open();
-    ASSERT_TRUE(handler.waitConnected(2));
+/// A source that receives from a peer which never answers, so that each of its requests is a connection of the stream.
+class ReceivingVideoSettings : public VideoSettings {
+protected:
+    void start(const std::string& path, int type = 0)
+    {
+        connect(1, type);
+        rtsp.staySilent("rtsp://" + rtsp.address() + path);
+        peer.answer(portPath, 200, R"({"Response":{"Data":{"RTSPPort":)" + std::to_string(rtsp.port()) + "}}}");
+        device->Close();
+        ASSERT_TRUE(handler.waitClosed());
+        open();
+        ASSERT_TRUE(handler.waitConnected(2));
+        source->Start();
+        ASSERT_TRUE(rtsp.waitForRequests(1)) << logger.text();
+    }
+    void startCamera() { start("/media/video1"); }
 
-    source->Start();
-    ASSERT_TRUE(rtsp.waitForRequests(1)) << logger.text();
-    EXPECT_EQ(apply({{"brightness", 5}, {"bitRate", 5}}).at("all"), 0);
-    service->barrier();
-    EXPECT_EQ(rtsp.requests().size(), 1U);
-    EXPECT_EQ(apply({{"codec", std::string("H.264")}}).at("all"), 0);
-    EXPECT_TRUE(rtsp.waitForRequests(2)) << "a fresh connection for another codec";
-    EXPECT_EQ(apply({{"codec", std::string("H.264")}}).at("all"), 0);
-    service->barrier();
-    EXPECT_EQ(rtsp.requests().size(), 2U) << "an unchanged value needs none";
+    /// Applies what must not interrupt the stream.
+    Results applyQuietly(const ParameterMap& given)
+    {
+        const std::size_t before = rtsp.requests().size();
+        const Results results = apply(given);
+        service->barrier();
+        EXPECT_EQ(rtsp.requests().size(), before) << "the stream has been restarted";
+        return results;
+    }
+    /// Applies what needs a fresh connection of the stream.
+    Results applyWithRestart(const ParameterMap& given)
+    {
+        const std::size_t before = rtsp.requests().size();
+        const Results results = apply(given);
+        EXPECT_TRUE(rtsp.waitForRequests(before + 1)) << "the stream has not been restarted";
+        EXPECT_EQ(rtsp.requests().size(), before + 1);
+        return results;
+    }
+
+    ScriptedHttpPeer rtsp;
+};
+
+TEST_F(ReceivingVideoSettings, onlyWhatTheStreamDependsOnRestartsIt)
+{
+    startCamera();
+    EXPECT_EQ(applyQuietly({{"brightness", 5}, {"bitRate", 5}}), allGood());
+    EXPECT_EQ(applyWithRestart({{"codec", std::string("H.264")}}), allGood());
+    EXPECT_EQ(applyQuietly({{"codec", std::string("H.264")}}), allGood()) << "an unchanged value needs none";
+    EXPECT_EQ(applyWithRestart({{"resolution", std::string("640x360")}}), allGood());
+}
+
+TEST_F(ReceivingVideoSettings, valuesThatAreRefusedLeaveTheStreamAlone)
+{
+    startCamera();
+    const Results refused = allBut("stream", toResult(ResultCode::invalidArgument));
+    EXPECT_EQ(applyQuietly({{"codec", std::string("H264")}}), refused);
+    EXPECT_EQ(applyQuietly({{"resolution", std::string("640")}}), refused);
+    EXPECT_EQ(applyQuietly({{"codec", std::string("H.264")}, {"fps", std::string("many")}}), refused)
+        << "nothing of the resource is written";
+    EXPECT_EQ(applyWithRestart({{"codec", std::string("H.264")}}), allGood());
+    EXPECT_EQ(applyQuietly({{"codec", std::string("H264")}}), refused);
+    EXPECT_EQ(applyQuietly({{"codec", std::string("H.264")}}), allGood()) << "what was refused is not what it has";
+    EXPECT_EQ(applyWithRestart({{"codec", std::string("H264")}, {"transport", std::string("tcp")}}), refused)
+        << "the transport is not the device's";
+}
+
+TEST_F(ReceivingVideoSettings, recorderThatIsNotAskedForTheStreamKeepsIt)
+{
+    start("/unicast/c1/s0/live", 1);
+    const std::string path = "/LAPI/V1.0/Channels/1/Image/Enhance";
+    peer.answer("GET " + path, 200, reply("{}"));
+    EXPECT_EQ(applyQuietly({{"codec", std::string("H.264")}, {"resolution", std::string("640x360")}}).at("all"),
+              toResult(ResultCode::notSupported));
+    EXPECT_EQ(applyWithRestart({{"transport", std::string("tcp")}}).at("all"), 0);
+}
+
+TEST_F(ReceivingVideoSettings, valueThatWasNotWrittenRestartsTheStreamAgain)
+{
+    startCamera();
+    const ParameterMap given{{"codec", std::string("H.265")}};
+    peer.answerOnce(std::string("PUT ") + streamPath, 500, "");
+    EXPECT_EQ(applyWithRestart(given), allBut("stream", toResult(ResultCode::deviceError)));
+    EXPECT_EQ(applyWithRestart(given), allGood());
+    EXPECT_EQ(applyQuietly(given), allGood());
 }
 }  // namespace

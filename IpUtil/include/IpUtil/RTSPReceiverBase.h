@@ -323,31 +323,46 @@ protected:
     /// Whether the new values take effect only with a new RTSP connection. Values that are what they were need none.
     virtual bool parametersRequireRTSPClientReconnect(const ParameterMap& changed) const = 0;
 
-    /// Takes over new parameters and restarts the stream when they require it.
+    /// Whether the parameter says how the device is, and so holds only once that has been written to it.
+    virtual bool isHeldByDevice(const std::string&) const { return false; }
+
+    /// Takes over new parameters, except those that the device holds, and restarts the stream when they require it.
     void adjust(const ParameterMap& changed)
     {
         const bool reconnect = parametersRequireRTSPClientReconnect(changed);
-        this->parameters.setPersistentParams(changed);
+        takeOver(changed, false);
         if (!reconnect)
             return;
         if (const auto running = this->currentStream())
             running->restart();
     }
 
-    /// True when `key` is among the new values and differs from the present one: what was set, else `otherwise` when
-    /// that is known. Both are compared as `T`; a value of another type is none that a connection could follow.
+    /// Takes over those of the parameters that the device holds, and that have been written to it.
+    void adjustWritten(const ParameterMap& written) { takeOver(written, true); }
+
+    /// True when `key` is among the new values and differs from the present one: what the stream has `shown`, else what
+    /// was set; also when neither is known. Both are compared as `T`; a value of another type is none that a connection
+    /// could follow.
     template <typename T>
-    bool changes(const ParameterMap& changed, const std::string& key, const std::optional<T>& otherwise = {}) const
+    bool changes(const ParameterMap& changed, const std::string& key, const std::optional<T>& shown = {}) const
     {
         const auto found = changed.find(key);
         const T* const wanted = found == changed.end() ? nullptr : boost::any_cast<T>(&found->second);
         if (wanted == nullptr)
             return false;
+        if (shown)
+            return *wanted != *shown;
         const auto stored = this->parameters.getPersistentParam(key);
-        if (!stored)
-            return !otherwise || *wanted != *otherwise;
-        const T* const present = boost::any_cast<T>(&*stored);
+        const T* const present = stored ? boost::any_cast<T>(&*stored) : nullptr;
         return present == nullptr || *wanted != *present;
+    }
+
+private:
+    void takeOver(const ParameterMap& changed, bool heldByDevice)
+    {
+        ParameterMap taken = changed;
+        std::erase_if(taken, [&](const auto& entry) { return isHeldByDevice(entry.first) != heldByDevice; });
+        this->parameters.setPersistentParams(taken);
     }
 };
 
@@ -359,6 +374,9 @@ public:
         const std::uint64_t size = std::uint64_t{frame.width & sizeMask} << sizeBits | (frame.height & sizeMask);
         format.store(static_cast<std::uint64_t>(frame.codec) << (2 * sizeBits) | size, std::memory_order_relaxed);
     }
+    /// From now on nothing is known.
+    void forget() noexcept { format.store(0, std::memory_order_relaxed); }
+
     /// Nothing while no picture has come.
     std::optional<std::string> codec() const
     {
@@ -411,7 +429,17 @@ public:
     }
 
 protected:
-    /// As long as nobody has said which codec and resolution the stream has, what it shows tells.
+    bool isHeldByDevice(const std::string& key) const override { return key == "codec" || key == "resolution"; }
+
+    /// Takes over codec and resolution that have been written: they are what the stream has until it shows another.
+    void adjustWritten(const ParameterMap& written)
+    {
+        if (written.count("codec") != 0 || written.count("resolution") != 0)
+            lastPicture.forget();
+        RTSPReceiverAdjustable<GDRV::IVideoSource, Device>::adjustWritten(written);
+    }
+
+    /// Which codec and resolution the stream has its last key frame tells, for others may change the device, too.
     bool parametersRequireRTSPClientReconnect(const ParameterMap& changed) const override
     {
         return this->template changes<std::string>(changed, "codec", lastPicture.codec()) ||

@@ -358,8 +358,11 @@ public:
     std::int32_t ApplySettings(const ParameterMap& changed) noexcept override
     {
         adjust(changed);
+        if (deviceTakes)
+            adjustWritten(changed);
         return 0;
     }
+    bool deviceTakes = true;
     std::shared_ptr<RTSPStream> offered;
 
 protected:
@@ -415,9 +418,34 @@ TEST_F(RTSPReceiverBaseTest, whatTheStreamShowsNeedsNoRestart)
         adjustable->ApplySettings({{"codec", std::string("other")}});
         EXPECT_EQ(stream->restarts, before + 1);
         adjustable->ApplySettings({{"resolution", std::string("1280x720")}});
-        EXPECT_EQ(stream->restarts, before + 2) << "what was set counts from then on";
+        EXPECT_EQ(stream->restarts, before + 2);
+        adjustable->ApplySettings({{"codec", std::string("other")}, {"resolution", std::string("1280x720")}});
+        EXPECT_EQ(stream->restarts, before + 2) << "what was written counts until the stream shows otherwise";
+        adjustable->onFrame(frame);
+        adjustable->ApplySettings({{"resolution", std::string("1280x720")}});
+        EXPECT_EQ(stream->restarts, before + 3) << "somebody else has changed the device";
         adjustable->Destroy();
     }
+}
+
+TEST_F(RTSPReceiverBaseTest, aFormatThatTheDeviceDidNotTakeRestartsTheStreamAgain)
+{
+    const auto adjustable = std::make_shared<AdjustableReceiver>(&device, &channel, nullptr, LiveSourceContext{});
+    adjustable->adopt();
+    adjustable->offered = stream;
+    adjustable->Start();
+    adjustable->deviceTakes = false;
+    const ParameterMap wanted{{"codec", std::string("H.265")}, {"transport", std::string("udp")}};
+    adjustable->ApplySettings(wanted);
+    EXPECT_EQ(stream->restarts, 1);
+    adjustable->ApplySettings({{"transport", std::string("udp")}});
+    EXPECT_EQ(stream->restarts, 1) << "which is ours and holds at once";
+    adjustable->deviceTakes = true;
+    adjustable->ApplySettings(wanted);
+    EXPECT_EQ(stream->restarts, 2);
+    adjustable->ApplySettings(wanted);
+    EXPECT_EQ(stream->restarts, 2);
+    adjustable->Destroy();
 }
 
 TEST_F(RTSPReceiverBaseTest, theFirstValueRestartsAStreamThatHasShownNothing)
