@@ -278,6 +278,16 @@ TEST_F(SettingsEndToEnd, aResourceThatTheDeviceRefusesIsNamedAndTheOthersAreWrit
     }
 }
 
+TEST_F(SettingsEndToEnd, aDeviceThatOwesAnAnswerNobodyNeedsHasAppliedTheRest)
+{
+    start({"--fault", "hang@Exposure"});
+    const HostRun run = set({"brightness=45"}, {"--timeout", "3"});
+    EXPECT_EQ(run.status, 0) << run.all();
+    EXPECT_EQ(results(run)["imageEnhance"], 0);
+    EXPECT_THAT(run.errors, HasSubstr("remark: no answer in time for exposure, but nothing was to be changed there"));
+    EXPECT_EQ(image("Image/Enhance")["data"]["Brightness"], 45);
+}
+
 TEST_F(SettingsEndToEnd, aValueThatTheDeviceDoesNotTakeChangesNothing)
 {
     start();

@@ -47,10 +47,10 @@ void describeDevice(CLI::App& app, CommonOptions& options)
         ->type_name("KEY=VALUE")
         ->group(group);
     app.add_option("--timeout", options.timeout,
-                   "Longest wait for the connection, the first picture and the device's answers")
+                   "Longest wait for the connection, the first picture and the device's answers\n"
+                   "(default: 15; for what becomes of settings 40)")
         ->check(CLI::Validator([](std::string& text) { return checkSeconds(text, 0.001, 86400); }, "", "seconds"))
         ->type_name("SECONDS")
-        ->capture_default_str()
         ->group(group);
     app.add_flag("--wait", options.wait,
                  "Keep trying to connect until --timeout has passed; otherwise the first\n"

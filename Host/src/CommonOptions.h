@@ -1,8 +1,10 @@
 #pragma once
 
 #include <Tavro8/ILogger.h>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,11 @@ namespace Host
 {
 class DeviceAddress;
 class DeviceDescription;
+
+/// Longest waits unless `--timeout` says otherwise.
+inline constexpr std::chrono::seconds usualTimeout{15};
+/// Modules read a setting before they write it, and each of the two may take as long as other answers.
+inline constexpr std::chrono::seconds usualSettingsTimeout{40};
 
 inline constexpr const char* passwordVariable = "KELVO_DEVICE_PASSWORD";
 
@@ -29,7 +36,7 @@ struct CommonOptions {
     std::filesystem::path repository;
     std::filesystem::path logFile;
     Tavro8::LogSeverity logLevel = Tavro8::LogSeverity::warning;
-    double timeout = 15;  ///< seconds
+    std::optional<double> timeout;  ///< seconds; without it every wait has a usual length of its own
     bool wait = false;
     bool json = false;
 };

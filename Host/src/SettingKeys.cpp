@@ -183,6 +183,17 @@ boost::any required(const std::optional<Value>& value, const Assignment& assignm
            (mayBeText ? "; " + assignment.key + ":text=" + assignment.value + " sends it as a text" : ""));
 }
 
+/// Resources that have such a key, each once.
+template <typename Predicate>
+std::vector<std::string> resourcesWhere(Predicate&& isWanted)
+{
+    std::vector<std::string> names;
+    for (const SettingKey& key : keys)
+        if ((names.empty() || names.back() != key.resource) && isWanted(key))
+            names.emplace_back(key.resource);
+    return names;
+}
+
 boost::any valueOf(const Assignment& assignment, const SettingKey& key)
 {
     const std::string type = assignment.type.empty() ? key.type : assignment.type;
@@ -239,11 +250,13 @@ std::vector<std::string> WantedSettings::keysOf(std::string_view resource) const
 
 std::vector<std::string> WantedSettings::resources() const
 {
-    std::vector<std::string> names;
-    for (const SettingKey& key : keys)
-        if ((names.empty() || names.back() != key.resource) && !keysOf(key.resource).empty())
-            names.emplace_back(key.resource);
-    return names;
+    return resourcesWhere(
+        [this](const SettingKey& key) { return video.contains(key.name) || audio.contains(key.name); });
+}
+
+std::vector<std::string> WantedSettings::resourcesOfSources() const
+{
+    return resourcesWhere([this](const SettingKey& key) { return !(key.isSound() ? audio : video).empty(); });
 }
 
 WantedSettings readSettings(const std::vector<std::string>& assignments)

@@ -38,6 +38,8 @@ struct WantedSettings {
     std::vector<std::string> keysOf(std::string_view resource) const;
     /// The resources that any of them concerns.
     std::vector<std::string> resources() const;
+    /// All that belong to the pictures, if any of those is concerned, and the same for the sound.
+    std::vector<std::string> resourcesOfSources() const;
 };
 
 /// Reads assignments "KEY=VALUE", whose value has the type that the key has, and "KEY:TYPE=VALUE" for cameras that want

@@ -65,14 +65,14 @@ TEST(SettingKeys, namesAreMatchedExactly)
 TEST(SettingKeys, valuesHaveTheTypeOfTheirKey)
 {
     const WantedSettings wanted = readSettings(
-        {"codec=H.265", "resolution=1920x1080", "fps=25", "exposureCompensation=-3", "volume=90", "encoding=G.711"});
+        {"codec=H.265", "resolution=1920x1080", "fps=25", "exposureCompensation=-3", "volume=90", "noiseReduce=1"});
     EXPECT_EQ(valueOf<std::string>(wanted.video, "codec"), "H.265");
     EXPECT_EQ(valueOf<std::string>(wanted.video, "resolution"), "1920x1080");
     EXPECT_EQ(valueOf<int>(wanted.video, "fps"), 25);
     EXPECT_EQ(valueOf<int>(wanted.video, "exposureCompensation"), -3);
     EXPECT_EQ(wanted.video.size(), 4U);
     EXPECT_EQ(valueOf<int>(wanted.audio, "volume"), 90);
-    EXPECT_EQ(valueOf<std::string>(wanted.audio, "encoding"), "G.711");
+    EXPECT_EQ(valueOf<int>(wanted.audio, "noiseReduce"), 1);
     EXPECT_EQ(wanted.audio.size(), 2U);
 }
 
@@ -149,6 +149,9 @@ TEST(SettingKeys, tellsWhichResourcesAreConcerned)
     EXPECT_THAT(wanted.keysOf("audioInput"), ElementsAre("volume"));
     EXPECT_TRUE(wanted.keysOf("defog").empty());
     EXPECT_TRUE(wanted.keysOf("all").empty());
+    EXPECT_EQ(wanted.resourcesOfSources().size(), 9U);
+    EXPECT_THAT(readSettings({"volume=1"}).resourcesOfSources(), ElementsAre("audioInput"));
+    EXPECT_EQ(readSettings({"codec=MJPEG"}).resourcesOfSources().size(), 8U);
 }
 }  // namespace
 }  // namespace Host

@@ -69,12 +69,12 @@ using Told = std::vector<std::string>;
 
 TEST_F(SettingsCommand, givesEachValueItsTypeAndEachSourceItsOwn)
 {
-    set({"codec=H.265", "fps=15", "brightness=130", "volume=80", "encoding=G.711"});
+    set({"codec=H.265", "fps=15", "brightness=130", "volume=80", "noiseReduce=1"});
     EXPECT_EQ(status, 0) << errors;
-    EXPECT_THAT(told(),
-                UnorderedElementsAre("channel 0 stream 0: codec = text H.265", "channel 0 stream 0: fps = integer 15",
-                                     "channel 0 stream 0: brightness = integer 130",
-                                     "channel 0 sound: volume = integer 80", "channel 0 sound: encoding = text G.711"));
+    EXPECT_THAT(told(), UnorderedElementsAre(
+                            "channel 0 stream 0: codec = text H.265", "channel 0 stream 0: fps = integer 15",
+                            "channel 0 stream 0: brightness = integer 130", "channel 0 sound: volume = integer 80",
+                            "channel 0 sound: noiseReduce = integer 1"));
 }
 
 TEST_F(SettingsCommand, tellsProgramsOfEachResourceAndAtTheEndOfAll)
@@ -139,12 +139,38 @@ TEST_F(SettingsCommand, aResourceThatWasToBeChangedIsOne)
     EXPECT_THAT(host.errors(), HasSubstr("not applied: maxGain: the device does not know the resource (result 514)"));
 }
 
-TEST_F(SettingsCommand, saysWhatWasNotWritten)
+TEST_F(SettingsCommand, namesWhatTheDeviceIsNotAskedFor)
 {
-    set({"codec=MJPEG", "brightness=1"}, "recorder");
-    EXPECT_EQ(status, 0);
-    EXPECT_THAT(results(), ElementsAre("imageEnhance 0", "all 0"));
-    EXPECT_THAT(errors, HasSubstr("remark: stream was not written on this device, so codec changed nothing there"));
+    set({"codec=MJPEG", "minGain=3", "brightness=1"}, "recorder");
+    EXPECT_EQ(status, 4);
+    EXPECT_THAT(results(), ElementsAre("imageEnhance 0", "all 8"));
+    EXPECT_EQ(getEvent("failure")["message"], "not applied: codec, minGain: not supported (result 8)");
+}
+
+TEST_F(SettingsCommand, endsByWhatWasAskedForWhenTheDeviceOwesMore)
+{
+    set({"brightness=1", "--timeout", "2"}, "tardy");
+    EXPECT_EQ(status, 0) << errors;
+    EXPECT_THAT(results(), ElementsAre("stream 0", "imageEnhance 0", "all 0"));
+    EXPECT_THAT(errors, HasSubstr("remark: no answer in time for captureMode, exposure, "));
+    EXPECT_THAT(errors, HasSubstr(", but nothing was to be changed there"));
+    EXPECT_THAT(errors, Not(HasSubstr("audioInput")));
+}
+
+TEST_F(SettingsCommand, aRefusalIsOneAlsoWhenTheDeviceOwesMore)
+{
+    set({"brightness:text=1", "--timeout", "2"}, "tardy");
+    EXPECT_EQ(status, 4);
+    EXPECT_EQ(result("all")["code"], 3);
+    EXPECT_THAT(getEvent("failure")["message"].asString(), HasSubstr("not applied: brightness: "));
+}
+
+TEST_F(SettingsCommand, anAnswerThatIsOwedForSomethingAskedForIsAFailure)
+{
+    set({"brightness=1", "maxGain=2", "--timeout", "2"}, "tardy");
+    EXPECT_EQ(status, 4);
+    EXPECT_THAT(results(), ElementsAre("stream 0", "imageEnhance 0"));
+    EXPECT_THAT(errors, HasSubstr("the device did not answer in time; no answer for exposure; allow more"));
 }
 
 TEST_F(SettingsCommand, failsWhenTheModuleTakesNoSettings)

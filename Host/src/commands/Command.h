@@ -32,10 +32,12 @@ struct Surroundings {
     std::stop_token interrupted;
     Monitor& monitor;
 
-    Monitor::Clock::time_point timeoutFromNow() const
+    /// When a wait that begins now ends at the latest: after `usual` unless the user has chosen.
+    Monitor::Clock::time_point timeoutFromNow(std::chrono::seconds usual = usualTimeout) const
     {
-        return Monitor::Clock::now() +
-               std::chrono::duration_cast<Monitor::Clock::duration>(std::chrono::duration<double>(options.timeout));
+        const std::chrono::duration<double> wait =
+            options.timeout ? std::chrono::duration<double>(*options.timeout) : usual;
+        return Monitor::Clock::now() + std::chrono::duration_cast<Monitor::Clock::duration>(wait);
     }
 };
 

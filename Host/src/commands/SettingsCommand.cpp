@@ -93,11 +93,12 @@ public:
             begin(video, wanted.video);
         if (!wanted.audio.empty())
             begin(audio, wanted.audio);
-        const bool finished = surroundings.monitor.wait(surroundings.interrupted, surroundings.timeoutFromNow(),
-                                                        [this] { return pending == 0; });
+        const bool finished =
+            surroundings.monitor.wait(surroundings.interrupted, surroundings.timeoutFromNow(usualSettingsTimeout),
+                                      [this] { return pending == 0; });
         surroundings.console.clearProgress();
         if (!finished)
-            throw unfinished();
+            endByWhatWasTold();
         return conclude();
     }
 
@@ -125,14 +126,14 @@ private:
     void begin(SettingsTarget<Source>& target, const Tavro8::ParameterMap& parameters)
     {
         surroundings.monitor.change([this] { ++pending; });
-        const std::int32_t refusal = target.apply(parameters);
-        if (refusal == 0)
+        const std::int32_t taken = target.apply(parameters);
+        if (taken == 0)
             return;
         surroundings.monitor.change([&] {
             for (const auto& parameter : parameters)
                 lost.push_back(parameter.first);
         });
-        complete(refusal);
+        complete(taken);
     }
 
     void complete(std::int32_t result)
@@ -154,8 +155,10 @@ private:
         const std::vector<std::string> keys = wanted.keysOf(resource);
         surroundings.monitor.change([&] {
             told.insert(resource);
-            if (result != 0)
-                lost.insert(lost.end(), keys.begin(), keys.end());
+            if (result == 0 || keys.empty())
+                return;
+            refusal = refusal == 0 ? result : refusal;
+            lost.insert(lost.end(), keys.begin(), keys.end());
         });
     } catch (const std::exception& e) {
         surroundings.console.line(std::string("what became of a setting cannot be shown: ") + e.what());
@@ -180,13 +183,24 @@ private:
                 reasonSentence("remark: " + resource + " cannot be read, but nothing was to be changed there", result));
     }
 
-    /// Resources that were to be changed and of which the module has told nothing.
-    std::vector<std::string> untold() const
+    /// Those of `resources` of which the module has told nothing.
+    std::vector<std::string> untoldOf(std::vector<std::string> resources) const
     {
-        std::vector<std::string> names = wanted.resources();
         surroundings.monitor.read(
-            [&] { std::erase_if(names, [this](const auto& name) { return told.contains(name); }); });
-        return names;
+            [&] { std::erase_if(resources, [this](const auto& name) { return told.contains(name); }); });
+        return resources;
+    }
+
+    /// Modules read everything, so that a device may still owe an answer that nobody needs. Throws `Failure` when what
+    /// is missing was asked for.
+    void endByWhatWasTold()
+    {
+        if (surroundings.interrupted.stop_requested() || !untoldOf(wanted.resources()).empty())
+            throw unfinished();
+        if (const auto names = untoldOf(wanted.resourcesOfSources()); !names.empty())
+            surroundings.console.line("remark: no answer in time for " + joined(names, ", ") +
+                                      ", but nothing was to be changed there");
+        surroundings.monitor.change([this] { outcome = outcome == 0 ? refusal : outcome; });
     }
 
     ExitStatus conclude() const
@@ -198,21 +212,23 @@ private:
         surroundings.output.event("result", fields, "");
         if (result != 0)
             throw Failure(ExitStatus::failed, reasonSentence("not applied" + which(), result), result);
-        for (const std::string& resource : untold())
-            surroundings.console.line("remark: " + resource + " was not written on this device, so " +
-                                      joined(wanted.keysOf(resource), ", ") + " changed nothing there");
         return ExitStatus::done;
     }
 
+    /// What was refused, and what belongs to resources that the module does not ask this device for.
     std::string which() const
     {
-        const auto keys = surroundings.monitor.read([this] { return lost; });
+        auto keys = surroundings.monitor.read([this] { return lost; });
+        for (const std::string& resource : untoldOf(wanted.resources()))
+            for (const std::string& key : wanted.keysOf(resource))
+                if (std::find(keys.begin(), keys.end(), key) == keys.end())
+                    keys.push_back(key);
         return keys.empty() ? "" : ": " + joined(keys, ", ");
     }
 
     Failure unfinished() const
     {
-        const std::vector<std::string> names = untold();
+        const std::vector<std::string> names = untoldOf(wanted.resources());
         const std::string silent = names.empty() ? "" : "; no answer for " + joined(names, ", ");
         if (surroundings.interrupted.stop_requested())
             return {ExitStatus::interrupted, "interrupted; the device may have taken settings all the same" + silent};
@@ -231,6 +247,7 @@ private:
     // Guarded by the monitor.
     std::size_t pending = 0;
     std::int32_t outcome = 0;       ///< the first failure of those that are complete
+    std::int32_t refusal = 0;       ///< the first failure of a resource that was to be changed
     std::set<std::string> told;     ///< resources
     std::vector<std::string> lost;  ///< keys that were not applied
 

@@ -184,7 +184,8 @@ std::unique_ptr<Settings> SampleDevice::settingsOf(const std::string& name,
     return std::make_unique<Settings>(*loop, channelHandler, logger, name, std::move(resources),
                                       Settings::Manners{.takesThem = hostName != "mute",
                                                         .answers = hostName != "dark",
-                                                        .hasExposure = hostName != "barred"});
+                                                        .hasExposure = hostName != "barred",
+                                                        .isComplete = hostName != "tardy"});
 }
 
 std::int32_t SampleDevice::CreateAudioDestination(std::uint32_t channel,

@@ -15,7 +15,7 @@ namespace Sample
 /// | host name | behaviour |
 /// |---|---|
 /// | camera, multichannel | connects, sends a test picture and a tone |
-/// | recorder | the same; knows only the settings of "imageEnhance" and of the sound |
+/// | recorder | the same; knows only the settings of "imageEnhance" and of the sound, all others are not supported |
 /// | guarded | connects with user "admin" and password "p@ss:%" only |
 /// | refusing, unreachable | every attempt fails with 513, 256 |
 /// | late | the first two attempts fail, the third connects |
@@ -23,7 +23,7 @@ namespace Sample
 /// | dark | connects but sends nothing, answers no relay, no settings and no call, and does not move |
 /// | barred | connects but refuses every stream and call, with 1025, and settings of "exposure", with 514 |
 /// | crowded | serves the first two streams that are made in the process and refuses all others, with 1025 |
-/// | tardy | computes for 0.4 s before its first picture |
+/// | tardy | computes for 0.4 s before its first picture; of settings never tells "exposure" and "all" |
 /// | mute | connects; makes nothing but video sources and detectors, and takes no settings |
 /// | voiceless | sends a test picture; its sound is refused with 1024; knows continuous movement alone |
 /// | growing | the picture becomes larger after a second |

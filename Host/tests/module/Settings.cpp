@@ -22,11 +22,10 @@ std::string textOf(const boost::any& value)
     return "something else";
 }
 
-bool concerns(const Settings::Resource& resource, const ParameterMap& parameters)
+std::size_t countOf(const std::vector<std::string>& keys, const ParameterMap& parameters)
 {
     const auto given = [&](const std::string& key) { return parameters.contains(key); };
-    return std::any_of(resource.integers.begin(), resource.integers.end(), given) ||
-           std::any_of(resource.texts.begin(), resource.texts.end(), given);
+    return static_cast<std::size_t>(std::count_if(keys.begin(), keys.end(), given));
 }
 
 template <typename Value>
@@ -53,7 +52,7 @@ Settings::Resources Settings::pictureOfRecorder()
 
 Settings::Resources Settings::sound()
 {
-    return {{"audioInput", {"volume"}, {"encoding"}}};
+    return {{"audioInput", {"volume", "noiseReduce", "micNumber", "micMode"}, {}}};
 }
 
 void Settings::log(const std::string& message) const
@@ -71,6 +70,11 @@ std::int32_t Settings::resultOf(const Resource& resource, const ParameterMap& pa
     return toResult(understood ? ResultCode::success : ResultCode::invalidArgument);
 }
 
+void Settings::tell(Tavro8::IContract* source, const std::string& resource, std::int32_t result)
+{
+    loop.post(this, [this, source, resource, result] { handler->SettingsApplied(source, resource.c_str(), result); });
+}
+
 std::int32_t Settings::apply(Tavro8::IContract* source, const ParameterMap& parameters) noexcept
 try {
     if (!manners.takesThem)
@@ -80,15 +84,20 @@ try {
     if (handler == nullptr || !manners.answers)
         return toResult(ResultCode::success);
     std::int32_t first = 0;
+    std::size_t known = 0;
     for (const Resource& resource : resources) {
         const std::int32_t result = resultOf(resource, parameters);
-        if (first == 0 && concerns(resource, parameters))
+        const std::size_t given = countOf(resource.integers, parameters) + countOf(resource.texts, parameters);
+        known += given;
+        if (first == 0 && given > 0)
             first = result;
-        loop.post(this, [this, source, resource, result] {
-            handler->SettingsApplied(source, resource.name.c_str(), result);
-        });
+        if (manners.isComplete || resource.name != "exposure")
+            tell(source, resource.name, result);
     }
-    loop.post(this, [this, source, first] { handler->SettingsApplied(source, "all", first); });
+    if (first == 0 && known < parameters.size())
+        first = toResult(ResultCode::notSupported);
+    if (manners.isComplete)
+        tell(source, "all", first);
     return toResult(ResultCode::success);
 } catch (const std::exception&) {
     return toResult(ResultCode::noResources);

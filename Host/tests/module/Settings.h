@@ -11,7 +11,7 @@
 namespace Sample
 {
 /// The settings of one source: each that it is given is a line of severity "info" in the log. It tells the handler of
-/// each of its resources, and at last of "all".
+/// each of its resources, and at last of "all", which is 8 when a value is for none of them.
 class Settings {
 public:
     struct Resource {
@@ -25,6 +25,7 @@ public:
         bool takesThem;    ///< without it nothing is taken: 8
         bool answers;      ///< without it the handler is told nothing
         bool hasExposure;  ///< without it this resource fails with 514
+        bool isComplete;   ///< without it the handler is not told of "exposure" and "all"
     };
 
     static Resources picture();
@@ -47,6 +48,7 @@ public:
 
 private:
     std::int32_t resultOf(const Resource& resource, const Tavro8::ParameterMap& parameters) const;
+    void tell(Tavro8::IContract* source, const std::string& resource, std::int32_t result);
     void log(const std::string& message) const;
 
     Loop& loop;  // the device's, which outlives its sources
