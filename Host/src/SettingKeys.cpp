@@ -21,7 +21,7 @@ constexpr const char* mode = "the camera's number of the mode";
 constexpr SettingKey keys[] = {
     {"codec", "stream", text, "H.264, H.265 or MJPEG", "How pictures are compressed"},
     {"resolution", "stream", text, "WIDTHxHEIGHT in pixels, such as 1920x1080", "Size of the pictures"},
-    {"fps", "stream", integer, "pictures a second; at most what the model allows the codec", "Frame rate"},
+    {"fps", "stream", integer, "pictures a second", "Frame rate; maxFpsForCodec of the model (--model) caps it"},
     {"bitRate", "stream", integer, "the camera's unit, mostly kbit/s", "Data rate, at most or throughout"},
     {"bitrateControl", "stream", text, "CBR (constant) or VBR (variable)", "How the data rate is kept"},
     {"quality", "stream", integer, level, "Quality of the pictures where the data rate varies"},

@@ -317,12 +317,14 @@ private:
             ->check(CLI::Range(0U, 15U).description(""))
             ->type_name("N")
             ->capture_default_str();
-        app.footer("The event `result` comes once for each resource that the device was asked for, with its `code` and "
-                   "the\n"
-                   "`keys` that were to be changed there, and at the end for the resource `all`, whose code decides "
-                   "the exit\n"
-                   "status. A resource that cannot be read though nothing was to be changed there is no failure.\n\n" +
-                   app.get_footer());
+        app.footer(
+            "The event `result` comes once for each resource that the device was asked for, with its `code` and\n"
+            "the `keys` that were to be changed there, and at the end for the resource `all`, whose code decides\n"
+            "the exit status. A resource that cannot be read, or does not answer in time, though nothing was to\n"
+            "be changed there is no failure.\n\n"
+            "A model (--model) whose maxFpsForCodec names the most pictures a second of each codec caps fps; a\n"
+            "codec that it leaves out keeps the frame rate that the device has.\n\n" +
+            app.get_footer());
     }
 
     CLI::App* set = nullptr;
