@@ -76,15 +76,14 @@ constexpr SettingKey keys[] = {
     {"noiseReduction2D", "imageEnhance", integer, level, "Against noise within a picture"},
     {"noiseReduction3D", "imageEnhance", integer, level, "Against noise from picture to picture"},
 
-    {"encoding", "audioInput", text, "G.711 or u-law", "Sound that the module is to receive; not told to the device"},
-    {"algorithm", "audioInput", text, "u-law or A-law", "Law of G.711 to be received; not told to the device"},
-    {"samplerate", "audioInput", integer, "samples a second",
-     "Rate of the sound to be received; not told to the device"},
     {"volume", "audioInput", integer, level, "Gain of the microphone"},
     {"noiseReduce", "audioInput", integer, "0 or 1", "Against noise in the sound"},
     {"micNumber", "audioInput", integer, "the camera's number of the microphone", "Microphone that is switched on"},
     {"micMode", "audioInput", integer, mode, "How the microphone is connected; together with micNumber"},
 };
+
+/// Parameters of a sound source that choose what it receives: they go to no device, and would be lost with the command.
+constexpr std::string_view receiverKeys[] = {"encoding", "algorithm", "samplerate"};
 
 std::string lowerCase(std::string_view word)
 {
@@ -166,6 +165,9 @@ const SettingKey& knownKey(const std::string& name)
 {
     if (const SettingKey* key = findSettingKey(name))
         return *key;
+    if (std::find(std::begin(receiverKeys), std::end(receiverKeys), name) != std::end(receiverKeys))
+        refuse(name + " is no setting of the device: it chooses the sound that a receiver takes; "
+                      "`kelvo-host live --audio` takes what the device offers");
     std::string meant;
     for (const std::string& similar : similarSettingKeys(name))
         meant.append(meant.empty() ? "; did you mean " : " or ").append(similar);
@@ -269,6 +271,8 @@ WantedSettings readSettings(const std::vector<std::string>& assignments)
         if (!parameters.emplace(key.name, valueOf(assignment, key)).second)
             refuse(assignment.key + " is given twice");
     }
+    if (wanted.audio.contains("micMode") && !wanted.audio.contains("micNumber"))
+        refuse("micMode needs micNumber, the microphone that is meant");
     return wanted;
 }
 }  // namespace Host

@@ -42,7 +42,7 @@ TEST(SettingKeys, explainsEachKeyOnce)
         EXPECT_STRNE(key.values, "");
         EXPECT_STRNE(key.meaning, "");
     }
-    EXPECT_EQ(names.size(), 56U);
+    EXPECT_EQ(names.size(), 53U);
 }
 
 TEST(SettingKeys, keepsTheKeysOfAResourceTogether)
@@ -110,11 +110,21 @@ TEST(SettingKeys, refusesWhatIsNoAssignment)
         {{"brightness:fraction=1,5"}, "brightness takes a decimal number"},
         {{"brightness:real=1"}, "\"real\" is no type; write brightness:text, :integer, :flag or :fraction"},
         {{"brightness=1", "contrast=2", "brightness=1"}, "brightness is given twice"},
+        {{"volume=90", "encoding=G.711"}, "encoding is no setting of the device"},
+        {{"algorithm=u-law"}, "algorithm is no setting of the device"},
+        {{"samplerate:text=8000"}, "samplerate is no setting of the device"},
+        {{"volume=90", "micMode=1"}, "micMode needs micNumber"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.assignments));
         EXPECT_THAT(refusal(c.assignments), HasSubstr(c.sentence));
     }
+}
+
+TEST(SettingKeys, aMicrophoneMayBeChosenWithAndWithoutItsMode)
+{
+    EXPECT_EQ(readSettings({"micMode=3", "micNumber=2"}).audio.size(), 2U);
+    EXPECT_EQ(readSettings({"micNumber=2"}).audio.size(), 1U);
 }
 
 TEST(SettingKeys, guessesWhatAnUnknownKeyMeans)
