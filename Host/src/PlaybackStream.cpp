@@ -2,7 +2,6 @@
 
 #include "DeviceSession.h"
 #include "FrameQueue.h"
-#include "StreamReport.h"
 
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
@@ -46,7 +45,8 @@ std::int32_t PlaybackStream::setSpeed(std::uint32_t factor, bool keyFramesOnly) 
 
 std::optional<Monitor::Clock::time_point> PlaybackStream::getFirstFrame() const
 {
-    return addUp({getVideo(), getAudio()}).firstFrame;
+    const auto ofVideo = getVideo().firstFrame;
+    return ofVideo ? ofVideo : getAudio().firstFrame;
 }
 
 PlayedMedia PlaybackStream::getPlayed() const

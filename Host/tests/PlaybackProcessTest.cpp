@@ -10,7 +10,6 @@ namespace Host
 namespace
 {
 using testing::HasSubstr;
-using testing::Not;
 
 constexpr std::uint64_t tenToThree =
     1'795'186'200'000;  // 2026-11-20 14:50:00 UTC, where a recording of the sample ends
@@ -263,6 +262,16 @@ TEST_F(Playback, finishesItsFilesWhenInterrupted)
     EXPECT_EQ(summary["endReached"], false);
     EXPECT_THAT(host.errors(), HasSubstr("channel 0: closed"));
     EXPECT_THAT(probe("a.mp4"), HasSubstr("nb_read_frames=" + summary["frames"].asString() + "\n"));
+}
+
+TEST_F(Playback, stopsWhenItIsInterruptedWhileTheDeviceThinks)
+{
+    ChildProcess& host = start(commandLine({"--begin", "-2d", "--end", "now", "--output", file("a.mp4")}, "dark"));
+    host.awaitErrors("channel 0: opened");
+    host.signal(SIGINT);
+    EXPECT_EQ(host.awaitEnd(), 130);
+    EXPECT_TRUE(getEvent("summary").isNull());
+    EXPECT_FALSE(std::filesystem::exists(file("a.mp4")));
 }
 
 TEST_F(Playback, endsAfterTheSecondsThatWereAskedFor)

@@ -12,7 +12,7 @@ namespace
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
+using testing::StartsWith;
 
 class Recordings : public testing::Test, protected HostFixture {
 protected:
@@ -76,6 +76,33 @@ TEST_F(Recordings, drawsThemForPeople)
               "#########################.....#########################.....###################\n"
               "|13:00         |13:30         |14:00         |14:30         |15:00         |\n");
     EXPECT_EQ(host.errors(), "");
+}
+
+TEST_F(Recordings, showsPartsOfASecondInEveryRowWhenOneHasSome)
+{
+    const ChildProcess& host = run(
+        {"--device", "recorder", "recordings", "--begin", "2026-11-20T13:30:00.250Z", "--end", "2026-11-20T14:30:00Z"});
+    EXPECT_THAT(host.output(), StartsWith("Begin                     End                               Length\n"
+                                          "2026-11-20T13:30:00.250Z  2026-11-20T13:50:00.000Z       19:59.750\n"
+                                          "2026-11-20T14:00:00.000Z  2026-11-20T14:50:00.000Z       50:00.000\n"));
+}
+
+TEST_F(Recordings, listsRecordingsWithoutLength)
+{
+    const ChildProcess& host = run(
+        {"--device", "momentary", "recordings", "--begin", "2026-11-20T13:30:00Z", "--end", "2026-11-20T15:30:00Z"});
+    EXPECT_EQ(host.output(),
+              "Begin                 End                       Length\n"
+              "2026-11-20T14:00:00Z  2026-11-20T14:00:00Z       00:00\n"
+              "2026-11-20T15:00:00Z  2026-11-20T15:00:00Z       00:00\n"
+              "\n"
+              "Recorded  00:00 of 2:00:00 (0.0 %) in 2 recordings on channel 0 from 2026-11-20T13:30:00Z to "
+              "2026-11-20T15:30:00Z\n"
+              "...................-.......................................-...................\n"
+              "|13:30             |14:00              |14:30              |15:00\n");
+    list({"--begin", "2026-11-20T13:30:00Z", "--end", "2026-11-20T15:30:00Z"}, "momentary");
+    EXPECT_EQ(getEvent("summary")["recordings"], 2);
+    EXPECT_EQ(getEvent("summary")["recordedSeconds"].asDouble(), 0);
 }
 
 TEST_F(Recordings, drawsBlocksWhereTheLocaleHasThem)

@@ -233,7 +233,9 @@ public:
                    "more of its time is recorded (without UTF-8: . nothing, - less than half, + more, # all).\n"
                    "With --json an event `recording` for each, and `summary`; time that several recordings share "
                    "counts once in\n"
-                   "`recordedSeconds`, and what lies outside of the interval does not.\n\n" +
+                   "`recordedSeconds`, and what lies outside of the interval does not. A large archive takes many "
+                   "requests: the search\n"
+                   "lasts as long as the device answers, whatever --timeout says.\n\n" +
                    app.get_footer());
     }
 

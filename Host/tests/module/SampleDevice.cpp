@@ -95,9 +95,9 @@ void SampleDevice::Close() noexcept
 
 std::int32_t SampleDevice::resultOfAttempt()
 {
-    const char* const working[] = {"camera", "recorder",  "multichannel", "dark",     "barred",
-                                   "mute",   "voiceless", "growing",      "changing", "flaky",
-                                   "stuck",  "crowded",   "tardy",        "hoarding", "unwilling"};
+    const char* const working[] = {"camera",    "recorder", "multichannel", "dark",     "barred", "mute",
+                                   "voiceless", "growing",  "changing",     "flaky",    "stuck",  "crowded",
+                                   "tardy",     "hoarding", "momentary",    "unwilling"};
     const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
     const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
     const bool atLast = hostName == "late" && attempts > 2;
@@ -242,7 +242,9 @@ Archive SampleDevice::archiveOf(std::uint32_t channel) const
     constexpr std::uint64_t minute = 60'000;
     if (channel != 0)
         return {0, 0};
-    return hostName == "hoarding" ? Archive{minute, minute * 2 / 3} : Archive{60 * minute, 50 * minute};
+    if (hostName == "hoarding")
+        return {minute, minute * 2 / 3};
+    return {60 * minute, hostName == "momentary" ? 0 : 50 * minute};
 }
 
 std::int32_t SampleDevice::CreateRecordingSearch(GDRV::IRecordingSearch** search) noexcept

@@ -32,6 +32,7 @@ namespace Sample
 /// | flaky | the connection is lost and comes back while the pictures go on; a call breaks at its fifth frame |
 ///
 /// | hoarding | the same; has recorded the first 40 s of each minute |
+/// | momentary | the same; lists recordings without length at every hour |
 /// | unwilling | the same; opens recordings, but refuses to play them, with 1025 |
 ///
 /// Any other name is unreachable too. Channel 0 has recorded the first 50 minutes of each hour, the others nothing.
