@@ -1,0 +1,210 @@
+#include "EndToEnd.h"
+#include "JsonText.h"
+
+#include <cstdint>
+#include <gmock/gmock.h>
+#include <set>
+
+// What a recorder holds, listed and played by the reference host through the shipped module.
+namespace
+{
+using namespace kelvo::test;
+using ::testing::HasSubstr;
+
+constexpr std::uint64_t archiveEnd = 1792800000;  // 2026-10-24T00:00:00Z; thirty days end there
+constexpr std::uint64_t monthBegin = archiveEnd - 30 * 86400;
+constexpr const char* recordsPath = "/LAPI/V1.0/Channels/1/Media/Video/Streams/1/Records";
+
+std::vector<std::string> recorder(std::vector<std::string> further = {})
+{
+    std::vector<std::string> arguments{"--kind", "recorder",        "--channels",
+                                       "2",      "--records-until", std::to_string(archiveEnd)};
+    arguments.insert(arguments.end(), further.begin(), further.end());
+    return smallPictures(arguments);
+}
+
+/// The seconds that the device says it has recorded of the month, each counted once.
+std::size_t recordedSecondsOf(const SimulatorProcess& device)
+{
+    std::set<std::uint64_t> seconds;
+    for (std::size_t offset = 0;; offset += 1000) {
+        const std::string query = "?Begin=" + std::to_string(monthBegin) + "&End=" + std::to_string(archiveEnd) +
+                                  "&Offset=" + std::to_string(offset) + "&Limit=1000";
+        const std::string answer = device.lapi(recordsPath + query).output;
+        const Json::Value data = parseJson(answer.substr(0, answer.rfind('\n')))["Response"]["Data"];
+        for (const Json::Value& record : data["RecordInfos"]) {
+            for (std::uint64_t at = record["Begin"].asUInt64(); at < record["End"].asUInt64(); ++at)
+                seconds.insert(at);
+        }
+        if (data["Nums"].asUInt() == 0 || offset + data["Nums"].asUInt() >= data["Total"].asUInt())
+            return seconds.size();
+    }
+}
+
+std::vector<std::string> listMonth()
+{
+    return {"recordings", "--begin", std::to_string(monthBegin), "--end", std::to_string(archiveEnd)};
+}
+
+class ArchiveEndToEnd : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ArchiveEndToEnd, aMonthIsListedWithEachMomentOnce)
+{
+    const SimulatorProcess device(recorder({"--records-order", GetParam()}));
+    const ScratchFolder folder;
+    const HostRun run = runHost(folder, deviceAddress(device), listMonth());
+    ASSERT_EQ(run.status, 0) << run.errors;
+    std::uint64_t covered = monthBegin * 1000;
+    std::uint64_t recorded = 0;
+    for (const Json::Value& event : run.events) {
+        if (event["event"] != "recording")
+            continue;
+        const std::uint64_t begin = event["beginMs"].asUInt64();
+        const std::uint64_t end = event["endMs"].asUInt64();
+        ASSERT_GE(begin, covered) << "told twice";
+        ASSERT_GE(end, begin);
+        recorded += end - begin;
+        covered = end;
+    }
+    EXPECT_EQ(recorded, recordedSecondsOf(device) * 1000);
+    EXPECT_EQ(run.event("summary")["recordedSeconds"].asDouble() * 1000, static_cast<double>(recorded));
+}
+
+INSTANTIATE_TEST_SUITE_P(Orders, ArchiveEndToEnd, ::testing::Values("oldest", "newest"),
+                         [](const auto& of) { return std::string(of.param); });
+
+TEST(RecordingsEndToEnd, endWithABarOfTheMonth)
+{
+    const SimulatorProcess device(recorder());
+    const ScratchFolder folder;
+    std::vector<std::string> command{programUnderTest("kelvo-host"), "--repository", folder.path().string(), "--device",
+                                     deviceAddress(device)};
+    for (const std::string& word : listMonth())
+        command.push_back(word);
+    const ProgramResult run = runProgram(command);
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_THAT(run.output, HasSubstr("2026-10-23T00:00:00Z  2026-10-23T00:30:00Z       30:00\n"));
+    EXPECT_THAT(run.output, HasSubstr("on channel 0 from 2026-09-24T00:00:00Z to 2026-10-24T00:00:00Z\n"));
+    EXPECT_THAT(run.output, HasSubstr("|10-02"));
+}
+
+TEST(RecordingsEndToEnd, oneRoundTripAPageAndNoMore)
+{
+    const SimulatorProcess device(recorder({"--records", "12345"}));
+    const ScratchFolder folder;
+    const HostRun run =
+        runHost(folder, deviceAddress(device), {"recordings", "--begin", "2001-01-01", "--end", "2106-01-01"});
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(device.admin("GET", "counters")["archive"]["searches"].asUInt(), 124U);
+}
+
+TEST(RecordingsEndToEnd, aListThatStandsStillEndsTheSearch)
+{
+    const SimulatorProcess device(recorder({"--fault", "records-stall:100"}));
+    const ScratchFolder folder;
+    const HostRun run = runHost(folder, deviceAddress(device), listMonth());
+    EXPECT_EQ(device.admin("GET", "counters")["archive"]["searches"].asUInt(), 2U);
+    EXPECT_TRUE(run.status == 0 || run.status == 4) << run.all();
+}
+
+/// The caption of the first picture that ffmpeg gets, by itself or out of a file.
+std::string captionOf(const std::vector<std::string>& input)
+{
+    std::vector<std::string> command{"ffmpeg", "-v", "error"};
+    command.insert(command.end(), input.begin(), input.end());
+    // The three lines in the middle: white letters on a dark ground, whatever the bars behind it.
+    command.insert(command.end(),
+                   {"-frames:v", "1", "-vf", "crop=360:172:140:84,format=gray,lutyuv=y=255*gt(val\\,200)", "-f",
+                    "rawvideo", "-pix_fmt", "gray", "-"});
+    return runProgram(command).output;
+}
+
+/// Part of the points in which two captions differ.
+double difference(const std::string& one, const std::string& other)
+{
+    EXPECT_EQ(one.size(), 360U * 172U);
+    if (one.size() != other.size() || one.empty())
+        return 1;
+    std::size_t points = 0;
+    for (std::size_t i = 0; i < one.size(); ++i)
+        points += (one[i] == 0) != (other[i] == 0) ? 1U : 0U;
+    return static_cast<double>(points) / static_cast<double>(one.size());
+}
+
+TEST(PlaybackEndToEnd, theFirstPictureShowsTheMinuteThatWasAskedFor)
+{
+    const SimulatorProcess device(recorder());
+    const ScratchFolder folder;
+    const std::string file = folder.file("minute.mkv");
+    const std::string picture = folder.file("minute.png");
+    const HostRun run = runHost(folder, deviceAddress(device),
+                                {"playback", "--begin", "2026-10-23T00:10:00Z", "--end", "2026-10-23T00:11:00Z",
+                                 "--speed", "8", "--seconds", "1", "--output", file, "--snapshot", picture});
+    ASSERT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(run.event("summary")["recordedBegin"].asString(), "2026-10-23T00:10:00Z");
+    const auto direct = [&](const std::string& interval) {
+        return captionOf({"-rtsp_transport", "tcp", "-analyzeduration", "200000", "-i",
+                          device.rtspUrl("/c1/" + interval + "/replay/")});
+    };
+    const std::string wanted = direct("b1792714200/e1792714260");
+    const std::string another = direct("b1792734480/e1792734540");
+    EXPECT_LT(difference(captionOf({"-i", picture}), wanted), 0.01);
+    EXPECT_LT(difference(captionOf({"-i", file}), wanted), 0.01);
+    EXPECT_GT(difference(captionOf({"-i", file}), another), 0.01) << "another minute would have passed, too";
+    EXPECT_EQ(decodeErrorsOf(file), "");
+}
+
+class PlaybackOverAGap : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(PlaybackOverAGap, isToldOfItAndGoesOnBehindIt)
+{
+    const SimulatorProcess device(recorder());
+    const ScratchFolder folder;
+    const std::string file = folder.file("gap.mkv");
+    // Recorded until 01:45, and again from 02:00 on.
+    const HostRun run = runHost(folder, deviceAddress(device),
+                                {"playback", "--begin", "2026-10-23T01:44:58Z", "--end", "2026-10-23T02:00:02Z",
+                                 "--speed", GetParam(), "--output", file});
+    ASSERT_EQ(run.status, 0) << run.errors;
+    const Json::Value gap = run.event("gap");
+    EXPECT_EQ(gap["begin"].asString(), "2026-10-23T01:45:00Z");
+    EXPECT_EQ(gap["end"].asString(), "2026-10-23T02:00:00Z");
+    const Json::Value summary = run.event("summary");
+    EXPECT_EQ(summary["gaps"], 1);
+    EXPECT_EQ(summary["frames"], 40);
+    EXPECT_TRUE(summary["endReached"].asBool());
+    const std::string length =
+        runProgram({"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", file}).output;
+    EXPECT_NEAR(std::stod(length), 4, 0.3) << "what was not recorded takes no time in the file";
+}
+
+INSTANTIATE_TEST_SUITE_P(Speeds, PlaybackOverAGap, ::testing::Values("1", "2", "8"),
+                         [](const auto& of) { return "times" + std::string(of.param); });
+
+TEST(PlaybackEndToEnd, keyFramesAloneWhereTheDeviceOffersThem)
+{
+    const std::vector<std::string> words{"playback", "--begin", "2026-10-23T00:10:00Z", "--end", "2026-10-23T00:10:08Z",
+                                         "--speed",  "4",       "--key-frames"};
+    const ScratchFolder folder;
+    const SimulatorProcess able(recorder());
+    const HostRun few = runHost(folder, deviceAddress(able), words);
+    ASSERT_EQ(few.status, 0) << few.errors;
+    EXPECT_EQ(few.event("summary")["frames"], 8);
+    EXPECT_EQ(few.event("summary")["keyFrames"], 8);
+    const SimulatorProcess unable(recorder({"--no-replay-key-frames"}));
+    const HostRun all = runHost(folder, deviceAddress(unable), words);
+    EXPECT_EQ(all.status, 0) << all.errors;
+    EXPECT_EQ(all.event("summary")["frames"], 80);
+    EXPECT_TRUE(all.event("summary")["speedRefused"].asBool());
+}
+
+TEST(PlaybackEndToEnd, whereNothingIsRecordedThereIsNothingToPlay)
+{
+    const SimulatorProcess device(recorder());
+    const ScratchFolder folder;
+    const HostRun run = runHost(folder, deviceAddress(device),
+                                {"playback", "--begin", "2026-10-23T01:50:00Z", "--end", "2026-10-23T01:55:00Z"});
+    EXPECT_EQ(run.status, 4);
+    EXPECT_EQ(run.event("failure")["code"], 514);
+}
+}  // namespace
