@@ -31,7 +31,8 @@ void describeDevice(CLI::App& app, CommonOptions& options)
                    "when the address names a user")
         ->type_name("FILE")
         ->group(group);
-    app.add_option("--channels", options.channels, "Number of video channels that the device has")
+    app.add_option("--channels", options.channels,
+                   "Number of video channels that the device has; those beyond are unknown")
         ->check(CLI::Range(1U, mostChannels).description(""))
         ->type_name("N")
         ->capture_default_str()

@@ -11,7 +11,7 @@ namespace Host
 enum class ExitStatus : int {
     done = 0,
     usage = 2,          ///< options or files named by them cannot be used
-    refused = 3,        ///< the device is unreachable or refused the connection
+    refused = 3,        ///< the device is unreachable, or refused the connection or a call
     failed = 4,         ///< connected or not, the operation itself failed
     interrupted = 130,  ///< Ctrl-C or SIGTERM; what was begun has been finished cleanly
 };

@@ -41,7 +41,7 @@ address, characters such as @ and : may be percent-encoded.
 Exit status:
   0    done
   2    the command line cannot be used
-  3    the device is unreachable or refused the connection
+  3    the device is unreachable, or refused the connection or a call
   4    the operation failed
   130  interrupted; files are complete. A second Ctrl-C ends at once
 

@@ -278,7 +278,9 @@ public:
             ->check(CLI::Validator([](std::string& text) { return checkSeconds(text, 0, 1e7); }, "", "seconds"))
             ->type_name("S")
             ->capture_default_str();
-        app.add_flag("--audio", request.sound, "Receive the channel's sound too");
+        app.add_flag("--audio", request.sound,
+                     "Receive the channel's sound too; a microphone that is muted is switched on\n"
+                     "and stays so");
         app.add_option("--transport", request.transport,
                        "How media travel: tcp (over the RTSP connection), udp (tcp where the\n"
                        "device refuses udp or nothing arrives), or auto (udp where it refuses tcp)")

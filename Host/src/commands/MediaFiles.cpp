@@ -24,7 +24,9 @@ std::string checkPicture(std::string& file)
 
 void describeMediaFiles(CLI::App& app, MediaFiles& files)
 {
-    app.add_option("--output", files.output, "Record to FILE.mp4 or FILE.mkv, pictures as received")
+    app.add_option("--output", files.output,
+                   "Record to FILE.mp4 or FILE.mkv, pictures as received; another format of\n"
+                   "pictures or sound begins another file, FILE-2 and so on")
         ->check(CLI::Validator(checkRecording, "", "recording"))
         ->type_name("FILE");
     app.add_option("--snapshot", files.snapshot, "Save the first picture as FILE.png or FILE.jpg")
