@@ -8,6 +8,7 @@
 #include "LocalServerSettings.h"
 #include "ModuleSettings.h"
 #include "RtspPort.h"
+#include "SettingsQueue.h"
 
 #include <IpUtil/Numbers.h>
 #include <algorithm>
@@ -322,5 +323,33 @@ std::uint32_t Device::channelNumber(std::uint32_t channel) const
     const bool countsFromZero = given == nullptr || *given == 1;  // real cameras address their only channel as 0
     const bool singleChannel = deviceKind == static_cast<std::uint32_t>(DeviceKind::camera);
     return singleChannel && countsFromZero ? channel : channel + 1;
+}
+
+std::shared_ptr<SettingsQueue> Device::settingsQueue(std::uint32_t channel)
+{
+    const std::lock_guard lock(mutex);
+    auto& queue = settingsQueues[channel];
+    if (queue == nullptr) {
+        queue = std::make_shared<SettingsQueue>(service(), [weak = weak_from_this()] {
+            const auto self = weak.lock();
+            return self != nullptr && self->hasBeenConnected();
+        });
+    }
+    return queue;
+}
+
+void Device::endSettings()
+{
+    std::unique_lock lock(mutex);
+    const auto queues = settingsQueues;
+    lock.unlock();  // what waits may hold whoever asks the device
+    for (const auto& [channel, queue] : queues)
+        queue->end();
+}
+
+void Device::reportResourceExchange(const Tavro8::error_code& ec)
+{
+    if (ec != ResultCode::connectionLost)
+        reportExchange(ec);
 }
 }  // namespace Uniview

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,6 +22,7 @@ namespace Uniview
 {
 class EventListener;
 class IEventSubscriber;
+class SettingsQueue;
 
 /// What the configuration says of one device: the host's description, with the properties of the settings repository
 /// beneath those of the host. Constant once it is made.
@@ -121,6 +123,12 @@ public:
     /// `channelNumbering` is 1, otherwise the index plus one.
     std::uint32_t channelNumber(std::uint32_t channel) const;
 
+    /// The queue of all requests to apply settings of a channel; the same one each time.
+    std::shared_ptr<SettingsQueue> settingsQueue(std::uint32_t channel);
+    /// `reportExchange` for a resource that the device may lack: some firmware breaks off its answer there, which is no
+    /// sign of its loss.
+    void reportResourceExchange(const Tavro8::error_code& ec);
+
     /// Runs `action` each time the host closes the device or opens another address, until `holder` has gone. On the
     /// host's thread: it only posts. Any thread.
     void whenClosing(std::weak_ptr<void> holder, std::function<void()> action);
@@ -153,6 +161,7 @@ private:
     void pauseEvents();
     void runClosingActions();
     void endEvents();
+    void endSettings();
     std::int32_t applyLocalServer(const Tavro8::ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler);
     std::int32_t adjust(const Tavro8::ParameterMap& changed) const;
 
@@ -164,6 +173,7 @@ private:
     ConnectionInfoPtr httpConnectionInfo;                                               // guarded by `mutex`
     std::string address;                                                                // guarded by `mutex`
     std::vector<std::pair<std::weak_ptr<void>, std::function<void()>>> closingActions;  // guarded by `mutex`
+    std::map<std::uint32_t, std::shared_ptr<SettingsQueue>> settingsQueues;             // guarded by `mutex`
     mutable std::mutex mutex;
     mutable std::mutex listenerMutex;         // guards the next three; the listener may be called while it is held
     std::shared_ptr<EventListener> listener;  // made by the first attempt that got so far

@@ -92,7 +92,10 @@ void Device::endEvents()
 
 void Device::Destroy() noexcept
 {
-    guardedVoid(logger, "Uniview::Device::Destroy", [this] { endEvents(); });
+    guardedVoid(logger, "Uniview::Device::Destroy", [this] {
+        endEvents();
+        endSettings();
+    });
     actionGate.close();
     Base::Destroy();  // perhaps the end of this object
 }

@@ -69,11 +69,12 @@ constexpr std::array<Editor, settings::groupCount> editors{
 
 /// The settings that are being applied.
 struct VideoSource::SettingsRun {
-    explicit SettingsRun(SettingsRequest request)
-        : request(std::move(request)),
-          groups(settings::groupsOf(this->request.device->GetDeviceKind())),
-          exchanges(this->request.device->service(), this->request.device->getHttpConnectionInfo(),
-                    this->request.device->getLogger().get())
+    SettingsRun(const ParameterMap& given, std::shared_ptr<Device> of, SettingsQueue::Turn turn)
+        : given(given),
+          device(std::move(of)),
+          turn(std::move(turn)),
+          groups(settings::groupsOf(device->GetDeviceKind())),
+          exchanges(device->service(), device->getHttpConnectionInfo(), device->getLogger().get())
     {}
 
     /// Of the resources that the values are for, the first failure in the order of the table.
@@ -82,13 +83,15 @@ struct VideoSource::SettingsRun {
         for (const GroupTraits& group : settings::allGroups()) {
             // What the device was not asked for cannot have been applied.
             const std::int32_t result = results[indexOf(group)].value_or(toResult(ResultCode::notSupported));
-            if (result != 0 && concerns(group, request.given))
+            if (result != 0 && concerns(group, given))
                 return result;
         }
         return toResult(ResultCode::success);
     }
 
-    const SettingsRequest request;
+    const ParameterMap given;
+    const std::shared_ptr<Device> device;  // the host may release it before the last reply
+    const SettingsQueue::Turn turn;
     const std::span<const GroupTraits> groups;
     std::uint32_t channelNumber = 0;
     std::array<std::optional<std::int32_t>, settings::groupCount> results;
@@ -115,7 +118,8 @@ VideoSource::VideoSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandle
                          Tavro8::Utility::LiveSourceContext sourceContext)
     : RTSPReceiverVideoSource(device, handler, parent, std::move(sourceContext)),
       maxFpsForCodec(ModelParameters::ofChannel(*device->getDescription(), context.channel).texts("maxFpsForCodec")),
-      settingsLogger(device->getLogger().get(), sourcePath, context.objectName)
+      settingsLogger(device->getLogger().get(), sourcePath, context.objectName),
+      settingsQueue(device->settingsQueue(context.channel))
 {}
 
 VideoSource::~VideoSource() = default;
@@ -123,60 +127,43 @@ VideoSource::~VideoSource() = default;
 void VideoSource::Destroy() noexcept
 {
     const auto keep = sharedSelf();
-    Tavro8::guardedVoid(settingsLogger, "Uniview::VideoSource::Destroy", [&] {
-        boost::asio::post(device->service(), [keep] {
-            keep->waitingSettings.clear();
-            keep->settingsRun.reset();
-        });
-    });
+    settingsQueue->drop(this);
+    Tavro8::guardedVoid(settingsLogger, "Uniview::VideoSource::Destroy",
+                        [&] { boost::asio::post(device->service(), [keep] { keep->settingsRun.reset(); }); });
     RTSPReceiverVideoSource::Destroy();
 }
 
 std::int32_t VideoSource::ApplySettings(const ParameterMap& changed) noexcept
 {
-    return Tavro8::guarded(
-        settingsLogger, "Uniview::VideoSource::ApplySettings", toResult(ResultCode::unexpected), [&] {
-            if (!device->hasBeenConnected()) {
-                settingsLogger.error(applying, "Settings can be applied once the device has connected");
-                return toResult(ResultCode::invalidState);
-            }
-            if (settingsTaken.fetch_add(1) >= maxSettingsTaken) {
-                --settingsTaken;
-                settingsLogger.error(applying, "Too many settings wait for the device");
-                return toResult(ResultCode::deviceBusy);
-            }
-            const auto take = [self = sharedSelf(), request = SettingsRequest{changed, device->shared_from_this()}] {
-                Tavro8::guardedVoid(self->settingsLogger, applying, [&] {
-                    self->waitingSettings.push_back(request);
-                    self->applyNextSettings();
-                });
-            };
-            boost::asio::post(device->service(), take);
-            return toResult(ResultCode::success);
-        });
+    const auto take = [&] {
+        const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed](SettingsQueue::Turn turn) {
+            self->beginSettings(changed, of, std::move(turn));
+        };
+        return settingsQueue->take({this, &settingsLogger, applying, begin});
+    };
+    return Tavro8::guarded(settingsLogger, "Uniview::VideoSource::ApplySettings", toResult(ResultCode::unexpected),
+                           take);
 }
 
-void VideoSource::applyNextSettings()
+void VideoSource::beginSettings(const ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn)
 {
-    while (settingsRun == nullptr && !waitingSettings.empty() && !isDestroyed()) {
-        settingsRun = std::make_unique<SettingsRun>(std::move(waitingSettings.front()));
-        waitingSettings.pop_front();
-        const std::int32_t result = Tavro8::guarded(settingsLogger, applying, toResult(ResultCode::unexpected), [this] {
-            if (!settingsRun->request.device->hasBeenConnected())
-                return toResult(ResultCode::invalidState);  // closed while it waited
-            applySettings(settingsRun->request.given);
-            return toResult(ResultCode::success);
-        });
-        if (result != 0)
-            finishAllSettings(result);
-    }
+    const std::int32_t result = Tavro8::guarded(settingsLogger, applying, toResult(ResultCode::unexpected), [&] {
+        if (!of->hasBeenConnected())
+            return toResult(ResultCode::invalidState);  // closed while it waited
+        settingsRun = std::make_unique<SettingsRun>(given, of, turn);
+        applySettings(given);
+        return toResult(ResultCode::success);
+    });
+    turn.reset();
+    if (result != 0)
+        finishAllSettings(result);
 }
 
 void VideoSource::applySettings(const ParameterMap& given)
 {
     adjust(given);  // first the stream, so that a new connection picks up what is written now
     SettingsRun& run = *settingsRun;
-    run.channelNumber = run.request.device->channelNumber(context.channel);
+    run.channelNumber = run.device->channelNumber(context.channel);
     for (const GroupTraits& group : run.groups) {
         run.exchanges.addGetRequest(pathOf(group, run.channelNumber), requestLimit(),
                                     settingsHandler(group, group.readPlace, &VideoSource::onSettingsRead));
@@ -185,7 +172,6 @@ void VideoSource::applySettings(const ParameterMap& given)
         if (const auto alive = weak.lock()) {
             auto& self = static_cast<VideoSource&>(*alive);
             self.finishAllSettings(self.settingsRun->overallResult());
-            self.applyNextSettings();
         }
     });
 }
@@ -206,9 +192,7 @@ Tavro8::http::CompletionHandler VideoSource::settingsHandler(const GroupTraits& 
     return [self = sharedSelf(), &group, place, step](const Tavro8::error_code& ec, const std::vector<char>& body,
                                                       const Tavro8::http::HttpResponse& response) {
         const auto result = Tavro8::guarded(self->settingsLogger, place, toResult(ResultCode::unexpected), [&] {
-            // Some firmware breaks off its answer where it lacks a resource; that is no loss of the device.
-            if (ec != ResultCode::connectionLost)
-                self->settingsRun->request.device->reportExchange(ec);
+            self->settingsRun->device->reportResourceExchange(ec);
             lapi::Reply reply = lapi::judge(ec, response, body);
             ((*self).*step)(group, reply);
             return toResult(ResultCode::success);
@@ -224,12 +208,12 @@ void VideoSource::onSettingsRead(const GroupTraits& group, lapi::Reply& reply)
         logFailure(group.readPlace, reply, group, group.readFailure);
         return finishSettings(group, reply.result);
     }
-    const settings::Edit edit = (this->*editors[indexOf(group)])(reply.data, settingsRun->request.given);
+    const settings::Edit edit = (this->*editors[indexOf(group)])(reply.data, settingsRun->given);
     if (edit.result != 0)
         settingsLogger.error(group.readPlace, edit.message);
     if (!edit)
         return finishSettings(group, edit.result);
-    if (!settingsRun->request.device->hasBeenConnected()) {
+    if (!settingsRun->device->hasBeenConnected()) {
         settingsLogger.error(group.readPlace, "The device was closed before its settings were written");
         return finishSettings(group, toResult(ResultCode::invalidState));
     }
@@ -243,7 +227,7 @@ void VideoSource::onSettingsWritten(const GroupTraits& group, lapi::Reply& reply
     if (!reply)
         logFailure(group.writePlace, reply, group, group.writeFailure);
     else if (group.group == Group::stream)
-        adjustWritten(settingsRun->request.given);
+        adjustWritten(settingsRun->given);
     finishSettings(group, reply.result);
 }
 
@@ -270,7 +254,6 @@ void VideoSource::finishSettings(const GroupTraits& group, std::int32_t result)
 void VideoSource::finishAllSettings(std::int32_t result)
 {
     settingsRun.reset();
-    --settingsTaken;
     reportSettings(everything, result);
 }
 

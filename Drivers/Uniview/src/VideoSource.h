@@ -4,14 +4,12 @@
 #include "Lapi.h"
 #include "SettingsEdit.h"
 #include "SettingsGroup.h"
+#include "SettingsQueue.h"
 
 #include <IpUtil/Http.h>
 #include <IpUtil/RTSPReceiverBase.h>
 #include <Tavro8/GDRV/ILiveSource.h>
-#include <atomic>
-#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 
 // Compiled once, in VideoSource.cpp.
@@ -25,11 +23,9 @@ namespace Uniview
 /// Live video of one stream of a channel, and the settings of its encoder and picture.
 ///
 /// Threads as in `RTSPReceiverBase`. Settings are applied on the device's I/O thread, one request of the host after the
-/// other: each reads, edits and writes back, and two at once would undo each other's edits.
+/// other among all sources of the channel.
 class VideoSource final : public Tavro8::Utility::RTSPReceiverVideoSource<Device> {
 public:
-    static constexpr std::size_t maxSettingsTaken = 32;  ///< by `ApplySettings`, before the first of them is done
-
     /// Makes a source that the host releases with `Destroy`. Arguments as in `IDevice::CreateVideoSource`.
     static Tavro8::GDRV::IVideoSource* create(Device* device, std::uint32_t channel, std::uint32_t stream,
                                               Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
@@ -61,15 +57,10 @@ protected:
     bool parametersRequireRTSPClientReconnect(const Tavro8::ParameterMap& changed) const override;
 
 private:
-    /// One request of the host to apply settings.
-    struct SettingsRequest {
-        Tavro8::ParameterMap given;
-        std::shared_ptr<Device> device;  // the host may release it before the last reply
-    };
     struct SettingsRun;
     using SettingsStep = void (VideoSource::*)(const settings::GroupTraits& group, lapi::Reply& reply);
 
-    void applyNextSettings();
+    void beginSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn);
     void applySettings(const Tavro8::ParameterMap& given);
     Tavro8::http::CompletionHandler settingsHandler(const settings::GroupTraits& group, const char* place,
                                                     SettingsStep step);
@@ -83,10 +74,7 @@ private:
 
     const Tavro8::TextMap maxFpsForCodec;
     const Tavro8::LoggerHelper settingsLogger;
-    std::atomic<std::size_t> settingsTaken{0};  // requests that are not done
-
-    // On the I/O thread only:
-    std::deque<SettingsRequest> waitingSettings;
-    std::unique_ptr<SettingsRun> settingsRun;
+    const std::shared_ptr<SettingsQueue> settingsQueue;
+    std::unique_ptr<SettingsRun> settingsRun;  // on the I/O thread only
 };
 }  // namespace Uniview

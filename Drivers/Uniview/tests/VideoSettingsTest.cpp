@@ -504,6 +504,64 @@ TEST_F(VideoSettings, secondRequestWaitsForTheFirst)
     EXPECT_EQ(host.settingsResults().size(), 18U);
 }
 
+TEST_F(VideoSettings, sourcesOfAChannelWaitForEachOther)
+{
+    connect();
+    ChannelHandler otherHost;
+    Tavro8::GDRV::IVideoSource* other = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 1, &otherHost, &otherHost, {}, nullptr, &other), 0);
+    peer.staySilent(std::string("GET ") + enhancePath);
+    ASSERT_EQ(source->ApplySettings({{"brightness", 1}}), 0);
+    ASSERT_EQ(other->ApplySettings({{"contrast", 2}}), 0);
+    waitForTheOthers();
+    service->barrier();
+    EXPECT_EQ(sent().size(), 8U) << "the other has not begun";
+    peer.answer(std::string("GET ") + enhancePath, 200, reply(R"({"Brightness":1,"Contrast":0})"));
+    peer.breakSilence(200, reply(R"({"Brightness":0,"Contrast":0})"));
+    ASSERT_TRUE(otherHost.waitSettings("all"));
+    EXPECT_EQ(written(), (Lines{std::string("PUT ") + enhancePath + R"( {"Brightness":1,"Contrast":0})",
+                                std::string("PUT ") + enhancePath + R"( {"Brightness":1,"Contrast":2})"}));
+    EXPECT_EQ(otherHost.settingsResults().size(), 9U) << "each source is told of its own";
+    EXPECT_EQ(host.settingsResults().size(), 9U);
+    other->Destroy();
+}
+
+TEST_F(VideoSettings, destroyedSourceLetsTheNextOneGoOn)
+{
+    connect();
+    ChannelHandler otherHost;
+    Tavro8::GDRV::IVideoSource* other = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &otherHost, &otherHost, {}, nullptr, &other), 0);
+    peer.staySilent(std::string("GET ") + enhancePath);
+    ASSERT_EQ(source->ApplySettings({{"brightness", 1}}), 0);
+    ASSERT_EQ(source->ApplySettings({{"saturation", 1}}), 0);
+    ASSERT_EQ(other->ApplySettings({{"contrast", 2}}), 0);
+    waitForTheOthers();
+    peer.answer(std::string("GET ") + enhancePath, 200, reply("{}"));
+    std::exchange(source, nullptr)->Destroy();
+    const auto told = host.settingsResults();
+    ASSERT_TRUE(otherHost.waitSettings("all"));
+    EXPECT_EQ(written(), (Lines{std::string("PUT ") + enhancePath + R"( {"Contrast":2})"}));
+    EXPECT_EQ(host.settingsResults(), told);
+    other->Destroy();
+}
+
+TEST_F(VideoSettings, otherChannelsDoNotWait)
+{
+    connect(2);
+    ChannelHandler otherHost;
+    Tavro8::GDRV::IVideoSource* other = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(1, 0, &otherHost, &otherHost, {}, nullptr, &other), 0);
+    const std::string silent = "GET /LAPI/V1.0/Channels/1/Image/Enhance";
+    peer.staySilent(silent);
+    ASSERT_EQ(source->ApplySettings({}), 0);
+    ASSERT_TRUE(peer.waitForRequest(silent));
+    ASSERT_EQ(other->ApplySettings({}), 0);
+    EXPECT_TRUE(otherHost.waitSettings("all"));
+    EXPECT_EQ(timesTold("all"), 0U);
+    other->Destroy();
+}
+
 TEST_F(VideoSettings, tooManyRequestsAreRefused)
 {
     connect();

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <IpUtil/LoggerHelper.h>
+#include <boost/asio/ts/netfwd.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace Uniview
+{
+/// The settings of one channel of a device, one request of the host after the other: each reads, edits and writes back
+/// resources that the sources of the channel share, and two at once would undo each other's edits.
+///
+/// Any thread. Requests begin on the I/O context; nothing is called while the lock is held.
+class SettingsQueue final : public std::enable_shared_from_this<SettingsQueue> {
+public:
+    static constexpr std::size_t maxTaken = 32;  ///< requests that are under way or wait
+
+    /// Held by the request that is under way. Once nobody holds it any more the next one begins.
+    using Turn = std::shared_ptr<void>;
+
+    /// One request of the host to apply settings.
+    struct Request {
+        const void* owner;                   ///< the source, whose `drop` gives the request up
+        const Tavro8::LoggerHelper* logger;  ///< of the source, which `begin` keeps alive
+        const char* place;                   ///< under which lines about the request are logged
+        std::function<void(Turn turn)> begin;
+        bool concernsDevice = true;  ///< others are taken before the device has connected
+    };
+
+    /// `context` outlives the queue and all turns. `hasBeenConnected` is asked on the threads that call `take`.
+    SettingsQueue(boost::asio::io_context& context, std::function<bool()> hasBeenConnected);
+
+    /// Returns 0 when the request was taken: its `begin` is called when its turn has come, unless it is given up.
+    /// Otherwise the reason is logged: 2 while a device that is concerned has not been connected, or when the queue has
+    /// ended; 515 when too many others are under way or wait.
+    std::int32_t take(Request request);
+
+    /// Gives up what waits of that source. What is under way ends with the last holder of its turn.
+    void drop(const void* owner) noexcept;
+
+    /// With the device: gives up all that waits and takes nothing any more.
+    void end() noexcept;
+
+private:
+    void releaseTurn() noexcept;
+    void postNext();
+    void beginNext();
+
+    boost::asio::io_context& context;
+    const std::function<bool()> hasBeenConnected;
+    std::mutex mutex;  // guards all below
+    std::deque<Request> waiting;
+    bool underWay = false;
+    bool ended = false;
+};
+}  // namespace Uniview
