@@ -35,6 +35,8 @@ constexpr const char* applyingSettings = "Uniview::AudioSource::applyAudioSettin
 constexpr const char* cameraPath = "/LAPI/V1.0/Media/Audio/Input";
 constexpr const char* unmuteBody = "{\"IsMute\": 0}";
 
+constexpr std::size_t loggedBytes = 1024;  // of a request that failed; it repeats what the device has said
+
 /// The stream whose connection the sound shares: the parameter `stream`, else the main stream.
 std::uint32_t sharedStream(const ParameterMap& parameters)
 {
@@ -393,7 +395,8 @@ void AudioSource::onSettingsWritten(const std::string& path, const std::string& 
         if (const std::string why = lapi::describe(reply, path); !why.empty())
             log.error(applyingSettings, why);
         log.error(applyingSettings, "Failed to apply settings");
-        log.error(applyingSettings, "Failed request details:\n", "PUT ", path, '\n', body);
+        log.error(applyingSettings, "Failed request details:\n", "PUT ", path, '\n',
+                  lapi::printable(body, loggedBytes));
     }
     finishAudioInput(reply.result);
 }

@@ -128,18 +128,6 @@ std::size_t characterBoundary(std::string_view text, std::size_t most)
     return at;
 }
 
-/// What a device says of a failure, fit for a log line and for telling it from other failures: one line, UTF-8 and
-/// short, whatever the device sends. Characters that control a terminal or end a line become blanks.
-std::string printable(std::string_view text)
-{
-    constexpr std::size_t mostBytes = 256;  // three times as many when none of them is UTF-8
-    const bool isLong = text.size() > mostBytes;
-    std::wstring wide = Tavro8::Utility::toWide(isLong ? text.substr(0, characterBoundary(text, mostBytes)) : text);
-    const auto controls = [](wchar_t c) { return c < 0x20 || (c >= 0x7F && c < 0xA0); };
-    std::replace_if(wide.begin(), wide.end(), controls, L' ');
-    return Tavro8::Utility::toNarrow(wide) + (isLong ? "..." : "");
-}
-
 /// A member as text, whatever a broken device made of it.
 std::string textOf(const Json::Value& object, const char* name)
 {
@@ -204,6 +192,15 @@ void describeApi(std::ostream& text, const Reply& reply, Wording wording, const 
     text << " Internal API error :" << reply.message << ", status :" << reply.statusString;
 }
 }  // namespace
+
+std::string printable(std::string_view text, std::size_t mostBytes)
+{
+    const bool isLong = text.size() > mostBytes;
+    std::wstring wide = Tavro8::Utility::toWide(isLong ? text.substr(0, characterBoundary(text, mostBytes)) : text);
+    const auto controls = [](wchar_t c) { return c < 0x20 || (c >= 0x7F && c < 0xA0); };
+    std::replace_if(wide.begin(), wide.end(), controls, L' ');
+    return Tavro8::Utility::toNarrow(wide) + (isLong ? "..." : "");
+}
 
 bool parseJson(std::string_view text, Json::Value& document, std::string& error)
 {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <IpUtil/Http.h>
+#include <cstddef>
 #include <cstdint>
 #include <json/value.h>
 #include <string>
@@ -59,6 +60,11 @@ enum class Wording {
 
 /// The log line for a reply that failed. Empty for a malformed one: each caller has its own words for that.
 std::string describe(const Reply& reply, std::string_view path, Wording wording = Wording::standard);
+
+/// What a device says, fit for a log line and for telling it from other words: one line, UTF-8 and of about `mostBytes`
+/// (at least 3; three times as many when none of them is UTF-8), whatever the device sends. Characters that control a
+/// terminal or end a line become blanks.
+std::string printable(std::string_view text, std::size_t mostBytes = 256);
 
 /// Reads one JSON document; gives false and the reader's words, in one line, instead of throwing. Numbers are read
 /// alike under every global locale, and nesting is limited.

@@ -355,6 +355,23 @@ TEST_F(AudioSource, tellsARefusedWriteWithItsRequest)
     expectError("Failed request details:\nPUT /LAPI/V1.0/Media/Audio/Input\n{\"InputGain\":2}", "applyAudioSettings");
 }
 
+TEST_F(AudioSource, aHostileDeviceNeitherControlsNorFloodsTheLogWithItsOwnWords)
+{
+    prepare();
+    const std::string words = "\x7f \xC2\x9B"
+                              "31m \xFF \\u000a \\u0085 ";
+    peer.answer(std::string("GET ") + cameraPath, 200,
+                reply("{\"A\":\"" + words + "\",\"InputGain\":1,\"Z\":\"" + std::string(1'000'000, 'z') + "\"}"));
+    peer.answer(std::string("PUT ") + cameraPath, 500, "");
+    applied({{"volume", 2}});
+    const std::string line = logger.find("Failed request details:\n").message;
+    EXPECT_LT(line.size(), 1500U);
+    EXPECT_TRUE(line.ends_with("zzz...")) << line.substr(0, 1500);
+    const std::string body = line.substr(std::min(line.size(), line.find("\n{") + 1));
+    EXPECT_NE(body.find("{\"A\":\"   31m \xEF\xBF\xBD \\n   \",\"InputGain\":2,"), std::string::npos) << body;
+    EXPECT_TRUE(std::ranges::none_of(body, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }));
+}
+
 TEST_F(AudioSource, aMicrophoneThatTheDeviceDoesNotHaveIsNotFound)
 {
     prepare();

@@ -34,7 +34,7 @@ constexpr std::size_t talkBackSamples(std::chrono::milliseconds duration) noexce
 struct TalkBackLimits {
     /// That the destination's thread has not taken up yet. The newest is left out.
     std::chrono::milliseconds queued{5000};
-    /// While the line is being opened. The oldest is left out: whoever listens wants to hear what is said now.
+    /// While the line is being opened, or that of the call before closed. The oldest is left out: whoever listens wants to hear what is said now.
     std::chrono::milliseconds beforeTheLineStands{1000};
     /// How far the sound that was sent may be ahead of the time that it takes to play. The newest is left out. Behind
     /// it the connection holds another half minute for a device that does not read, and then breaks off.
@@ -240,6 +240,7 @@ private:
             logger.info(names().call.c_str(), "Skip Call as already called");
             return;
         }
+        samplesLeftOut = 0;
         if (state == State::hangingUp)
             callAgain = true;
         else
@@ -250,11 +251,12 @@ private:
     {
         logger.info(names().call.c_str(), "Calling...");
         framesSent = 0;
-        samplesLeftOut = 0;
         playedUntil = {};
         state = State::calling;
         if (!context.dumpDirectory.empty() && !dump.open(context.dumpDirectory, context.channel))
             logger.error(names().call.c_str(), "Failed to open an output debug file!");
+        for (const Samples& early : waiting)  // came while the line of the call before was being closed
+            dump.write(early);
         const auto failed = guarded(logger, names().call.c_str(), toResult(ResultCode::unexpected), [this] {
             gate->call([this] { openLine(); });
             return toResult(ResultCode::success);
@@ -265,7 +267,7 @@ private:
 
     void processFrame(Samples samples)
     {
-        if (!isUnderWay())
+        if (!isUnderWay() && !callAgain)
             return;
         dump.write(samples);
         if (state == State::talking)
@@ -303,15 +305,24 @@ private:
             endCall(toResult(ResultCode::success));
         } else if (std::exchange(callAgain, false)) {
             givenUp = true;
+            dropWaiting();
         }
+    }
+
+    void dropWaiting()
+    {
+        waiting.clear();
+        waitingSamples = 0;
     }
 
     void endCall(std::int32_t result)
     {
         state = State::hangingUp;
-        waiting.clear();
-        waitingSamples = 0;
+        dropWaiting();
         dump.close();
+        if (const std::uint64_t missing = samplesLeftOut.exchange(0); missing != 0)
+            logger.warning(names().call.c_str(), "left out of the call: ", missing * 1000 / talkBackRate,
+                           " ms of sound");
         closeLine([this, weak = this->weak_from_this(), result] {
             const auto held = weak.lock();
             if (held != nullptr && state == State::hangingUp)
@@ -322,9 +333,6 @@ private:
     void finishCall(std::int32_t result)
     {
         state = State::idle;
-        if (const std::uint64_t missing = samplesLeftOut; missing != 0)
-            logger.warning(names().call.c_str(), "left out of the call: ", missing * 1000 / talkBackRate,
-                           " ms of sound");
         tellEnd(result);
         if (std::exchange(givenUp, false))
             tellEnd(toResult(ResultCode::success));
@@ -368,7 +376,7 @@ private:
     std::shared_ptr<AudioDestinationBase> self;  // the host's reference
 
     std::atomic<std::size_t> queued{0};            // samples
-    std::atomic<std::uint64_t> samplesLeftOut{0};  // of this call
+    std::atomic<std::uint64_t> samplesLeftOut{0};  // of this call, or of the one that is to follow
 
     // All below on the worker only.
     State state = State::idle;
@@ -378,7 +386,7 @@ private:
     std::shared_ptr<AudioDestinationBase> untilRetired;
     std::uint64_t framesSent = 0;  // in this call
     AudioDumpFile dump;
-    std::deque<Samples> waiting;  // for the line to stand
+    std::deque<Samples> waiting;  // for the line to stand, that of the call to follow too
     std::size_t waitingSamples = 0;
     Clock::time_point playedUntil;  // when the device has played what was sent
 };

@@ -298,20 +298,45 @@ TEST_F(AudioDestination, aCallWhileTheLastOneIsBeingClosedBeginsAfterIt)
     talk();
     push({1});
     destination->HangUp();
+    push({2});  // belongs to no call
     destination->Call();
+    push({3, 4});
     destination->Call();  // skipped
+    push({5});
     destination->settle();
     EXPECT_EQ(destination->opened, 1);
     EXPECT_TRUE(handler.ends().empty()) << "the line is not closed yet";
     destination->completeClose();
     EXPECT_EQ(destination->opened, 2);
     EXPECT_EQ(handler.ends().size(), 1U);
+    EXPECT_EQ(destination->sent, std::vector<std::int16_t>{1});
     destination->stand();
+    EXPECT_EQ(destination->sent, (std::vector<std::int16_t>{1, 3, 4, 5})) << "sound may follow a call at once";
     destination->HangUp();
     destination->settle();
     destination->completeClose();
     EXPECT_EQ(handler.ends(), (std::vector<std::int32_t>{0, 0}));
-    EXPECT_TRUE(device.logger.contains("HangUp, sent: 0")) << "each call counts for itself";
+    EXPECT_TRUE(device.logger.contains("HangUp, sent: 2")) << "each call counts for itself";
+}
+
+TEST_F(AudioDestination, soundForACallThatWaitsIsBoundedAndCountedForThatCall)
+{
+    make({.beforeTheLineStands = std::chrono::milliseconds(2)});  // 16 samples
+    destination->closesLater = true;
+    talk();
+    destination->HangUp();
+    destination->Call();
+    push(std::vector<std::int16_t>(16, 1));
+    push(std::vector<std::int16_t>(16, 2));
+    destination->settle();
+    destination->completeClose();
+    EXPECT_FALSE(device.logger.contains("left out of the call")) << "nothing of the first is missing";
+    destination->stand();
+    EXPECT_EQ(destination->sent, std::vector<std::int16_t>(16, 2));
+    destination->HangUp();
+    destination->settle();
+    EXPECT_EQ(device.logger.count("left out of the call: 2 ms of sound"), 1U);
+    destination->completeClose();
 }
 
 TEST_F(AudioDestination, aCallThatWaitsMayBeHungUpToo)
@@ -321,11 +346,15 @@ TEST_F(AudioDestination, aCallThatWaitsMayBeHungUpToo)
     talk();
     destination->HangUp();
     destination->Call();
+    push({1});
     destination->HangUp();
     destination->settle();
     destination->completeClose();
     EXPECT_EQ(destination->opened, 1);
     EXPECT_EQ(handler.ends(), (std::vector<std::int32_t>{0, 0})) << "once for each call";
+    destination->Call();
+    destination->stand();
+    EXPECT_TRUE(destination->sent.empty()) << "that sound belonged to the call that was given up";
 }
 
 TEST_F(AudioDestination, mayBeDestroyedBeforeAnyCall)
