@@ -34,7 +34,8 @@ constexpr std::size_t talkBackSamples(std::chrono::milliseconds duration) noexce
 struct TalkBackLimits {
     /// That the destination's thread has not taken up yet. The newest is left out.
     std::chrono::milliseconds queued{5000};
-    /// While the line is being opened, or that of the call before closed. The oldest is left out: whoever listens wants to hear what is said now.
+    /// While the line is being opened, or that of the call before closed. The oldest is left out: whoever listens wants
+    /// to hear what is said now.
     std::chrono::milliseconds beforeTheLineStands{1000};
     /// How far the sound that was sent may be ahead of the time that it takes to play. The newest is left out. Behind
     /// it the connection holds another half minute for a device that does not read, and then breaks off.

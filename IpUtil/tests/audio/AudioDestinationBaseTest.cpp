@@ -355,6 +355,7 @@ TEST_F(AudioDestination, aCallThatWaitsMayBeHungUpToo)
     destination->Call();
     destination->stand();
     EXPECT_TRUE(destination->sent.empty()) << "that sound belonged to the call that was given up";
+    destination->onWorker([this] { destination->closesLater = false; });
 }
 
 TEST_F(AudioDestination, mayBeDestroyedBeforeAnyCall)
