@@ -128,7 +128,14 @@ void AudioSource::Start() noexcept
         if (currentStream() != nullptr)
             return;  // runs already
         microphoneFailureTold = false;
-        startCoversConnection = turnMicrophoneOn();
+        const auto of = connectedDevice();
+        startCoversConnection = of != nullptr;
+        if (of == nullptr)
+            return;
+        // There a request is noted before its answer can lead to the next, so that `Destroy` finds the latest.
+        boost::asio::post(of->service(), [self = sharedSelf()] {
+            Tavro8::guardedVoid(self->log, starting, [&self] { self->turnMicrophoneOn(); });
+        });
     });
     RTSPReceiverAudioSource::Start();
 }
@@ -205,14 +212,19 @@ Tavro8::http::CompletionHandler AudioSource::onReply(const std::shared_ptr<Devic
 
 // ---- the microphone -------------------------------------------------------------------------------------------
 
-/// False while the device is not connected.
-bool AudioSource::turnMicrophoneOn()
+/// Nothing while the device is not connected.
+std::shared_ptr<Device> AudioSource::connectedDevice() const
 {
-    const auto of = weakDevice.lock();
-    if (of == nullptr || !of->hasBeenConnected())
-        return false;
-    if (switchingOn.exchange(true))
-        return true;
+    auto of = weakDevice.lock();
+    return of != nullptr && of->hasBeenConnected() ? of : nullptr;
+}
+
+/// On the I/O thread, as all requests are made.
+void AudioSource::turnMicrophoneOn()
+{
+    const auto of = connectedDevice();
+    if (of == nullptr || requests.haveEnded() || switchingOn.exchange(true))
+        return;
     const auto turn = std::make_shared<Turn>(sharedSelf());
     const std::string path = audioInputPath(*of, context.channel);
     const auto reply = onReply(
@@ -222,7 +234,6 @@ bool AudioSource::turnMicrophoneOn()
         });
     requests.note(Requests::microphone,
                   Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
-    return true;
 }
 
 void AudioSource::onMicrophoneState(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,

@@ -61,7 +61,8 @@ protected:
     bool parametersRequireRTSPClientReconnect(const Tavro8::ParameterMap& changed) const override;
 
 private:
-    /// Requests to the device that are under way, at most one of each kind. Any thread.
+    /// Requests to the device that are under way, at most one of each kind. They are made on the device's I/O thread
+    /// and ended on any.
     class Requests {
     public:
         enum Kind { microphone, settings, kinds };
@@ -89,7 +90,8 @@ private:
     template <typename Next>
     Tavro8::http::CompletionHandler onReply(const std::shared_ptr<Device>& of, const char* place, Next next);
 
-    bool turnMicrophoneOn();
+    std::shared_ptr<Device> connectedDevice() const;
+    void turnMicrophoneOn();
     void onMicrophoneState(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,
                            const lapi::Reply& reply);
     void unmute(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path, const char* place);

@@ -5,6 +5,7 @@
 
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <chrono>
 #include <future>
 #include <gtest/gtest.h>
 #include <memory>
@@ -230,6 +231,21 @@ TEST_F(AudioSource, aDeviceThatHangsDoesNotDelayReception)
     ASSERT_TRUE(peer.waitForRequest(getCamera));
     destroy();
     EXPECT_EQ(logger.errorCount(), 0U) << "a request that is given up is no failure";
+}
+
+TEST_F(AudioSource, aMicrophoneThatIsNeverSwitchedOnHoldsUpNoFarewell)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"IsMute\":1}"));
+    peer.staySilent(putCamera);
+    source->Start();
+    ASSERT_TRUE(peer.waitForRequest(putCamera));
+    destroy();
+    device->Destroy();
+    device.reset();
+    auto empty = std::async(std::launch::async, [] { Uniview::ModuleSettings::lifetimeGate().waitUntilEmpty(); });
+    // A request that is not given up ends by itself too, later than this.
+    EXPECT_EQ(empty.wait_for(std::chrono::seconds(10)), std::future_status::ready);
 }
 
 TEST_F(AudioSource, startedBeforeTheDeviceConnectsTurnsTheMicrophoneOnLater)
