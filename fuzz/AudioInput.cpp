@@ -48,7 +48,7 @@ void feed(ByteView input)
     }
     require(data["AudioInputList"].size() == before["AudioInputList"].size(), "microphones neither come nor go");
     Json::Value again = data;
-    require(!settings::editAudioInput(again, values), "what is so already is not written");
+    require(settings::editAudioInput(again, values) && again == data, "what is so already is written as it is");
     const std::string body = lapi::writeJson(data);
     Json::Value read;
     // The greatest number there is would be read as one beyond, when it is rounded to fifteen digits.

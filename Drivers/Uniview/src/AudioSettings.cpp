@@ -19,14 +19,15 @@ std::string textOf(const ParameterMap& given, const char* name)
     return text == nullptr ? std::string() : *text;
 }
 
-/// Firmware that has a flag there keeps it. Says whether the member has changed.
-bool put(Json::Value& member, int value)
+constexpr const char* volumeKey = "volume";
+constexpr const char* noiseReduceKey = "noiseReduce";
+constexpr const char* micNumberKey = "micNumber";
+constexpr const char* micModeKey = "micMode";
+
+/// Firmware that has a flag there keeps it.
+void put(Json::Value& member, int value)
 {
-    Json::Value wanted = member.isBool() ? Json::Value(value != 0) : Json::Value(value);
-    if (member == wanted)
-        return false;
-    member.swap(wanted);
-    return true;
+    member = member.isBool() ? Json::Value(value != 0) : Json::Value(value);
 }
 
 Json::Value& microphone(Json::Value& data, int number)
@@ -41,35 +42,51 @@ Json::Value& microphone(Json::Value& data, int number)
     throw Refusal(ResultCode::notFound, "The device has no microphone " + std::to_string(number));
 }
 
-/// Says whether anything has changed.
-bool putAll(Json::Value& data, const AudioInputValues& values)
+/// Which microphone is chosen, or given a mode.
+std::optional<int> microphoneOf(const AudioInputValues& values, const ParameterMap& written)
+{
+    if (values.micNumber || !values.micMode)
+        return values.micNumber;
+    const auto before = Given(written).number(micNumberKey);
+    if (!before)
+        throw Refusal(ResultCode::invalidArgument, "There is no microphone for the mode, parameter:micMode");
+    return before;
+}
+
+/// Says whether there is anything to be written.
+bool putAll(Json::Value& data, const AudioInputValues& values, const ParameterMap& written)
 {
     if (!data.isObject())
         throw Refusal(ResultCode::malformedReply, "\"Data\" is not an object");
-    bool changed = false;
-    if (values.micNumber) {
-        Json::Value& chosen = microphone(data, *values.micNumber);
-        changed |= put(chosen["Enabled"], 1);
+    if (const auto number = microphoneOf(values, written)) {
+        Json::Value& chosen = microphone(data, *number);
+        put(chosen["Enabled"], 1);
         if (values.micMode)
-            changed |= put(chosen["Mode"], *values.micMode);
+            put(chosen["Mode"], *values.micMode);
     }
     if (values.noiseReduce)
-        changed |= put(subObject(data, "NoiseReduction")["Enabled"], *values.noiseReduce);
+        put(subObject(data, "NoiseReduction")["Enabled"], *values.noiseReduce);
     if (values.volume)
-        changed |= put(data["InputGain"], *values.volume);
-    return changed;
+        put(data["InputGain"], *values.volume);
+    return values.any();
 }
 }  // namespace
+
+bool isAudioInput(std::string_view name) noexcept
+{
+    return name == volumeKey || name == noiseReduceKey || name == micNumberKey || name == micModeKey;
+}
 
 AudioInputValues readAudioInput(const ParameterMap& parameters)
 {
     const Given given(parameters);
-    return {given.number("volume"), given.number("noiseReduce"), given.number("micNumber"), given.number("micMode")};
+    return {given.number(volumeKey), given.number(noiseReduceKey), given.number(micNumberKey),
+            given.number(micModeKey)};
 }
 
-Edit editAudioInput(Json::Value& data, const AudioInputValues& values)
+Edit editAudioInput(Json::Value& data, const AudioInputValues& values, const ParameterMap& written)
 {
-    return edit([&] { return putAll(data, values); });
+    return edit([&] { return putAll(data, values, written); });
 }
 
 void checkAudioSink(const ParameterMap& parameters)

@@ -6,6 +6,7 @@
 #include <Tavro8/ParameterMap.h>
 #include <json/value.h>
 #include <optional>
+#include <string_view>
 
 /// What the host's values mean for a microphone and for the sound that is received. Nothing in here knows a socket.
 namespace Uniview::settings
@@ -20,12 +21,17 @@ struct AudioInputValues {
     bool any() const noexcept { return volume || noiseReduce || micNumber || micMode; }
 };
 
+/// Whether the parameter of that name is one of these values.
+bool isAudioInput(std::string_view name) noexcept;
+
 /// Integers, or their texts. Raises a `Refusal` for anything else.
 AudioInputValues readAudioInput(const Tavro8::ParameterMap& given);
 
-/// Puts the values into the data of the audio-input resource and leaves everything else as it is. A microphone that the
-/// device does not have is not found, data of another shape are a malformed reply.
-Edit editAudioInput(Json::Value& data, const AudioInputValues& values);
+/// Puts the values into the data of the audio-input resource, which is to be written back then, and leaves
+/// everything else as it is. A `micMode` alone is for the microphone that `written`, what was written before, names,
+/// and is refused when there is none. A microphone that the device does not have is not found, data of another shape
+/// are a malformed reply.
+Edit editAudioInput(Json::Value& data, const AudioInputValues& values, const Tavro8::ParameterMap& written = {});
 
 /// Which sound is to be received: `encoding` ("G.711", or "u-law" for that law), `algorithm` (the law of "G.711":
 /// "u-law", or another for A-law) and `samplerate`. What says nothing, or has another type, leaves the choice to the

@@ -378,31 +378,32 @@ void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const Parame
         log.error(applyingSettings, "Bad response while tried to get audio settings");
         return finishAudioInput(reply.result);
     }
-    settings::AudioInputValues values = settings::readAudioInput(given);
-    if (values.micMode && !values.micNumber)  // of the microphone that the host has chosen before
-        values.micNumber = settings::readAudioInput(parameters.snapshot()).micNumber;
-    const settings::Edit edit = reply ? settings::editAudioInput(reply.data, values)
-                                      : settings::Edit{false, toResult(ResultCode::malformedReply), reply.message};
+    const settings::Edit edit =
+        reply ? settings::editAudioInput(reply.data, settings::readAudioInput(given), parameters.snapshot())
+              : settings::Edit{false, toResult(ResultCode::malformedReply), reply.message};
     if (edit.result == toResult(ResultCode::malformedReply))
-        log.error(applyingSettings, "Can't parse audio settings");
+        log.error(applyingSettings, "Can't parse audio settings: ", edit.message);
     else if (edit.result != 0)
         log.error(applyingSettings, edit.message);
     if (!edit)
         return finishAudioInput(edit.result);
     const std::string edited = lapi::writeJson(reply.data);
-    const auto written =
-        onReply(of, applyingSettings,
-                [path, edited](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
-                    const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
-                    self.finishOnThrow([&] { self.onSettingsWritten(path, edited, judged); });
-                });
+    const auto written = onReply(
+        of, applyingSettings,
+        [given, path, edited](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
+            const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
+            self.finishOnThrow([&] { self.onSettingsWritten(given, path, edited, judged); });
+        });
     requests.note(Requests::settings,
                   Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, edited, of->service(), written));
 }
 
-void AudioSource::onSettingsWritten(const std::string& path, const std::string& body, const lapi::Reply& reply)
+void AudioSource::onSettingsWritten(const ParameterMap& given, const std::string& path, const std::string& body,
+                                    const lapi::Reply& reply)
 {
-    if (!reply) {
+    if (reply) {
+        adjustWritten(given);
+    } else {
         if (const std::string why = lapi::describe(reply, path); !why.empty())
             log.error(applyingSettings, why);
         log.error(applyingSettings, "Failed to apply settings");
@@ -431,6 +432,11 @@ void AudioSource::finishSettings(std::int32_t result)
 void AudioSource::initializeAudioFilter(Tavro8::Utility::RTSPClient& client)
 {
     client.setAudioSinkParams(settings::readAudioSink(parameters.snapshot()));
+}
+
+bool AudioSource::isHeldByDevice(const std::string& key) const
+{
+    return settings::isAudioInput(key);
 }
 
 /// Values that ask for what comes anyway need no new connection.

@@ -58,6 +58,7 @@ public:
 
 protected:
     void initializeAudioFilter(Tavro8::Utility::RTSPClient& client) override;
+    bool isHeldByDevice(const std::string& key) const override;
     bool parametersRequireRTSPClientReconnect(const Tavro8::ParameterMap& changed) const override;
 
 private:
@@ -104,7 +105,8 @@ private:
     void applyAudioSettings(const SettingsRequest& request);
     void onSettingsRead(const std::shared_ptr<Device>& of, const Tavro8::ParameterMap& given, const std::string& path,
                         lapi::Reply& reply);
-    void onSettingsWritten(const std::string& path, const std::string& body, const lapi::Reply& reply);
+    void onSettingsWritten(const Tavro8::ParameterMap& given, const std::string& path, const std::string& body,
+                           const lapi::Reply& reply);
     template <typename Step>
     void finishOnThrow(Step&& step);
     void finishAudioInput(std::int32_t result);

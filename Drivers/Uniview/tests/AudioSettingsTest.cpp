@@ -83,10 +83,25 @@ TEST(AudioInput, unknownMembersKeepValueAndKindOfNumber)
         EXPECT_NE(text.find(kept), std::string::npos) << kept << " in " << text;
 }
 
-TEST(AudioInput, whatIsSoAlreadyIsNotWritten)
+TEST(AudioInput, whatIsSoAlreadyIsWrittenAllTheSame)
 {
-    EXPECT_EQ(edited({}), unchanged);
-    EXPECT_EQ(edited({.volume = 120, .noiseReduce = 0, .micNumber = 1, .micMode = 0}), unchanged);
+    EXPECT_EQ(edited({.volume = 120, .noiseReduce = 0, .micNumber = 1, .micMode = 0}),
+              Uniview::lapi::writeJson(parsed(audioInput)));
+    EXPECT_EQ(edited({}), unchanged) << "nothing is given";
+}
+
+TEST(AudioInput, aModeAloneIsForTheMicrophoneThatWasWrittenBefore)
+{
+    const auto editedAfter = [](const ParameterMap& written) {
+        Json::Value data = parsed(audioInput);
+        const Edit outcome = editAudioInput(data, {.volume = 1, .micMode = 9}, written);
+        return outcome ? data["AudioInputList"][1]["Mode"].asInt() : -outcome.result;
+    };
+    EXPECT_EQ(editedAfter({{"micNumber", 2}}), 9);
+    EXPECT_EQ(editedAfter({{"micNumber", std::string("2")}}), 9);
+    EXPECT_EQ(editedAfter({}), -toResult(ResultCode::invalidArgument));
+    EXPECT_EQ(editedAfter({{"micNumber", 2.5}}), -toResult(ResultCode::invalidArgument));
+    EXPECT_EQ(editedAfter({{"micNumber", 3}}), -toResult(ResultCode::notFound));
 }
 
 TEST(AudioInput, missingMembersAreMade)

@@ -313,13 +313,14 @@ TEST_F(AudioSource, writesSettingsBackWithWhatItDoesNotKnow)
     EXPECT_EQ(logger.errorCount(), 0U) << logger.text();
 }
 
-TEST_F(AudioSource, doesNotWriteWhatIsSoAlready)
+TEST_F(AudioSource, writesWhatIsSoAlready)
 {
     prepare();
-    peer.answer(cameraPath, 200, reply(input));
+    peer.answer(cameraPath, 200, reply("{\"InputGain\":120}"));
     EXPECT_EQ(applied({{"volume", 120}}), (Results{{"audioInput", 0}, {"all", 0}}));
     EXPECT_EQ(count(getCamera), 1U);
-    EXPECT_EQ(count(putCamera), 0U);
+    EXPECT_EQ(count(putCamera), 1U);
+    EXPECT_EQ(bodyOf(putCamera), "{\"InputGain\":120}");
 }
 
 TEST_F(AudioSource, aModeAloneIsForTheMicrophoneChosenBefore)
@@ -331,6 +332,34 @@ TEST_F(AudioSource, aModeAloneIsForTheMicrophoneChosenBefore)
     ASSERT_EQ(apply({{"micMode", 5}}), 0);
     ASSERT_TRUE(sound.waitSettings("all", 2));
     EXPECT_NE(bodyOf(putCamera).find("\"ID\":2,\"Mode\":5"), std::string::npos) << bodyOf(putCamera);
+}
+
+TEST_F(AudioSource, aMicrophoneThatWasNotWrittenIsNotTheChosenOne)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply(input));
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    applied({{"micNumber", 2}});
+    ASSERT_EQ(apply({{"micNumber", 9}}), 0);  // there is none
+    peer.answerOnce(std::string("PUT ") + cameraPath, 200, refused);
+    ASSERT_EQ(apply({{"micNumber", 1}}), 0);
+    ASSERT_EQ(apply({{"micMode", 5}}), 0);
+    ASSERT_TRUE(sound.waitSettings("all", 4));
+    const auto results = sound.settingsResults();
+    EXPECT_EQ(results[3].second, toResult(ResultCode::notFound));
+    EXPECT_EQ(results[5].second, toResult(ResultCode::apiError));
+    EXPECT_EQ(results[7].second, 0);
+    EXPECT_NE(bodyOf(putCamera).find("\"ID\":2,\"Mode\":5"), std::string::npos) << bodyOf(putCamera);
+}
+
+TEST_F(AudioSource, aModeForNoMicrophoneIsRefused)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply(input));
+    const auto code = toResult(ResultCode::invalidArgument);
+    EXPECT_EQ(applied({{"micMode", 2}}), (Results{{"audioInput", code}, {"all", code}}));
+    EXPECT_EQ(count(putCamera), 0U);
+    expectError("There is no microphone for the mode, parameter:micMode", "applyAudioSettings");
 }
 
 TEST_F(AudioSource, tellsASettingsResourceThatCannotBeRead)
@@ -355,7 +384,7 @@ TEST_F(AudioSource, tellsSettingsThatAreNotJson)
         ASSERT_TRUE(sound.waitSettings("all", before / 2 + 1));
         EXPECT_EQ(sound.settingsResults().back().second, toResult(ResultCode::malformedReply)) << body;
     }
-    expectError("Can't parse audio settings", "applyAudioSettings");
+    expectError("Can't parse audio settings: \"Data\" is not an object", "applyAudioSettings");
     EXPECT_EQ(logger.count("Can't parse audio settings"), 3U);
     EXPECT_FALSE(logger.contains("Bad response while tried to get audio settings"));
 }
@@ -430,7 +459,8 @@ TEST_F(AudioSource, settingsNeedADeviceThatWasConnected)
 TEST_F(AudioSource, settingsThatWaitWhenTheDeviceIsClosedAreNotWritten)
 {
     prepare();
-    peer.staySilent(cameraPath);
+    peer.staySilent(getCamera);
+    peer.answer(putCamera, 200, ok);
     ASSERT_EQ(apply({{"volume", 1}}), 0);
     ASSERT_EQ(apply({{"volume", 2}}), 0);
     ASSERT_TRUE(peer.waitForRequest(getCamera));
@@ -444,6 +474,7 @@ TEST_F(AudioSource, settingsThatWaitWhenTheDeviceIsClosedAreNotWritten)
                                                 {"audioInput", toResult(ResultCode::invalidState)},
                                                 {"all", toResult(ResultCode::invalidState)}}));
     EXPECT_EQ(count(getCamera), 1U);
+    EXPECT_EQ(count(putCamera), 1U);
 }
 
 TEST_F(AudioSource, settingsAreAppliedOneAfterTheOther)
