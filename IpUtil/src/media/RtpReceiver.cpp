@@ -13,6 +13,10 @@ constexpr std::uint16_t maxDropout = 3000;
 constexpr std::uint16_t maxMisorder = 100;
 constexpr std::uint32_t sequenceModulus = 0x10000;
 
+// What a device has queued when it hears of another place.
+constexpr std::uint32_t maxOutdated = 1000;
+constexpr std::chrono::seconds outdatedFor{1};
+
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 
 bool isJump(std::uint16_t step) noexcept
@@ -43,6 +47,47 @@ void RtpReceiver::expectDatagrams(std::optional<std::uint32_t> expectedSource) n
     announcedSource = expectedSource;
 }
 
+void RtpReceiver::beginAnew(const FirstPacket& announced) noexcept
+{
+    awaited = Awaited{announced, started || (awaited && awaited->hasOldPlace)};
+    started = false;
+    following = false;
+    suspecting = false;
+}
+
+bool RtpReceiver::isOfOldPlace(const RtpPacket& packet, const ArrivalTime& arrival) noexcept
+{
+    const auto step = static_cast<std::uint16_t>(packet.sequenceNumber - highestSequence);
+    const FirstPacket& first = awaited->announced;
+    if (!awaited->hasOldPlace || (!first.sequenceNumber && !first.timestamp))
+        return false;
+    if (packet.ssrc != source || step >= maxDropout || first.timestamp == packet.timestamp)
+        return false;
+    if (first.sequenceNumber && static_cast<std::uint16_t>(packet.sequenceNumber - *first.sequenceNumber) < maxDropout)
+        return false;
+    if (!first.sequenceNumber && isAtOrBehind(packet.timestamp, *first.timestamp))
+        return false;
+    if (awaited->dropped == 0)
+        awaited->since = arrival.monotonic;
+    if (++awaited->dropped > maxOutdated || arrival.monotonic - awaited->since > outdatedFor)
+        return false;
+    highestSequence = packet.sequenceNumber;
+    return true;
+}
+
+bool RtpReceiver::isOutdated(const SenderReport& report) const noexcept
+{
+    return awaited && awaited->hasOldPlace && report.ssrc == source && awaited->announced.timestamp &&
+           !isAtOrBehind(report.rtpTimestamp, *awaited->announced.timestamp);
+}
+
+/// By a minute at most.
+bool RtpReceiver::isAtOrBehind(std::uint32_t timestamp, std::uint32_t first) const noexcept
+{
+    const auto ticks = static_cast<std::int32_t>(timestamp - first);
+    return ticks >= 0 && ticks / 60 <= static_cast<std::int64_t>(clockRate);
+}
+
 RtpReceiver::Admission RtpReceiver::admit(const RtpPacket& packet, const ArrivalTime& arrival) noexcept
 {
     if (!payloadTypes[packet.payloadType & 0x7f]) {
@@ -53,6 +98,12 @@ RtpReceiver::Admission RtpReceiver::admit(const RtpPacket& packet, const Arrival
     Admission admission = Admission::accepted;
     const auto step = static_cast<std::uint16_t>(packet.sequenceNumber - highestSequence);
     if (mayBegin(packet)) {
+        if (awaited) {
+            if (isOfOldPlace(packet, arrival))
+                return Admission::outdated;
+            awaited.reset();
+            admission = Admission::first;
+        }
         started = true;
         restart(packet);
     } else if (!started || packet.ssrc != source || isJump(step)) {

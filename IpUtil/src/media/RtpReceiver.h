@@ -4,6 +4,7 @@
 #include "media/RtpTime.h"
 
 #include <bitset>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -41,9 +42,17 @@ public:
 
     enum class Admission : std::uint8_t {
         accepted,
+        first,      ///< accepted, and the first since `beginAnew`
         restarted,  ///< accepted, and the first of a new sequence: forget everything about the old one
         foreign,    ///< payload type of no interest; did not touch any state
         suspect,    ///< of a source or sequence not confirmed yet; to be dropped
+        outdated,   ///< of the place before `beginAnew`; to be dropped
+    };
+
+    /// What the device has announced of the packet that it begins with (`RTP-Info`).
+    struct FirstPacket {
+        std::optional<std::uint16_t> sequenceNumber;
+        std::optional<std::uint32_t> timestamp;
     };
 
     struct Continuity {
@@ -68,12 +77,9 @@ public:
     void expectDatagrams(std::optional<std::uint32_t> expectedSource) noexcept;
 
     /// What comes next is of another place of a recording: its numbers begin anew, nothing is missing in front of it.
-    void beginAnew() noexcept
-    {
-        started = false;
-        following = false;
-        suspecting = false;
-    }
+    /// Packets that go on with the old numbers and are in front of the one announced are of the old place.
+    /// Announcements may be wrong: not for long, and not all too many are taken for such.
+    void beginAnew(const FirstPacket& announced) noexcept;
 
     /// Judges a packet on arrival. Some devices send packets of a payload type nobody announced, with the
     /// SSRC of the stream and the sequence number of the packet that follows: the payload type is looked
@@ -82,6 +88,9 @@ public:
 
     /// Judges an admitted packet in depacketising order.
     Continuity follow(std::uint16_t sequenceNumber) noexcept;
+
+    /// Whether a report is in front of the first packet that is announced and awaited.
+    bool isOutdated(const SenderReport& report) const noexcept;
 
     /// Ignores reports of a source other than the one whose packets are being admitted; returns whether
     /// it was that one.
@@ -100,12 +109,23 @@ private:
         std::chrono::steady_clock::time_point arrival{};
     };
 
+    /// The first packet of a new place, until it comes.
+    struct Awaited {
+        FirstPacket announced;
+        bool hasOldPlace = false;
+        std::uint32_t dropped = 0;
+        std::chrono::steady_clock::time_point since{};  // the first that was dropped
+    };
+
+    bool isOfOldPlace(const RtpPacket& packet, const ArrivalTime& arrival) noexcept;
+    bool isAtOrBehind(std::uint32_t timestamp, std::uint32_t first) const noexcept;
     bool mayBegin(const RtpPacket& packet) const noexcept;
     bool isConfirmed(const RtpPacket& packet) noexcept;
     void restart(const RtpPacket& packet) noexcept;
     void updateJitter(std::uint32_t timestamp, std::chrono::steady_clock::time_point arrival) noexcept;
 
     std::optional<std::uint32_t> announcedSource;
+    std::optional<Awaited> awaited;
 
     // The packet that would confirm a restart.
     bool suspecting = false;

@@ -1,5 +1,7 @@
 #include "media/TrackReceiver.h"
 
+#include <algorithm>
+
 namespace Tavro8::media
 {
 namespace
@@ -54,11 +56,15 @@ void TrackReceiver::onRtp(std::span<const std::uint8_t> bytes, const ArrivalTime
     }
     switch (receiver.admit(packet, arrival)) {
     case RtpReceiver::Admission::foreign:
+    case RtpReceiver::Admission::outdated:
         return;
     case RtpReceiver::Admission::suspect:
         return keepSuspect(bytes, arrival);
     case RtpReceiver::Admission::restarted:
         onRestart(packet);
+        break;
+    case RtpReceiver::Admission::first:
+        onFirst(packet);
         break;
     case RtpReceiver::Admission::accepted:
         break;
@@ -101,14 +107,20 @@ void TrackReceiver::deliverWaiting(const ReorderBuffer::Packet& waiting)
         deliver(packet, waiting.arrival);
 }
 
-void TrackReceiver::beginRecorded(const RecordedClock::Start& start)
+void TrackReceiver::beginRecorded(const RecordedClock::Start& start, const RtpReceiver::FirstPacket& first)
 {
     recorded = std::make_unique<RecordedClock>(clockRate, start);
-    receiver.beginAnew();
+    receiver.beginAnew(first);
     depacketiser->reset();
     clock.reset();
     lastVideoTimestamp.reset();
-    earlyReport.reset();
+    earlyCount = 0;
+}
+
+void TrackReceiver::onFirst(const RtpPacket& packet) noexcept
+{
+    if (recorded)
+        recorded->onFirstPacket(packet.timestamp);
 }
 
 /// The packet that announces a restart belongs to it, and is most often the start of a key frame.
@@ -125,6 +137,8 @@ void TrackReceiver::onRestart(const RtpPacket& packet)
         clock.reset();
         lastVideoTimestamp.reset();
     }
+    if (recorded)
+        recorded->onRestart(packet.timestamp);
     if (!reorder)
         return;
     reorder->reset();
@@ -142,11 +156,8 @@ void TrackReceiver::deliver(const RtpPacket& packet, const ArrivalTime& arrival)
     if (!continuity.inOrder)
         return;
     clock.onPacket(packet.timestamp, arrival);
-    if (earlyReport && earlyReport->report.ssrc == packet.ssrc) {
-        receiver.onSenderReport(earlyReport->report, earlyReport->arrival);
-        clock.onSenderReport(earlyReport->report);
-        earlyReport.reset();
-    }
+    if (earlyCount != 0)
+        useEarly(packet.ssrc);
     ++totals.packetsSinceFrame;
     const std::uint64_t misfitsBefore = depacketiser->getCounters().misfits;
     depacketiser->push(packet, continuity.lostBefore != 0);
@@ -169,12 +180,47 @@ void TrackReceiver::watchFormat(std::uint32_t rtpTimestamp, bool misfit) noexcep
 
 void TrackReceiver::onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept
 {
-    if (recorded)
-        recorded->onSenderReport(report);
+    if (receiver.isOutdated(report))
+        return;
     if (receiver.onSenderReport(report, arrival))
-        clock.onSenderReport(report);
+        useReport(report);
     else
-        earlyReport = EarlyReport{report, arrival};
+        keepEarly({report, arrival});
+}
+
+void TrackReceiver::useReport(const SenderReport& report) noexcept
+{
+    if (!recorded)
+        clock.onSenderReport(report);
+    else if (!recorded->onSenderReport(report))
+        ++totals.ignoredReports;
+}
+
+void TrackReceiver::keepEarly(const EarlyReport& early) noexcept
+{
+    auto* const end = earlyReports.begin() + earlyCount;
+    auto* const known = std::find_if(earlyReports.begin(), end,
+                                     [&](const EarlyReport& one) { return one.report.ssrc == early.report.ssrc; });
+    if (known != end) {
+        *known = early;
+    } else if (earlyCount < earlyReports.size()) {
+        earlyReports[earlyCount++] = early;
+    } else {
+        std::shift_left(earlyReports.begin(), end, 1);
+        earlyReports.back() = early;
+    }
+}
+
+void TrackReceiver::useEarly(std::uint32_t ssrc) noexcept
+{
+    auto* const end = earlyReports.begin() + earlyCount;
+    auto* const own =
+        std::find_if(earlyReports.begin(), end, [&](const EarlyReport& one) { return one.report.ssrc == ssrc; });
+    if (own == end)
+        return;
+    receiver.onSenderReport(own->report, own->arrival);
+    useReport(own->report);
+    earlyCount = 0;
 }
 
 void TrackReceiver::onAccessUnit(GDRV::MediaFrame& frame, std::uint32_t rtpTimestamp)

@@ -7,6 +7,8 @@
 #include "media/ReorderBuffer.h"
 #include "media/RtpReceiver.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -52,6 +54,7 @@ public:
         std::uint64_t droppedFrames = 0;     ///< held back by the loss policy
         std::uint64_t damagedFrames = 0;
         std::uint64_t restarts = 0;           ///< changes of the SSRC and jumps of the sequence
+        std::uint64_t ignoredReports = 0;     ///< of recorded media: their time is outside what is played
         std::uint64_t packetsSinceFrame = 0;  ///< admitted since the last undamaged frame was handed out
 
         /// The payload type is the track's, but what comes is another format: without an undamaged frame in
@@ -90,8 +93,9 @@ public:
     void onSenderReport(const SenderReport& report, const ArrivalTime& arrival) noexcept;
 
     /// What comes from now on is a recording from another place on than before: begins anew with its next key frame,
-    /// and frames carry the time of the recording. Not for live media again.
-    void beginRecorded(const RecordedClock::Start& start);
+    /// and frames carry the time of the recording. Not for live media again. `first` is the first packet that the
+    /// device has announced: what is still of the old place is dropped.
+    void beginRecorded(const RecordedClock::Start& start, const RtpReceiver::FirstPacket& first = {});
     /// What the device says about it; null before `beginRecorded`.
     RecordedClock* getRecordedClock() noexcept { return recorded.get(); }
 
@@ -127,6 +131,10 @@ private:
         ArrivalTime arrival;
     };
 
+    void keepEarly(const EarlyReport& early) noexcept;
+    void useEarly(std::uint32_t ssrc) noexcept;
+    void useReport(const SenderReport& report) noexcept;
+    void onFirst(const RtpPacket& packet) noexcept;
     void accept(const RtpPacket& packet, std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
     void keepSuspect(std::span<const std::uint8_t> bytes, const ArrivalTime& arrival);
     void onRestart(const RtpPacket& packet);
@@ -150,7 +158,9 @@ private:
     FrameSink& sink;
     RtpReceiver receiver;
     MediaClock clock;
-    std::optional<EarlyReport> earlyReport;
+    std::size_t earlyCount = 0;
+    // The latest of two sources: where tracks share a channel, those of the other come too.
+    std::array<EarlyReport, 2> earlyReports;
     std::unique_ptr<RecordedClock> recorded;          // of a replay, instead of `clock`
     std::optional<std::uint32_t> lastVideoTimestamp;  // of the last frame handed out, for durations
     Statistics totals;

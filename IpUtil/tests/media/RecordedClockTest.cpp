@@ -1,6 +1,8 @@
 #include "media/RecordedClock.h"
 
+#include <cstdint>
 #include <gtest/gtest.h>
+#include <limits>
 
 namespace Tavro8::media
 {
@@ -72,8 +74,21 @@ TEST(RecordedClock, timesNeverDecrease)
     RecordedClock clock(90000, {recordedMs, {}, 1});
     EXPECT_EQ(clock.stamp(ticks(1000)), recordedMs);
     EXPECT_EQ(clock.stamp(ticks(960)), recordedMs) << "pictures in decoding order";
-    clock.onSenderReport(reportAt(recordedMs - 3000, ticks(1040)));
-    EXPECT_EQ(clock.stamp(ticks(1040)), recordedMs);
+}
+
+TEST(RecordedClock, timesRunSlowerUntilAReportThatIsBehindHasCaughtUp)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 1});
+    EXPECT_EQ(clock.stamp(0), recordedMs);
+    clock.onSenderReport(reportAt(recordedMs - 3000, 0));
+    std::int64_t last = recordedMs;
+    for (std::int64_t ms = 40; ms <= 6000; ms += 40) {
+        const std::int64_t time = clock.stamp(ticks(ms));
+        ASSERT_EQ(time - last, 20) << ms;
+        last = time;
+    }
+    EXPECT_EQ(last, recordedMs + 3000);
+    EXPECT_EQ(clock.stamp(ticks(6040)), recordedMs + 3040) << "right again";
 }
 
 TEST(RecordedClock, reportsWithoutATimeAreIgnored)
@@ -92,16 +107,31 @@ TEST(RecordedClock, fastPlayingInTheTimeOfTheRecordingNeedsNothing)
     EXPECT_EQ(clock.stamp(ticks(8040)), recordedMs + 8040);
 }
 
-TEST(RecordedClock, fastPlayingInTheTimeOfPlayingIsLearntFromTwoReports)
+TEST(RecordedClock, fastPlayingInTheTimeOfPlayingIsLearntFromTwoIntervalsThatAgree)
 {
     RecordedClock clock(90000, {recordedMs, 0, 4});
     clock.onSenderReport(reportAt(recordedMs, 0));
     clock.onSenderReport(reportAt(recordedMs + 8000, ticks(2000)));
-    EXPECT_EQ(clock.stamp(ticks(2010)), recordedMs + 8040);
+    clock.onSenderReport(reportAt(recordedMs + 16'000, ticks(4000)));
+    EXPECT_EQ(clock.stamp(ticks(4010)), recordedMs + 16'040);
     clock.changeScale(1);
-    EXPECT_EQ(clock.stamp(ticks(2050)), recordedMs + 8080);
+    EXPECT_EQ(clock.stamp(ticks(4050)), recordedMs + 16'080);
     clock.changeScale(2);
-    EXPECT_EQ(clock.stamp(ticks(2090)), recordedMs + 8120) << "at the speed of 1 both are the same again";
+    EXPECT_EQ(clock.stamp(ticks(4090)), recordedMs + 16'120) << "at the speed of 1 both are the same again";
+}
+
+TEST(RecordedClock, aShortGapTeachesNoSpeed)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 2});
+    clock.onSenderReport(reportAt(recordedMs, 0));
+    EXPECT_EQ(clock.stamp(0), recordedMs);
+    // Five seconds played, then five that were not recorded: just what twice the speed would look like.
+    clock.onSenderReport(reportAt(recordedMs + 10'000, ticks(5000)));
+    for (const std::int64_t ms : {5000, 7000, 9900})
+        EXPECT_EQ(clock.stamp(ticks(ms)), recordedMs + ms + 5000);
+    clock.onSenderReport(reportAt(recordedMs + 15'000, ticks(10'000)));
+    for (const std::int64_t ms : {10'000, 12'000, 14'000})
+        EXPECT_EQ(clock.stamp(ticks(ms)), recordedMs + ms + 5000);
 }
 
 TEST(RecordedClock, aGapTeachesNoSpeed)
@@ -109,6 +139,152 @@ TEST(RecordedClock, aGapTeachesNoSpeed)
     RecordedClock clock(90000, {recordedMs, 0, 4});
     clock.onSenderReport(reportAt(recordedMs + 600'000, ticks(2000)));
     EXPECT_EQ(clock.stamp(ticks(2040)), recordedMs + 600'040);
+}
+
+TEST(RecordedClock, framesBehindANewBaseOfRtpTimeFollowTheLastUntilAReport)
+{
+    constexpr std::uint32_t base = 1'000'000'000;
+    for (const bool told : {true, false}) {
+        SCOPED_TRACE(told);
+        RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
+        clock.onSenderReport(reportAt(recordedMs, 0));
+        EXPECT_EQ(clock.stamp(3600), recordedMs + 40);
+        if (told)
+            clock.onRestart(base);
+        EXPECT_EQ(clock.stamp(base), recordedMs + 80);
+        EXPECT_EQ(clock.stamp(base + ticks(40)), recordedMs + 120);
+        EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 600'000, base + ticks(80))));
+        EXPECT_EQ(clock.stamp(base + ticks(80)), recordedMs + 600'000);
+        EXPECT_EQ(clock.stamp(base + ticks(60'080)), recordedMs + 660'000);
+    }
+}
+
+TEST(RecordedClock, rtpTimeThatRunsBackBeginsAnewBehindTheLastFrame)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 1});
+    EXPECT_EQ(clock.stamp(ticks(3'600'000)), recordedMs + 3'600'000);
+    EXPECT_EQ(clock.stamp(0), recordedMs + 3'600'040);
+    EXPECT_EQ(clock.stamp(ticks(40)), recordedMs + 3'600'080);
+}
+
+TEST(RecordedClock, aRestartWhoseRtpTimeGoesOnChangesNothing)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 1});
+    EXPECT_EQ(clock.stamp(0), recordedMs);
+    clock.onRestart(ticks(5000));
+    EXPECT_EQ(clock.stamp(ticks(5000)), recordedMs + 5000);
+}
+
+TEST(RecordedClock, aReportWellOutsideTheIntervalIsIgnored)
+{
+    constexpr std::int64_t today = 1'790'000'000'000;
+    RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
+    for (const std::int64_t wrong : {today, recordedMs - 3'600'000, recordedMs + 7'200'000}) {
+        EXPECT_FALSE(clock.onSenderReport(reportAt(wrong, 0)));
+        EXPECT_EQ(clock.stamp(ticks(40)), recordedMs + 40);
+    }
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 80, ticks(80))));
+    EXPECT_EQ(clock.stamp(ticks(80)), recordedMs + 80);
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 3'660'000, ticks(120)))) << "the last file, to its end";
+}
+
+TEST(RecordedClock, aLeapThatTheNextReportContradictsIsTakenBack)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
+    EXPECT_EQ(clock.stamp(0), recordedMs);
+    clock.onSenderReport(reportAt(recordedMs + 3'000'000, ticks(40)));
+    EXPECT_EQ(clock.stamp(ticks(40)), recordedMs + 3'000'000);
+    clock.onSenderReport(reportAt(recordedMs + 80, ticks(80)));
+    EXPECT_EQ(clock.stamp(ticks(80)), recordedMs + 80);
+    EXPECT_EQ(clock.stamp(ticks(120)), recordedMs + 120);
+}
+
+TEST(RecordedClock, aLeapThatTwoReportsConfirmIsNotTakenBack)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
+    EXPECT_EQ(clock.stamp(0), recordedMs);
+    for (const std::int64_t ms : {40, 5000, 10'000}) {
+        clock.onSenderReport(reportAt(recordedMs + 3'000'000 + ms, ticks(ms)));
+        EXPECT_EQ(clock.stamp(ticks(ms)), recordedMs + 3'000'000 + ms);
+    }
+    clock.onSenderReport(reportAt(recordedMs + 80, ticks(10'040)));
+    EXPECT_GE(clock.stamp(ticks(10'040)), recordedMs + 3'010'000);
+}
+
+TEST(RecordedClock, aResumptionGoesByTheAnswerWhereRtpTimeDoesNotGoOn)
+{
+    constexpr std::uint32_t newBase = 3'000'000'000;
+    const struct {
+        const char* what;
+        RecordedClock::Continuation said;
+        std::uint32_t next;
+        std::int64_t expectedMs;
+    } cases[] = {
+        {"goes on", {recordedMs, ticks(80), 1}, ticks(80), 80},
+        {"goes on, the answer repeats the first", {recordedMs, 0, 1}, ticks(80), 80},
+        {"a new base", {{}, newBase, 1}, newBase, 80},
+        {"a new base and its time", {recordedMs + 2000, newBase, 1}, newBase + ticks(40), 2040},
+        {"a new base and an old time", {recordedMs, newBase, 1}, newBase, 80},
+        {"another place", {recordedMs + 60'000, {}, 1}, ticks(80), 60'000},
+        {"a place that was not asked for", {recordedMs + 90'000'000, {}, 1}, ticks(80), 80},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
+        EXPECT_EQ(clock.stamp(ticks(40)), recordedMs + 40);
+        clock.resume(c.said);
+        EXPECT_EQ(clock.stamp(c.next), recordedMs + c.expectedMs);
+    }
+}
+
+TEST(RecordedClock, withoutATimestampInTheAnswerTimeCountsFromTheFirstPacket)
+{
+    RecordedClock clock(90000, {recordedMs, {}, 1});
+    clock.onFirstPacket(777);
+    EXPECT_TRUE(clock.correct({recordedMs + 5000, {}, 1}));
+    EXPECT_EQ(clock.stamp(777 + ticks(2000)), recordedMs + 7000) << "what came in front was no key frame";
+}
+
+TEST(RecordedClock, aCorrectionForAnotherPlaceThanTheFirstPacketsIsRefused)
+{
+    RecordedClock clock(90000, {recordedMs, {}, 1});
+    clock.onFirstPacket(777);
+    EXPECT_TRUE(clock.correct({recordedMs, 777, 1}));
+    EXPECT_FALSE(clock.correct({recordedMs, 2'000'000'000, 1}));
+}
+
+TEST(RecordedClock, playsOverTheEndOfTheNtpEra)
+{
+    constexpr std::int64_t eraMs = ((std::int64_t{1} << 32) - static_cast<std::int64_t>(ntpOffsetSeconds)) * 1000;
+    constexpr std::int64_t beginMs = eraMs - 3 * 86'400'000LL;
+    RecordedClock clock(90000, {beginMs, 0, 1});
+    clock.onSenderReport(reportAt(eraMs - 1000, ticks(1000)));
+    EXPECT_EQ(clock.stamp(ticks(1000)), eraMs - 1000);
+    clock.onSenderReport(reportAt(eraMs + 1500, ticks(3000)));
+    EXPECT_EQ(clock.stamp(ticks(3000)), eraMs + 1500);
+}
+
+TEST(RecordedClock, picturesInDecodingOrderKeepTheirTimesWhereThePairMovesOn)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 1});
+    clock.stamp(0);
+    clock.onSenderReport(reportAt(recordedMs + 40, ticks(40)));
+    constexpr std::int64_t farMs = (std::int64_t{1} << 30) / 90 + 1000;
+    EXPECT_EQ(clock.stamp(ticks(farMs)), recordedMs + farMs);
+    EXPECT_EQ(clock.stamp(ticks(farMs - 40)), recordedMs + farMs);
+    EXPECT_EQ(clock.stamp(ticks(farMs + 40)), recordedMs + farMs + 40);
+}
+
+TEST(RecordedClock, slowTicksAndWildSpeedsStayWithinTheCalendar)
+{
+    RecordedClock clock(1, {std::numeric_limits<std::int64_t>::max(), 0, 1e9});
+    std::int64_t last = 0;
+    for (std::uint32_t i = 0; i < 100; ++i) {
+        const std::int64_t time = clock.stamp(i * 0x4000'0001U);
+        EXPECT_GE(time, last);
+        EXPECT_LE(time, 253'402'300'799'999);
+        last = time;
+    }
 }
 
 TEST(RecordedClock, timestampsWrapAndGoOnForDaysWithoutAReport)
