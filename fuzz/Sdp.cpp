@@ -70,7 +70,7 @@ void checkFormat(const SdpMedia& section, const SdpFormat& format, std::size_t t
 void checkTracks(const SessionDescription& description)
 {
     for (const auto expected : {GDRV::MediaCodec::unknown, GDRV::MediaCodec::g711A, GDRV::MediaCodec::aac}) {
-        const auto described = Utility::describeTracks(description, expected);
+        const auto described = Utility::describeTracks(description, {expected, 0});
         require(described.tracks.size() == description.media.size(), "each section is a track");
         for (const auto& track : described.tracks) {
             const SdpMedia& section = description.media[track.index];

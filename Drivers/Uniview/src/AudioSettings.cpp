@@ -102,10 +102,13 @@ Tavro8::Utility::AudioSinkParams readAudioSink(const ParameterMap& parameters)
     Tavro8::Utility::AudioSinkParams sink;
     const std::string encoding = textOf(parameters, "encoding");
     const std::string algorithm = textOf(parameters, "algorithm");
-    if (encoding == "u-law" || (encoding == "G.711" && algorithm == "u-law"))
+    const bool isG711 = encoding == "G.711";
+    if (encoding == "u-law" || (isG711 && (algorithm.empty() || algorithm == "u-law")))
         sink.expectedCodec = MediaCodec::g711U;
-    else if (encoding == "G.711" && !algorithm.empty())
+    else if (isG711)
         sink.expectedCodec = MediaCodec::g711A;
+    if (isG711 && algorithm.empty())
+        sink.alternateCodec = MediaCodec::g711A;
     const auto rate = parameters.find("samplerate");
     const int* const hertz = rate == parameters.end() ? nullptr : boost::any_cast<int>(&rate->second);
     if (hertz != nullptr && *hertz > 0)

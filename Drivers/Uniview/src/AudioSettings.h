@@ -34,8 +34,8 @@ AudioInputValues readAudioInput(const Tavro8::ParameterMap& given);
 Edit editAudioInput(Json::Value& data, const AudioInputValues& values, const Tavro8::ParameterMap& written = {});
 
 /// Which sound is to be received: `encoding` ("G.711", or "u-law" for that law), `algorithm` (the law of "G.711":
-/// "u-law", or another for A-law) and `samplerate`. What says nothing, or has another type, leaves the choice to the
-/// device.
+/// "u-law", or another for A-law; without it either law will do) and `samplerate`. What says nothing, or has another
+/// type, leaves the choice to the device.
 Tavro8::Utility::AudioSinkParams readAudioSink(const Tavro8::ParameterMap& parameters);
 /// Raises a `Refusal` when one of these values is of another type.
 void checkAudioSink(const Tavro8::ParameterMap& given);

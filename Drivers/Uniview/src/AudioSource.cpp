@@ -70,10 +70,8 @@ constexpr std::uint64_t formatOf(Tavro8::GDRV::MediaCodec codec, std::uint32_t s
 /// Whether what comes is what is wanted.
 bool satisfies(std::uint64_t format, const AudioSinkParams& wanted) noexcept
 {
-    const auto rate = static_cast<std::uint32_t>(format);
-    return format != 0 && (wanted.sampleRate == 0 || wanted.sampleRate == rate) &&
-           (wanted.expectedCodec == Tavro8::GDRV::MediaCodec::unknown ||
-            format == formatOf(wanted.expectedCodec, rate));
+    const auto codec = static_cast<Tavro8::GDRV::MediaCodec>(format >> 32U);
+    return format != 0 && wanted.accepts(codec, static_cast<std::uint32_t>(format));
 }
 
 /// No data are expected of a write; those that come are judged.
@@ -449,7 +447,6 @@ bool AudioSource::parametersRequireRTSPClientReconnect(const ParameterMap& chang
     for (const auto& [name, value] : changed)
         all[name] = value;
     const AudioSinkParams after = settings::readAudioSink(all);
-    const bool same = before.expectedCodec == after.expectedCodec && before.sampleRate == after.sampleRate;
-    return !same && !satisfies(lastFormat, after);
+    return before != after && !satisfies(lastFormat, after);
 }
 }  // namespace Uniview

@@ -156,9 +156,10 @@ TEST(AudioSink, encodingAndAlgorithmNameTheLaw)
         ParameterMap given;
         MediaCodec codec;
         std::uint32_t rate;
+        MediaCodec other = MediaCodec::unknown;
     } cases[] = {
         {{}, MediaCodec::unknown, 0},
-        {{{"encoding", std::string("G.711")}}, MediaCodec::unknown, 0},
+        {{{"encoding", std::string("G.711")}}, MediaCodec::g711U, 0, MediaCodec::g711A},
         {{{"encoding", std::string("u-law")}}, MediaCodec::g711U, 0},
         {{{"encoding", std::string("G.711")}, {"algorithm", std::string("u-law")}}, MediaCodec::g711U, 0},
         {{{"encoding", std::string("G.711")}, {"algorithm", std::string("A-law")}}, MediaCodec::g711A, 0},
@@ -171,6 +172,7 @@ TEST(AudioSink, encodingAndAlgorithmNameTheLaw)
         const auto sink = readAudioSink(c.given);
         EXPECT_EQ(sink.expectedCodec, c.codec);
         EXPECT_EQ(sink.sampleRate, c.rate);
+        EXPECT_EQ(sink.alternateCodec, c.other);
     }
 }
 

@@ -548,22 +548,62 @@ TEST_F(AudioSource, anotherLawIsAskedForWithANewConnection)
     EXPECT_GE(rtsp->connectionCount(), 2U);
 }
 
-TEST_F(AudioSource, takesTheFormatThatItWasMadeFor)
+TEST_F(AudioSource, takesTheTrackThatItWasMadeFor)
 {
     Camera camera = singingCamera();
-    camera.sdp = "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\nm=audio 0 RTP/AVP 8\r\na=control:a\r\n"
+    camera.sdp = "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\n"
+                 "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 MPEG4-GENERIC/16000/1\r\n"
+                 "a=fmtp:97 mode=AAC-hbr;config=1408;sizelength=13;indexlength=3\r\na=control:aac\r\n"
+                 "m=audio 0 RTP/AVP 8\r\na=control:a\r\n"
                  "m=audio 0 RTP/AVP 0\r\na=control:u\r\n";
+    std::vector<std::promise<std::string>> tracks(4);
+    camera.intercept = [&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (request.method == "SETUP")
+            tracks.at(connection.number).set_value(request.uri.substr(request.uri.rfind('/')));
+        return false;
+    };
     rtsp = std::make_unique<ScriptedPeer>(camera.script());
     make();
     peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
     connect();
-    create(0, {{"encoding", std::string("u-law")}});
-    source->Start();
-    ASSERT_TRUE(sound.waitFrames(1));
-    for (const auto& request : rtsp->requests()) {
-        if (request.method == "SETUP") {
-            EXPECT_TRUE(request.uri.ends_with("/u")) << request.uri;
-        }
+    const struct {
+        Tavro8::ParameterMap parameters;
+        const char* track;
+    } cases[] = {
+        {{}, "/aac"},
+        {{{"encoding", std::string("G.711")}}, "/a"},
+        {{{"encoding", std::string("u-law")}}, "/u"},
+        {{{"samplerate", 8000}}, "/a"},
+    };
+    ASSERT_EQ(std::size(cases), tracks.size());
+    for (std::size_t i = 0; i < tracks.size(); ++i) {
+        create(0, cases[i].parameters);
+        source->Start();
+        EXPECT_EQ(tracks[i].get_future().get(), cases[i].track);
+        source->Stop();
+        ASSERT_TRUE(sound.waitStopped(i + 1));
+        destroy();
     }
+}
+
+TEST_F(AudioSource, takesTheFormatThatItWasMadeForOfATrackThatHasSeveral)
+{
+    Camera camera;
+    camera.sdp = "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\nm=audio 0 RTP/AVP 0 98 97\r\n"
+                 "a=rtpmap:0 PCMU/8000\r\na=rtpmap:98 OPUS/48000/2\r\na=rtpmap:97 MPEG4-GENERIC/48000/2\r\n"
+                 "a=fmtp:97 mode=AAC-hbr;config=1190;sizelength=13;indexlength=3\r\na=control:sound\r\n";
+    camera.afterPlay = [](ScriptedPeer::Connection& connection) {
+        PacketSender sender;
+        sender.payloadType = 97;
+        for (int i = 0; i < 10; ++i)
+            sender.sendFrame(connection, {Bytes{0x00, 0x10, 0x00, 0x20, 1, 2, 3, 4}}, 1024);
+    };
+    rtsp = std::make_unique<ScriptedPeer>(camera.script());
+    make();
+    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    connect();
+    create(0, {{"samplerate", 48000}});
+    source->Start();
+    EXPECT_TRUE(sound.waitFrames(1)) << logger.text();
 }
 }  // namespace

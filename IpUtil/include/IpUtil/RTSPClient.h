@@ -43,8 +43,17 @@ struct VideoSinkParams {
 };
 
 struct AudioSinkParams {
-    GDRV::MediaCodec expectedCodec = GDRV::MediaCodec::unknown;  ///< unknown: whatever the device offers
-    std::uint32_t sampleRate = 0;                                ///< 0: whatever the device offers
+    GDRV::MediaCodec expectedCodec = GDRV::MediaCodec::unknown;   ///< unknown: whatever the device offers
+    std::uint32_t sampleRate = 0;                                 ///< 0: whatever the device offers
+    GDRV::MediaCodec alternateCodec = GDRV::MediaCodec::unknown;  ///< is as good as the expected one; unknown: none is
+
+    bool operator==(const AudioSinkParams&) const = default;
+    /// Whether such sound is what is expected.
+    bool accepts(GDRV::MediaCodec codec, std::uint32_t rate) const noexcept
+    {
+        return (sampleRate == 0 || rate == sampleRate) &&
+               (expectedCodec == GDRV::MediaCodec::unknown || codec == expectedCodec || codec == alternateCodec);
+    }
 };
 
 /// One track of a session description.

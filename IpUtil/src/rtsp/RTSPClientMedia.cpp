@@ -33,7 +33,7 @@ std::string listTracks(const SessionDescription& description)
 
 void RTSPClient::State::onDescribed()
 {
-    const SessionDescription description = describeTracks(session->description(), audioSink.expectedCodec);
+    const SessionDescription description = describeTracks(session->description(), audioSink);
     addingTracks = true;
     const auto handler = std::exchange(onSdp, nullptr);
     guardedVoid(logger, "Tavro8::Utility::RTSPClient::performDefaultSteps", [&] { handler({}, description); });

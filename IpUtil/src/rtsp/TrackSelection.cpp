@@ -61,16 +61,17 @@ media::TrackFormat formatOf(const wire::SdpMedia& section, const wire::SdpFormat
     return result;
 }
 
-const wire::SdpFormat* bestFormat(const wire::SdpMedia& section, MediaCodec expected)
+const wire::SdpFormat* bestFormat(const wire::SdpMedia& section, const AudioSinkParams& expected)
 {
     const auto& formats = section.formats;
+    const auto canBeReceived = [&](const wire::SdpFormat& format) {
+        return media::refusalOf(formatOf(section, format)) == nullptr;
+    };
     auto best = std::ranges::find_if(formats, [&](const wire::SdpFormat& format) {
-        return expected != MediaCodec::unknown && codecOf(format.encoding) == expected;
+        return expected.accepts(codecOf(format.encoding), format.clockRate) && canBeReceived(format);
     });
     if (best == formats.end())
-        best = std::ranges::find_if(formats, [&](const wire::SdpFormat& format) {
-            return media::refusalOf(formatOf(section, format)) == nullptr;
-        });
+        best = std::ranges::find_if(formats, canBeReceived);
     if (best == formats.end())
         best = formats.begin();
     return best == formats.end() ? nullptr : &*best;
@@ -98,7 +99,7 @@ MediaCodec codecOf(std::string_view encoding) noexcept
     return MediaCodec::unknown;
 }
 
-SessionDescription describeTracks(const wire::SessionDescription& description, MediaCodec expectedAudio)
+SessionDescription describeTracks(const wire::SessionDescription& description, const AudioSinkParams& expectedAudio)
 {
     SessionDescription result;
     for (std::size_t i = 0; i < description.media.size(); ++i) {
@@ -112,7 +113,7 @@ SessionDescription describeTracks(const wire::SessionDescription& description, M
         for (const wire::SdpFormat& format : section.formats)
             track.formats.push_back(
                 {format.encoding, format.payloadType, format.clockRate, std::max(format.channels, 1U)});
-        if (const auto* format = bestFormat(section, audio ? expectedAudio : MediaCodec::unknown))
+        if (const auto* format = bestFormat(section, audio ? expectedAudio : AudioSinkParams{}))
             track.use(track.formats[static_cast<std::size_t>(format - section.formats.data())]);
         result.tracks.push_back(std::move(track));
     }
@@ -136,7 +137,6 @@ bool isWantedAudio(const SdpTrack& track, const AudioSinkParams& params) noexcep
     const MediaCodec codec = codecOf(track.encoding);
     return track.kind == "audio" && isSentByDevice(track) &&
            (codec == MediaCodec::g711U || codec == MediaCodec::g711A || codec == MediaCodec::aac) &&
-           (params.expectedCodec == MediaCodec::unknown || params.expectedCodec == codec) &&
-           (params.sampleRate == 0 || params.sampleRate == track.clockRate);
+           params.accepts(codec, track.clockRate);
 }
 }  // namespace Tavro8::Utility

@@ -12,9 +12,9 @@ namespace Tavro8::Utility
 /// The codec that an encoding name of an rtpmap line stands for.
 GDRV::MediaCodec codecOf(std::string_view encoding) noexcept;
 
-/// Each section becomes one track, described by the best of its formats: the first of the expected codec, else the
-/// first that can be received, else the first.
-SessionDescription describeTracks(const wire::SessionDescription& description, GDRV::MediaCodec expectedAudio);
+/// Each section becomes one track, described by the best of its formats: the first that can be received and is
+/// expected, else the first that can be received, else the first.
+SessionDescription describeTracks(const wire::SessionDescription& description, const AudioSinkParams& expectedAudio);
 
 /// What the depacketiser of a track needs: all payload types of the track's codec, and its parameter sets.
 media::TrackFormat trackFormatOf(const wire::SdpMedia& section, const SdpTrack& track);

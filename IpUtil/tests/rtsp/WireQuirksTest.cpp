@@ -566,7 +566,7 @@ TEST(WireQuirks, backChannelOfADozenFormatsIsSentG711)
                              "a=rtpmap:8 PCMA/8000\r\na=rtpmap:0 PCMU/8000/1\r\na=control:trackID=5\r\na=sendonly\r\n";
     Stage stage(camera);
     stage.player.headers = {{RTSP_HEADER_REQUIRE, "www.onvif.org/ver20/backchannel"}};
-    stage.player.client->setAudioSinkParams({GDRV::MediaCodec::g711A, 0});
+    stage.player.client->setAudioSinkParams({GDRV::MediaCodec::g711A});
     stage.player.start(addressOf(stage.peer));
     ASSERT_TRUE(stage.loop.runUntil([&] { return stage.player.isPlaying(); })) << stage.player.log.text();
     stage.player.client->sendPacket(stage.player.sendTrack, Bytes(160, 0x2A), 0, {});
