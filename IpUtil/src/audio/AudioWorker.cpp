@@ -5,9 +5,8 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/thread/thread.hpp>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 namespace Tavro8::Utility
@@ -16,8 +15,8 @@ struct AudioWorker::State {
     boost::asio::io_context service{1};
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard{service.get_executor()};
     mutable std::mutex mutex;  // guards all below
-    std::thread thread;
-    std::thread::id worker;  // once it has been started
+    boost::thread thread;
+    boost::thread::id worker;  // once it has been started
     bool stopped = false;
 };
 
@@ -43,8 +42,8 @@ try {
     const std::lock_guard lock(state->mutex);
     if (state->stopped)
         return false;
-    if (state->worker == std::thread::id{}) {
-        state->thread = std::thread([held = state] {
+    if (state->worker == boost::thread::id{}) {
+        state->thread = boost::thread([held = state] {
             nameThisThread("kelvo-talk");
             held->service.run();
         });
@@ -59,7 +58,7 @@ try {
 bool AudioWorker::isRunning() const noexcept
 {
     const std::lock_guard lock(state->mutex);
-    return state->worker != std::thread::id{} && !state->stopped;
+    return state->worker != boost::thread::id{} && !state->stopped;
 }
 
 void AudioWorker::stop() noexcept
@@ -74,10 +73,9 @@ try {
     std::unique_lock lock(state->mutex);
     if (!state->thread.joinable())
         return {};
-    if (state->worker == std::this_thread::get_id())
-        throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
-                                "boost thread: trying joining itself");
-    std::thread ending = std::move(state->thread);
+    if (state->worker == boost::this_thread::get_id())
+        state->thread.join();  // is refused
+    boost::thread ending = std::move(state->thread);
     lock.unlock();
     ending.join();
     return {};
