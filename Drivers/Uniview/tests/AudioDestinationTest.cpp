@@ -3,11 +3,13 @@
 #include "TalkFixture.h"
 
 #include <Tavro8/ResultCode.h>
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
 #include <limits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -392,14 +394,21 @@ TEST_F(AudioDestination, mayBeDestroyedFromItsOwnCallbacks)
 TEST_F(AudioDestination, keepsNoFileUnlessTheEnvironmentAsksForIt)
 {
     ASSERT_EQ(std::getenv("KELVO_SPEAKER_AUDIO_OUTPUT_DUMP_DIR"), nullptr) << "this test needs it unset";
-    const auto countHere = [] {
-        return std::distance(std::filesystem::directory_iterator("."), std::filesystem::directory_iterator());
-    };
-    const auto before = countHere();
+    namespace fs = std::filesystem;
+    const fs::path before = fs::current_path();
+    const fs::path place = fs::temp_directory_path() / ("kelvo-no-dump-" + std::to_string(std::random_device{}()));
+    ASSERT_TRUE(fs::create_directory(place));
+    fs::current_path(place);
     talk(cameraWith(sdpWithBackChannel("0")));
     push(Samples(160, 0));
     hangUp();
-    EXPECT_EQ(countHere(), before);
+    fs::current_path(before);
+    const auto files = std::count_if(fs::directory_iterator(place), fs::directory_iterator(), [](const auto& entry) {
+        const std::string name = entry.path().filename().string();
+        return name.starts_with("file_") && name.ends_with(".bin");
+    });
+    EXPECT_EQ(files, 0);
+    fs::remove_all(place);
 }
 
 TEST_F(AudioDestination, isMadeForChannelsOfTheDeviceOnly)
