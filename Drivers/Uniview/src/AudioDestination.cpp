@@ -30,8 +30,12 @@ constexpr std::size_t packetBytes = 160;  // 20 ms of G.711
 
 /// Where the sound of each call is kept, read once when the module is loaded; empty when it is not to be kept.
 const std::filesystem::path dumpDirectory = [] {
+#if defined(_WIN32)
+    const wchar_t* const text = _wgetenv(L"KELVO_SPEAKER_AUDIO_OUTPUT_DUMP_DIR");  // narrow, it has a code page
+#else
     const char* const text = std::getenv("KELVO_SPEAKER_AUDIO_OUTPUT_DUMP_DIR");
-    return std::filesystem::path(text == nullptr ? "" : text);
+#endif
+    return text == nullptr ? std::filesystem::path() : std::filesystem::path(text);
 }();
 
 std::optional<G711Law> lawOf(const SdpTrack::Format& format)

@@ -98,16 +98,10 @@ public:
                 return;  // nobody has called
             const auto accepted = frame.samples.first(reserve(frame.samples.size()));
             leftOut(frame.samples.size() - accepted.size());
-            if (accepted.empty())
-                return;
-            const bool posted =
-                post(names().push.c_str(), [samples = std::vector<std::int16_t>(accepted.begin(), accepted.end())](
-                                               AudioDestinationBase& destination) mutable {
-                    destination.queued -= samples.size();
-                    destination.processFrame(std::move(samples));
-                });
-            if (!posted)
+            if (!accepted.empty() && !postFrame(accepted)) {
                 queued -= accepted.size();
+                leftOut(accepted.size());
+            }
         });
     }
 
@@ -222,6 +216,18 @@ private:
             taken = std::min(samples, limit - std::min(limit, present));
         while (!queued.compare_exchange_weak(present, present + taken));
         return taken;
+    }
+
+    /// False when there is no memory for the copy, or the worker has been stopped.
+    bool postFrame(std::span<const std::int16_t> frame) noexcept
+    try {
+        return post(names().push.c_str(),
+                    [samples = Samples(frame.begin(), frame.end())](AudioDestinationBase& destination) mutable {
+                        destination.queued -= samples.size();
+                        destination.processFrame(std::move(samples));
+                    });
+    } catch (...) {
+        return false;
     }
 
     void leftOut(std::size_t samples) noexcept
