@@ -116,7 +116,8 @@ AudioSource::AudioSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandle
                          Tavro8::Utility::LiveSourceContext sourceContext)
     : RTSPReceiverAudioSource(device, handler, parent, std::move(sourceContext)),
       weakDevice(device->weak_from_this()),
-      log(device->getLogger().get(), sourcePath, context.objectName)
+      log(device->getLogger().get(), sourcePath, context.objectName),
+      settingsQueue(device->settingsQueue(context.channel))
 {}
 
 void AudioSource::Start() noexcept
@@ -142,6 +143,10 @@ void AudioSource::Destroy() noexcept
 {
     const auto keep = shared_from_this();
     requests.end();
+    settingsQueue->drop(this);
+    Tavro8::guardedVoid(log, "Uniview::AudioSource::Destroy", [&] {
+        boost::asio::post(device->service(), [self = sharedSelf()] { self->settingsTurn.reset(); });
+    });
     RTSPReceiverAudioSource::Destroy();
 }
 
@@ -200,9 +205,7 @@ Tavro8::http::CompletionHandler AudioSource::onReply(const std::shared_ptr<Devic
         Tavro8::guardedVoid(self->log, place, [&] {
             if (self->requests.haveEnded())
                 return;
-            // Some firmware breaks off its answer where it lacks a resource; that is no loss of the device.
-            if (ec != ResultCode::connectionLost)
-                of->reportExchange(ec);
+            of->reportResourceExchange(ec);
             next(*self, of, ec, body, response);
         });
     };
@@ -304,38 +307,23 @@ std::int32_t AudioSource::takeSettings(const ParameterMap& changed)
 {
     const bool concernsDevice = settings::readAudioInput(changed).any();
     settings::checkAudioSink(changed);
-    if (concernsDevice && !device->hasBeenConnected()) {
-        log.error(applyingSettings, "Settings can be applied once the device has connected");
-        return toResult(ResultCode::invalidState);
-    }
-    if (settingsTaken.fetch_add(1) >= maxSettingsTaken) {
-        --settingsTaken;
-        log.error(applyingSettings, "Too many settings wait for the device");
-        return toResult(ResultCode::deviceBusy);
-    }
-    boost::asio::post(device->service(),
-                      [self = sharedSelf(), request = SettingsRequest{changed, device->shared_from_this()}] {
-                          Tavro8::guardedVoid(self->log, applyingSettings, [&] {
-                              self->waitingSettings.push_back(request);
-                              self->applyNextSettings();
-                          });
-                      });
-    return toResult(ResultCode::success);
+    const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed](SettingsQueue::Turn turn) {
+        self->beginSettings(changed, of, std::move(turn));
+    };
+    return settingsQueue->take({this, &log, applyingSettings, begin, concernsDevice});
 }
 
-void AudioSource::applyNextSettings()
+void AudioSource::beginSettings(const ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn)
 {
-    while (!applying && !waitingSettings.empty() && !requests.haveEnded()) {
-        const SettingsRequest request = std::move(waitingSettings.front());
-        waitingSettings.pop_front();
-        applying = true;
-        const auto failed = Tavro8::guarded(log, applyingSettings, toResult(ResultCode::unexpected), [&] {
-            applyAudioSettings(request);
-            return toResult(ResultCode::success);
-        });
-        if (failed != 0)
-            finishSettings(failed);
-    }
+    if (requests.haveEnded())
+        return;
+    settingsTurn = std::move(turn);
+    const auto failed = Tavro8::guarded(log, applyingSettings, toResult(ResultCode::unexpected), [&] {
+        applyAudioSettings(given, of);
+        return toResult(ResultCode::success);
+    });
+    if (failed != 0)
+        finishSettings(failed);
 }
 
 /// A step of a settings request, which ends with a result whatever happens.
@@ -350,22 +338,22 @@ void AudioSource::finishOnThrow(Step&& step)
         finishAudioInput(failed);
 }
 
-void AudioSource::applyAudioSettings(const SettingsRequest& request)
+void AudioSource::applyAudioSettings(const ParameterMap& given, const std::shared_ptr<Device>& of)
 {
-    adjust(request.given);
-    if (!settings::readAudioInput(request.given).any())
+    adjust(given);
+    if (!settings::readAudioInput(given).any())
         return finishSettings(toResult(ResultCode::success));
-    if (!request.device->hasBeenConnected())
+    if (!of->hasBeenConnected())
         return finishAudioInput(toResult(ResultCode::invalidState));  // closed while it waited
-    const std::string path = audioInputPath(*request.device, context.channel);
-    const auto reply = onReply(request.device, applyingSettings,
-                               [given = request.given, path](AudioSource& self, const auto& of, const auto& ec,
-                                                             const auto& body, const auto& response) {
-                                   lapi::Reply judged = lapi::judge(ec, response, body);
-                                   self.finishOnThrow([&] { self.onSettingsRead(of, given, path, judged); });
-                               });
-    requests.note(Requests::settings, Tavro8::http::asyncGetEx(request.device->getHttpConnectionInfo(), path,
-                                                               request.device->service(), reply));
+    const std::string path = audioInputPath(*of, context.channel);
+    const auto reply = onReply(
+        of, applyingSettings,
+        [given, path](AudioSource& self, const auto& from, const auto& ec, const auto& body, const auto& response) {
+            lapi::Reply judged = lapi::judge(ec, response, body);
+            self.finishOnThrow([&] { self.onSettingsRead(from, given, path, judged); });
+        });
+    requests.note(Requests::settings,
+                  Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
 }
 
 void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const ParameterMap& given, const std::string& path,
@@ -415,13 +403,11 @@ void AudioSource::finishAudioInput(std::int32_t result)
 {
     reportSettings("audioInput", result);
     finishSettings(result);
-    applyNextSettings();
 }
 
 void AudioSource::finishSettings(std::int32_t result)
 {
-    applying = false;
-    --settingsTaken;
+    const auto turn = std::move(settingsTurn);  // the next begins when all has been told
     reportSettings("all", result);
 }
 

@@ -2,14 +2,13 @@
 
 #include "Device.h"
 #include "Lapi.h"
+#include "SettingsQueue.h"
 
 #include <IpUtil/Http.h>
 #include <IpUtil/RTSPReceiverBase.h>
 #include <Tavro8/GDRV/ILiveSource.h>
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,11 +26,9 @@ namespace Uniview
 /// Threads as in `RTSPReceiverBase`; replies of the management interface come on the device's I/O thread. The
 /// microphone is switched on beside the stream and never holds it up: once for each start, or when the device has
 /// connected if that is later, and again with each later connection of the stream, since a device that restarted may be
-/// mute. Settings are applied one request of the host after the other.
+/// mute. Settings are applied one request of the host after the other, among all sources of the channel.
 class AudioSource final : public Tavro8::Utility::RTSPReceiverAudioSource<Device> {
 public:
-    static constexpr std::size_t maxSettingsTaken = 32;  ///< by `ApplySettings`, before the first of them is done
-
     /// Makes a source that the host releases with `Destroy`. Arguments as in `IDevice::CreateAudioSource`.
     static Tavro8::GDRV::IAudioSource* create(Device* device, std::uint32_t channel,
                                               Tavro8::GDRV::IAsyncDeviceChannelHandler* handler,
@@ -77,11 +74,6 @@ private:
         Tavro8::http::CancellationPtr underWay[kinds];
         bool ended = false;
     };
-    /// One request of the host to apply settings.
-    struct SettingsRequest {
-        Tavro8::ParameterMap given;
-        std::shared_ptr<Device> device;  // the host may release it before the last reply
-    };
     /// One attempt to switch the microphone on; no other begins while it is held.
     struct Turn;
     using TurnPtr = std::shared_ptr<Turn>;
@@ -101,8 +93,8 @@ private:
                        const char* words);
 
     std::int32_t takeSettings(const Tavro8::ParameterMap& changed);
-    void applyNextSettings();
-    void applyAudioSettings(const SettingsRequest& request);
+    void beginSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn);
+    void applyAudioSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of);
     void onSettingsRead(const std::shared_ptr<Device>& of, const Tavro8::ParameterMap& given, const std::string& path,
                         lapi::Reply& reply);
     void onSettingsWritten(const Tavro8::ParameterMap& given, const std::string& path, const std::string& body,
@@ -119,11 +111,8 @@ private:
     std::atomic<bool> switchingOn{false};
     std::atomic<bool> startCoversConnection{false};  // the microphone was seen to when the source was started
     std::atomic<bool> microphoneFailureTold{false};
-    std::atomic<std::size_t> settingsTaken{0};  // requests that are not done
-    std::atomic<std::uint64_t> lastFormat{0};   // codec and sample rate of the last frame
-
-    // On the I/O thread only:
-    std::deque<SettingsRequest> waitingSettings;
-    bool applying = false;
+    std::atomic<std::uint64_t> lastFormat{0};  // codec and sample rate of the last frame
+    const std::shared_ptr<SettingsQueue> settingsQueue;
+    SettingsQueue::Turn settingsTurn;  // of the request under way; on the I/O thread only
 };
 }  // namespace Uniview

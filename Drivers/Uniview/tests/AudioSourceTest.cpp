@@ -502,7 +502,7 @@ TEST_F(AudioSource, takesALimitedNumberOfSettings)
 {
     prepare();
     peer.staySilent(cameraPath);
-    for (std::size_t i = 0; i < Uniview::AudioSource::maxSettingsTaken; ++i)
+    for (std::size_t i = 0; i < Uniview::SettingsQueue::maxTaken; ++i)
         ASSERT_EQ(apply({{"volume", 1}}), 0);
     EXPECT_EQ(apply({{"volume", 1}}), toResult(ResultCode::deviceBusy));
     destroy();
