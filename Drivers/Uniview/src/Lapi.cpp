@@ -3,6 +3,7 @@
 #include <IpUtil/Wide.h>
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <exception>
 #include <json/reader.h>
@@ -19,27 +20,82 @@ namespace
 using Tavro8::ResultCode;
 using Tavro8::toResult;
 
-/// The control character that stands in front of a fraction that was made a text for the reader: one that is nowhere in
+/// The control character that stands in front of a number that was made a text for the reader: one that is nowhere in
 /// the document, plain or escaped. Nothing when there is none, which no device does by accident.
 std::optional<char> unusedMark(std::string_view text)
 {
-    for (char digit = '1'; digit <= '8'; ++digit) {
-        const char mark = static_cast<char>(digit - '0');
-        if (text.find(mark) == std::string_view::npos &&
-            text.find(std::string("\\u000") + digit) == std::string_view::npos)
+    constexpr std::string_view escape = "\\u000";
+    constexpr char mostMark = 8;
+    std::array<bool, mostMark + 1> used{};
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const bool escaped =
+            text[at] == '\\' && text.substr(at).starts_with(escape) && at + escape.size() < text.size();
+        const char c = escaped ? static_cast<char>(text[at + escape.size()] - '0') : text[at];
+        if (c > 0 && c <= mostMark)
+            used[static_cast<std::size_t>(c)] = true;
+    }
+    for (char mark = 1; mark <= mostMark; ++mark) {
+        if (!used[static_cast<std::size_t>(mark)])
             return mark;
     }
     return {};
 }
 
-bool isNumberCharacter(char c) noexcept
+constexpr bool isDigit(char c) noexcept
 {
-    return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
+    return c >= '0' && c <= '9';
 }
 
-/// Makes each number with a fraction or exponent a marked text, because JsonCpp reads fractions through a stream
-/// that takes over the host's global locale. Gives nothing when there is no such number, which is the usual case.
-std::optional<std::string> quoteFractions(std::string_view text, char mark)
+constexpr bool isNumberCharacter(char c) noexcept
+{
+    return isDigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
+}
+
+/// Whether the text is a number, RFC 8259, section 6. The reader takes a 0 in front of other digits, too.
+bool isNumber(std::string_view text)
+{
+    const auto skip = [&](std::string_view characters) {
+        const bool found = !text.empty() && characters.find(text.front()) != std::string_view::npos;
+        text.remove_prefix(found ? 1 : 0);
+        return found;
+    };
+    const auto skipDigits = [&] {
+        const auto digits =
+            static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isDigit) - text.begin());
+        text.remove_prefix(digits);
+        return digits > 0;
+    };
+    skip("-");
+    if (!skip("0") && !skipDigits())
+        return false;
+    if (skip(".") && !skipDigits())
+        return false;
+    if (skip("eE")) {
+        skip("+-");
+        if (!skipDigits())
+            return false;
+    }
+    return text.empty();
+}
+
+template <typename Number>
+std::optional<Number> numberOf(std::string_view text)
+{
+    Number number{};
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+    return read.ec == std::errc{} && read.ptr == text.data() + text.size() ? std::optional(number) : std::nullopt;
+}
+
+/// Whether the reader makes of a number what it is. It reads fractions through a stream that takes over the host's
+/// global locale, makes fractions of long integers, and does not look at what stands in front of a number.
+bool isReadAsItIs(std::string_view number)
+{
+    return isNumber(number) && number != "-0" && (numberOf<std::int64_t>(number) || numberOf<std::uint64_t>(number));
+}
+
+/// Makes each number that the reader would change a marked text. Gives nothing when there is none, which is the usual
+/// case.
+std::optional<std::string> quoteNumbers(std::string_view text, char mark)
 {
     std::string quoted;
     bool inString = false;
@@ -55,12 +111,12 @@ std::optional<std::string> quoteFractions(std::string_view text, char mark)
         }
         if (c == '"') {
             inString = true;
-        } else if (c == '-' || (c >= '0' && c <= '9')) {
+        } else if (c == '-' || c == '+' || isDigit(c)) {  // the reader takes a plus, too
             std::size_t end = at;
             while (end < text.size() && isNumberCharacter(text[end]))
                 ++end;
             const std::string_view number = text.substr(at, end - at);
-            if (number.find_first_of(".eE") != std::string_view::npos) {
+            if (!isReadAsItIs(number)) {
                 quoted.append(text.substr(copied, at - copied));
                 quoted.append(1, '"').append(1, mark).append(number).append(1, '"');
                 copied = end;
@@ -73,34 +129,99 @@ std::optional<std::string> quoteFractions(std::string_view text, char mark)
     return quoted.append(text.substr(copied));
 }
 
-/// Turns the marked texts back into numbers; false when one is none.
-bool restoreFractions(Json::Value& value, char mark)
+// An integer that JsonCpp cannot hold is carried beside its value, as a comment of it. What replaces the value replaces
+// the comment; comments of devices are not read.
+constexpr auto literalPlace = Json::commentBefore;
+constexpr std::string_view literalSign = "//";  // a comment has to begin so
+
+bool restoreNumber(Json::Value& value, std::string_view literal)
+{
+    const auto number = numberOf<double>(literal);
+    if (!isNumber(literal) || !number)
+        return false;
+    if (literal.find_first_of(".eE") != std::string_view::npos) {
+        value = *number;
+        return true;
+    }
+    value = literal == "-0" ? Json::Value(0) : Json::Value(*number);
+    value.setComment(std::string(literalSign).append(literal), literalPlace);
+    return true;
+}
+
+bool beginsWith(char mark, const char* begin, const char* end)
+{
+    return begin != end && *begin == mark;
+}
+
+/// Turns the marked texts back into numbers; false when one is none, or stands where a name has to be.
+bool restoreNumbers(Json::Value& value, char mark)
 {
     if (value.isString()) {
         const char* begin = nullptr;
         const char* end = nullptr;
         value.getString(&begin, &end);
-        if (begin == end || *begin != mark)
-            return true;
-        double number = 0;
-        const auto read = std::from_chars(begin + 1, end, number);
-        if (read.ec != std::errc{} || read.ptr != end)
-            return false;
-        value = number;
-        return true;
+        return !beginsWith(mark, begin, end) ||
+               restoreNumber(value, std::string(begin + 1, end));  // a copy: the value is replaced
     }
-    for (Json::Value& member : value) {
-        if (!restoreFractions(member, mark))
+    for (auto member = value.begin(); member != value.end(); ++member) {
+        const char* end = nullptr;
+        const char* const name = member.memberName(&end);
+        if (beginsWith(mark, name, end) || !restoreNumbers(*member, mark))
             return false;
     }
     return true;
 }
 
+/// Makes each number that is carried as a literal a marked text; tells whether there is one.
+bool markLiterals(Json::Value& value, char mark)
+{
+    if (value.hasComment(literalPlace)) {
+        value = Json::Value(mark + value.getComment(literalPlace).substr(literalSign.size()));
+        return true;
+    }
+    bool any = false;
+    for (Json::Value& member : value)
+        any |= markLiterals(member, mark);
+    return any;
+}
+
+/// Takes the marked texts of a written document, in which the mark is escaped, out of their quotes.
+std::string unquoteLiterals(std::string_view text, char mark)
+{
+    const std::string begin = std::string("\"\\u000") + static_cast<char>('0' + mark);
+    std::string unquoted;
+    for (std::size_t at = text.find(begin); at != std::string_view::npos; at = text.find(begin)) {
+        unquoted.append(text.substr(0, at));
+        text.remove_prefix(at + begin.size());
+        const std::size_t length = text.find('"');
+        unquoted.append(text.substr(0, length));
+        text.remove_prefix(length + 1);
+    }
+    return unquoted.append(text);
+}
+
 bool readDocument(std::string_view text, Json::Value& document, std::string& error)
 {
-    const Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder builder;
+    builder["allowComments"] = false;  // JSON has none, and a quote in one would not be that of a text
+    builder["collectComments"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     return reader->parse(text.data(), text.data() + text.size(), &document, &error);
+}
+
+std::string writeDocument(const Json::Value& document)
+{
+    Json::StreamWriterBuilder builder;
+    builder["commentStyle"] = "None";
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    builder["precision"] = 15;
+    return Json::writeString(builder, document);
+}
+
+std::string tooLong(std::size_t size)
+{
+    return std::to_string(size) + " bytes are more than the " + std::to_string(maxDocumentBytes) + " of a document";
 }
 
 Reply failed(Failure failure, std::int32_t result, int code, std::string message)
@@ -204,14 +325,18 @@ std::string printable(std::string_view text, std::size_t mostBytes)
 
 bool parseJson(std::string_view text, Json::Value& document, std::string& error)
 {
+    if (text.size() > maxDocumentBytes) {
+        error = tooLong(text.size());
+        return false;
+    }
     try {
         const auto mark = unusedMark(text);
-        const auto quoted = mark ? quoteFractions(text, *mark) : std::nullopt;
+        const auto quoted = mark ? quoteNumbers(text, *mark) : std::nullopt;
         if (!readDocument(quoted ? *quoted : text, document, error)) {
             error = printable(error);  // the reader gives an account of several lines, with parts of the document
             return false;
         }
-        if (!quoted || restoreFractions(document, *mark))
+        if (!quoted || restoreNumbers(document, *mark))
             return true;
         error = "a number cannot be read";
     } catch (const std::exception& e) {  // nesting beyond the reader's limit
@@ -222,12 +347,12 @@ bool parseJson(std::string_view text, Json::Value& document, std::string& error)
 
 std::string writeJson(const Json::Value& document)
 {
-    Json::StreamWriterBuilder builder;
-    builder["commentStyle"] = "None";
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    builder["precision"] = 15;
-    return Json::writeString(builder, document);
+    std::string text = writeDocument(document);
+    const auto mark = unusedMark(text);
+    Json::Value marked = document;
+    if (!mark || !markLiterals(marked, *mark))
+        return text;
+    return unquoteLiterals(writeDocument(marked), *mark);
 }
 
 Reply judge(const Tavro8::error_code& transportError, const Tavro8::http::HttpResponse& response,
@@ -247,6 +372,8 @@ Reply judge(const Tavro8::error_code& transportError, const Tavro8::http::HttpRe
         return failed(Failure::empty, toResult(ResultCode::emptyReply), 0, {});
     if (expect == Expect::body)
         return {};
+    if (body.size() > maxDocumentBytes)
+        return failed(Failure::malformed, toResult(ResultCode::responseTooLarge), 0, tooLong(body.size()));
     Json::Value document;
     std::string error;
     if (!parseJson({body.data(), body.size()}, document, error))

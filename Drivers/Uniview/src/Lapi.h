@@ -17,7 +17,7 @@ enum class Failure {
     transport,  ///< the exchange failed; status and body mean nothing
     status,     ///< the HTTP status is not accepted
     empty,      ///< no body where data are expected
-    malformed,  ///< the body is not JSON, or not of the shape of a reply
+    malformed,  ///< the body is not JSON, not of the shape of a reply, or longer than a document may be
     api,        ///< the device reports a failure of its own in "ResponseCode"
 };
 
@@ -66,11 +66,16 @@ std::string describe(const Reply& reply, std::string_view path, Wording wording 
 /// terminal or end a line become blanks.
 std::string printable(std::string_view text, std::size_t mostBytes = 256);
 
+/// What is read of a device at most: its documents are a few KiB, but a text of many small values costs a hundred times
+/// its size and the time of the thread that serves all devices.
+inline constexpr std::size_t maxDocumentBytes = 1U << 20U;
+
 /// Reads one JSON document; gives false and the reader's words, in one line, instead of throwing. Numbers are read
-/// alike under every global locale, and nesting is limited.
+/// alike under every global locale; size and nesting are limited. An integer beyond 64 bits is a fraction for who asks,
+/// but written back by `writeJson` as it came.
 bool parseJson(std::string_view text, Json::Value& document, std::string& error);
 
 /// A document that was read and edited, as the device gets it back: on one line, with 15 significant digits, texts as
-/// they came. What was an integer stays one, and what had a fraction keeps it, also one of 0.
+/// they came. What was an integer stays one, of any length, and what had a fraction keeps it, also one of 0.
 std::string writeJson(const Json::Value& document);
 }  // namespace Uniview::lapi

@@ -1,6 +1,7 @@
 #include "Lapi.h"
 
 #include "GroupingLocale.h"
+#include "SettingsText.h"
 
 #include <Tavro8/ResultCode.h>
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@ using kelvo::test::GroupingLocale;
 using Tavro8::ResultCode;
 using Tavro8::toResult;
 using Tavro8::http::HttpResponse;
+using Uniview::test::jsonOf;
 
 constexpr const char* path = "/LAPI/V1.0/System/DeviceInfo";
 constexpr const char* envelope =
@@ -178,7 +180,7 @@ TEST(LapiReply, longFailureTextsAreClippedBetweenCharacters)
 {
     EXPECT_EQ(judged(envelopeSaying(std::string(256, 'x'))).message, std::string(256, 'x'));
     EXPECT_EQ(judged(envelopeSaying(std::string(257, 'x'))).message, std::string(256, 'x') + "...");
-    EXPECT_EQ(judged(envelopeSaying(std::string(1'000'000, 'x'))).statusString, std::string(256, 'x') + "...");
+    EXPECT_EQ(judged(envelopeSaying(std::string(100'000, 'x'))).statusString, std::string(256, 'x') + "...");
     EXPECT_EQ(lapi::judge({}, replyWith(404, std::string(60'000, 'x')), {}).message, std::string(256, 'x') + "...");
     for (const std::string character : {"\u00e4", "\u4e2d", "\U0001f512"}) {
         for (std::size_t before = 250; before <= 256; ++before) {
@@ -269,6 +271,86 @@ TEST(LapiJson, readsADocumentWithEveryMarkAsItIs)
     ASSERT_TRUE(lapi::parseJson(R"(["\u0001\u0002\u0003\u0004\u0005\u0006\u0007\u0008", 2.5])", document, error));
     EXPECT_EQ(document[0].asString(), "\1\2\3\4\5\6\7\10");
     EXPECT_DOUBLE_EQ(document[1].asDouble(), 2.5);
+}
+
+TEST(LapiJson, integersOfAnyLengthAreWrittenBackAsTheyCame)
+{
+    const std::string texts[] = {
+        "[18446744073709551615,-9223372036854775808,9223372036854775808]",
+        "[18446744073709551616,-9223372036854775809,12345678901234567890123]",
+        "[-0,0,1]",
+        R"({"Big":18446744073709551616,"Text":"18446744073709551616"})",
+        R"(["\u0001x","\u0002","\u00048",18446744073709551616])",
+        "[-0]",
+        "18446744073709551616",
+    };
+    for (const std::string& text : texts) {
+        SCOPED_TRACE(text);
+        const Json::Value document = jsonOf(text);
+        EXPECT_EQ(lapi::writeJson(document), text);
+        EXPECT_EQ(lapi::writeJson(Json::Value(document)), text) << "a copy says the same";
+        EXPECT_EQ(lapi::writeJson(jsonOf(lapi::writeJson(document))), text);
+    }
+}
+
+TEST(LapiJson, integersBeyond64BitsAreFractionsForWhoAsks)
+{
+    Json::Value document = jsonOf(R"({"Big":18446744073709551616,"Zero":-0})");
+    EXPECT_DOUBLE_EQ(document["Big"].asDouble(), 18446744073709551616.0);
+    EXPECT_FALSE(document["Big"].isInt64());
+    EXPECT_EQ(document["Zero"], 0);
+    document["Big"] = 7;
+    document["Zero"] = "none";
+    EXPECT_EQ(lapi::writeJson(document), R"({"Big":7,"Zero":"none"})") << "what is replaced is gone";
+}
+
+TEST(LapiJson, refusesWhatIsNoNumber)
+{
+    const char* const texts[] = {"{1.5:3}",    "{18446744073709551616:3}",
+                                 "{-0 : 3}",   "{1:3}",
+                                 "[007]",      "[-01]",
+                                 "[1.]",       "[.5]",
+                                 "[1e]",       "[1e+]",
+                                 "[-]",        "[1-2]",
+                                 "[01.5]",     "[+1]",
+                                 "[1e400]",    "[--1]",
+                                 "[1.2.3]",    "[NaN,1.5]",
+                                 "[-Infinity]"};
+    for (const char* const text : texts) {
+        Json::Value document;
+        std::string error;
+        EXPECT_FALSE(lapi::parseJson(text, document, error)) << text;
+        EXPECT_NE(error, "") << text;
+    }
+}
+
+TEST(LapiJson, refusesComments)
+{
+    Json::Value document;
+    std::string error;
+    EXPECT_FALSE(lapi::parseJson("[1, /* \" */ 2.5, \"3.5\"]", document, error));
+    EXPECT_FALSE(lapi::parseJson("// 1\n[1]", document, error));
+}
+
+TEST(LapiJson, readsNoMoreThanADocumentMayHave)
+{
+    const auto ofSize = [](std::size_t size) { return "[" + std::string(size - 2, ' ') + "]"; };
+    Json::Value document;
+    std::string error;
+    EXPECT_TRUE(lapi::parseJson(ofSize(lapi::maxDocumentBytes), document, error)) << error;
+    EXPECT_FALSE(lapi::parseJson(ofSize(lapi::maxDocumentBytes + 1), document, error));
+    EXPECT_EQ(error, "1048577 bytes are more than the 1048576 of a document");
+}
+
+TEST(LapiReply, longerOneThanADocumentMayBeIsNotRead)
+{
+    const std::string prefix = R"({"Response":{"ResponseCode":0,"Data":[)";
+    const std::string longest = prefix + std::string(lapi::maxDocumentBytes - prefix.size() - 3, ' ') + "]}}";
+    EXPECT_TRUE(judged(longest));
+    const auto reply = judged(longest + ' ');
+    EXPECT_EQ(reply.failure, lapi::Failure::malformed);
+    EXPECT_EQ(reply.result, toResult(ResultCode::responseTooLarge));
+    EXPECT_EQ(reply.message, "1048577 bytes are more than the 1048576 of a document");
 }
 
 TEST(LapiJson, reportsTheReadersWordsInOneShortLine)
