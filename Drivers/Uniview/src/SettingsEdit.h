@@ -17,6 +17,7 @@ struct Edit {
     bool changed = false;
     std::int32_t result = 0;  ///< for the host; not 0 when nothing may be written
     std::string message;      ///< for the log when `result` is not 0
+    std::string note{};       ///< for the log when `result` is 0: which value was not followed to the letter, and why
 
     explicit operator bool() const noexcept { return changed; }
 };
@@ -69,8 +70,8 @@ void setResolution(Json::Value& parent, int width, int height);
 template <typename Body>
 Edit edit(Body&& body)
 try {
-    return {std::forward<Body>(body)(), 0, {}};
+    return {std::forward<Body>(body)(), 0, {}, {}};
 } catch (const Refusal& e) {
-    return {false, e.getResult(), e.what()};
+    return {false, e.getResult(), e.what(), {}};
 }
 }  // namespace Uniview::settings

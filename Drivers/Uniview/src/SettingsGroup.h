@@ -29,6 +29,7 @@ struct GroupTraits {
     const char* collection;
     const char* suffix;
     const char* readPlace;  ///< the names under which handlers of read and write log
+    const char* editPlace;  ///< the name under which the function that edits logs
     const char* writePlace;
     const char* readFailure;
     const char* writeFailure;

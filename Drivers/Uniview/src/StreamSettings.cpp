@@ -48,17 +48,16 @@ bool isStream(const Json::Value& entry, std::uint32_t stream)
     return id.isUInt() && id.asUInt() == stream;
 }
 
-/// Leaves nothing but the stream of that number in the list; null when it is not in there.
+/// Leaves nothing but the stream of that number in the list, as often as it is there; null when it is not.
 Json::Value* keepOnly(Json::Value& list, std::uint32_t stream)
 {
-    const auto found =
-        std::find_if(list.begin(), list.end(), [&](const auto& entry) { return isStream(entry, stream); });
-    if (found == list.end())
-        return nullptr;
-    Json::Value kept;
-    kept.swap(*found);
-    list.clear();
-    return &list.append(std::move(kept));
+    Json::Value kept(Json::arrayValue);
+    for (Json::Value& entry : list) {
+        if (isStream(entry, stream))
+            kept.append(std::move(entry));
+    }
+    list.swap(kept);
+    return list.empty() ? nullptr : &list[0];
 }
 
 /// Which dialect the firmware speaks.
@@ -96,20 +95,31 @@ bool writeCodec(Json::Value& encoding, const std::optional<std::string>& wanted,
 }
 
 /// How many pictures a second the model allows of the wanted ones; nothing when it does not know the codec.
-std::optional<int> cappedFps(int wanted, const Codec* codec, const TextMap& maxFpsForCodec)
+std::optional<int> cappedFps(int wanted, const Codec* codec, const TextMap& maxFpsForCodec, std::string& note)
 {
     if (maxFpsForCodec.empty())
         return wanted;
     const auto cap = codec == nullptr ? maxFpsForCodec.end() : maxFpsForCodec.find(codec->name);
-    if (cap == maxFpsForCodec.end())
+    if (cap == maxFpsForCodec.end()) {
+        note = std::string("fps is left as the device has it: maxFpsForCodec does not know ") +
+               (codec == nullptr ? "its codec" : codec->name);
         return {};
-    return cap->second == "any" ? wanted : std::min(wanted, positive(cap->second, "maxFpsForCodec"));
+    }
+    if (cap->second == "any")
+        return wanted;
+    const int most = positive(cap->second, "maxFpsForCodec");
+    if (wanted > most) {
+        note = "fps " + std::to_string(wanted) + " is more than " + codec->name +
+               " allows, maxFpsForCodec:" + std::to_string(most);
+    }
+    return std::min(wanted, most);
 }
 
-bool writeFps(Json::Value& encoding, const Given& given, const Codec* codec, const TextMap& maxFpsForCodec)
+bool writeFps(Json::Value& encoding, const Given& given, const Codec* codec, const TextMap& maxFpsForCodec,
+              std::string& note)
 {
     const auto wanted = given.number("fps");
-    const auto fps = wanted ? cappedFps(*wanted, codec, maxFpsForCodec) : std::nullopt;
+    const auto fps = wanted ? cappedFps(*wanted, codec, maxFpsForCodec, note) : std::nullopt;
     if (fps)
         encoding["FrameRate"] = *fps;
     return fps.has_value();
@@ -147,12 +157,13 @@ bool writeNumber(Json::Value& encoding, const Given& given, const NumberRow& row
     return true;
 }
 
-bool writeEncoding(Json::Value& encoding, const Given& given, const TextMap& maxFpsForCodec)
+/// `note` says which value is not followed to the letter.
+bool writeEncoding(Json::Value& encoding, const Given& given, const TextMap& maxFpsForCodec, std::string& note)
 {
     const auto codecName = given.text("codec");
     const Codec* const codec = chosenCodec(encoding, codecName);
     bool changed = writeCodec(encoding, codecName, codec);
-    changed |= writeFps(encoding, given, codec, maxFpsForCodec);
+    changed |= writeFps(encoding, given, codec, maxFpsForCodec, note);
     changed |= writeResolution(encoding, given);
     changed |= writeBitrateControl(encoding, given);
     for (const NumberRow& row : numberRows)
@@ -170,13 +181,15 @@ bool concernsStream(const Tavro8::ParameterMap& given)
 bool canBeWritten(const Tavro8::ParameterMap& given, const TextMap& maxFpsForCodec)
 {
     Json::Value encoding(Json::objectValue);  // of a device that has nothing
-    return edit([&] { return writeEncoding(encoding, Given(given), maxFpsForCodec); }).result == 0;
+    std::string note;
+    return edit([&] { return writeEncoding(encoding, Given(given), maxFpsForCodec, note); }).result == 0;
 }
 
 Edit editStream(Json::Value& data, const Tavro8::ParameterMap& given, std::uint32_t stream,
                 const TextMap& maxFpsForCodec)
 {
-    return edit([&] {
+    std::string note;
+    Edit result = edit([&] {
         const Refusal empty(ResultCode::emptyReply, traitsOf(Group::stream).empty);
         if (!data.isObject())
             throw empty;
@@ -192,7 +205,10 @@ Edit editStream(Json::Value& data, const Tavro8::ParameterMap& given, std::uint3
         Json::Value& encoding = (*entry)["VideoEncodeInfo"];
         if (!encoding.isObject())
             throw Refusal(ResultCode::malformedReply, "\"VideoEncodeInfo\" is not an object");
-        return writeEncoding(encoding, Given(given), maxFpsForCodec);
+        return writeEncoding(encoding, Given(given), maxFpsForCodec, note);
     });
+    if (result.result == 0)
+        result.note = std::move(note);
+    return result;
 }
 }  // namespace Uniview::settings

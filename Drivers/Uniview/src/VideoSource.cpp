@@ -210,7 +210,9 @@ void VideoSource::onSettingsRead(const GroupTraits& group, lapi::Reply& reply)
     }
     const settings::Edit edit = (this->*editors[indexOf(group)])(reply.data, settingsRun->given);
     if (edit.result != 0)
-        settingsLogger.error(group.readPlace, edit.message);
+        settingsLogger.error(group.editPlace, edit.message);
+    else if (!edit.note.empty())
+        settingsLogger.warning(group.editPlace, edit.note);
     if (!edit)
         return finishSettings(group, edit.result);
     if (!settingsRun->device->hasBeenConnected()) {
@@ -236,7 +238,7 @@ void VideoSource::logFailure(const char* place, const lapi::Reply& reply, const 
 {
     const std::string path = pathOf(group, settingsRun->channelNumber);
     if (reply.failure == lapi::Failure::malformed)
-        settingsLogger.error(place, " HTTP response cannot be read, request:", path);
+        settingsLogger.error(place, " HTTP response cannot be read, request:", path, ", reason:", reply.message);
     else
         settingsLogger.error(place, lapi::describe(reply, path));
     settingsLogger.error(place, consequence);

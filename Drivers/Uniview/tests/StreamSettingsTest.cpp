@@ -81,9 +81,6 @@ TEST(StreamSettings, writesTheSourcesOwnStreamAlone)
     EXPECT_EQ(edit({{"bitRate", 512}}, streams(stream(2, "{}") + ',' + stream(0, "{}") + ',' + stream(1, "{}")), 0),
               R"({"Num":1,"VideoStreamInfos":[{"Enabled":1,"ID":0,"VideoEncodeInfo":{"BitRate":512}}]})")
         << "the number counts, not the position";
-    EXPECT_EQ(edit({{"bitRate", 512}}, streams(stream(0, "{}") + ',' + stream(0, "{}"))),
-              R"({"Num":1,"VideoStreamInfos":[{"Enabled":1,"ID":0,"VideoEncodeInfo":{"BitRate":512}}]})")
-        << "one, even when a device repeats itself";
 }
 
 TEST(StreamSettings, enabledIsSetOnlyWhereItIs)
@@ -315,6 +312,40 @@ TEST(StreamSettings, whatIsNotKnownIsWrittenBackAsItCame)
         EXPECT_EQ(edit({{"bitRate", 2}}, data), written) << "under " << set;
         std::setlocale(LC_NUMERIC, "C");
     }
+}
+
+TEST(StreamSettings, frameRateThatIsNotFollowedIsNoted)
+{
+    const TextMap caps{{"H.264", "15"}, {"H.265", "any"}};
+    const struct {
+        ParameterMap given;
+        const char* encoding;
+        const char* note;
+    } cases[] = {
+        {{{"fps", 25}}, R"({"EncodeFormat":1})", "fps 25 is more than H.264 allows, maxFpsForCodec:15"},
+        {{{"fps", 15}}, R"({"EncodeFormat":1})", ""},
+        {{{"fps", 25}}, R"({"EncodeFormat":2})", ""},
+        {{{"fps", 25}},
+         R"({"EncodeFormat":0})",
+         "fps is left as the device has it: maxFpsForCodec does not know MJPEG"},
+        {{{"fps", 25}},
+         R"({"EncodeFormat":77})",
+         "fps is left as the device has it: maxFpsForCodec does not know its codec"},
+        {{{"fps", 25}, {"bitRate", Text("much")}}, R"({"EncodeFormat":1})", ""},
+        {{{"bitRate", 5}}, R"({"EncodeFormat":0})", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.encoding);
+        Json::Value data = jsonOf(camera(c.encoding));
+        EXPECT_EQ(settings::editStream(data, c.given, 0, caps).note, c.note);
+    }
+}
+
+TEST(StreamSettings, streamThatIsListedTwiceIsWrittenBackTwice)
+{
+    EXPECT_EQ(edit({{"bitRate", 5}}, streams(stream(0, "{}") + ',' + stream(1, "{}") + ',' + stream(0, "{}"))),
+              R"({"Num":1,"VideoStreamInfos":[{"Enabled":1,"ID":0,"VideoEncodeInfo":{"BitRate":5}},)"
+              R"({"Enabled":0,"ID":0,"VideoEncodeInfo":{}}]})");
 }
 
 TEST(StreamSettings, tellsWhatCannotBeWrittenWithoutTheDevice)

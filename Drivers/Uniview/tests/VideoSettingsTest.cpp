@@ -1,4 +1,5 @@
 #include "DeviceFixture.h"
+#include "Lapi.h"
 #include "SettingsGroup.h"
 
 #include <Tavro8/ResultCode.h>
@@ -111,6 +112,12 @@ const Case cases[] = {
      "Can't apply image enhance settings",
      "Image enhance settings is empty"},
 };
+
+/// The name of the function that edits the resource.
+std::string editorOf(const Case& c)
+{
+    return std::string("Uniview::VideoSource::") + c.resource + "Settings";
+}
 
 std::string reply(const std::string& data)
 {
@@ -361,7 +368,7 @@ TEST_F(VideoSettings, missingDataAreSaidToBeEmpty)
         peer.answerOnce(std::string("GET ") + c.path, 200, done);
         EXPECT_EQ(apply(c.given), allBut(c.resource, toResult(ResultCode::emptyReply)));
         EXPECT_EQ(written(), Lines{});
-        expectLine(c.empty, c.getHandler);
+        expectLine(c.empty, editorOf(c));
         EXPECT_FALSE(logger.contains(c.readFailure)) << "the request has not failed";
     }
 }
@@ -380,7 +387,8 @@ TEST_F(VideoSettings, everyReplyIsJudged)
         {"empty", "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n", toResult(ResultCode::emptyReply),
          " HTTP responce is empty, request:" + path},
         {"no JSON", "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 6\r\n\r\n<html>",
-         toResult(ResultCode::malformedReply), " HTTP response cannot be read, request:" + path},
+         toResult(ResultCode::malformedReply),
+         " HTTP response cannot be read, request:" + path + ", reason:* Line 1, Column 1"},
         {"refused", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + apiError(), toResult(ResultCode::apiError),
          " Internal API error :Not Supported, status :no way"},
         {"unknown path", "HTTP/1.1 599 Unknown\r\nConnection: close\r\n\r\n" + apiError(),
@@ -404,6 +412,17 @@ TEST_F(VideoSettings, everyReplyIsJudged)
         peer.answer(method + path, 200, reply("{}"));
     }
     EXPECT_EQ(handler.lostTotal(), 0) << "a resource that breaks off does not lose the device";
+}
+
+TEST_F(VideoSettings, replyThatIsTooLongIsTheFailureOfItsResource)
+{
+    connect();
+    peer.answer(std::string("GET ") + enhancePath, 200, reply('[' + std::string(lapi::maxDocumentBytes, ' ') + ']'));
+    EXPECT_EQ(apply({{"brightness", 50}, {"redGain", 3}}),
+              allBut("imageEnhance", toResult(ResultCode::responseTooLarge)));
+    EXPECT_EQ(written(), (Lines{std::string("PUT ") + cases[4].path + R"( {"RedOffset":3})"}));
+    EXPECT_TRUE(logger.contains(std::string(" HTTP response cannot be read, request:") + enhancePath + ", reason:"))
+        << logger.text();
 }
 
 TEST_F(VideoSettings, redirectWithAnEnvelopeIsAccepted)
@@ -435,9 +454,9 @@ TEST_F(VideoSettings, wrongValuesEndTheirResourceAlone)
     EXPECT_EQ(results, expected);
     EXPECT_EQ(written(), (Lines{std::string("PUT ") + cases[4].path + R"( {"RedOffset":3})"}));
     expectLine("boost::bad_any_cast: failed conversion using boost::any_cast, parameter:brightness",
-               cases[7].getHandler);
-    expectLine("invalid stoi argument, parameter:fps", cases[0].getHandler);
-    expectLine("Can't parse capture mode values", cases[1].getHandler);
+               editorOf(cases[7]));
+    expectLine("invalid stoi argument, parameter:fps", "Uniview::VideoSource::streamSettings");
+    expectLine("Can't parse capture mode values", "Uniview::VideoSource::captureModeSettings");
 }
 
 TEST_F(VideoSettings, firstFailureInTheOrderOfTheResourcesIsThatOfAll)
@@ -461,6 +480,12 @@ TEST_F(VideoSettings, frameRateIsCappedByTheChannelsModel)
     EXPECT_EQ(apply({{"fps", std::string("25")}, {"codec", std::string("H.265")}}), allGood());
     EXPECT_EQ(apply({{"fps", 25}, {"codec", std::string("MJPEG")}}), allGood());
     EXPECT_EQ(written(), (Lines{body(0, 20), body(1, 15), body(2, 25)}));
+    for (const char* const note : {"fps 25 is more than H.264 allows, maxFpsForCodec:15",
+                                   "fps is left as the device has it: maxFpsForCodec does not know MJPEG"}) {
+        EXPECT_EQ(logger.count(note), 1U) << note;
+        EXPECT_EQ(logger.find(note).severity, Tavro8::LogSeverity::warning);
+        EXPECT_EQ(logger.find(note).function, "Uniview::VideoSource::streamSettings");
+    }
 }
 
 TEST_F(VideoSettings, modelOfAWrongTypeMakesNoSource)
