@@ -6,6 +6,7 @@
 #include <array>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -172,6 +173,48 @@ TEST_F(ModuleLibrary, canBeUnloadedInTheMiddleOfACall)
         destination->Destroy();
         device->Destroy();
         fini();
+        unload();
+        load();
+    }
+}
+
+TEST_F(ModuleLibrary, canBeUnloadedWhileSettingsAreUnderWay)
+{
+    ScriptedHttpPeer peer;
+    peer.answer("/LAPI/V1.0/Network/Port", 200, "\"RTSPPort\":1");
+    peer.answer("/LAPI/V1.0/System/DeviceInfo", 200, "{\"Response\":{\"Data\":{\"DeviceType\":0}}}");
+    const std::string exposure = "/LAPI/V1.0/Channels/0/Image/Advanced/Exposure";
+    const std::string enhance = "/LAPI/V1.0/Channels/0/Image/Enhance";
+    for (const bool writing : {false, true}) {
+        SCOPED_TRACE(writing);
+        const std::string hanging = (writing ? "PUT " : "GET ") + enhance;
+        peer.answer("GET " + enhance, 200, R"({"Response":{"ResponseCode":0,"Data":{}}})");
+        peer.staySilent("GET " + exposure);
+        peer.staySilent(hanging);
+        DeviceHandler handler;
+        ChannelHandler channel;
+        const Description description;
+        ASSERT_TRUE(init(&host, "m"));
+        IDevice* device = nullptr;
+        ASSERT_EQ(get()->CreateDevice(&description, &handler, &device), 0);
+        ASSERT_EQ(device->Open(peer.address().c_str()), 0);
+        ASSERT_TRUE(handler.waitConnected());
+        std::array<IVideoSource*, 2> sources{};
+        for (IVideoSource*& source : sources) {
+            ASSERT_EQ(device->CreateVideoSource(0, 0, &channel, &channel, {}, nullptr, &source), 0);
+            ASSERT_EQ(source->ApplySettings({{"brightness", 1}}), 0);
+            ASSERT_EQ(source->ApplySettings({{"contrast", 1}}), 0);
+        }
+        ASSERT_TRUE(peer.waitForRequest(hanging));
+        const auto before = std::chrono::steady_clock::now();
+        for (IVideoSource* const source : sources)
+            source->Destroy();
+        device->Destroy();
+        fini();
+        const std::chrono::seconds limitOfARequest(15);
+        EXPECT_LT(std::chrono::steady_clock::now() - before, limitOfARequest) << "the device was waited for";
+        for (const auto& [resource, result] : channel.settingsResults())
+            EXPECT_NE(resource, "all") << "nothing was finished";
         unload();
         load();
     }
