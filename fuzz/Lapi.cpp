@@ -52,6 +52,47 @@ bool holdsEveryMark(std::string_view text)
     return true;
 }
 
+/// Every number of a document, the way it was written.
+std::vector<std::string> integersOf(std::string_view text)
+{
+    std::vector<std::string> integers;
+    bool inString = false;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (inString && text[at] == '\\')
+            ++at;
+        else if (text[at] == '"')
+            inString = !inString;
+        else if (!inString && (text[at] == '-' || (text[at] >= '0' && text[at] <= '9'))) {
+            const std::size_t end = std::min(text.find_first_not_of("0123456789+-.eE", at), text.size());
+            const std::string number(text.substr(at, end - at));
+            if (number.find_first_of(".eE") == std::string::npos)
+                integers.push_back(number);
+            at = end - 1;
+        }
+    }
+    std::ranges::sort(integers);
+    return integers;
+}
+
+/// What was read from `text` and is written back is JSON with the same integers, and says the same when it is read
+/// again.
+void checkWriting(std::string_view text, const Json::Value& document)
+{
+    const std::string written = lapi::writeJson(document);
+    if (holdsEveryMark(written))
+        return;  // numbers are the reader's then
+    Json::Value again;
+    std::string error;
+    const bool isRead = lapi::parseJson(written, again, error);
+    // The greatest number there is would be read as one beyond, when it is rounded to fifteen digits.
+    require(isRead || written.find("e+308") != std::string::npos, "what is written can be read");
+    require(!isRead || lapi::writeJson(again) == written, "and says the same");
+    // The text may have more of them: behind the document, or under a name that comes twice.
+    require(std::ranges::includes(integersOf(text), integersOf(written)), "integers are written as they came");
+    for (const std::string& integer : integersOf(written))
+        require(integer == "0" || integer == "-0" || integer[integer[0] == '-' ? 1 : 0] != '0', "no 0 stands in front");
+}
+
 void checkJson(std::string_view text)
 {
     Json::Value document;
@@ -61,6 +102,8 @@ void checkJson(std::string_view text)
     require(error.size() < longestLine && std::ranges::none_of(error, isControl), "the reason is one short line");
     if (holdsEveryMark(text))
         return;  // known to be read by the host's locale
+    if (read)
+        checkWriting(text, document);
 
     static const std::locale grouping(std::locale::classic(), new Grouping);
     const GlobalLocale hosts(grouping);
@@ -92,7 +135,8 @@ void checkJudgement(const http::HttpResponse& response, const std::vector<char>&
 /// A status of 16 bits, then the body of a reply.
 ///
 /// Promises: no reply throws; a failed check gives a result that is not 0 and the words for it; each check implies
-/// those before it; the words are one short line; a global locale that groups digits changes nothing.
+/// those before it; the words are one short line; a global locale that groups digits changes nothing; a document is
+/// written back as JSON with its integers.
 void feed(ByteView input)
 {
     Script script(input);

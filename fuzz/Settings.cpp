@@ -97,8 +97,9 @@ void checkBody(const Json::Value& data)
 void checkStream(const Json::Value& data, std::uint32_t stream)
 {
     const Json::Value& list = data["VideoStreamInfos"];
-    require(data["Num"] == 1 && list.size() == 1, "one stream is written");
-    require(list[0]["ID"].asUInt() == stream, "and it is the source's own");
+    require(data["Num"] == 1 && !list.empty(), "one stream is written");
+    for (const Json::Value& entry : list)
+        require(entry["ID"].asUInt() == stream, "and it is the source's own");
     require(list[0]["VideoEncodeInfo"].isObject(), "with its encoding");
 }
 
