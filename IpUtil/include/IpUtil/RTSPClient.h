@@ -170,8 +170,9 @@ public:
     /// Only inside `handleSdp`. Nothing when the track cannot be received; the reason is logged.
     std::weak_ptr<RTSPTrack> addTrack(TrackInitializer initializer);
 
-    // Recorded media, instead of `performDefaultSteps`. Frames carry the time at which they were recorded: the device's
-    // sender reports are believed as they stand; until the first one the begin of the range that it plays counts.
+    // Recorded media, instead of `performDefaultSteps`. Frames carry the time at which they were recorded: that of the
+    // device's sender reports, unless they are well outside the interval; until the first one the begin of the range
+    // that it plays counts. Within one interval times do not decrease, unless the device takes back what it said.
     // Always over the RTSP connection: who takes frames slowly slows the device down, and nothing piles up here.
 
     /// As `performDefaultSteps` up to the last SETUP; `handleReady` is told the outcome. Nothing comes before
@@ -181,12 +182,14 @@ public:
     using PlayHandler = std::function<void(const error_code& ec, const RecordedPlayAnswer& answer)>;
     /// Begins, goes on after `pauseRecorded`, or changes place or speed while media come. With an interval frames are
     /// of that interval from here on, and begin with a key frame; without one none is lost. A refusal is told to the
-    /// handler and changes nothing. One `playRecorded` or `pauseRecorded` at a time, else `invalidState`.
+    /// handler and changes nothing, but that frames which came while another place was asked for are gone: the next is
+    /// a key frame then. One `playRecorded` or `pauseRecorded` at a time, else `invalidState`.
     void playRecorded(const RecordedPlay& wanted, PlayHandler handlePlay);
-    /// Frames that are on their way still come, up to the call of `handlePause`.
+    /// Frames that are on their way still come, up to the call of `handlePause`. Later ones are dropped, and it goes on
+    /// with a key frame where there were some.
     void pauseRecorded(Completion handlePause);
-    /// Told each time when the device has said that everything was played (RTCP BYE). The session stays and may play
-    /// another interval.
+    /// Told each time when the device has said that everything was played (RTCP BYE): at once near the end of the
+    /// interval, elsewhere when nothing follows. The session stays and may play another interval.
     void setEndHandler(std::function<void()> handleEnd);
 
     /// Sends one RTP payload on a track that plays; `timestamp` in the track's clock. Fails with `noResources` while

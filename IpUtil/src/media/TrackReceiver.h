@@ -97,7 +97,13 @@ public:
     /// device has announced: what is still of the old place is dropped.
     void beginRecorded(const RecordedClock::Start& start, const RtpReceiver::FirstPacket& first = {});
     /// What the device says about it; null before `beginRecorded`.
-    RecordedClock* getRecordedClock() noexcept { return recorded.get(); }
+    RecordedClock* getRecordedClock() const noexcept { return recorded.get(); }
+
+    /// Frames were not taken: goes on with the next key frame.
+    void awaitKeyFrame() { depacketiser->reset(); }
+
+    /// Of the packets that come, once some have.
+    std::optional<std::uint32_t> ssrc() const noexcept { return receiver.ssrc(); }
 
     /// The stream ends or pauses: hands out what only waits for other packets to come.
     void flush();

@@ -68,6 +68,8 @@ std::weak_ptr<RTSPTrack> RTSPClient::State::addTrack(TrackInitializer initialize
             logger.info("Tavro8::Utility::RTSPClient::addTrack", url, ": ", refusal);
             return {};
         }
+        if (recorded)
+            track->makeRecorded();
     }
     tracks.push_back(track);
     return track;
@@ -114,6 +116,7 @@ void RTSPClient::State::establishTracks()
 {
     channelTable.fill(nobody);
     channelsShared = false;
+    takesDetour = awaitsNewPlace;
     for (const wire::RtspTrack& agreed : session->tracks()) {
         const auto found = std::ranges::find_if(
             tracks, [&](const auto& track) { return track->description().index == agreed.mediaIndex; });
@@ -152,6 +155,7 @@ void RTSPClient::State::establish(std::size_t number, const wire::RtspTrack& agr
 void RTSPClient::State::shareChannels(std::size_t number)
 {
     channelsShared = true;
+    takesDetour = true;
     const std::size_t asked = number * 2;
     if (channelTable[asked] == nobody && channelTable[asked + 1] == nobody) {
         channelTable[asked] = static_cast<std::uint8_t>(number * 2);
@@ -208,9 +212,13 @@ void RTSPClient::State::onInterleaved(const wire::InterleavedFrame& frame, const
     RTSPTrack* track = number == nobody ? nullptr : playingTrack(number / 2U);
     if (track == nullptr)
         return;
-    if (channelsShared)
-        onSharedChannel(*track, number % 2 != 0, frame.payload, arrival);
-    else if (number % 2 != 0)
+    if (takesDetour) {
+        if (awaitsNewPlace)
+            beginAsAsked();
+        if (channelsShared)
+            return onSharedChannel(*track, number % 2 != 0, frame.payload, arrival);
+    }
+    if (number % 2 != 0)
         onRtcp(*track, frame.payload, arrival);
     else if (track->isReceiving())
         deliverRtp(*track, frame.payload, arrival);
@@ -240,6 +248,8 @@ void RTSPClient::State::onSharedChannel(RTSPTrack& named, bool rtcp, wire::ByteV
         else if (track->takes(payloadType) && (owner == nullptr || !owner->takes(payloadType)))
             owner = track.get();
     }
+    if (rtcp && recorded)
+        noticeEnd();
     if (!rtcp && owner != nullptr)
         deliverRtp(*owner, packet, arrival);
 }
@@ -425,6 +435,9 @@ std::optional<RTSPClient::State::Ending> RTSPClient::State::judge(RTSPTrack& tra
     if (total.malformedPackets != 0 && !std::exchange(malformedReported, true))
         logger.warning("Tavro8::Utility::RTSPClient::supervise", url, ": packets that cannot be read are dropped (",
                        media::describe(track.lastFault()), ')');
+    if (total.ignoredReports != 0 && !std::exchange(ignoredReported, true))
+        logger.warning("Tavro8::Utility::RTSPClient::supervise", url,
+                       ": sender reports of a time outside the recording are ignored");
     if (track.sendsOnlyForeign(total, now, timing.foreignLimit) || total.formatChanged)
         return Ending{ResultCode::connectionLost, "the format of the stream has changed"};
     const bool frameless = track.bringsNoFrame(total, now, timing.framelessLimit);

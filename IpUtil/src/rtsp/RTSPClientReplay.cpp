@@ -13,6 +13,12 @@ namespace
 {
 constexpr const char* playing = "Tavro8::Utility::RTSPClient::playRecorded";
 constexpr const char* pausing = "Tavro8::Utility::RTSPClient::pauseRecorded";
+
+// A farewell so near to the end of the interval, at ordinary speed, is the end: recordings end with a file, and key
+// frames are seconds apart.
+constexpr std::int64_t nearEndMs = 5000;
+// What an answer may be off from what was asked for: it begins with the key frame or the file in front.
+constexpr std::int64_t answerMarginMs = 5 * 60'000;
 }  // namespace
 
 template <typename Body>
@@ -49,18 +55,45 @@ void RTSPClient::State::playRecorded(const RecordedPlay& wanted, PlayHandler han
     if (wanted.keyFramesOnly)
         request.headers.add("Frames", "intra");
     scaleAsked = wanted.scale;
-    if (wanted.interval) {
-        // What comes until the answer is of the old place, where there is one; else it is ahead of the answer.
-        forEachReceiving([&](RTSPTrack& track) { resting ? track.beginRecorded(startAsAsked()) : track.mute(); });
-    }
+    // What comes until the answer is of the old place, where media came; else it is ahead of the answer.
+    if (resting && wanted.interval)
+        awaitNewPlace(true);
+    else if (resting || wanted.interval)
+        forEachReceiving([&](RTSPTrack& track) { resting ? track.unmute() : track.mute(); });
     perform(session->play(request));
+}
+
+/// No media are due: those that come all the same are dropped.
+void RTSPClient::State::rest()
+{
+    resting = true;
+    awaitNewPlace(false);
+    forEachReceiving([](RTSPTrack& track) { track.mute(); });
+}
+
+void RTSPClient::State::awaitNewPlace(bool awaited) noexcept
+{
+    awaitsNewPlace = awaited;
+    takesDetour = channelsShared || awaited;
+}
+
+/// Media come in front of the answer.
+void RTSPClient::State::beginAsAsked()
+{
+    awaitNewPlace(false);
+    forEachReceiving([&](RTSPTrack& track) {
+        track.beginRecorded(startAsAsked());
+        track.unmute();
+    });
 }
 
 media::RecordedClock::Start RTSPClient::State::startAsAsked() const
 {
     media::RecordedClock::Start start;
-    start.timeMs = playAsked->interval->beginMs;
+    const auto [beginMs, endMs] = *playAsked->interval;
+    start.timeMs = beginMs - beginMs % 1000;  // as the device is told
     start.scale = playAsked->scale;
+    start.interval = {start.timeMs, endMs};
     return start;
 }
 
@@ -70,13 +103,43 @@ media::RecordedClock::Start RTSPClient::State::startAsAnswered(const RTSPTrack& 
     media::RecordedClock::Start start = startAsAsked();
     const wire::RtspPlayAnswer& answer = session->playAnswer();
     start.scale = answer.scale.value_or(1);
-    if (answer.range)
+    if (answer.range && answer.range->beginMs + answerMarginMs >= start.interval.beginMs &&
+        answer.range->beginMs - answerMarginMs <= start.interval.endMs)
         start.timeMs = answer.range->beginMs;
-    for (const wire::RtspTrack& agreed : session->tracks()) {
-        if (agreed.mediaIndex == track.description().index)
-            start.rtpTimestamp = agreed.firstRtpTimestamp;
-    }
+    if (const wire::RtspTrack* agreed = agreedOf(track))
+        start.rtpTimestamp = agreed->firstRtpTimestamp;
     return start;
+}
+
+const wire::RtspTrack* RTSPClient::State::agreedOf(const RTSPTrack& track) const
+{
+    const auto& agreed = session->tracks();
+    const auto found = std::ranges::find(agreed, track.description().index, &wire::RtspTrack::mediaIndex);
+    return found == agreed.end() ? nullptr : &*found;
+}
+
+void RTSPClient::State::beginAsAnswered(RTSPTrack& track)
+{
+    const media::RecordedClock::Start start = startAsAnswered(track);
+    const bool begun = resting && !awaitsNewPlace;  // by what came in front of the answer
+    if (begun && track.getRecordedClock().correct(start))
+        return;
+    const wire::RtspTrack* agreed = agreedOf(track);
+    track.beginRecorded(start, {agreed == nullptr ? std::nullopt : agreed->firstSequenceNumber, start.rtpTimestamp});
+}
+
+void RTSPClient::State::continueAsAnswered(RTSPTrack& track)
+{
+    const wire::RtspPlayAnswer& answer = session->playAnswer();
+    const double scale = answer.scale.value_or(1);
+    if (!resting)
+        return track.getRecordedClock().changeScale(scale);
+    media::RecordedClock::Continuation said{{}, {}, scale};
+    if (answer.range)
+        said.timeMs = answer.range->beginMs;
+    if (const wire::RtspTrack* agreed = agreedOf(track))
+        said.rtpTimestamp = agreed->firstRtpTimestamp;
+    track.getRecordedClock().resume(said);
 }
 
 void RTSPClient::State::onRecordedPlaying()
@@ -85,17 +148,14 @@ void RTSPClient::State::onRecordedPlaying()
     const wire::RtspPlayAnswer& answer = session->playAnswer();
     const RecordedPlayAnswer said{answer.scale.value_or(1), wire::equalsNoCase(answer.frames, "intra")};
     forEachReceiving([&](RTSPTrack& track) {
-        media::RecordedClock* const clock = track.getRecordedClock();
-        if (!playAsked->interval && clock != nullptr)
-            clock->changeScale(said.scale);
-        else if (resting && clock != nullptr)
-            clock->correct(startAsAnswered(track));
-        else if (playAsked->interval)
-            track.beginRecorded(startAsAnswered(track));
+        playAsked->interval ? beginAsAnswered(track) : continueAsAnswered(track);
         track.unmute();
         track.beginWatch(now);
     });
+    if (playAsked->interval)
+        placePlayed = playAsked->interval;
     resting = false;
+    awaitNewPlace(false);
     playAsked.reset();
     logger.info(playing, "playing ", url, " at the speed of ", said.scale,
                 said.keyFramesOnly ? ", key frames only" : "");
@@ -115,7 +175,7 @@ void RTSPClient::State::pauseRecorded(Completion handlePause)
 
 void RTSPClient::State::onPaused()
 {
-    resting = true;
+    rest();
     tell(std::exchange(onPauseDone, nullptr), {});
 }
 
@@ -125,30 +185,47 @@ void RTSPClient::State::onRefused(const wire::RtspClientSession::Failed& why)
     const bool ofPlay = why.kind == wire::RtspStepKind::play;
     logger.warning(ofPlay ? playing : pausing, wire::nameOf(why.kind), ' ', url, ": ", describeFailure(why));
     playAsked.reset();
-    forEachReceiving([](RTSPTrack& track) { track.unmute(); });
+    if (resting)
+        rest();
+    else
+        forEachReceiving([](RTSPTrack& track) { track.unmute(); });
     if (const auto handler = std::exchange(onPlayDone, nullptr))
         guardedVoid(logger, playing, [&] { handler(resultOf(why), {}); });
     else
         tell(std::exchange(onPauseDone, nullptr), resultOf(why));
 }
 
-/// Asked whenever a report has come: whether every track has said its farewell.
+/// Asked whenever a report has come: whether every track has said its farewell where the interval ends. A farewell
+/// elsewhere may be that of a file, with the next behind it: it is the end when nothing follows (`watchProgress`).
 void RTSPClient::State::noticeEnd()
 {
     if (resting || awaitsPlayOrPause() || phase != Phase::playing)
         return;
     bool all = true;
-    forEachReceiving([&](const RTSPTrack& track) { all = all && track.hasSaidBye(track.statistics()); });
-    if (!all)
+    forEachReceiving(
+        [&](const RTSPTrack& track) { all = all && track.wasOwnBye() && track.hasSaidBye(track.statistics()); });
+    if (!all || !isNearEnd())
         return;
     handOutLast();
     if (phase == Phase::playing)
         reachEnd();
 }
 
+bool RTSPClient::State::isNearEnd()
+{
+    if (!placePlayed)
+        return true;
+    const double scale = std::clamp(session->playAnswer().scale.value_or(1), 1.0, 64.0);
+    const std::int64_t nearMs =
+        std::max<std::int64_t>(placePlayed->endMs, 0) - static_cast<std::int64_t>(nearEndMs * scale);
+    bool any = false;
+    forEachReceiving([&](const RTSPTrack& track) { any = any || track.getRecordedClock().lastMs() >= nearMs; });
+    return any;
+}
+
 void RTSPClient::State::reachEnd()
 {
-    resting = true;
+    rest();
     logger.info(playing, "everything has been played: ", url);
     if (const auto handler = onEnd)
         guardedVoid(logger, playing, handler);

@@ -110,6 +110,13 @@ private:
     bool awaitsPlayOrPause() const noexcept { return playAsked || onPauseDone; }
     template <typename Body>
     void forEachReceiving(Body&& body);
+    void rest();
+    void awaitNewPlace(bool awaited) noexcept;
+    void beginAsAsked();
+    void continueAsAnswered(RTSPTrack& track);
+    void beginAsAnswered(RTSPTrack& track);
+    bool isNearEnd();
+    const wire::RtspTrack* agreedOf(const RTSPTrack& track) const;
     media::RecordedClock::Start startAsAsked() const;
     media::RecordedClock::Start startAsAnswered(const RTSPTrack& track) const;
     void noticeEnd();
@@ -176,9 +183,11 @@ private:
 
     // Recorded media.
     bool recorded = false;
-    bool resting = false;                   // no media are due: not begun, paused or at the end
-    std::optional<RecordedPlay> playAsked;  // while its answer is awaited
-    std::uint32_t scaleAsked = 1;           // by the last PLAY
+    bool resting = false;                               // no media are due: not begun, paused or at the end
+    std::optional<RecordedPlay> playAsked;              // while its answer is awaited
+    std::uint32_t scaleAsked = 1;                       // by the last PLAY
+    bool awaitsNewPlace = false;                        // it rested: what comes next is of the place that is asked for
+    std::optional<RecordedPlay::Interval> placePlayed;  // by the last PLAY that named one and was accepted
 
     std::uint32_t ownSource;  // SSRC of our receiver reports
     TimePoint deadline;
@@ -189,6 +198,7 @@ private:
     bool skipReported = false;
     bool strayReported = false;
     bool malformedReported = false;
+    bool ignoredReported = false;
     bool silentSoundReported = false;
     bool sharingReported = false;
     bool addingTracks = false;
@@ -197,6 +207,7 @@ private:
     RtspConnection connection;
     Phase phase = Phase::idle;
     bool channelsShared = false;
+    bool takesDetour = false;  // channels are shared, or a new place is awaited
     bool delivering = false;
     boost::container::static_vector<std::shared_ptr<RTSPTrack>, maxTracks> tracks;
     std::array<std::uint8_t, 256> channelTable;  // interleaved channel -> 2 * track, + 1 for RTCP

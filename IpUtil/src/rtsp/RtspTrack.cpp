@@ -2,6 +2,7 @@
 
 #include "wire/Rtcp.h"
 
+#include <algorithm>
 #include <random>
 #include <span>
 #include <utility>
@@ -127,19 +128,42 @@ void RTSPTrack::onRtcp(wire::ByteView packet, const media::ArrivalTime& arrival)
         if (receiver != nullptr)
             receiver->onSenderReport({report.ssrc, report.ntpTime, report.rtpTimestamp}, arrival);
     }
-    if (!compound.byes.empty())
-        packetsAtBye = statistics().packets;
+    if (compound.byes.empty())
+        return;
+    const auto source = receiver == nullptr ? std::nullopt : receiver->ssrc();
+    const bool own = !source || std::ranges::any_of(compound.byes, [&](const wire::RtcpBye& bye) {
+        return std::ranges::find(bye.ssrcs, *source) != bye.ssrcs.end();
+    });
+    const media::TrackReceiver::Statistics total = statistics();
+    ownBye = own || (ownBye && hasSaidBye(total));
+    packetsAtBye = total.packets;
 }
 
-void RTSPTrack::beginRecorded(const media::RecordedClock::Start& start)
+void RTSPTrack::makeRecorded()
 {
-    receiver->beginRecorded(start);
+    mute();
+    beginRecorded({});
+}
+
+void RTSPTrack::beginRecorded(const media::RecordedClock::Start& start, const media::RtpReceiver::FirstPacket& first)
+{
+    receiver->beginRecorded(start, first);
     packetsAtBye.reset();
+    droppedWhileMuted = false;
+}
+
+void RTSPTrack::unmute()
+{
+    muted = false;
+    if (std::exchange(droppedWhileMuted, false))
+        receiver->awaitKeyFrame();
 }
 
 void RTSPTrack::onFrame(const GDRV::MediaFrame& frame)
 try {
-    if (!muted)
+    if (muted)
+        droppedWhileMuted = true;
+    else
         initializer.onFrame(frame);
 } catch (const std::exception& e) {
     if (!std::exchange(throwReported, true))
@@ -200,6 +224,13 @@ std::vector<std::uint8_t> RTSPTrack::makePacket(const std::vector<std::uint8_t>&
 media::TrackReceiver::Statistics RTSPTrack::statistics() const noexcept
 {
     return receiver == nullptr ? media::TrackReceiver::Statistics{} : receiver->statistics();
+}
+
+void RTSPTrack::beginWatch(std::chrono::steady_clock::time_point now) noexcept
+{
+    lastProgress = now;
+    framelessSince.reset();
+    foreignSince.reset();
 }
 
 std::chrono::steady_clock::duration RTSPTrack::silence(const media::TrackReceiver::Statistics& total,

@@ -65,13 +65,17 @@ public:
     void flush() { receiver->flush(); }
     /// From now on frames are dropped; allowed inside the delivery of one.
     void mute() noexcept { muted = true; }
-    /// Frames are handed out again.
-    void unmute() noexcept { muted = false; }
+    /// Frames are handed out again: where some were dropped meanwhile, from the next key frame on.
+    void unmute();
 
+    /// Before anything is received: the track's media are recorded, and none are due yet.
+    void makeRecorded();
+    bool isRecorded() const noexcept { return receiver != nullptr && receiver->getRecordedClock() != nullptr; }
     /// Only for a track that receives; see `media::TrackReceiver::beginRecorded`. A BYE so far is forgotten.
-    void beginRecorded(const media::RecordedClock::Start& start);
-    /// Null before `beginRecorded`.
-    media::RecordedClock* getRecordedClock() noexcept { return receiver->getRecordedClock(); }
+    void beginRecorded(const media::RecordedClock::Start& start, const media::RtpReceiver::FirstPacket& first = {});
+    /// Only of a recorded track.
+    media::RecordedClock& getRecordedClock() noexcept { return *receiver->getRecordedClock(); }
+    const media::RecordedClock& getRecordedClock() const noexcept { return *receiver->getRecordedClock(); }
 
     /// The compound RTCP packet of a receiver report; empty while nothing was received.
     wire::Bytes makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now);
@@ -91,7 +95,7 @@ public:
     bool takes(std::uint8_t payloadType) const noexcept { return payloadTypes[payloadType]; }
     bool isVideo() const noexcept { return description().kind == "video"; }
     /// The time from which on silence counts.
-    void beginWatch(std::chrono::steady_clock::time_point now) noexcept { lastProgress = now; }
+    void beginWatch(std::chrono::steady_clock::time_point now) noexcept;
     /// To be asked at each tick: for how long no packet of the track's format has come.
     std::chrono::steady_clock::duration silence(const media::TrackReceiver::Statistics& total,
                                                 std::chrono::steady_clock::time_point now) noexcept;
@@ -110,6 +114,8 @@ public:
     {
         return packetsAtBye == total.packets;
     }
+    /// Whether it was the BYE of the track's own source, as far as that is known.
+    bool wasOwnBye() const noexcept { return ownBye; }
 
     media::MediaClock::Carry clockCarry() const noexcept { return receiver->clockCarry(); }
     void resumeClock(const media::MediaClock::Carry& carry) { receiver->resume(carry); }
@@ -121,6 +127,7 @@ private:
     TrackInitializer initializer;                    // from its handler to the payload types: what each frame needs
     std::unique_ptr<media::TrackReceiver> receiver;  // null for a track that is only sent to
     bool muted = false;
+    bool droppedWhileMuted = false;
     bool usesUdp = false;
     std::bitset<256> payloadTypes;  // of the format that is received
     media::HotMemory hotMemory;
@@ -128,6 +135,7 @@ private:
     std::shared_ptr<RtpPorts> ports;  // offered or in use
     bool reported = false;
     std::optional<std::uint64_t> packetsAtBye;
+    bool ownBye = false;
     bool throwReported = false;
     std::uint32_t lastJitter = 0;  // of the last report, in units of the clock rate
 

@@ -38,7 +38,8 @@ protected:
         packet.ssrc = ssrc;
         packet.timestamp = timestamp;
         Seen seen{receiver.admit(packet, at(time)), {}};
-        if (seen.admission == Admission::accepted || seen.admission == Admission::restarted)
+        if (seen.admission != Admission::foreign && seen.admission != Admission::suspect &&
+            seen.admission != Admission::outdated)
             seen.continuity = receiver.follow(sequence);
         return seen;
     }
@@ -222,5 +223,57 @@ TEST_F(RtpReceiverTest, keepsCumulativeLossWithinItsField)
     const auto report = receiver.makeReport({});
     EXPECT_EQ(report->cumulativeLost, -9);
     EXPECT_EQ(report->fractionLost, 0);
+}
+
+TEST_F(RtpReceiverTest, whatGoesOnInFrontOfTheFirstPacketOfANewPlaceIsOutdated)
+{
+    const struct {
+        const char* what;
+        RtpReceiver::FirstPacket announced;
+        std::uint16_t sequence;
+        std::uint32_t ssrc;
+        std::uint32_t timestamp;
+        Admission expected;
+    } cases[] = {
+        {"nothing is known", {}, 11, 7, 3600, Admission::first},
+        {"the announced packet", {500, {}}, 500, 7, 3600, Admission::first},
+        {"one behind it, which was lost", {500, {}}, 502, 7, 3600, Admission::first},
+        {"one in front of it", {13, {}}, 11, 7, 3600, Admission::outdated},
+        {"one that goes on with the old numbers", {20'000, {}}, 11, 7, 3600, Admission::outdated},
+        {"the announced time, another number", {20'000, 3600}, 11, 7, 3600, Admission::first},
+        {"another time, no number", {{}, 900'000}, 11, 7, 3600, Admission::outdated},
+        {"the announced time, no number", {{}, 900'000}, 11, 7, 903'600, Admission::first},
+        {"other numbers than announced", {20'000, {}}, 40'000, 7, 3600, Admission::first},
+        {"another source", {20'000, {}}, 11, 8, 3600, Admission::first},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        receiver.beginAnew({});
+        see(10);
+        receiver.beginAnew(c.announced);
+        EXPECT_EQ(see(c.sequence, c.ssrc, c.timestamp).admission, c.expected);
+    }
+}
+
+TEST_F(RtpReceiverTest, aWrongAnnouncementIsBelievedForASecondOnly)
+{
+    see(10);
+    receiver.beginAnew({20'000, {}});
+    EXPECT_EQ(see(11, 7, 0, 100ms).admission, Admission::outdated);
+    EXPECT_EQ(see(12, 7, 0, 1100ms).admission, Admission::outdated);
+    EXPECT_EQ(see(13, 7, 0, 1200ms).admission, Admission::first);
+    EXPECT_EQ(see(14, 7, 0, 1300ms).admission, Admission::accepted);
+
+    receiver.beginAnew({20'000, {}});
+    std::uint16_t sequence = 15;
+    while (see(sequence).admission == Admission::outdated)
+        ++sequence;
+    EXPECT_EQ(sequence, 1015) << "nor for more packets than a device has queued";
+}
+
+TEST_F(RtpReceiverTest, nothingIsOutdatedWhereNothingCameBefore)
+{
+    receiver.beginAnew({20'000, {}});
+    EXPECT_EQ(see(11).admission, Admission::first);
 }
 }  // namespace Tavro8::media

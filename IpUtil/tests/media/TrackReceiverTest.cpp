@@ -50,6 +50,18 @@ protected:
     std::int64_t timeMs = 0;
 };
 
+/// Recorded media.
+class RecordedReceiverTest : public TrackReceiverTest {
+protected:
+    void begin(const RtpReceiver::FirstPacket& first = {})
+    {
+        receiver->beginRecorded({recordedMs, first.timestamp, 1, {recordedMs, recordedMs + 3'600'000}}, first);
+    }
+    std::int64_t timeOf(std::size_t number) { return frames[number].info.timestampMs - recordedMs; }
+
+    static constexpr std::int64_t recordedMs = 1'493'172'645'000;
+};
+
 /// Packets that come as datagrams.
 class DatagramReceiverTest : public TrackReceiverTest {
 protected:
@@ -347,5 +359,71 @@ TEST(TrackReceiver, carriesSound)
     EXPECT_FALSE(frames[21].info.lostPacketsBefore);
     EXPECT_EQ(receiver->statistics().keyFrames, 49U);
     EXPECT_EQ(receiver->statistics().lostPackets, 1U);
+}
+
+TEST_F(RecordedReceiverTest, onlyReportsOfItsOwnSourceSetTheTime)
+{
+    begin();
+    const std::uint32_t first = timestamp;
+    receiver->onSenderReport(reportAt(recordedMs + 2000, first, 1), at(0));
+    receiver->onSenderReport(reportAt(recordedMs + 9000, 5, 2), at(0));
+    frame(keySlice);
+    receiver->onSenderReport(reportAt(recordedMs + 9000, 5, 2), at(0));
+    frame(slice);
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_EQ(timeOf(0), 2000);
+    EXPECT_EQ(timeOf(1), 2040);
+}
+
+TEST_F(RecordedReceiverTest, theReportInFrontOfANewSourceIsKeptForIt)
+{
+    begin();
+    frame(keySlice);
+    timestamp = 1'000'000'000;
+    sequence = 9;
+    receiver->onSenderReport(reportAt(recordedMs + 600'000, timestamp, 2), at(0));
+    frame(keySlice, 2);
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_EQ(timeOf(1), 600'000);
+}
+
+TEST_F(RecordedReceiverTest, reportsOfAnotherTimeAreCounted)
+{
+    begin();
+    frame(keySlice);
+    receiver->onSenderReport(reportAt(startMs, timestamp, 1), at(0));
+    frame(slice);
+    EXPECT_EQ(timeOf(1), 40);
+    EXPECT_EQ(receiver->statistics().ignoredReports, 1U);
+}
+
+TEST_F(RecordedReceiverTest, packetsAndReportsOfTheOldPlaceAreDropped)
+{
+    begin();
+    frame(keySlice);
+    frame(slice);
+    const std::uint32_t newTimestamp = timestamp + 900'000;
+    begin({static_cast<std::uint16_t>(sequence + 2), newTimestamp});
+    frame(keySlice);
+    receiver->onSenderReport(reportAt(recordedMs + 80, timestamp, 1), at(0));
+    frame(slice);
+    EXPECT_EQ(frames.size(), 2U);
+    timestamp = newTimestamp;
+    frame(keySlice);
+    frame(slice);
+    ASSERT_EQ(frames.size(), 4U);
+    EXPECT_EQ(timeOf(2), 0);
+    EXPECT_EQ(timeOf(3), 40);
+}
+
+TEST_F(RecordedReceiverTest, goesOnWithAKeyFrameWhereFramesWereNotTaken)
+{
+    begin();
+    frame(keySlice);
+    receiver->awaitKeyFrame();
+    frame(slice);
+    frame(keySlice);
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_TRUE(frames[1].info.lostPacketsBefore);
 }
 }  // namespace Tavro8::media

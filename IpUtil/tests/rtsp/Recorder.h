@@ -45,9 +45,18 @@ public:
         sender.sendFrame(connection, {pictureNal()}, ticks);
         return *this;
     }
-    RecordingSender& bye()
+    RecordingSender& bye() { return bye(sender.source); }
+    RecordingSender& bye(std::uint32_t source)
     {
-        connection.sendFrame(1, byePacket(sender.source));
+        connection.sendFrame(1, byePacket(source));
+        return *this;
+    }
+    /// Another recording begins, without a word.
+    RecordingSender& become(std::uint32_t source, std::uint32_t timestamp, std::uint16_t sequence)
+    {
+        sender.source = source;
+        sender.timestamp = timestamp;
+        sender.sequence = sequence;
         return *this;
     }
 

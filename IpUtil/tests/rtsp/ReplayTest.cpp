@@ -17,6 +17,8 @@ using namespace testkit;
 using std::chrono::milliseconds;
 
 constexpr RecordedPlay::Interval hour{recordedMs, recordedMs + 3'600'000};
+/// Any frame of it is near its end.
+constexpr RecordedPlay::Interval moment{recordedMs, recordedMs + 3000};
 
 /// Prepares a replay and keeps what it is told.
 struct Replayer : Player {
@@ -178,14 +180,14 @@ TEST_F(ReplayTest, theFarewellOfTheTrackIsTheEndAndTheSessionStays)
         const std::int64_t begin = recordedMs + 1000 * round++;
         RecordingSender(connection, 90000U * static_cast<unsigned>(round), 100).report(begin).keyFrame().bye();
     }));
-    beginAndWait();
+    beginAndWait({moment, 1, false});
     ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
     EXPECT_EQ(replayer->frames.size(), 1U);
     EXPECT_FALSE(replayer->closed);
-    beginAndWait({RecordedPlay::Interval{recordedMs + 1000, hour.endMs}, 1, false});
+    beginAndWait({RecordedPlay::Interval{recordedMs + 1000, moment.endMs}, 1, false});
     ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 2; }));
     EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 1000}));
-    EXPECT_EQ(headerOf(plays().at(1), "range"), "clock=20170426T021046Z-20170426T031045Z");
+    EXPECT_EQ(headerOf(plays().at(1), "range"), "clock=20170426T021046Z-20170426T021048Z");
 }
 
 TEST_F(ReplayTest, theLastFrameIsHandedOutAtTheEndWhereFramesAreNotMarked)
@@ -198,7 +200,7 @@ TEST_F(ReplayTest, theLastFrameIsHandedOutAtTheEndWhereFramesAreNotMarked)
         connection.sendFrame(0, rtp(96, sequence, 93600, false, pictureNal()));
         connection.sendFrame(1, byePacket(0x11223344));
     }));
-    beginAndWait();
+    beginAndWait({moment, 1, false});
     ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
     EXPECT_EQ(replayer->frames.size(), 2U);
 }
@@ -219,7 +221,7 @@ TEST_F(ReplayTest, aSeekDropsWhatIsOfTheOldPlaceAndBeginsWithAKeyFrame)
     ASSERT_TRUE(waitFrames(2));
     beginAndWait();
     ASSERT_TRUE(waitFrames(4));
-    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{60'000, 60'040, 0, 40}));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{60'000, 60'040, 40, 80}));
     EXPECT_TRUE(replayer->frames[2].info.keyFrame);
     EXPECT_TRUE(replayer->frames[2].info.lostPacketsBefore);
 }
@@ -376,7 +378,7 @@ TEST_F(ReplayTest, teardownInsideTheEndIsTheLastOfIt)
     }));
     bool done = false;
     replayer->onEnd = [&] { replayer->client->teardown([&](const error_code&) { done = true; }); };
-    replayer->begin();
+    replayer->begin({moment, 1, false});
     ASSERT_TRUE(loop.runUntil([&] { return done; }));
     EXPECT_EQ(peer->count("TEARDOWN"), 1U);
     EXPECT_FALSE(replayer->closed);
@@ -393,10 +395,219 @@ TEST_F(ReplayTest, bothTracksEndBeforeTheEndIsTold)
             connection.sendFrame(3, byePacket(0x99));
         },
         videoAndAudioSdp));
-    beginAndWait();
+    beginAndWait({moment, 1, false});
     ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
     EXPECT_EQ(replayer->audio.size(), 1U);
     EXPECT_EQ(replayer->video.size(), 1U);
+}
+
+TEST_F(ReplayTest, theSoundsReportsDoNotSetThePicturesTimeOnSharedChannels)
+{
+    for (const bool early : {false, true}) {
+        SCOPED_TRACE(early);
+        Camera recorder = recorderWith(
+            [&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+                connection.reply(request, 200);
+                RecordingSender pictures(connection, 1'000'000'000);
+                const auto soundsReport = [&] {
+                    connection.sendFrame(1, senderReport(0x99, ntpOf(recordedMs + 9000), 5000));
+                };
+                pictures.report(recordedMs);
+                if (early)
+                    soundsReport();
+                pictures.keyFrame().picture();
+                soundsReport();
+                pictures.picture().report(recordedMs + 160).picture();
+                connection.sendFrame(0, rtp(0, 7, 5000, false, Bytes(160, 0x55), 0x99));
+            },
+            videoAndAudioSdp);
+        recorder.transport = [](std::size_t, const std::string&) { return "RTP/AVP/TCP;unicast;interleaved=0-1"; };
+        replayer.emplace(loop);
+        open(recorder);
+        beginAndWait();
+        ASSERT_TRUE(waitFrames(5));
+        EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 80, 160, 9000}));
+    }
+}
+
+TEST_F(ReplayTest, aRecordingOfAnotherSourceFollowsTheLastFrameUntilItsReport)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender sender(connection);
+        sender.report(recordedMs).keyFrame().picture();
+        sender.become(0x55, 1'000'000'000, 9).keyFrame().report(recordedMs + 600'000).picture().picture();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(5));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 80, 600'000, 600'040}));
+}
+
+TEST_F(ReplayTest, aReportOfThePresentDayIsIgnored)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender(connection)
+            .report(1'790'000'000'000)
+            .keyFrame()
+            .picture()
+            .report(1'790'000'000'080)
+            .picture()
+            .report(recordedMs + 5000)
+            .picture();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(4));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 80, 5000}));
+}
+
+TEST_F(ReplayTest, framesThatComeWhileNoneAreDueAreDropped)
+{
+    Camera recorder = recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        if (!sender)
+            sender.emplace(connection).keyFrame();
+        else
+            sender->picture().keyFrame();
+    });
+    const auto onPlay = recorder.intercept;
+    recorder.intercept = [&, onPlay](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (request.method == "SETUP") {
+            connection.reply(request, 200, "Session: 88\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
+            RecordingSender(connection, 7, 20'000).keyFrame();
+            return true;
+        }
+        if (request.method == "PAUSE") {
+            connection.reply(request, 200);
+            sender->picture();
+            return true;
+        }
+        return onPlay(connection, request);
+    };
+    open(recorder);
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(1));
+    replayer->pause();
+    ASSERT_TRUE(loop.runUntil(
+        [&] { return replayer->paused && replayer->client->counters(replayer->videoTrack).frames >= 3; }));
+    beginAndWait({std::nullopt, 1, false});
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 120})) << "the frame in front refers to a dropped one";
+    EXPECT_TRUE(replayer->frames[1].info.keyFrame);
+}
+
+TEST_F(ReplayTest, aFarewellInTheMiddleIsTheEndOnlyWhenNothingFollows)
+{
+    loop.timing().silenceAfterBye = milliseconds(300);
+    replayer.emplace(loop);
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender sender(connection);
+        sender.report(recordedMs).keyFrame().picture().bye();
+        sender.report(recordedMs + 600'000).keyFrame().picture().bye();
+    }));
+    std::size_t atEnd = 0;
+    replayer->onEnd = [&] { atEnd = replayer->frames.size(); };
+    beginAndWait();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
+    EXPECT_EQ(atEnd, 4U);
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 600'000, 600'040}));
+    EXPECT_FALSE(replayer->closed);
+}
+
+TEST_F(ReplayTest, theFarewellOfAnotherSourceIsNotTheEnd)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender(connection).keyFrame().bye(0x77).picture().bye();
+    }));
+    std::size_t atEnd = 0;
+    replayer->onEnd = [&] { atEnd = replayer->frames.size(); };
+    beginAndWait({moment, 1, false});
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
+    EXPECT_EQ(atEnd, 2U);
+}
+
+TEST_F(ReplayTest, aRefusalOfAnotherPlaceWhilePausedChangesNothing)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (!sender)
+            sender.emplace(connection);
+        connection.reply(request, ++round == 2 ? 457 : 200);
+        if (round != 2)
+            round == 1 ? sender->keyFrame() : sender->picture();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(1));
+    replayer->pause();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->paused.has_value(); }));
+    beginAndWait({RecordedPlay::Interval{recordedMs + 60'000, hour.endMs}, 1, false});
+    EXPECT_EQ(*replayer->played, make_error_code(ResultCode::streamRefused));
+    beginAndWait({std::nullopt, 1, false});
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40}));
+    EXPECT_FALSE(replayer->frames[1].info.lostPacketsBefore);
+}
+
+TEST_F(ReplayTest, whatIsOfTheOldPlaceBehindTheAnswerIsDropped)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (!sender) {
+            connection.reply(request, 200);
+            sender.emplace(connection, 90'000, std::uint16_t{100}).report(recordedMs + 60'000).keyFrame().picture();
+            return;
+        }
+        // Its numbers go on: three packets of a key frame, one of another picture, then those of the new place.
+        connection.reply(request, 200,
+                         "Range: clock=20170426T021045Z-\r\nRTP-Info: url=track1;seq=108;rtptime=500000000\r\n");
+        sender->report(recordedMs + 60'080).keyFrame().picture();
+        sender->become(0x11223344, 500'000'000, 108).keyFrame().picture();
+    }));
+    beginAndWait({RecordedPlay::Interval{recordedMs + 60'000, hour.endMs}, 1, false});
+    ASSERT_TRUE(waitFrames(2));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(4));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{60'000, 60'040, 0, 40}));
+}
+
+TEST_F(ReplayTest, anAnswerToAResumptionSaysWhereItGoesOn)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        const bool first = round++ == 0;
+        connection.reply(request, 200,
+                         first ? "" : "Range: clock=20170426T021047Z-\r\nRTP-Info: url=track1;seq=12;rtptime=777\r\n");
+        RecordingSender(connection, first ? 2'000'000'000 : 777, first ? std::uint16_t{9} : std::uint16_t{12})
+            .keyFrame();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(1));
+    replayer->pause();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->paused.has_value(); }));
+    beginAndWait({std::nullopt, 1, false});
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 2000}));
+}
+
+TEST_F(ReplayTest, mediaInFrontOfTheAnswerAreOfTheWholeSecondThatWasAskedFor)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        RecordingSender(connection).keyFrame();
+        connection.reply(request, 200);
+    }));
+    beginAndWait({RecordedPlay::Interval{recordedMs + 700, hour.endMs}, 1, false});
+    ASSERT_TRUE(waitFrames(1));
+    EXPECT_EQ(replayer->times(), std::vector<std::int64_t>{0});
+}
+
+TEST_F(ReplayTest, framesInFrontOfTheFirstKeyFrameCountForTheTime)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        RecordingSender(connection).picture().picture().keyFrame();
+    }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(1));
+    EXPECT_EQ(replayer->times(), std::vector<std::int64_t>{80});
 }
 }  // namespace
 }  // namespace Tavro8::Utility
