@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
-#include <limits>
+#include <cmath>
 #include <string>
 
 namespace Uniview
@@ -40,9 +40,6 @@ constexpr const char* closing = "Uniview::RecordingPlayback::Close";
 constexpr const char* destroying = "Uniview::RecordingPlayback::Destroy";
 constexpr const char* receiving = "Uniview::RecordingPlayback::onFrame";
 
-constexpr std::uint64_t millisecondsPerSecond = 1000;
-constexpr std::uint64_t lastSecond = std::numeric_limits<std::uint32_t>::max();
-
 // Shorter ones are jitter of the recorder's clock, or a moment without packets.
 constexpr std::uint64_t shortestGapMs = 2000;
 // Recorders may begin with the next key frame.
@@ -51,14 +48,36 @@ constexpr std::uint64_t firstKeyFrameWithinMs = 10'000;
 constexpr std::uint64_t correctionMs = 6000;
 // Whoever closes the connection so near to the end of the interval has sent it all.
 constexpr std::uint64_t nearEndMs = 2000;
+// Recorders may play the last group of pictures to its end; whoever sends more does not stop by itself.
+constexpr std::uint64_t overrunMs = 5000;
 
-/// Units of the interval's place in a replay path: whole seconds, all that the interval touches.
-std::string replayPath(std::uint32_t channel, const DateTimeRange& interval)
+constexpr std::uint32_t fastestFactor = 8;
+
+/// The recorder's path of an interval. Channels count from 1.
+std::string replayPath(std::uint32_t channel, const RecordedInterval& interval)
 {
-    const std::uint64_t begin = interval.begin / millisecondsPerSecond;
-    const std::uint64_t end = std::min((interval.end - 1) / millisecondsPerSecond + 1, lastSecond);
-    return "/c" + std::to_string(std::uint64_t{channel} + 1) + "/b" + std::to_string(begin) + "/e" +
-           std::to_string(end) + "/replay/";
+    return "/c" + std::to_string(std::uint64_t{channel} + 1) + "/b" + std::to_string(interval.beginSecond()) + "/e" +
+           std::to_string(interval.endSecond()) + "/replay/";
+}
+
+std::uint64_t timeOf(const MediaFrame& frame) noexcept
+{
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(frame.timestampMs, 0));
+}
+
+/// Recorders name the speed that their disks allow.
+bool isNear(double scale, std::uint32_t factor) noexcept
+{
+    return std::abs(scale - factor) <= factor / 4.0;
+}
+
+/// The fastest of ours that the device reaches.
+std::uint32_t reachedSpeed(double scale) noexcept
+{
+    std::uint32_t factor = fastestFactor;
+    while (factor > 1 && scale < factor && !isNear(scale, factor))
+        factor /= 2;
+    return factor;
 }
 
 std::shared_ptr<Tavro8::ILogger> withLifetime(const std::shared_ptr<Tavro8::ILogger>& logger,
@@ -68,14 +87,22 @@ std::shared_ptr<Tavro8::ILogger> withLifetime(const std::shared_ptr<Tavro8::ILog
 }
 }  // namespace
 
+/// Where playing is in the interval.
+struct RecordingPlayback::Place {
+    std::uint64_t position = 0;  // of the last frame, in the beginning where it was asked for
+    bool frameSeen = false;      // since then
+    bool ended = false;          // the host has been told so, and the device was not asked for another place since
+};
+
 /// One `Open`.
 struct RecordingPlayback::Session {
     std::uint64_t number = 0;
-    DateTimeRange interval;
+    RecordedInterval interval;
     std::shared_ptr<RTSPClient> client;
-    bool ready = false;  // the host has been told
-    bool busy = false;   // a PLAY or PAUSE is under way
-    bool ended = false;  // since the device played last
+    bool ready = false;    // the host has been told
+    bool busy = false;     // a PLAY or PAUSE is under way
+    bool seeking = false;  // a PLAY that names a place is
+    bool placed = false;   // the device has taken such a PLAY, so it can go on without one
 
     struct Manner {
         bool playing = false;
@@ -88,14 +115,21 @@ struct RecordingPlayback::Session {
     Manner actual;  // by the device
     std::optional<std::uint64_t> wantedPosition;
 
-    bool hasVideo = false;
-    std::uint64_t position = 0;  // of the last frame, in the beginning where it was asked for
-    bool frameSeen = false;      // since then
+    double scale = 1;          // the device's word for its speed
+    bool pictureSeen = false;  // a video track may be described, and yet be refused or silent
+    Place place;
 
-    void startAt(std::uint64_t asked) noexcept
+    /// The host wants the device to play elsewhere than where it is.
+    bool isLeaving() const noexcept { return seeking || (wanted.playing && wantedPosition); }
+    bool isNearEnd() const noexcept
     {
-        position = asked;
-        frameSeen = false;
+        const auto nearMs = static_cast<std::uint64_t>(static_cast<double>(nearEndMs) * std::max(scale, 1.0));
+        return actual.playing && place.frameSeen && place.position + nearMs >= interval.get().end;
+    }
+    /// By how much the time of a frame may be wrong.
+    std::uint64_t inaccuracyMs() const noexcept
+    {
+        return static_cast<std::uint64_t>(static_cast<double>(correctionMs) * (std::max(scale, 1.0) - 1));
     }
 };
 
@@ -169,31 +203,23 @@ std::int32_t RecordingPlayback::Open(const DateTimeRange& interval) noexcept
 
 std::int32_t RecordingPlayback::open(const DateTimeRange& interval)
 {
-    if (interval.begin >= interval.end)
-        return toResult(ResultCode::invalidArgument);
-    if (interval.begin / millisecondsPerSecond > lastSecond)
-        return toResult(ResultCode::outOfRange);
+    if (const std::int32_t result = RecordedInterval::check(interval); result != toResult(ResultCode::success))
+        return result;
     if (!device->hasBeenConnected()) {
         logger.error(opening, "Recordings can be played once the device has connected");
         return toResult(ResultCode::invalidState);
     }
     const auto session = std::make_shared<Session>();
-    session->interval = interval;
+    session->interval = RecordedInterval(interval);
     session->wantedPosition = interval.begin;
-    const std::lock_guard lock(mutex);
-    if (opened)
-        return toResult(ResultCode::invalidState);
-    session->number = ++openings;
-    onService(opening, [session](RecordingPlayback& object) {
-        object.current = session;
-        const std::int32_t result = guarded(object.logger, opening, toResult(ResultCode::noResources), [&] {
-            object.begin(session);
-            return toResult(ResultCode::success);
-        });
-        if (result != toResult(ResultCode::success))
-            object.onReady(session, ResultCode::noResources);
-    });
-    opened = Opened{session->number, interval};
+    {
+        const std::lock_guard lock(mutex);
+        if (opened)
+            return toResult(ResultCode::invalidState);
+        session->number = ++openings;
+        onService(opening, [session](RecordingPlayback& object) { object.start(session); });
+        opened = Opened{session->number, session->interval};
+    }
     logger.info(opening, "Playing of recordings (", utcText(interval.begin), " - ", utcText(interval.end), ')');
     return toResult(ResultCode::success);
 }
@@ -225,8 +251,8 @@ std::int32_t RecordingPlayback::Play() noexcept
     return ask(playing, [](const Opened&, auto&& wish) {
         return wish([](Session& session) {
             session.wanted.playing = true;
-            if (session.ended && !session.wantedPosition)
-                session.wantedPosition = session.interval.begin;
+            if (session.place.ended && !session.wantedPosition)
+                session.wantedPosition = session.interval.get().begin;
         });
     });
 }
@@ -241,7 +267,7 @@ std::int32_t RecordingPlayback::Pause() noexcept
 std::int32_t RecordingPlayback::Seek(std::uint64_t timestampMs) noexcept
 {
     return ask(seeking, [timestampMs](const Opened& what, auto&& wish) {
-        if (timestampMs < what.interval.begin || timestampMs >= what.interval.end)
+        if (!what.interval.contains(timestampMs))
             return toResult(ResultCode::outOfRange);
         return wish([timestampMs](Session& session) { session.wantedPosition = timestampMs; });
     });
@@ -252,7 +278,7 @@ std::int32_t RecordingPlayback::SetSpeed(std::uint32_t factor, bool keyFramesOnl
     return ask(speeding, [factor, keyFramesOnly](const Opened& what, auto&& wish) {
         if (factor != 1 && factor != 2 && factor != 4 && factor != 8)
             return toResult(ResultCode::outOfRange);
-        if ((factor != 1 && !what.offersSpeed) || (keyFramesOnly && !what.offersKeyFrames))
+        if (factor > what.fastest || (keyFramesOnly && !what.offersKeyFrames))
             return toResult(ResultCode::notSupported);
         return wish([factor, keyFramesOnly](Session& session) {
             session.wanted.speed = factor;
@@ -264,11 +290,15 @@ std::int32_t RecordingPlayback::SetSpeed(std::uint32_t factor, bool keyFramesOnl
 void RecordingPlayback::Close() noexcept
 {
     guardedVoid(logger, closing, [&] {
-        {
-            const std::lock_guard lock(mutex);
-            opened.reset();
-        }
-        onService(closing, [](RecordingPlayback& object) { object.endCurrent(toResult(ResultCode::success)); });
+        // Within the lock: behind the begin of what is closed, in front of what is opened next.
+        const std::lock_guard lock(mutex);
+        if (!opened)
+            return;
+        onService(closing, [number = opened->number](RecordingPlayback& object) {
+            if (object.current != nullptr && object.current->number == number)
+                object.endCurrent(toResult(ResultCode::success));
+        });
+        opened.reset();
     });
 }
 
@@ -304,6 +334,18 @@ void RecordingPlayback::tellState(std::int32_t result)
         gate.call([&] { frames->OnStreamState(this, result); });
 }
 
+void RecordingPlayback::start(const SessionPtr& session)
+{
+    if (const auto left = std::exchange(current, session))
+        release(*left);
+    const std::int32_t result = guarded(logger, opening, toResult(ResultCode::noResources), [&] {
+        begin(session);
+        return toResult(ResultCode::success);
+    });
+    if (result != toResult(ResultCode::success))
+        onReady(session, ResultCode::noResources);
+}
+
 void RecordingPlayback::begin(const SessionPtr& session)
 {
     const auto client = RTSPClient::create(device->service(), deviceLogger);
@@ -335,15 +377,15 @@ void RecordingPlayback::begin(const SessionPtr& session)
 void RecordingPlayback::addTracks(const SessionPtr& session, const Tavro8::Utility::SessionDescription& description)
 {
     for (const char* const kind : {"video", "audio"}) {
-        const bool added = std::ranges::any_of(description.tracks, [&](const SdpTrack& track) {
+        const auto receive = [&](const SdpTrack& track) {
             if (track.kind != kind || track.direction == SdpTrack::Direction::sendOnly)
                 return false;
             const auto onFrames = [self = shared_from_this(), session](const MediaFrame& frame) {
-                self->onFrame(*session, frame);
+                self->onFrame(session, frame);
             };
             return !session->client->addTrack({track, onFrames}).expired();
-        });
-        session->hasVideo = session->hasVideo || (added && kind == std::string_view("video"));
+        };
+        static_cast<void>(std::ranges::any_of(description.tracks, receive));
     }
 }
 
@@ -364,7 +406,7 @@ void RecordingPlayback::onReady(const SessionPtr& session, const error_code& ec)
 /// Brings the device one step nearer to what the host wants.
 void RecordingPlayback::drive(const SessionPtr& session)
 {
-    if (session != current || !session->ready || session->busy)
+    if (session != current || !session->ready || session->busy || gate.isClosed())
         return;
     if (session->wanted.playing && (session->wanted != session->actual || session->wantedPosition))
         sendPlay(session);
@@ -377,42 +419,34 @@ void RecordingPlayback::sendPlay(const SessionPtr& session)
     RecordedPlay asked;
     asked.scale = session->wanted.speed;
     asked.keyFramesOnly = session->wanted.keyFramesOnly;
+    const Place before = session->place;
     if (session->wantedPosition) {
         asked.interval = {static_cast<std::int64_t>(*session->wantedPosition),
-                          static_cast<std::int64_t>(session->interval.end)};
-        if (!session->actual.playing)
-            session->startAt(*session->wantedPosition);  // frames may come in front of the answer
+                          static_cast<std::int64_t>(session->interval.get().end)};
+        // Frames of the new place may come in front of the answer; of the old one none comes any more.
+        session->place = {*session->wantedPosition, false, false};
+        session->seeking = true;
     }
     session->wantedPosition.reset();
     session->busy = true;
-    session->client->playRecorded(
-        asked, [self = shared_from_this(), session, asked](const error_code& ec, const RecordedPlayAnswer& answer) {
-            self->onPlayed(session, asked, ec, answer);
-        });
-}
-
-void RecordingPlayback::onPlayed(const SessionPtr& session, const RecordedPlay& asked, const error_code& ec,
-                                 const RecordedPlayAnswer& answer)
-{
-    if (session != current)
-        return;
-    session->busy = false;
-    if (ec) {
-        takeBack(*session, asked);
-        tellState(Tavro8::Utility::translateSystemError(ec));
-        return drive(session);
-    }
-    if (asked.interval && session->actual.playing)
-        session->startAt(static_cast<std::uint64_t>(asked.interval->beginMs));
-    session->ended = false;
-    session->actual.playing = true;
-    tellState(judgeAnswer(*session, asked, answer));
-    drive(session);
+    session->client->playRecorded(asked, [self = shared_from_this(), session, asked,
+                                          before](const error_code& ec, const RecordedPlayAnswer& answer) {
+        if (session != self->current)
+            return;
+        session->busy = false;
+        session->seeking = false;
+        if (ec)
+            takeBack(*session, asked, before);
+        self->tellState(ec ? Tavro8::Utility::translateSystemError(ec) : self->takeAnswer(*session, asked, answer));
+        self->drive(session);
+    });
 }
 
 /// The device goes on as it was, and with it the wishes that it has refused. What the host has wished since stays.
-void RecordingPlayback::takeBack(Session& session, const RecordedPlay& asked)
+void RecordingPlayback::takeBack(Session& session, const RecordedPlay& asked, const Place& before)
 {
+    if (asked.interval)
+        session.place = before;
     if (session.wanted.speed == asked.scale)
         session.wanted.speed = session.actual.speed;
     if (session.wanted.keyFramesOnly == asked.keyFramesOnly)
@@ -420,17 +454,27 @@ void RecordingPlayback::takeBack(Session& session, const RecordedPlay& asked)
     if (session.actual.playing)
         return;
     session.wanted.playing = false;
-    if (asked.interval && !session.wantedPosition)
-        session.wantedPosition = static_cast<std::uint64_t>(asked.interval->beginMs);
+    if (!session.placed && !session.wantedPosition)
+        session.wantedPosition = session.interval.get().begin;
 }
 
-/// A speed near to the one that was asked for is taken as it; none at all says that the device offers none.
+/// Notes what the device has made of a PLAY, and gives what the host is told of it.
+std::int32_t RecordingPlayback::takeAnswer(Session& session, const RecordedPlay& asked,
+                                           const RecordedPlayAnswer& answer)
+{
+    session.placed = true;
+    session.actual.playing = true;
+    return judgeAnswer(session, asked, answer);
+}
+
+/// A speed near to the one that was asked for is taken as it; of another one the host is told.
 std::int32_t RecordingPlayback::judgeAnswer(Session& session, const RecordedPlay& asked,
                                             const RecordedPlayAnswer& answer)
 {
-    const bool speedTaken = asked.scale == 1 || answer.scale != 1;
+    const bool speedTaken = isNear(answer.scale, asked.scale);
     const bool keyFramesTaken = !asked.keyFramesOnly || answer.keyFramesOnly;
-    session.actual.speed = speedTaken ? asked.scale : 1;
+    session.scale = answer.scale;
+    session.actual.speed = speedTaken ? asked.scale : reachedSpeed(answer.scale);
     session.actual.keyFramesOnly = asked.keyFramesOnly && keyFramesTaken;
     if (speedTaken && keyFramesTaken)
         return toResult(ResultCode::success);
@@ -439,10 +483,15 @@ std::int32_t RecordingPlayback::judgeAnswer(Session& session, const RecordedPlay
     if (!keyFramesTaken)
         session.wanted.keyFramesOnly = false;
     note(session, [&](Opened& what) {
-        what.offersSpeed = what.offersSpeed && speedTaken;
+        if (session.actual.speed < asked.scale)
+            what.fastest = std::min(what.fastest, session.actual.speed);
         what.offersKeyFrames = what.offersKeyFrames && keyFramesTaken;
     });
-    logger.warning(speeding, "the device does not offer ", speedTaken ? "to play key frames only" : "this speed");
+    if (!speedTaken)
+        logger.warning(speeding, "the device does not offer this speed: asked ", asked.scale, ", plays at ",
+                       answer.scale);
+    if (!keyFramesTaken)
+        logger.warning(speeding, "the device does not offer to play key frames only");
     return toResult(ResultCode::notSupported);
 }
 
@@ -455,9 +504,10 @@ void RecordingPlayback::sendPause(const SessionPtr& session)
         session->busy = false;
         if (ec) {
             session->wanted.playing = session->actual.playing;  // it goes on
-            return self->tellState(Tavro8::Utility::translateSystemError(ec));
+            self->tellState(Tavro8::Utility::translateSystemError(ec));
+        } else {
+            session->actual.playing = false;
         }
-        session->actual.playing = false;
         self->drive(session);
     });
 }
@@ -467,10 +517,16 @@ void RecordingPlayback::onEnd(const SessionPtr& session)
     if (session != current)
         return;
     session->actual.playing = false;
-    session->ended = true;
+    reachEnd(session);
+}
+
+/// The interval was played. A device that plays on is paused.
+void RecordingPlayback::reachEnd(const SessionPtr& session)
+{
     if (!session->wantedPosition)
         session->wanted.playing = false;
-    tell([&] { handler->EndReached(this); });
+    if (!std::exchange(session->place.ended, true))
+        tell([&] { handler->EndReached(this); });
     drive(session);
 }
 
@@ -479,35 +535,46 @@ void RecordingPlayback::onConnectionClosed(const SessionPtr& session, const erro
 {
     if (session != current)
         return;
-    const bool reached =
-        session->frameSeen && session->position + nearEndMs * session->actual.speed >= session->interval.end;
-    if (reached && !session->ended) {
-        session->ended = true;
+    const bool ended = !session->isLeaving() && (session->place.ended || session->isNearEnd());
+    if (ended && !session->place.ended)
         tell([&] { handler->EndReached(this); });
-    }
-    endCurrent(session->ended ? toResult(ResultCode::success) : Tavro8::Utility::translateSystemError(ec));
+    endCurrent(ended ? toResult(ResultCode::success) : Tavro8::Utility::translateSystemError(ec));
 }
 
-void RecordingPlayback::onFrame(Session& session, const MediaFrame& frame)
+void RecordingPlayback::onFrame(const SessionPtr& session, const MediaFrame& frame)
 {
-    if (Tavro8::GDRV::isVideo(frame.codec) == session.hasVideo)
-        watchForGap(session, frame);
+    if (!session->actual.playing && !session->busy)
+        return;  // some devices send without being asked, or go on for a while
+    if (timeOf(frame) > session->interval.get().end + overrunMs + session->inaccuracyMs())
+        return onOverrun(session);
+    const bool picture = Tavro8::GDRV::isVideo(frame.codec);
+    if (picture && !std::exchange(session->pictureSeen, true))
+        session->place.frameSeen = false;  // what sound has shown ends here, and the first key frame may be late
+    if (picture || !session->pictureSeen)
+        watchForGap(*session, frame);
     if (frames != nullptr)
         gate.call([&] { frames->OnFrame(this, frame); });
 }
 
-/// Time that passes without RTP time is a gap between recordings.
+/// The device does not stop at the end of the interval.
+void RecordingPlayback::onOverrun(const SessionPtr& session)
+{
+    if (session != current || session->place.ended)
+        return;
+    logger.warning(receiving, "the device plays on behind the end of the interval, ",
+                   utcText(session->interval.get().end));
+    reachEnd(session);
+}
+
+/// Time that passes without RTP time is a gap between recordings. Pictures tell it; as long as none has come, sound.
 void RecordingPlayback::watchForGap(Session& session, const MediaFrame& frame)
 {
-    const auto time = static_cast<std::uint64_t>(std::max<std::int64_t>(frame.timestampMs, 0));
-    const std::uint64_t speed = session.actual.speed;
-    const std::uint64_t longestFrameMs = session.actual.keyFramesOnly ? frame.durationMs : shortestGapMs;
-    const std::uint64_t expected =
-        session.position + (session.frameSeen ? std::min<std::uint64_t>(frame.durationMs, longestFrameMs) : 0);
-    const std::uint64_t tolerance =
-        (session.frameSeen ? shortestGapMs : firstKeyFrameWithinMs) + correctionMs * (speed - 1);
-    session.position = time;
-    session.frameSeen = true;
+    Place& place = session.place;
+    const std::uint64_t time = timeOf(frame);
+    const std::uint64_t expected = place.position + (place.frameSeen ? frame.durationMs : 0);
+    const std::uint64_t tolerance = (place.frameSeen ? shortestGapMs : firstKeyFrameWithinMs) + session.inaccuracyMs();
+    place.position = time;
+    place.frameSeen = true;
     if (time <= expected + tolerance)
         return;
     logger.debug(receiving, "Nothing is recorded from ", utcText(expected), " to ", utcText(time));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "RecordedInterval.h"
+
 #include <IpUtil/ErrorCode.h>
 #include <IpUtil/GlobalService.h>
 #include <IpUtil/LoggerHelper.h>
@@ -49,9 +51,8 @@ public:
     void Destroy() noexcept override;
     std::uint32_t GetChannelIndex() const noexcept override { return channel; }
 
-    /// 2 while something is open and before the device has connected, 3 when the interval does not end behind its
-    /// begin, 6 when it begins beyond the 32 bits of seconds that devices know. What was opened with success ends with
-    /// `Closed`; when `Opened` tells a failure nothing follows.
+    /// 2 while something is open and before the device has connected, else what `RecordedInterval::check` says. What
+    /// was opened with success ends with `Closed`; when `Opened` tells a failure nothing follows.
     std::int32_t Open(const Tavro8::GDRV::DateTimeRange& interval) noexcept override;
 
     // 2 when nothing is open. All may be called before `Opened` was told.
@@ -60,20 +61,21 @@ public:
     std::int32_t Pause() noexcept override;
     /// 6 outside the interval. Devices know whole seconds. While paused the next `Play` begins there.
     std::int32_t Seek(std::uint64_t timestampMs) noexcept override;
-    /// 6 for another factor. 8 once the device has shown that it does not offer it: the first time only
-    /// `OnStreamState` tells so.
+    /// 6 for another factor. 8 for what the device has shown not to offer, which `OnStreamState` tells the first time:
+    /// it then plays at a speed of its own.
     std::int32_t SetSpeed(std::uint32_t factor, bool keyFramesOnly) noexcept override;
     void Close() noexcept override;
 
 private:
+    struct Place;
     struct Session;
     using SessionPtr = std::shared_ptr<Session>;
 
     /// What the host has open.
     struct Opened {
         std::uint64_t number;
-        Tavro8::GDRV::DateTimeRange interval;
-        bool offersSpeed = true;
+        RecordedInterval interval;
+        std::uint32_t fastest = 8;  // as far as the device has shown
         bool offersKeyFrames = true;
     };
 
@@ -87,20 +89,23 @@ private:
     void note(const Session& session, Change&& change);
 
     // On the I/O context:
+    void start(const SessionPtr& session);
     void begin(const SessionPtr& session);
     void addTracks(const SessionPtr& session, const Tavro8::Utility::SessionDescription& description);
     void onReady(const SessionPtr& session, const Tavro8::error_code& ec);
     void drive(const SessionPtr& session);
     void sendPlay(const SessionPtr& session);
-    void onPlayed(const SessionPtr& session, const Tavro8::Utility::RecordedPlay& asked, const Tavro8::error_code& ec,
-                  const Tavro8::Utility::RecordedPlayAnswer& answer);
-    static void takeBack(Session& session, const Tavro8::Utility::RecordedPlay& asked);
+    static void takeBack(Session& session, const Tavro8::Utility::RecordedPlay& asked, const Place& before);
+    std::int32_t takeAnswer(Session& session, const Tavro8::Utility::RecordedPlay& asked,
+                            const Tavro8::Utility::RecordedPlayAnswer& answer);
     std::int32_t judgeAnswer(Session& session, const Tavro8::Utility::RecordedPlay& asked,
                              const Tavro8::Utility::RecordedPlayAnswer& answer);
     void sendPause(const SessionPtr& session);
     void onEnd(const SessionPtr& session);
+    void reachEnd(const SessionPtr& session);
     void onConnectionClosed(const SessionPtr& session, const Tavro8::error_code& ec);
-    void onFrame(Session& session, const Tavro8::GDRV::MediaFrame& frame);
+    void onFrame(const SessionPtr& session, const Tavro8::GDRV::MediaFrame& frame);
+    void onOverrun(const SessionPtr& session);
     void watchForGap(Session& session, const Tavro8::GDRV::MediaFrame& frame);
     void endCurrent(std::int32_t result);
     void release(Session& session);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <future>
+#include <limits>
 #include <optional>
 #include <string>
 #include <thread>
@@ -39,6 +40,44 @@ std::string okFor(const Request& request)
     return "Session: 88\r\n" + (scale.empty() ? "" : "Scale: " + scale + "\r\n") +
            (frames.empty() ? "" : "Frames: " + frames + "\r\n");
 }
+
+/// The same recorder, but for its answer to one more request.
+Camera withAnswer(Camera recorder, const std::string& method, OnPlay onRequest)
+{
+    recorder.intercept = [others = recorder.intercept, method,
+                          onRequest = std::move(onRequest)](Connection& connection, const Request& request) {
+        if (request.method != method)
+            return others(connection, request);
+        onRequest(connection, request);
+        return true;
+    };
+    return recorder;
+}
+
+/// The sequence numbers of each PLAY begin elsewhere.
+std::uint16_t sequenceOf(int round)
+{
+    return static_cast<std::uint16_t>(1000 * round);
+}
+
+/// A host's logger that calls the module.
+class CallingLogger final : public Tavro8::ILogger {
+public:
+    void* FindContract(const char* name) noexcept override
+    {
+        return Tavro8::findContractIn<Tavro8::ILogger, Tavro8::IContract>(this, name);
+    }
+    Tavro8::LogSeverity GetLevel() const noexcept override { return Tavro8::LogSeverity::info; }
+    void Log(Tavro8::LogSeverity, const char*, const char*, int, const char* message) noexcept override
+    {
+        if (std::string(message).find("Playing of recordings (") != std::string::npos)
+            result = playback->Play();
+    }
+    void Destroy() noexcept override {}
+
+    Tavro8::GDRV::IRecordingPlayback* playback = nullptr;
+    std::int32_t result = -1;
+};
 
 class RecordingPlaybackTest : public Uniview::test::DeviceFixture {
 protected:
@@ -186,6 +225,92 @@ TEST_F(RecordingPlaybackTest, aRecordingThatBeginsLaterBeginsWithAGap)
     EXPECT_EQ(handler.gaps(), (std::vector<DateTimeRange>{{beginMs, beginMs + 300'000}}));
 }
 
+TEST_F(RecordingPlaybackTest, mediaBeforePlayAreNotTold)
+{
+    make(withAnswer(recorderWith({}), "SETUP", [](Connection& connection, const Request& request) {
+        connection.reply(request, 200, "Session: 88\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
+        RecordingSender(connection).report(recordedMs + 60'000).keyFrame().keyFrame();
+        connection.close();
+    }));
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.opened(), Results{0});
+    EXPECT_EQ(frames.frameTotal(), 0U);
+    EXPECT_TRUE(handler.gaps().empty());
+}
+
+TEST_F(RecordingPlaybackTest, mediaAfterPauseAreNotTold)
+{
+    const Camera recorder = recorderWith([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        sender.emplace(connection).keyFrame();
+    });
+    make(withAnswer(recorder, "PAUSE", [&](Connection& connection, const Request& request) {
+        connection.reply(request, 200);
+        sender->picture().picture();
+        connection.close();
+    }));
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(playback->Pause(), 0);
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(times(), Times{0});
+}
+
+TEST_F(RecordingPlaybackTest, anEndBeyondWhatDevicesKnowIsTheLastThatTheyDo)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame();
+    });
+    ASSERT_EQ(playback->Open({beginMs, std::numeric_limits<std::uint64_t>::max()}), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_TRUE(rtsp->requests()[1].uri.ends_with("/c1/b1493172645/e4294967295/replay/"));
+    EXPECT_EQ(headerOf(plays().at(0), "range"), "clock=20170426T021045Z-21060207T062815Z");
+    EXPECT_EQ(playback->Seek(4'294'967'295'000), toResult(ResultCode::outOfRange));
+}
+
+TEST_F(RecordingPlaybackTest, picturesThatComeSlowlyAreNoGaps)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).report(recordedMs).keyFrame(450'000).picture(450'000).picture(450'000).bye();
+    });
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(times(), (Times{0, 5000, 10'000}));
+    EXPECT_TRUE(handler.gaps().empty());
+}
+
+TEST_F(RecordingPlaybackTest, soundTellsGapsAndTheEndWhereThePicturesAreRefused)
+{
+    const auto sound = [](Connection& connection, std::int64_t timeMs, std::uint16_t sequence) {
+        connection.sendFrame(3, senderReport(0x99, ntpOf(timeMs), sequence * 160U));
+        connection.sendFrame(2, rtp(0, sequence, sequence * 160U, false, Bytes(160, 0x55), 0x99));
+    };
+    const Camera recorder = recorderWith(
+        [sound](Connection& connection, const Request& request) {
+            connection.reply(request, 200, okFor(request));
+            sound(connection, recordedMs, 1);
+            sound(connection, recordedMs + 3'599'900, 2);
+            connection.close();
+        },
+        videoAndAudioSdp);
+    make(withAnswer(recorder, "SETUP", [](Connection& connection, const Request& request) {
+        if (request.uri.ends_with("track1"))
+            connection.reply(request, 404);
+        else
+            connection.reply(request, 200, "Session: 88\r\nTransport: " + headerOf(request, "transport") + "\r\n");
+    }));
+    openAndPlay();
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(frames.frameTotal(), 2U);
+    EXPECT_EQ(handler.gaps(), (std::vector<DateTimeRange>{{beginMs + 20, beginMs + 3'599'900}}));
+    EXPECT_EQ(handler.ends(), 1U);
+    EXPECT_EQ(handler.closed(), Results{0});
+}
+
 TEST_F(RecordingPlaybackTest, pausesAndPlaysOnWithoutARange)
 {
     make([&](Connection& connection, const Request& request) {
@@ -210,7 +335,7 @@ TEST_F(RecordingPlaybackTest, seeksForthAndBackAndStampsAnew)
 {
     make([&](Connection& connection, const Request& request) {
         connection.reply(request, 200, "Range: " + headerOf(request, "range") + "\r\n");
-        RecordingSender(connection, 90000, static_cast<std::uint16_t>(1000 * ++round)).keyFrame();
+        RecordingSender(connection, 90000, sequenceOf(++round)).keyFrame();
     });
     openAndPlay();
     ASSERT_TRUE(frames.waitFrames(1));
@@ -232,7 +357,7 @@ TEST_F(RecordingPlaybackTest, wishesThatFollowFastCostOneRequestAtATime)
         if (++round == 1)
             gate.wait();
         connection.reply(request, 200, "Range: " + headerOf(request, "range") + "\r\n");
-        RecordingSender(connection, 90000, static_cast<std::uint16_t>(1000 * round)).keyFrame();
+        RecordingSender(connection, 90000, sequenceOf(round)).keyFrame();
     });
     ASSERT_EQ(playback->Open(hour), 0);
     ASSERT_EQ(playback->Play(), 0);
@@ -250,7 +375,7 @@ TEST_F(RecordingPlaybackTest, playBehindTheEndBeginsAgain)
 {
     make([&](Connection& connection, const Request& request) {
         connection.reply(request, 200, okFor(request));
-        RecordingSender(connection, 90000, static_cast<std::uint16_t>(1000 * ++round)).keyFrame().bye();
+        RecordingSender(connection, 90000, sequenceOf(++round)).keyFrame().bye();
     });
     openAndPlay();
     ASSERT_TRUE(handler.waitEnd());
@@ -264,7 +389,7 @@ TEST_F(RecordingPlaybackTest, aSeekFromInsideTheEndGoesOn)
 {
     make([&](Connection& connection, const Request& request) {
         connection.reply(request, 200, okFor(request));
-        RecordingSender sender(connection, 90000, static_cast<std::uint16_t>(1000 * ++round));
+        RecordingSender sender(connection, 90000, sequenceOf(++round));
         sender.keyFrame();
         if (round == 1)
             sender.bye();
@@ -276,6 +401,53 @@ TEST_F(RecordingPlaybackTest, aSeekFromInsideTheEndGoesOn)
     openAndPlay();
     ASSERT_TRUE(frames.waitFrames(2));
     EXPECT_EQ(times(), (Times{0, 5000}));
+}
+
+TEST_F(RecordingPlaybackTest, aSeekBehindTheEndIsNotLostWhileItsAnswerIsAwaited)
+{
+    std::promise<void> go;
+    auto gate = go.get_future().share();
+    make([&, gate](Connection& connection, const Request& request) {
+        if (++round == 2)
+            gate.wait();
+        connection.reply(request, 200, okFor(request));
+        RecordingSender sender(connection, 90000, sequenceOf(round));
+        sender.keyFrame();
+        if (round == 1)
+            sender.bye();
+    });
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(playback->Seek(beginMs + 600'000), 0);
+    EXPECT_EQ(playback->Play(), 0);
+    EXPECT_EQ(playback->Pause(), 0);
+    EXPECT_EQ(playback->Play(), 0);
+    EXPECT_EQ(playback->Play(), 0);
+    settle();
+    go.set_value();
+    ASSERT_TRUE(frames.waitFrames(2));
+    EXPECT_EQ(times(), (Times{0, 600'000}));
+    settle();
+    EXPECT_EQ(plays().size(), 2U);
+}
+
+TEST_F(RecordingPlaybackTest, aRecorderThatDoesNotStopAtTheEndIsPaused)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender sender(connection, 90000, sequenceOf(++round));
+        sender.report(recordedMs).keyFrame();
+        if (round == 1)
+            sender.report(recordedMs + 3'602'000).picture().report(recordedMs + 3'606'000).picture().keyFrame();
+    });
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(3));
+    EXPECT_EQ(times(), (Times{0, 3'602'000, 0})) << "the last group of pictures may go on a little";
+    EXPECT_EQ(handler.ends(), 1U);
+    EXPECT_EQ(rtsp->count("PAUSE"), 1U);
+    EXPECT_EQ(headerOf(plays().at(1), "range"), headerOf(plays().at(0), "range"));
 }
 
 TEST_F(RecordingPlaybackTest, playsFasterAndKeyFramesOnlyWhereTheDeviceOffersIt)
@@ -327,6 +499,85 @@ TEST_F(RecordingPlaybackTest, aSeekThatTheDeviceRefusesIsToldAndTheRestGoesOn)
     ASSERT_TRUE(frames.waitFrames(2));
     EXPECT_EQ(times(), (Times{0, 40}));
     EXPECT_TRUE(handler.gaps().empty());
+}
+
+TEST_F(RecordingPlaybackTest, anotherSpeedThanTheOneAskedForIsTold)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, "Scale: 0.5\r\n");
+        RecordingSender(connection).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    EXPECT_EQ(playback->SetSpeed(8, false), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitState(toResult(ResultCode::notSupported)));
+    settle();
+    EXPECT_EQ(playback->SetSpeed(8, false), toResult(ResultCode::notSupported));
+    EXPECT_EQ(playback->SetSpeed(2, false), toResult(ResultCode::notSupported)) << "half is less than that, too";
+    EXPECT_EQ(plays().size(), 1U) << "a speed that the device has refused is not asked for again";
+}
+
+TEST_F(RecordingPlaybackTest, aSlowerSpeedThanTheOneAskedForStaysOnOffer)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, 200, ++round == 1 ? "Scale: 3.9\r\n" : "Scale: 2.2\r\n");
+        RecordingSender(connection).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    EXPECT_EQ(playback->SetSpeed(8, false), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitState(toResult(ResultCode::notSupported)));
+    ASSERT_TRUE(logger.waitFor("the device does not offer this speed: asked 8, plays at 3.9"));
+    settle();
+    EXPECT_EQ(playback->SetSpeed(8, false), toResult(ResultCode::notSupported));
+    EXPECT_EQ(playback->SetSpeed(2, false), 0);
+    EXPECT_TRUE(frames.waitState(0)) << "nearly the speed is the speed";
+}
+
+TEST_F(RecordingPlaybackTest, aRefusedSeekIsLeftByPlay)
+{
+    make([&](Connection& connection, const Request& request) {
+        const bool refused = headerOf(request, "range").starts_with("clock=20170426T022045Z");
+        connection.reply(request, refused ? 457 : 200);
+        if (!refused)
+            RecordingSender(connection, 90000, sequenceOf(++round)).keyFrame();
+    });
+    const auto seekInVain = [&] {
+        EXPECT_EQ(playback->Seek(beginMs + 600'000), 0);
+        EXPECT_EQ(playback->Play(), 0);
+        EXPECT_TRUE(frames.waitState(toResult(ResultCode::streamRefused)));
+    };
+    ASSERT_EQ(playback->Open(hour), 0);
+    seekInVain();
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(playback->Pause(), 0);
+    seekInVain();
+    ASSERT_TRUE(logger.waitFor("/replay/: 457 ", 2));
+    settle();
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(2));
+    const auto all = plays();
+    ASSERT_EQ(all.size(), 4U);
+    EXPECT_TRUE(headerOf(all[1], "range").starts_with("clock=20170426T021045Z"))
+        << "the begin, where nothing was played";
+    EXPECT_EQ(headerOf(all[3], "range"), "") << "on from where it was paused";
+}
+
+TEST_F(RecordingPlaybackTest, aPlayThatIsRefusedIsToldAndMayBeTriedAgain)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, ++round == 1 ? 404 : 200);
+        if (round == 2)
+            RecordingSender(connection).keyFrame();
+    });
+    openAndPlay();
+    ASSERT_TRUE(frames.waitState(toResult(ResultCode::resourceNotFound)));
+    EXPECT_TRUE(handler.closed().empty());
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(times(), Times{0});
+    EXPECT_EQ(headerOf(plays().at(1), "range"), headerOf(plays().at(0), "range"));
 }
 
 TEST_F(RecordingPlaybackTest, whatTheRecorderDoesNotHaveIsAFailureOfOpening)
@@ -386,16 +637,62 @@ TEST_F(RecordingPlaybackTest, aConnectionThatIsClosedAtTheEndOfTheIntervalIsTheE
     EXPECT_EQ(handler.closed(), Results{0});
 }
 
+TEST_F(RecordingPlaybackTest, aConnectionThatIsLostOnTheWayBackFromTheEndIsNoEnd)
+{
+    make([&](Connection& connection, const Request& request) {
+        if (++round == 2)
+            return connection.close();
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).report(recordedMs + 3'599'000).keyFrame().bye();
+    });
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(playback->Seek(beginMs), 0);
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.closed(), Results{toResult(ResultCode::connectionLost)});
+    EXPECT_EQ(handler.ends(), 1U);
+}
+
+TEST_F(RecordingPlaybackTest, aConnectionThatIsLostWhilePausedNearTheEndIsNoEnd)
+{
+    const Camera recorder = recorderWith([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).report(recordedMs + 3'599'000).keyFrame();
+    });
+    make(withAnswer(recorder, "PAUSE", [](Connection& connection, const Request& request) {
+        connection.reply(request, 200);
+        connection.close();
+    }));
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(playback->Pause(), 0);
+    ASSERT_TRUE(handler.waitClosed());
+    EXPECT_EQ(handler.closed(), Results{toResult(ResultCode::connectionLost)});
+    EXPECT_EQ(handler.ends(), 0U);
+}
+
 TEST_F(RecordingPlaybackTest, silenceIsAStallOnlyWhilePlaying)
 {
+    const Tavro8::ParameterMap impatient{{"stallTimeout", 1}};
     make(recorderWith([](Connection& connection, const Request& request) {
              connection.reply(request, 200, okFor(request));
              RecordingSender(connection).keyFrame();
          }),
-         0, {{"stallTimeout", 1}});
+         0, impatient);
     openAndPlay();
-    ASSERT_TRUE(handler.waitClosed());
-    EXPECT_EQ(handler.closed(), Results{toResult(ResultCode::timedOut)});
+    ASSERT_TRUE(frames.waitFrames(1));
+    ASSERT_EQ(playback->Pause(), 0);
+    // Another one, which falls silent later, shows that the time of the first is over.
+    PlaybackHandler stalled;
+    Tavro8::GDRV::IRecordingPlayback* other = nullptr;
+    ASSERT_EQ(device->CreateRecordingPlayback(0, &stalled, &frames, impatient, &other), 0);
+    ASSERT_EQ(other->Open(hour), 0);
+    ASSERT_EQ(other->Play(), 0);
+    ASSERT_TRUE(stalled.waitClosed());
+    other->Destroy();
+    EXPECT_EQ(stalled.closed(), Results{toResult(ResultCode::timedOut)});
+    EXPECT_TRUE(handler.closed().empty());
 }
 
 TEST_F(RecordingPlaybackTest, closeWhileOpeningTellsBoth)
@@ -428,6 +725,68 @@ TEST_F(RecordingPlaybackTest, mayBeOpenedAnewRightBehindClose)
     EXPECT_EQ(times(), Times{5000});
     EXPECT_EQ(handler.opened(), (Results{toResult(ResultCode::cancelled), 0}));
     EXPECT_EQ(handler.closed(), Results{0});
+}
+
+TEST_F(RecordingPlaybackTest, openAndCloseOfSeveralThreadsTellEachOpening)
+{
+    constexpr int rounds = 60;
+    make([](Connection& connection, const Request& request) { connection.reply(request, 200); });
+    std::size_t taken = 0;
+    std::thread opener([&] {
+        for (int i = 0; i < rounds; ++i)
+            taken += playback->Open(hour) == 0 ? 1U : 0U;
+    });
+    std::thread closer([&] {
+        for (int i = 0; i < rounds; ++i)
+            playback->Close();
+    });
+    opener.join();
+    closer.join();
+    playback->Close();
+    ASSERT_GT(taken, 0U);
+    EXPECT_TRUE(handler.waitClosed(taken));
+    settle();
+    EXPECT_EQ(handler.opened().size(), taken);
+    EXPECT_EQ(handler.closed(), Results(taken, 0));
+}
+
+TEST_F(RecordingPlaybackTest, theHostMayCallItFromItsLogger)
+{
+    rtsp.emplace(recorderWith([](Connection& connection, const Request& request) {
+                     connection.reply(request, 200, okFor(request));
+                     RecordingSender(connection).keyFrame();
+                 }).script());
+    CallingLogger calling;
+    DeviceFixture::make();
+    leave();
+    const auto traits = std::make_shared<DeviceTraits>();
+    traits->videoChannelCount = 1;
+    device = Device::create(&this->DeviceFixture::handler, &calling, traits, *service);
+    peer.answer(Uniview::test::portPath, 200, "\"RTSPPort\":\t" + std::to_string(rtsp->port()));
+    connect();
+    ASSERT_EQ(device->CreateRecordingPlayback(0, &handler, &frames, {}, &playback), 0);
+    calling.playback = playback;
+    ASSERT_EQ(playback->Open(hour), 0);
+    EXPECT_EQ(calling.result, 0);
+    EXPECT_TRUE(frames.waitFrames(1));
+    std::exchange(playback, nullptr)->Destroy();
+    leave();
+}
+
+TEST_F(RecordingPlaybackTest, destroyInsideOpenedAsksTheDeviceForNothing)
+{
+    make([](Connection& connection, const Request& request) { connection.reply(request, 200, okFor(request)); });
+    std::promise<void> destroyed;
+    handler.onOpened = [&](Tavro8::GDRV::IRecordingPlayback* going) {
+        going->Destroy();
+        destroyed.set_value();
+    };
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_EQ(std::exchange(playback, nullptr)->Play(), 0);
+    destroyed.get_future().get();
+    leave();
+    EXPECT_EQ(rtsp->count("TEARDOWN"), 1U);
+    EXPECT_EQ(rtsp->count("PLAY"), 0U);
 }
 
 TEST_F(RecordingPlaybackTest, destroyInsideEveryCallbackIsTheLastCall)
