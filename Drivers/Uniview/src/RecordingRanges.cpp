@@ -1,5 +1,6 @@
 #include "RecordingRanges.h"
 
+#include "RecordedInterval.h"
 #include "UtcText.h"
 
 #include <IpUtil/LoggerHelper.h>
@@ -16,7 +17,11 @@ using Ranges = std::vector<DateTimeRange>;
 
 constexpr const char* sourcePath = "Drivers/Uniview/src/RecordingSearch";
 constexpr const char* adjusting = "Uniview::adjustingRanges";
-constexpr std::uint64_t millisecondsPerSecond = 1000;
+
+bool isEmpty(const DateTimeRange& range) noexcept
+{
+    return range.begin == range.end;
+}
 
 /// False when the record has no two numbers in the right order.
 bool readRecord(const Json::Value& record, DateTimeRange& range)
@@ -96,9 +101,12 @@ void CollectedRanges::add(const Ranges& page)
                [](const DateTimeRange& a, const DateTimeRange& b) { return a.begin < b.begin; });
     auto kept = merged.begin();
     for (const DateTimeRange& range : merged) {
+        if (kept != merged.begin() && range.end <= kept[-1].end)
+            continue;
         const std::uint64_t covered = kept == merged.begin() ? 0 : kept[-1].end;
-        if (kept == merged.begin() || range.end > covered)
-            *kept++ = {std::max(covered, range.begin), range.end};
+        if (kept != merged.begin() && isEmpty(kept[-1]) && range.begin == covered)
+            --kept;  // nothing is left of an empty one that another touches
+        *kept++ = {std::max(covered, range.begin), range.end};
     }
     const auto at = ranges.erase(first, last);
     ranges.insert(at, merged.begin(), kept);

@@ -36,8 +36,9 @@ void trimCovered(std::vector<Tavro8::GDRV::DateTimeRange>& ranges, std::uint64_t
 class CollectedRanges {
 public:
     /// Takes a page as `adjustingRanges` leaves it. What another range covers, be it of this page or an earlier one, is
-    /// added once; nothing is left of a range that adds no time and touches another. Costs time in proportion to the
-    /// page when pages come oldest first; newest first what is there is moved as well.
+    /// added once. An empty range stays where it touches no other, and is left out where one touches it, whichever
+    /// comes first. Costs time in proportion to the page when pages come oldest first; newest first what is there is
+    /// moved as well.
     void add(const std::vector<Tavro8::GDRV::DateTimeRange>& page);
 
     const std::vector<Tavro8::GDRV::DateTimeRange>& get() const noexcept { return ranges; }

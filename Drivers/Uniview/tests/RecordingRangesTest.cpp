@@ -289,6 +289,51 @@ TEST(CollectedRanges, anEmptyRangeByItselfStays)
     EXPECT_EQ(collected.get(), (Ranges{{100, 100}, {300, 400}}));
 }
 
+TEST(CollectedRanges, anEmptyRangeThatTouchesAnotherIsLeftOutInWhicheverOrderTheyCome)
+{
+    const Ranges whole{{100, 200}};
+    for (const std::uint64_t at : {100U, 150U, 200U}) {
+        SCOPED_TRACE(at);
+        const Ranges empty{{at, at}};
+        CollectedRanges emptyFirst;
+        emptyFirst.add(empty);
+        emptyFirst.add(whole);
+        EXPECT_EQ(emptyFirst.get(), whole);
+        CollectedRanges emptyLast;
+        emptyLast.add(whole);
+        emptyLast.add(empty);
+        EXPECT_EQ(emptyLast.get(), whole);
+    }
+}
+
+TEST(CollectedRanges, keepTheSameEmptyRangesInWhicheverOrderPagesCome)
+{
+    std::mt19937 random(3);
+    const auto emptiesOf = [](const std::vector<Ranges>& pages) {
+        CollectedRanges collected;
+        for (const Ranges& page : pages)
+            collected.add(page);
+        Ranges empties = collected.get();
+        std::erase_if(empties, [](const DateTimeRange& range) { return range.begin != range.end; });
+        return empties;
+    };
+    bool some = false;
+    for (int round = 0; round < 2000; ++round) {
+        std::vector<Ranges> pages(3);
+        for (Ranges& page : pages) {
+            Seconds bounds = randomBounds(random, 2);
+            const auto at = static_cast<std::uint32_t>(random() % clockSeconds);
+            bounds.emplace_back(at, at);
+            page = adjusted(bounds);
+        }
+        const Ranges expected = emptiesOf(pages);
+        some = some || !expected.empty();
+        std::ranges::shuffle(pages, random);
+        ASSERT_EQ(emptiesOf(pages), expected) << "round " << round;
+    }
+    EXPECT_TRUE(some);
+}
+
 TEST(CollectedRanges, coverTheSameTimeInWhicheverOrderPagesCome)
 {
     std::mt19937 random(42);
