@@ -4,6 +4,7 @@
 
 #include "Device.h"
 #include "Lapi.h"
+#include "RecordedInterval.h"
 #include "RecordingInfo.h"
 #include "UtcText.h"
 
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
-#include <limits>
 #include <optional>
 
 namespace Uniview
@@ -28,9 +28,6 @@ constexpr const char* finding = "Uniview::RecordingSearch::FindRecordings";
 constexpr const char* handling = "Uniview::RecordingSearch::handleRecordingsList";
 constexpr const char* cancelling = "Uniview::RecordingSearch::Cancel";
 constexpr const char* destroying = "Uniview::RecordingSearch::Destroy";
-
-constexpr std::uint64_t millisecondsPerSecond = 1000;
-constexpr std::uint64_t lastSecond = std::numeric_limits<std::uint32_t>::max();
 
 /// Nothing when the member is no unsigned number of 32 bits.
 std::optional<std::uint32_t> readCount(const Json::Value& data, const char* name, std::uint32_t whenMissing)
@@ -62,28 +59,42 @@ struct RecordingSearch::PagePlace {
     }
 };
 
-/// One search. What the device says stays as 32-bit seconds and counts, what the host hears is milliseconds.
+/// One search: of one device, even when the host opens another address meanwhile. Times are milliseconds.
 struct RecordingSearch::Search {
     Tavro8::GDRV::IRecordingSearchHandler* handler;
     std::uint32_t channel;
-    DateTimeRange interval;
-    std::uint64_t coverage;    // the begin of the interval; what lies behind it is trimmed by `found`
+    Device::ConnectionInfoPtr connection;
+    std::string list;        // the path of a page, up to its offset
+    std::uint64_t coverage;  // the begin of the interval; what lies behind it is trimmed by `found`
+
     std::uint32_t offset = 0;  // of the page asked for last
     std::string path;
     Tavro8::http::CancellationPtr request;
+    std::size_t pages = 0;    // that have come
+    std::size_t records = 0;  // in them, whether merged or not
     CollectedRanges found;
     std::size_t handedOver = 0;
 };
 
 Tavro8::GDRV::IRecordingSearch* RecordingSearch::create(Device* device)
 {
-    const auto object = std::make_shared<RecordingSearch>(device);
+    return create(device, Limits{});
+}
+
+Tavro8::GDRV::IRecordingSearch* RecordingSearch::create(Device* device, const Limits& limits)
+{
+    const auto object = std::make_shared<RecordingSearch>(device, limits);
     object->self = object;
+    device->whenClosing(object, [weak = object->weak_from_this()] {
+        if (const auto search = weak.lock())
+            search->Cancel();
+    });
     return object.get();
 }
 
-RecordingSearch::RecordingSearch(Device* device)
+RecordingSearch::RecordingSearch(Device* device, const Limits& limits)
     : device(device),
+      limits(limits),
       lifetime(device->getLifetimeToken()),
       deviceLogger(device->getLogger()),
       logger(deviceLogger.get(), sourcePath)
@@ -144,10 +155,10 @@ std::int32_t RecordingSearch::FindRecordings(std::uint32_t channel, const DateTi
 std::int32_t RecordingSearch::find(std::uint32_t channel, const DateTimeRange& interval,
                                    Tavro8::GDRV::IRecordingSearchHandler* handler)
 {
-    if (handler == nullptr || interval.begin >= interval.end)
+    if (handler == nullptr)
         return toResult(ResultCode::invalidArgument);
-    if (interval.begin / millisecondsPerSecond > lastSecond)
-        return toResult(ResultCode::outOfRange);
+    if (const std::int32_t result = RecordedInterval::check(interval); result != toResult(ResultCode::success))
+        return result;
     if (channel >= device->GetChannelCount())
         return toResult(ResultCode::notFound);
     if (!device->hasBeenConnected()) {
@@ -161,10 +172,14 @@ std::int32_t RecordingSearch::find(std::uint32_t channel, const DateTimeRange& i
     try {
         logger.info(finding, "Recording search for interval (", utcText(interval.begin), " - ", utcText(interval.end),
                     "), channel ", channel);
+        const RecordedInterval whole(interval);
         const auto search = std::make_shared<Search>();
         search->handler = handler;
         search->channel = channel;
-        search->interval = interval;
+        search->connection = device->getHttpConnectionInfo();
+        search->list = "/LAPI/V1.0/Channels/" + std::to_string(device->channelNumber(channel)) +
+                       "/Media/Video/Streams/1/Records?Begin=" + std::to_string(whole.beginSecond()) +
+                       "&End=" + std::to_string(whole.endSecond()) + "&Offset=";
         search->coverage = interval.begin;
         onService(finding, [search](RecordingSearch& object) {
             if (object.gate.isClosed())
@@ -195,18 +210,14 @@ void RecordingSearch::carryOn(const SearchPtr& search, Step&& step)
 
 void RecordingSearch::requestPage(const SearchPtr& search, std::uint32_t offset)
 {
-    const std::uint64_t begin = search->interval.begin / millisecondsPerSecond;
-    const std::uint64_t end =
-        std::min((search->interval.end - 1) / millisecondsPerSecond + 1, lastSecond);  // a begun second is one
     search->offset = offset;
-    search->path = "/LAPI/V1.0/Channels/" + std::to_string(device->channelNumber(search->channel)) +
-                   "/Media/Video/Streams/1/Records?Begin=" + std::to_string(begin) + "&End=" + std::to_string(end) +
-                   "&Offset=" + std::to_string(offset) + "&Limit=100";
+    search->path = search->list + std::to_string(offset) + "&Limit=100";
     search->request = Tavro8::http::asyncGetEx(
-        device->getHttpConnectionInfo(), search->path, device->service(),
+        search->connection, search->path, device->service(),
         [self = shared_from_this(), keepDevice = device->shared_from_this(), search](
             const Tavro8::error_code& ec, const std::vector<char>& body, const Tavro8::http::HttpResponse& response) {
-            guardedVoid(self->logger, handling, [&] { keepDevice->reportExchange(ec); });
+            if (search->connection == keepDevice->getHttpConnectionInfo())
+                guardedVoid(self->logger, handling, [&] { keepDevice->reportExchange(ec); });
             self->carryOn(search, [&] { self->handleRecordingsList(search, lapi::judge(ec, response, body)); });
         });
 }
@@ -226,8 +237,22 @@ void RecordingSearch::handleRecordingsList(const SearchPtr& search, const lapi::
     finish(reply.result);
 }
 
+/// A list that does not end is none that a device could hold.
+bool RecordingSearch::isWithinLimits(Search& search, std::size_t recordsOfPage) const
+{
+    search.records += recordsOfPage;
+    ++search.pages;
+    if (recordsOfPage <= limits.recordsOfPage && search.records <= limits.records && search.pages <= limits.pages)
+        return true;
+    logger.error(handling, "Recordings list is too long: ", recordsOfPage, " records in the page at ", search.offset,
+                 ", ", search.records, " records in ", search.pages, " pages");
+    return false;
+}
+
 void RecordingSearch::takePage(const SearchPtr& search, const Json::Value& data, const PagePlace& place)
 {
+    if (!isWithinLimits(*search, data["RecordInfos"].size()))
+        return finish(toResult(ResultCode::responseTooLarge));
     std::vector<DateTimeRange> page;
     adjustingRanges(data["RecordInfos"], page, search->coverage, deviceLogger.get());
     search->found.add(page);

@@ -249,6 +249,43 @@ TEST_F(RecordingSearchTest, missingNumbersCountAsNoneAndTheOffsetAsTheOneAskedFo
     EXPECT_EQ(listRequests().size(), 2U);
 }
 
+TEST_F(RecordingSearchTest, aListWithoutEndEndsTheSearch)
+{
+    makeSearch();
+    search->Destroy();
+    search = RecordingSearch::create(device.get(), {.recordsOfPage = 3, .records = 4, .pages = 2});
+    const auto refused = [&](std::size_t requests) {
+        const std::size_t before = listRequests().size();
+        SearchHandler once;
+        ASSERT_EQ(search->FindRecordings(0, day, &once), 0);
+        ASSERT_TRUE(once.waitCompleted());
+        EXPECT_EQ(once.completions(), Results{toResult(ResultCode::responseTooLarge)});
+        EXPECT_TRUE(once.recordings().empty());
+        EXPECT_EQ(listRequests().size() - before, requests);
+    };
+    const std::string same = "{\"Begin\":1100,\"End\":1200}";
+    answer(page({{1100, 1200}, {1100, 1200}, {1100, 1200}, {1100, 1200}}, 0, 4));
+    refused(1);  // too many in one page
+    answer(page({{1100, 1200}, {1100, 1200}, {1100, 1200}}, 0, 6));
+    answer(page({{1100, 1200}, {1100, 1200}, {1100, 1200}}, 3, 6), 3);
+    refused(2);  // too many in all, though they are merged into one
+    for (std::uint64_t offset = 0; offset < 3; ++offset)
+        answer(pageOf("1", std::to_string(offset), "4294967295", '[' + same + ']'), offset);
+    refused(3);  // too many pages
+    EXPECT_EQ(logger.count("Recordings list is too long: "), 3U);
+}
+
+TEST_F(RecordingSearchTest, aListUpToTheLimitsIsTaken)
+{
+    makeSearch();
+    search->Destroy();
+    search = RecordingSearch::create(device.get(), {.recordsOfPage = 2, .records = 4, .pages = 2});
+    answer(page({{1100, 1200}, {1300, 1400}}, 0, 4));
+    answer(page({{1500, 1600}, {1700, 1800}}, 2, 4), 2);
+    EXPECT_EQ(findAndWait(), 0);
+    EXPECT_EQ(handler.recordings().size(), 4U);
+}
+
 TEST_F(RecordingSearchTest, aDeviceWithoutRecordingsFindsNone)
 {
     makeSearch();
@@ -371,6 +408,41 @@ TEST_F(RecordingSearchTest, cancelWhileAPageIsUnderWayCompletesWithOne)
     EXPECT_TRUE(handler.recordings().empty());
     EXPECT_EQ(handler.completions().size(), 1U);
     EXPECT_EQ(this->DeviceFixture::handler.lostTotal(), 0) << "what was taken back says nothing about the device";
+}
+
+TEST_F(RecordingSearchTest, closingTheDeviceCompletesWithOne)
+{
+    makeSearch();
+    answer(page({{1100, 1200}}, 0, 2));
+    peer.staySilent(path(1));
+    ASSERT_EQ(find(), 0);
+    ASSERT_TRUE(peer.waitForRequest("GET " + path(1)));
+    device->Close();
+    ASSERT_TRUE(handler.waitCompleted());
+    EXPECT_EQ(handler.completions(), Results{toResult(ResultCode::cancelled)});
+    EXPECT_TRUE(handler.recordings().empty());
+}
+
+TEST_F(RecordingSearchTest, openingAnotherDeviceCompletesWithOneAndAsksThatForNothing)
+{
+    makeSearch();
+    answer(page({{1100, 1200}}, 0, 2));
+    peer.staySilent(path(1));
+    ASSERT_EQ(find(), 0);
+    ASSERT_TRUE(peer.waitForRequest("GET " + path(1)));
+    kelvo::test::ScriptedHttpPeer another;
+    another.answer(Uniview::test::portPath, 200, "{\"Response\":{\"Data\":{\"HTTPPort\":80,\"RTSPPort\":\t8554}}}");
+    another.answer(Uniview::test::infoPath, 200, Uniview::test::deviceInfo(0));
+    ASSERT_EQ(device->Open(("http://admin:secret@" + another.address()).c_str()), 0);
+    ASSERT_TRUE(handler.waitCompleted());
+    EXPECT_EQ(handler.completions(), Results{toResult(ResultCode::cancelled)});
+    ASSERT_TRUE(this->DeviceFixture::handler.waitConnected(2));
+    peer.breakSilence(200, page({{1300, 1400}}, 1, 3));
+    service->barrier();
+    for (const std::string& request : another.requests())
+        EXPECT_EQ(request.find("/Records?"), std::string::npos) << request;
+    std::exchange(search, nullptr)->Destroy();
+    leave();
 }
 
 TEST_F(RecordingSearchTest, cancelWithoutASearchIsHarmless)
