@@ -127,6 +127,15 @@ void saveDialogues()
                           "\nWWW-Authenticate: Basic realm=\"x\"\nWWW-Authenticate: Digest realm=\"r\", nonce=\"n" +
                           std::to_string(number) + "\", algorithm=SHA-256, qop=\"auth\", stale=true\n");
     save("rtsp_session", "stale_for_ever", stale);
+    save("rtsp_session", "recorded_media",
+         std::string(1, '\x40') + response("RTSP/1.0 200 OK\nCSeq: 1\n") + response("RTSP/1.0 200 OK\nCSeq: 2\n", sdp) +
+             response("RTSP/1.0 200 OK\nCSeq: 3\nSession: 88\n"
+                      "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\n") +
+             response("RTSP/1.0 404 Not Found\nCSeq: 4\n") + frame(0, "p") +
+             response("RTSP/1.0 200 OK\nCSeq: 5\nScale: 4\nRange: clock=20170426T021045Z-\n") + frame(0, "p") +
+             response("RTSP/1.0 457 Invalid Range\nCSeq: 6\n") + frame(0, "h") +
+             response("RTSP/1.0 200 OK\nCSeq: 7\n") + frame(0, "r") + response("RTSP/1.0 200 OK\nCSeq: 8\n") +
+             frame(0, "t") + response("RTSP/1.0 200 OK\nCSeq: 9\n"));
     saveTestData(".rtsp", "rtsp_session", std::string(1, '\0'));
     saveTestData(".bin", "rtsp_session", std::string(1, '\0'));
 }
@@ -610,6 +619,35 @@ void saveMedia()
              hex("01"
                  "80000000") +
              step);
+
+    // Ten minutes of which two frames and two reports come, the second behind a gap.
+    const std::string recording = hex("00015f90"
+                                      "0000015ba7b50f08"
+                                      "0000015ba7be36c8"
+                                      "0000015ba7b50f08"
+                                      "03"
+                                      "00000000");
+    const std::string recordedFrame = hex("000e10"
+                                          "0900");
+    save("recorded_clock", "a_gap", recording + recordedFrame + recordedFrame + hex("03003c") + recordedFrame);
+    save("recorded_clock", "a_new_base_and_a_late_report",
+         recording + recordedFrame +
+             hex("013b9aca00"
+                 "05"
+                 "0900"
+                 "030078") +
+             recordedFrame);
+    save("recorded_clock", "the_present_day_and_a_resumption",
+         recording + recordedFrame +
+             hex("02"
+                 "eb5f8a8000000000"
+                 "00000000") +
+             recordedFrame +
+             hex("0703"
+                 "3b9aca01"
+                 "0000015ba7b60f08"
+                 "013b9aca00") +
+             recordedFrame);
 
     save("reorder", "in_order",
          hex("08"

@@ -28,6 +28,7 @@ enum Choice : unsigned {
     setParameter = 8,
     optionalTracks = 16,
     eitherTransport = 32,
+    recordedMedia = 64,
 };
 
 wire::RtspSessionConfig configOf(unsigned choices)
@@ -43,6 +44,7 @@ wire::RtspSessionConfig configOf(unsigned choices)
     if ((choices & setParameter) != 0)
         config.keepAlive = wire::RtspKeepAlive::setParameter;
     config.range = "npt=0.000-";
+    config.playAtOnce = (choices & recordedMedia) == 0;
     return config;
 }
 
@@ -68,6 +70,15 @@ public:
         case 's':
             check(session.setup({wire::RtspTrackRequest{}}));  // out of turn most often
             break;
+        case 'p':
+            check(session.play({"clock=20170426T021045Z-20170426T021945Z", "4", {}}));
+            break;
+        case 'r':
+            check(session.play({}));
+            break;
+        case 'h':
+            check(session.pause());
+            break;
         default:
             check(session.keepAlive());
             break;
@@ -84,6 +95,7 @@ private:
     RtspClientSession session;
     std::uint32_t lastCseq = 0;
     unsigned requestsBeforePlay = 0;
+    bool opened = false;
     int sendsLeft = 1;
 };
 
@@ -98,9 +110,21 @@ void Dialogue::check(const RtspClientSession::Step& step)
     } else if (std::holds_alternative<RtspClientSession::Described>(step)) {
         require(session.state() == State::described, "the state says what the step says");
         setUp();
+    } else if (std::holds_alternative<RtspClientSession::Ready>(step)) {
+        require(session.state() == State::ready, "the state says what the step says");
+        require((choices & recordedMedia) != 0, "live media do not wait for a word");
+        opened = true;
+        checkTracks();
     } else if (std::holds_alternative<RtspClientSession::Playing>(step)) {
         require(session.state() == State::playing, "the state says what the step says");
+        opened = true;
         checkTracks();
+    } else if (std::holds_alternative<RtspClientSession::Paused>(step)) {
+        require(session.state() == State::ready, "the state says what the step says");
+    } else if (const auto* refused = std::get_if<RtspClientSession::Refused>(&step)) {
+        require(opened && (session.state() == State::ready || session.state() == State::playing),
+                "a refusal leaves the session as it was");
+        require(refused->why.error != wire::RtspError::none, "a refusal has a reason");
     } else if (const auto* failed = std::get_if<RtspClientSession::Failed>(&step)) {
         require(failed->reason.size() <= 64 && std::ranges::none_of(failed->reason, wire::isControl),
                 "a reason fits into a line of a log");
@@ -132,7 +156,7 @@ void Dialogue::checkRequest(const RtspClientSession::Send& send)
             "each request has a number of its own");
     lastCseq = *cseq;
     require(request->headers.all("Authorization").size() <= 1, "a request is authorized once");
-    if (session.state() < State::playing)
+    if (!opened)
         require(++requestsBeforePlay <= 3 * (4 + maxTracks), "a session is opened with a bounded number of requests");
     const wire::UrlResult url = wire::parseUrl(request->uri);
     // What a device names as control may be too long for an address, or hold an '@' that reads as a user.
