@@ -153,6 +153,8 @@ private:
     RtpFault lastFault = RtpFault::none;
     std::uint64_t notRtp = 0;
     const std::uint32_t clockRate;
+    // The latest of two sources: where tracks share a channel, those of the other come too.
+    std::array<EarlyReport, 2> earlyReports;
 
     // Datagrams only.
     std::vector<std::uint8_t> suspect;  // the last suspect packet; keeps its capacity
@@ -165,8 +167,6 @@ private:
     RtpReceiver receiver;
     MediaClock clock;
     std::size_t earlyCount = 0;
-    // The latest of two sources: where tracks share a channel, those of the other come too.
-    std::array<EarlyReport, 2> earlyReports;
     std::unique_ptr<RecordedClock> recorded;          // of a replay, instead of `clock`
     std::optional<std::uint32_t> lastVideoTimestamp;  // of the last frame handed out, for durations
     Statistics totals;
