@@ -207,6 +207,7 @@ TEST_F(RecordingSearchTest, aPageThatMakesNoProgressEndsTheSearch)
         SearchHandler once;
         ASSERT_EQ(search->FindRecordings(0, day, &once), 0);
         ASSERT_TRUE(once.waitCompleted());
+        service->barrier();  // the call has returned when its handler goes
         EXPECT_EQ(once.completions(), Results{0});
         EXPECT_EQ(once.recordings().size(), 2U);
     }
@@ -232,6 +233,7 @@ TEST_F(RecordingSearchTest, aPageWithoutRecordsIsLoggedAndPagingGoesOn)
         SearchHandler once;
         ASSERT_EQ(search->FindRecordings(0, day, &once), 0);
         ASSERT_TRUE(once.waitCompleted());
+        service->barrier();  // the call has returned when its handler goes
         EXPECT_EQ(once.ranges(), (Ranges{{1100000, 1200000}}));
     }
     EXPECT_EQ(logger.count("Recording range list is empty."), 3U);
@@ -259,6 +261,7 @@ TEST_F(RecordingSearchTest, aListWithoutEndEndsTheSearch)
         SearchHandler once;
         ASSERT_EQ(search->FindRecordings(0, day, &once), 0);
         ASSERT_TRUE(once.waitCompleted());
+        service->barrier();  // the call has returned when its handler goes
         EXPECT_EQ(once.completions(), Results{toResult(ResultCode::responseTooLarge)});
         EXPECT_TRUE(once.recordings().empty());
         EXPECT_EQ(listRequests().size() - before, requests);
