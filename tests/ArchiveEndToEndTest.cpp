@@ -172,6 +172,7 @@ TEST_P(PlaybackOverAGap, isToldOfItAndGoesOnBehindIt)
     const Json::Value summary = run.event("summary");
     EXPECT_EQ(summary["gaps"], 1);
     EXPECT_EQ(summary["frames"], 40);
+    EXPECT_EQ(summary["losses"].asUInt(), 0U);
     EXPECT_TRUE(summary["endReached"].asBool());
     const std::string length =
         runProgram({"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", file}).output;

@@ -111,7 +111,8 @@ void TrackReceiver::beginRecorded(const RecordedClock::Start& start, const RtpRe
 {
     recorded = std::make_unique<RecordedClock>(clockRate, start);
     receiver.beginAnew(first);
-    depacketiser->reset();
+    if (totals.packets != 0)  // else nothing is missing in front of what comes
+        depacketiser->reset();
     clock.reset();
     lastVideoTimestamp.reset();
     earlyCount = 0;

@@ -387,6 +387,17 @@ TEST_F(RecordedReceiverTest, theReportInFrontOfANewSourceIsKeptForIt)
     EXPECT_EQ(timeOf(1), 600'000);
 }
 
+TEST_F(RecordedReceiverTest, onlyBehindASeekIsSomethingMissing)
+{
+    begin();
+    frame(keySlice);
+    begin();
+    frame(keySlice);
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_FALSE(frames[0].info.lostPacketsBefore);
+    EXPECT_TRUE(frames[1].info.lostPacketsBefore);
+}
+
 TEST_F(RecordedReceiverTest, reportsOfAnotherTimeAreCounted)
 {
     begin();
