@@ -10,8 +10,8 @@
 #include <span>
 #include <string>
 
-// The track of a live medium on which a client sends sound to the device: the back channel of the ONVIF Streaming
-// Specification, asked for with a header "Require". Each client that asks for it has a medium of its own.
+// The track of a live medium on which a client sends sound to the device: the back channel that ONVIF has for streams,
+// asked for with a header "Require". Each client that asks for it has a medium of its own.
 namespace simulator
 {
 
