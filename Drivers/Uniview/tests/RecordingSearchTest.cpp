@@ -467,6 +467,7 @@ TEST_F(RecordingSearchTest, aNewSearchMayBeginInsideTheCompletionOfTheLast)
     };
     ASSERT_EQ(find(), 0);
     ASSERT_TRUE(handler.waitCompleted(2));
+    service->barrier();  // the call that reads `second` has returned
     EXPECT_EQ(second, 0);
     EXPECT_EQ(handler.completions(), (Results{0, 0}));
 }
