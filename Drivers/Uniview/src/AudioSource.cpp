@@ -366,8 +366,8 @@ void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const Parame
     }
     const settings::Edit edit =
         reply ? settings::editAudioInput(reply.data, settings::readAudioInput(given), parameters.snapshot())
-              : settings::Edit{false, toResult(ResultCode::malformedReply), reply.message};
-    if (edit.result == toResult(ResultCode::malformedReply))
+              : settings::Edit{false, reply.result, reply.message};
+    if (!reply || edit.result == toResult(ResultCode::malformedReply))
         log.error(applyingSettings, "Can't parse audio settings: ", edit.message);
     else if (edit.result != 0)
         log.error(applyingSettings, edit.message);

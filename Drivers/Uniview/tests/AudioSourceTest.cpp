@@ -374,6 +374,17 @@ TEST_F(AudioSource, tellsASettingsResourceThatCannotBeRead)
     EXPECT_EQ(count(putCamera), 0U);
 }
 
+TEST_F(AudioSource, tellsSettingsThatAreTooLarge)
+{
+    prepare();
+    peer.answer(cameraPath, 200, reply('"' + std::string(2U << 20U, 'a') + '"'));
+    ASSERT_EQ(apply({{"volume", 1}}), 0);
+    ASSERT_TRUE(sound.waitSettings("all"));
+    EXPECT_EQ(sound.settingsResults().back().second, toResult(ResultCode::responseTooLarge));
+    EXPECT_EQ(logger.count("Can't parse audio settings: "), 1U);
+    EXPECT_EQ(count(putCamera), 0U);
+}
+
 TEST_F(AudioSource, tellsSettingsThatAreNotJson)
 {
     for (const std::string& body : {std::string("<html/>"), reply("[1]"), reply("null")}) {
