@@ -225,4 +225,7 @@ IPUTIL_API void initializeRTSPClientFromParams(RTSPClient& client, const Paramet
 /// What a channel's parameters say about pictures: `lossPolicy` ("flag", "drop"). A value that cannot be used is logged
 /// and gives the default.
 IPUTIL_API VideoSinkParams readVideoSinkParams(const ParametersContainer& parameters, ILogger* logger);
+
+/// Takes those of the three out of new parameters whose value cannot be used, and logs it: what was set before holds.
+IPUTIL_API void eraseUnusableStreamParameters(ParameterMap& changed, ILogger* logger);
 }  // namespace Tavro8::Utility

@@ -327,8 +327,9 @@ protected:
     virtual bool isHeldByDevice(const std::string&) const { return false; }
 
     /// Takes over new parameters, except those that the device holds, and restarts the stream when they require it.
-    void adjust(const ParameterMap& changed)
+    void adjust(ParameterMap changed)
     {
+        eraseUnusableStreamParameters(changed, this->logger.getLogger());
         const bool reconnect = parametersRequireRTSPClientReconnect(changed);
         takeOver(changed, false);
         if (!reconnect)

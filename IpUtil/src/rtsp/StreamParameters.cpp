@@ -11,7 +11,7 @@ namespace Tavro8::Utility
 namespace
 {
 constexpr const char* sourcePath = "IpUtil/src/rtsp/StreamParameters";
-constexpr const char* operation = "Tavro8::Utility::initializeRTSPClientFromParams";
+constexpr const char* operation = "Tavro8::Utility::readStreamParameter";
 constexpr double longestStallSeconds = 3600;
 
 std::optional<std::string> textOf(const boost::any& value)
@@ -34,65 +34,91 @@ std::optional<double> numberOf(const boost::any& value)
     return std::nullopt;
 }
 
-bool applyTransport(RTSPClient& client, const boost::any& value)
+std::optional<RtspTransport> readTransport(const boost::any& value)
 {
     const auto text = textOf(value);
     if (text == "tcp")
-        client.setTransport(RtspTransport::tcp);
-    else if (text == "udp")
-        client.setTransport(RtspTransport::udp);
-    else if (text == "auto")
-        client.setTransport(RtspTransport::automatic);
-    else
-        return false;
-    return true;
+        return RtspTransport::tcp;
+    if (text == "udp")
+        return RtspTransport::udp;
+    if (text == "auto")
+        return RtspTransport::automatic;
+    return std::nullopt;
 }
 
-bool applyStallTimeout(RTSPClient& client, const boost::any& value)
+std::optional<std::chrono::milliseconds> readStallTimeout(const boost::any& value)
 {
     const auto seconds = numberOf(value);
     if (!seconds || !(*seconds >= 0 && *seconds <= longestStallSeconds))
-        return false;
-    client.setStallTimeout(std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000)));
-    return true;
+        return std::nullopt;
+    return std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
 }
 
-bool applyLossPolicy(VideoSinkParams& params, const boost::any& value)
+std::optional<LossHandling> readLossPolicy(const boost::any& value)
 {
     const auto text = textOf(value);
     if (text == "flag")
-        params.lossHandling = LossHandling::flag;
-    else if (text == "drop")
-        params.lossHandling = LossHandling::dropUntilKeyFrame;
-    else
-        return false;
-    return true;
+        return LossHandling::flag;
+    if (text == "drop")
+        return LossHandling::dropUntilKeyFrame;
+    return std::nullopt;
 }
 
-/// Hands the value of `key`, if there is one, to `apply`.
-template <typename Target>
-void applyParameter(const ParametersContainer& parameters, const char* key, Target& target,
-                    bool (*apply)(Target&, const boost::any&), const LoggerHelper& logger)
-{
-    auto value = parameters.getPersistentParam(key);
-    if (!value)
-        value = parameters.getDefaultValue(key);
-    if (value && !apply(target, *value))
-        logger.warning(operation, "the parameter \"", key, "\" has no usable value and is left alone");
-}
+/// What `read` makes of the value of `key`.
+template <typename T>
+struct Parameter {
+    const char* key;
+    std::optional<T> (*read)(const boost::any& value);
+
+    std::optional<T> valueOf(const boost::any& value, const LoggerHelper& logger) const
+    {
+        const auto usable = read(value);
+        if (!usable)
+            logger.warning(operation, "the parameter \"", key, "\" has no usable value and is left alone");
+        return usable;
+    }
+    std::optional<T> of(const ParametersContainer& parameters, const LoggerHelper& logger) const
+    {
+        auto value = parameters.getPersistentParam(key);
+        if (!value)
+            value = parameters.getDefaultValue(key);
+        return value ? valueOf(*value, logger) : std::nullopt;
+    }
+    void eraseUnusable(ParameterMap& from, const LoggerHelper& logger) const
+    {
+        const auto found = from.find(key);
+        if (found != from.end() && !valueOf(found->second, logger))
+            from.erase(found);
+    }
+};
+
+constexpr Parameter<RtspTransport> transportParameter{"transport", readTransport};
+constexpr Parameter<std::chrono::milliseconds> stallTimeoutParameter{"stallTimeout", readStallTimeout};
+constexpr Parameter<LossHandling> lossPolicyParameter{"lossPolicy", readLossPolicy};
 }  // namespace
 
 void initializeRTSPClientFromParams(RTSPClient& client, const ParametersContainer& parameters)
 {
     const LoggerHelper logger(client.logger(), sourcePath);
-    applyParameter(parameters, "transport", client, applyTransport, logger);
-    applyParameter(parameters, "stallTimeout", client, applyStallTimeout, logger);
+    if (const auto transport = transportParameter.of(parameters, logger))
+        client.setTransport(*transport);
+    if (const auto timeout = stallTimeoutParameter.of(parameters, logger))
+        client.setStallTimeout(*timeout);
 }
 
 VideoSinkParams readVideoSinkParams(const ParametersContainer& parameters, ILogger* hostLogger)
 {
     VideoSinkParams params;
-    applyParameter(parameters, "lossPolicy", params, applyLossPolicy, LoggerHelper(hostLogger, sourcePath));
+    if (const auto policy = lossPolicyParameter.of(parameters, LoggerHelper(hostLogger, sourcePath)))
+        params.lossHandling = *policy;
     return params;
+}
+
+void eraseUnusableStreamParameters(ParameterMap& changed, ILogger* hostLogger)
+{
+    const LoggerHelper logger(hostLogger, sourcePath);
+    transportParameter.eraseUnusable(changed, logger);
+    stallTimeoutParameter.eraseUnusable(changed, logger);
+    lossPolicyParameter.eraseUnusable(changed, logger);
 }
 }  // namespace Tavro8::Utility

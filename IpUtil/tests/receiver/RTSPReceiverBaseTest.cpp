@@ -391,6 +391,23 @@ TEST_F(RTSPReceiverBaseTest, onlyChangedValuesThatTheConnectionDependsOnRestartT
     adjustable->Destroy();
 }
 
+TEST_F(RTSPReceiverBaseTest, aTransportThatIsNoneLeavesTheStreamAndTheOldOneAlone)
+{
+    LiveSourceContext live;
+    live.parameters = {{"transport", std::string("udp")}};
+    const auto adjustable = std::make_shared<AdjustableReceiver>(&device, &channel, nullptr, live);
+    adjustable->adopt();
+    adjustable->offered = stream;
+    adjustable->Start();
+    adjustable->ApplySettings({{"transport", std::string("pigeon")}});
+    EXPECT_EQ(stream->restarts, 0);
+    adjustable->ApplySettings({{"transport", std::string("udp")}});
+    EXPECT_EQ(stream->restarts, 0) << "it still is";
+    adjustable->ApplySettings({{"transport", std::string("tcp")}});
+    EXPECT_EQ(stream->restarts, 1);
+    adjustable->Destroy();
+}
+
 TEST_F(RTSPReceiverBaseTest, whatTheStreamShowsNeedsNoRestart)
 {
     const struct {
