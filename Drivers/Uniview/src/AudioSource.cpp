@@ -426,7 +426,7 @@ bool AudioSource::isHeldByDevice(const std::string& key) const
 /// Values that ask for what comes anyway need no new connection.
 bool AudioSource::parametersRequireRTSPClientReconnect(const ParameterMap& changed) const
 {
-    if (changes<std::string>(changed, "transport"))
+    if (Tavro8::Utility::changesTransport(parameters, changed))
         return true;
     ParameterMap all = parameters.snapshot();
     const AudioSinkParams before = settings::readAudioSink(all);

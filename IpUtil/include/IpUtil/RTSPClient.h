@@ -222,6 +222,9 @@ private:
 /// share a connection the values of the last one that names any hold.
 IPUTIL_API void initializeRTSPClientFromParams(RTSPClient& client, const ParametersContainer& parameters);
 
+/// Whether `changed` names another `transport` than a client has that was loaded from `present`.
+IPUTIL_API bool changesTransport(const ParametersContainer& present, const ParameterMap& changed);
+
 /// What a channel's parameters say about pictures: `lossPolicy` ("flag", "drop"). A value that cannot be used is logged
 /// and gives the default.
 IPUTIL_API VideoSinkParams readVideoSinkParams(const ParametersContainer& parameters, ILogger* logger);

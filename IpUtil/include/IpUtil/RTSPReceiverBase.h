@@ -445,7 +445,7 @@ protected:
     {
         return this->template changes<std::string>(changed, "codec", lastPicture.codec()) ||
                this->template changes<std::string>(changed, "resolution", lastPicture.resolution()) ||
-               this->template changes<std::string>(changed, "transport");
+               changesTransport(this->parameters, changed);
     }
 
 private:
@@ -472,8 +472,7 @@ protected:
     {
         return this->template changes<std::string>(changed, "encoding") ||
                this->template changes<std::string>(changed, "algorithm") ||
-               this->template changes<int>(changed, "samplerate") ||
-               this->template changes<std::string>(changed, "transport");
+               this->template changes<int>(changed, "samplerate") || changesTransport(this->parameters, changed);
     }
 };
 }  // namespace Tavro8::Utility

@@ -106,6 +106,14 @@ void initializeRTSPClientFromParams(RTSPClient& client, const ParametersContaine
         client.setStallTimeout(*timeout);
 }
 
+bool changesTransport(const ParametersContainer& present, const ParameterMap& changed)
+{
+    const LoggerHelper silent;
+    const auto found = changed.find(transportParameter.key);
+    const auto wanted = found == changed.end() ? std::nullopt : transportParameter.read(found->second);
+    return wanted && *wanted != transportParameter.of(present, silent).value_or(RtspTransport::tcp);
+}
+
 VideoSinkParams readVideoSinkParams(const ParametersContainer& parameters, ILogger* hostLogger)
 {
     VideoSinkParams params;

@@ -391,6 +391,21 @@ TEST_F(RTSPReceiverBaseTest, onlyChangedValuesThatTheConnectionDependsOnRestartT
     adjustable->Destroy();
 }
 
+TEST_F(RTSPReceiverBaseTest, theTransportThatIsUsedAnywayNeedsNoRestart)
+{
+    const auto adjustable = std::make_shared<AdjustableReceiver>(&device, &channel, nullptr, LiveSourceContext{});
+    adjustable->adopt();
+    adjustable->offered = stream;
+    adjustable->Start();
+    adjustable->ApplySettings({{"transport", std::string("tcp")}});
+    EXPECT_EQ(stream->restarts, 0) << "which it is by default";
+    adjustable->ApplySettings({{"transport", std::string("udp")}});
+    EXPECT_EQ(stream->restarts, 1);
+    adjustable->ApplySettings({{"transport", std::string(" UDP")}});
+    EXPECT_EQ(stream->restarts, 1);
+    adjustable->Destroy();
+}
+
 TEST_F(RTSPReceiverBaseTest, aTransportThatIsNoneLeavesTheStreamAndTheOldOneAlone)
 {
     LiveSourceContext live;
