@@ -179,7 +179,7 @@ void AudioDestination::handleSession(const error_code& ec)
 void AudioDestination::handleSdp(const error_code& ec, const SessionDescription& description)
 {
     constexpr const char* operation = "Uniview::AudioDestination::handleSdp";
-    if (ec == ResultCode::malformedResponse) {
+    if (ec == ResultCode::malformedReply) {
         log.error(operation, "Failed to parse sdp");
         return fail(ec);
     }

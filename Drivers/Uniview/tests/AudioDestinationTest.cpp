@@ -207,9 +207,20 @@ TEST_F(AudioDestination, deviceThatDoesNotKnowBackChannelsSaysSo)
     EXPECT_EQ(rtsp->count("SETUP"), 0U);
 }
 
+TEST_F(AudioDestination, brokenAnswerIsNoDescriptionThatCannotBeRead)
+{
+    Camera camera = cameraWith(sdpWithBackChannel("0"));
+    camera.intercept = [](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        return request.method == "DESCRIBE" && connection.write("RTSP/1.0 200 OK\r\nContent-Length: abc\r\n\r\n");
+    };
+    EXPECT_EQ(callInVain(camera), toResult(ResultCode::malformedResponse));
+    expectError("failed request sdp:", "handleSdp");
+    EXPECT_FALSE(logger.contains("Failed to parse sdp"));
+}
+
 TEST_F(AudioDestination, descriptionThatIsNoneIsSaidToBeNone)
 {
-    EXPECT_EQ(callInVain(cameraWith("<html>not here</html>")), toResult(ResultCode::malformedResponse));
+    EXPECT_EQ(callInVain(cameraWith("<html>not here</html>")), toResult(ResultCode::malformedReply));
     expectError("Failed to parse sdp", "handleSdp");
 }
 
@@ -258,10 +269,14 @@ TEST_F(AudioDestination, keepsTheSessionAliveWithSetParameter)
 {
     Camera camera = cameraWith(sdpWithBackChannel("0"));
     camera.session = "88;timeout=1";  // half of it
+    std::promise<void> asked;
+    camera.intercept = [&, first = true](ScriptedPeer::Connection&, const ScriptedPeer::Request& request) mutable {
+        if (request.method == "SET_PARAMETER" && std::exchange(first, false))
+            asked.set_value();
+        return false;
+    };
     talk(camera);
-    const auto end = std::chrono::steady_clock::now() + kelvo::test::patience;
-    while (rtsp->count("SET_PARAMETER") == 0 && std::chrono::steady_clock::now() < end)
-        std::this_thread::yield();
+    EXPECT_EQ(asked.get_future().wait_for(kelvo::test::patience), std::future_status::ready);
     EXPECT_GE(rtsp->count("SET_PARAMETER"), 1U);
     EXPECT_EQ(rtsp->count("GET_PARAMETER"), 0U);
     hangUp();

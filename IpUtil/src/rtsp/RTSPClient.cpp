@@ -92,7 +92,7 @@ ResultCode resultOf(const wire::RtspClientSession::Failed& failed)
     case RtspError::serverError:
         return ResultCode::deviceError;
     case RtspError::badDescription:
-        return ResultCode::malformedResponse;
+        return ResultCode::malformedReply;
     case RtspError::noTracks:
         return ResultCode::noSuchStream;
     case RtspError::misuse:

@@ -110,11 +110,11 @@ TEST(HostileServer, isLeftAndAskedAgainAfterABrokenAnswer)
              return all;
          }(),
          false, ResultCode::timedOut},
-        {"no description", withBody("<html>404</html>"), false, ResultCode::malformedResponse},
+        {"no description", withBody("<html>404</html>"), false, ResultCode::malformedReply},
         {"a description of a mebibyte", withBody("v=0\r\n" + std::string(1024 * 1024 - 5, 'v')), false,
          ResultCode::malformedResponse},
-        {"ten thousand sections", withBody(manySections), false, ResultCode::malformedResponse},
-        {"a description of nothing", ok + "\r\n", false, ResultCode::malformedResponse},
+        {"ten thousand sections", withBody(manySections), false, ResultCode::malformedReply},
+        {"a description of nothing", ok + "\r\n", false, ResultCode::malformedReply},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

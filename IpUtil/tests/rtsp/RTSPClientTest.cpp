@@ -263,7 +263,7 @@ TEST(RTSPClient, refusesADescriptionThatIsNone)
     Player player(loop);
     player.start(addressOf(peer));
     ASSERT_TRUE(loop.runUntil([&] { return player.failure().has_value(); }));
-    EXPECT_EQ(player.sdp, errorOf(ResultCode::malformedResponse));
+    EXPECT_EQ(player.sdp, errorOf(ResultCode::malformedReply));
     EXPECT_FALSE(player.play);
 }
 

@@ -35,7 +35,7 @@ enum class ResultCode : std::int32_t {
     unexpectedStatus = 517,  ///< a status below 200, or a redirect that is not accepted
 
     emptyReply = 768,      ///< the device accepted the request but sent no data
-    malformedReply = 769,  ///< the data is not the JSON that was expected
+    malformedReply = 769,  ///< the data is not the JSON or the session description that was expected
     apiError = 770,        ///< the device's management interface reports a failure of its own
 
     noSuchStream = 1024,      ///< the device describes no stream of the wanted kind
