@@ -109,6 +109,8 @@ public:
     {
         if (worker.isRunning())
             post(names().hangUp.c_str(), &AudioDestinationBase::processHangUp);
+        else
+            tellHangUp(0);  // of a call that never was
     }
 
     /// Ends the line if it stands; whatever that takes is done without the host.
@@ -300,14 +302,18 @@ private:
         if (accepted.empty())
             return;
         playedUntil += std::chrono::microseconds(accepted.size() * 1'000'000 / talkBackRate);
-        ++framesSent;
-        logger.debug(names().push.c_str(), "sending frame ", framesSent);
         sendSound(accepted);
+        logger.debug(names().push.c_str(), "sending frame ", ++framesSent);
+    }
+
+    void tellHangUp(std::uint64_t frames) const noexcept
+    {
+        logger.info(names().hangUp.c_str(), "HangUp, sent: ", frames);
     }
 
     void processHangUp()
     {
-        logger.info(names().hangUp.c_str(), "HangUp, sent: ", framesSent);
+        tellHangUp(framesSent);
         if (isUnderWay()) {
             endCall(toResult(ResultCode::success));
         } else if (std::exchange(callAgain, false)) {

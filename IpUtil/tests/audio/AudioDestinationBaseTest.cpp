@@ -234,7 +234,7 @@ TEST_F(AudioDestination, soundWithoutACallIsDropped)
     destination->HangUp();
     destination->settle();
     EXPECT_TRUE(destination->sent.empty());
-    EXPECT_EQ(device.logger.count("HangUp, sent: 0"), 2U);
+    EXPECT_EQ(device.logger.count("HangUp, sent: 0"), 3U);
     EXPECT_EQ(handler.ends().size(), 1U);
 }
 
