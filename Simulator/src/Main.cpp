@@ -20,7 +20,7 @@ namespace
 {
 
 constexpr int couldNotStart = 1;
-constexpr auto stopPatience = std::chrono::seconds(2);
+constexpr auto stopPatience = std::chrono::seconds(5);  // a busy machine takes its time over the pipelines
 
 void runUntilToldToStop(simulator::Options options)
 {
