@@ -287,7 +287,7 @@ TEST(LiveEndToEnd, streamsThatAreRefusedEndWithStatusFourAndASentence)
         runs.push_back(std::async(std::launch::async, [fault = c.fault] {
             const SimulatorProcess device(smallPictures({"--fault", fault}));
             const ScratchFolder folder;
-            return runHost(folder, deviceAddress(device), {"--timeout", "2", "live", "--seconds", "1"});
+            return runHost(folder, deviceAddress(device), {"--timeout", "4", "live", "--seconds", "1"});
         }));
     for (std::size_t at = 0; at < runs.size(); ++at) {
         const auto& c = cases[at];
