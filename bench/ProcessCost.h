@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <fstream>
 #include <string>
 #include <sys/resource.h>
@@ -42,6 +43,14 @@ private:
         return std::stoull(line.substr(line.find(':') + 1)) * 1024;
     }
 };
+
+/// The CPU time of the calling thread, user and system.
+inline double threadSeconds()
+{
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
 
 /// Lets a process hold many sockets: as many as the system allows it.
 inline void raiseDescriptorLimit()

@@ -2,13 +2,14 @@
 
 #include "PushLoad.h"
 
+#include "ProcessCost.h"
+
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/write.hpp>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <limits>
 #include <stdexcept>
 #include <thread>
@@ -26,13 +27,6 @@ constexpr std::string_view stampBegin = "\"Stamp\": \"";
 std::uint64_t nowNs()
 {
     return static_cast<std::uint64_t>(Clock::now().time_since_epoch().count());
-}
-
-double threadSeconds()
-{
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 double secondsSince(Clock::time_point begin)

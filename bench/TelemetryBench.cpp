@@ -4,6 +4,7 @@
 #include "Device.h"
 
 #include "LatencyHistogram.h"
+#include "ProcessCost.h"
 
 #include <Tavro8/GDRV.h>
 #include <algorithm>
@@ -18,7 +19,6 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <exception>
 #include <future>
 #include <limits>
@@ -33,17 +33,11 @@ namespace
 {
 using boost::asio::ip::tcp;
 using kelvo::bench::LatencyHistogram;
+using kelvo::bench::threadSeconds;
 
 std::uint64_t nowNs()
 {
     return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-}
-
-double threadSeconds()
-{
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 /// The number behind `name`; 0 when there is none.
