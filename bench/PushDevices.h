@@ -1,34 +1,25 @@
 #pragma once
 
+#include "LocalDevice.h"
+
 #include <atomic>
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
+#include <cstddef>
 #include <cstdint>
-#include <thread>
+#include <string>
 
 namespace kelvo::bench
 {
 /// The management interface of any number of cameras, all those of 127/8 at one port: enough of it for the module to
-/// connect and to subscribe. Has a thread of its own.
+/// connect and to subscribe.
 class PushDevices {
 public:
-    PushDevices();
-    ~PushDevices();
-    PushDevices(const PushDevices&) = delete;
-    PushDevices& operator=(const PushDevices&) = delete;
-
-    std::uint16_t getPort() const noexcept { return port; }
+    std::uint16_t getPort() const noexcept { return device.getPort(); }
     std::size_t getSubscriptions() const noexcept { return subscriptions; }  ///< made so far
 
 private:
-    boost::asio::awaitable<void> acceptAll();
-    boost::asio::awaitable<void> serve(boost::asio::ip::tcp::socket socket);
+    std::string answer(const LocalDevice::Request& request);
 
-    boost::asio::io_context context{1};
-    boost::asio::ip::tcp::acceptor acceptor;
-    const std::uint16_t port;
     std::atomic<std::size_t> subscriptions{0};
-    std::thread thread;
+    LocalDevice device{[this](const LocalDevice::Request& request) { return answer(request); }};
 };
 }  // namespace kelvo::bench
