@@ -25,7 +25,7 @@ using Tavro8::toResult;
 std::optional<char> unusedMark(std::string_view text)
 {
     constexpr std::string_view escape = "\\u000";
-    constexpr char mostMark = 8;
+    constexpr char mostMark = 7;  // those from 8 on have escapes of their own
     std::array<bool, mostMark + 1> used{};
     for (std::size_t at = 0; at < text.size(); ++at) {
         const bool escaped =

@@ -273,6 +273,25 @@ TEST(LapiJson, readsADocumentWithEveryMarkAsItIs)
     EXPECT_DOUBLE_EQ(document[1].asDouble(), 2.5);
 }
 
+TEST(LapiJson, aDocumentWithEveryMarkCanBeReadOnceItIsWritten)
+{
+    const std::string texts[] = {
+        R"({"\u0001\u0002\u0003\u0004\u0005\u0006\u0007":2.5})",
+        R"({"\b\u0001\u0002\u0003\u0004\u0005\u0006\u0007":2.5})",
+        "{\"\b\1\2\3\4\5\6\7\":18446744073709551616}",
+        R"({"":"\u0001\u0002\u0003\u0004\u0005\u0006\u0007","Big":18446744073709551616})",
+    };
+    for (const std::string& text : texts) {
+        SCOPED_TRACE(text);
+        const Json::Value document = jsonOf(text);
+        const Json::Value again = jsonOf(lapi::writeJson(document));
+        ASSERT_EQ(again.getMemberNames(), document.getMemberNames());
+        for (const std::string& name : document.getMemberNames())
+            EXPECT_EQ(again[name].type(), document[name].type()) << "a number stays one";
+        EXPECT_EQ(lapi::writeJson(again), lapi::writeJson(document));
+    }
+}
+
 TEST(LapiJson, integersOfAnyLengthAreWrittenBackAsTheyCame)
 {
     const std::string texts[] = {
