@@ -1,8 +1,7 @@
 // What a joystick costs: commands of the module's telemetry channel to a device on the loopback interface, which asks
 // for authorization as cameras do. The time from the host's call to the moment the device has the whole command, the
 // time until the call returns, and the CPU time of the calling thread.
-#include "Device.h"
-
+#include "ConnectedDevice.h"
 #include "LatencyHistogram.h"
 #include "ProcessCost.h"
 
@@ -20,7 +19,6 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <future>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -32,6 +30,7 @@
 namespace
 {
 using boost::asio::ip::tcp;
+using kelvo::bench::ConnectedDevice;
 using kelvo::bench::LatencyHistogram;
 using kelvo::bench::threadSeconds;
 
@@ -156,36 +155,15 @@ private:
     std::thread thread;
 };
 
-class Handler final : public Tavro8::GDRV::IDeviceHandler {
-public:
-    void* FindContract(const char*) noexcept override { return nullptr; }
-    void Connected(Tavro8::GDRV::IDevice*) noexcept override { connected.set_value(0); }
-    void ConnectFailed(Tavro8::GDRV::IDevice*, std::int32_t result) noexcept override { connected.set_value(result); }
-    void ConnectionLost(Tavro8::GDRV::IDevice*, std::int32_t) noexcept override {}
-    void Closed(Tavro8::GDRV::IDevice*) noexcept override {}
-
-    std::promise<std::int32_t> connected;
-};
-
 /// A connected device with a telemetry channel.
 class Joystick {
 public:
-    explicit Joystick(const Camera& camera)
+    explicit Joystick(const Camera& camera) : device(camera.address(), {{"panSpeed", std::numeric_limits<int>::max()}})
     {
-        const auto description = std::make_shared<Uniview::DeviceTraits>();
-        description->videoChannelCount = 1;
-        description->channelModelParameters.push_back({{"panSpeed", std::numeric_limits<int>::max()}});
-        device = Uniview::Device::create(&handler, nullptr, description, *service);
-        device->Open(camera.address().c_str());
-        if (handler.connected.get_future().get() != 0 || device->CreateTelemetry(0, &telemetry) != 0)
-            throw std::runtime_error("the device cannot be used");
+        if (device->CreateTelemetry(0, &telemetry) != 0)
+            throw std::runtime_error("the device has no telemetry");
     }
-    ~Joystick()
-    {
-        if (telemetry != nullptr)
-            telemetry->Destroy();
-        device->Destroy();
-    }
+    ~Joystick() { telemetry->Destroy(); }
     Joystick(const Joystick&) = delete;
     Joystick& operator=(const Joystick&) = delete;
 
@@ -199,9 +177,7 @@ public:
     Tavro8::GDRV::ITelemetry* telemetry = nullptr;
 
 private:
-    const std::shared_ptr<Tavro8::Utility::GlobalService> service = Tavro8::Utility::GlobalService::instance();
-    Handler handler;
-    std::shared_ptr<Uniview::Device> device;
+    const ConnectedDevice device;
 };
 
 /// What one thread has measured.
