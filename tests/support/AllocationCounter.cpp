@@ -20,6 +20,7 @@ void* allocate(std::size_t bytes, std::size_t alignment) noexcept
     allocations.fetch_add(1, std::memory_order_relaxed);
     ++thisThread.allocations;
     thisThread.heldBytes += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
+    thisThread.peakBytes = std::max(thisThread.peakBytes, thisThread.heldBytes);
     return memory;
 }
 
@@ -47,6 +48,11 @@ std::size_t allocationCount() noexcept
 HeapUse heapUseOfThisThread() noexcept
 {
     return thisThread;
+}
+
+void restartPeakOfThisThread() noexcept
+{
+    thisThread.peakBytes = thisThread.heldBytes;
 }
 }  // namespace kelvo::test
 

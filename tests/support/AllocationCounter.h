@@ -12,8 +12,12 @@ std::size_t allocationCount() noexcept;
 struct HeapUse {
     std::size_t allocations = 0;
     std::ptrdiff_t heldBytes = 0;  ///< allocated less released; memory of another thread released here counts too
+    std::ptrdiff_t peakBytes = 0;  ///< the most that was held at once
 };
 
 /// That of the calling thread, for tests whose other threads are of no interest.
 HeapUse heapUseOfThisThread() noexcept;
+
+/// From here on the calling thread's `peakBytes` is the most that it holds from now on.
+void restartPeakOfThisThread() noexcept;
 }  // namespace kelvo::test
