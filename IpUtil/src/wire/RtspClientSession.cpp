@@ -240,12 +240,12 @@ RtspClientSession::Step RtspClientSession::teardown()
 {
     if (current == State::closing)
         return Ignored{};
+    pendings.clear();  // late answers would open again what is closed
     if (session.id.empty() || current == State::closed) {
         current = State::closed;
         return Closed{};
     }
     current = State::closing;
-    pendings.clear();
     return send(RtspStepKind::teardown, "TEARDOWN", aggregateUrl);
 }
 

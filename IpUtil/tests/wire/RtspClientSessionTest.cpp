@@ -678,6 +678,21 @@ TEST(RtspClientSession, hasNothingToTearDownBeforeSetup)
     EXPECT_EQ(failedAtPlay.request().method, "TEARDOWN");
 }
 
+TEST(RtspClientSession, ignoresLateAnswersOnceItIsClosed)
+{
+    for (const unsigned status : {200U, 457U}) {
+        SCOPED_TRACE(status);
+        Talk talk;
+        talk.toDescribe();
+        const auto describe = talk.step;
+        EXPECT_TRUE(std::holds_alternative<Session::Closed>(talk.session.teardown()));
+        talk.step = describe;
+        EXPECT_TRUE(talk.answer(status, {}, testing::dataText("camera_without_addresses_and_times.sdp"))
+                        .is<Session::Ignored>());
+        EXPECT_EQ(talk.session.state(), Session::State::closed);
+    }
+}
+
 TEST(RtspClientSession, ignoresAnswersToNothing)
 {
     Talk talk;
@@ -789,11 +804,11 @@ TEST(RtspClientSession, quotesOnlyAPrintableBeginningOfTheDevicesWords)
 /// A session that has been set up and waits for PLAY.
 class Replay : public Talk {
 public:
-    Replay() : Talk(replayConfig())
+    explicit Replay(const std::string& sessionHeader = "Session: 88;timeout=20") : Talk(replayConfig())
     {
         toDescribed();
         step = session.setup({{0}});
-        answer(200, {"Session: 88;timeout=20", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1"});
+        answer(200, {sessionHeader, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1"});
         EXPECT_TRUE(is<Session::Ready>());
     }
     std::string bytes() const { return std::get<Session::Send>(step).bytes; }
@@ -903,6 +918,20 @@ TEST(RtspReplay, aRefusalLeavesTheSessionAsItIs)
         ASSERT_TRUE(replay.is<Session::Refused>());
         EXPECT_EQ(std::get<Session::Refused>(replay.step).why.kind, Kind::pause);
         EXPECT_EQ(replay.session.state(), Session::State::playing);
+    }
+}
+
+TEST(RtspReplay, aSessionWithoutANameIsOverOnceItIsClosed)
+{
+    for (const unsigned status : {200U, 457U}) {
+        SCOPED_TRACE(status);
+        Replay replay("X-Session: none");
+        replay.play({});
+        const auto play = replay.step;
+        EXPECT_TRUE(std::holds_alternative<Session::Closed>(replay.session.teardown()));
+        replay.step = play;
+        EXPECT_TRUE(replay.answer(status).is<Session::Ignored>());
+        EXPECT_EQ(replay.session.state(), Session::State::closed);
     }
 }
 
