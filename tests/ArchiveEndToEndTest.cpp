@@ -96,6 +96,7 @@ TEST(RecordingsEndToEnd, oneRoundTripAPageAndNoMore)
         runHost(folder, deviceAddress(device), {"recordings", "--begin", "2001-01-01", "--end", "2106-01-01"});
     EXPECT_EQ(run.status, 0) << run.errors;
     EXPECT_EQ(device.admin("GET", "counters")["archive"]["searches"].asUInt(), 124U);
+    EXPECT_EQ(run.event("summary")["recordings"].asUInt(), 12345U) << "the empty ones, too";
 }
 
 TEST(RecordingsEndToEnd, aListThatStandsStillEndsTheSearch)

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iterator>
 #include <json/value.h>
+#include <tuple>
 
 namespace Uniview
 {
@@ -18,9 +19,10 @@ using Ranges = std::vector<DateTimeRange>;
 constexpr const char* sourcePath = "Drivers/Uniview/src/RecordingSearch";
 constexpr const char* adjusting = "Uniview::adjustingRanges";
 
-bool isEmpty(const DateTimeRange& range) noexcept
+/// How ranges of which no time lies in two are sorted anyway: an empty one stands in front of what begins there.
+bool comesBefore(const DateTimeRange& one, const DateTimeRange& other) noexcept
 {
-    return range.begin == range.end;
+    return std::tie(one.begin, one.end) < std::tie(other.begin, other.end);
 }
 
 /// False when the record has no two numbers in the right order.
@@ -97,16 +99,15 @@ void CollectedRanges::add(const Ranges& page)
                                        [](std::uint64_t end, const DateTimeRange& range) { return end < range.begin; });
     Ranges merged;
     merged.reserve(static_cast<std::size_t>(last - first) + page.size());
-    std::merge(first, last, page.begin(), page.end(), std::back_inserter(merged),
-               [](const DateTimeRange& a, const DateTimeRange& b) { return a.begin < b.begin; });
+    std::set_union(first, last, page.begin(), page.end(), std::back_inserter(merged), comesBefore);
+    std::uint64_t covered = 0;
     auto kept = merged.begin();
     for (const DateTimeRange& range : merged) {
-        if (kept != merged.begin() && range.end <= kept[-1].end)
+        if (range.begin < covered && range.end <= covered)
             continue;
-        const std::uint64_t covered = kept == merged.begin() ? 0 : kept[-1].end;
-        if (kept != merged.begin() && isEmpty(kept[-1]) && range.begin == covered)
-            --kept;  // nothing is left of an empty one that another touches
-        *kept++ = {std::max(covered, range.begin), range.end};
+        *kept = {std::max(covered, range.begin), range.end};
+        covered = kept->end;
+        ++kept;
     }
     const auto at = ranges.erase(first, last);
     ranges.insert(at, merged.begin(), kept);

@@ -35,10 +35,9 @@ void trimCovered(std::vector<Tavro8::GDRV::DateTimeRange>& ranges, std::uint64_t
 /// first, and a list may grow while it is read, so that records come twice. Sorted, and no time lies in two ranges.
 class CollectedRanges {
 public:
-    /// Takes a page as `adjustingRanges` leaves it. What another range covers, be it of this page or an earlier one, is
-    /// added once. An empty range stays where it touches no other, and is left out where one touches it, whichever
-    /// comes first. Costs time in proportion to the page when pages come oldest first; newest first what is there is
-    /// moved as well.
+    /// Takes a page as `adjustingRanges` leaves it, with its empty ranges. What another page has as well is left out:
+    /// the same range, and what lies inside of others. An overlap is cut, so that its time counts once. Costs time in
+    /// proportion to the page when pages come oldest first; newest first what is there is moved as well.
     void add(const std::vector<Tavro8::GDRV::DateTimeRange>& page);
 
     const std::vector<Tavro8::GDRV::DateTimeRange>& get() const noexcept { return ranges; }

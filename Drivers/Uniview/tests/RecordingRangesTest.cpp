@@ -268,7 +268,7 @@ TEST(CollectedRanges, recordsThatComeAgainAddNothing)
     collected.add({{100, 200}, {300, 400}});
     collected.add({{300, 400}, {500, 600}});
     collected.add({{100, 200}});
-    collected.add({{150, 150}, {200, 200}});
+    collected.add({{150, 150}});
     EXPECT_EQ(collected.get(), (Ranges{{100, 200}, {300, 400}, {500, 600}}));
 }
 
@@ -280,58 +280,61 @@ TEST(CollectedRanges, aRangeThatSpansEarlierOnesTakesTheirPlace)
     EXPECT_EQ(collected.get(), (Ranges{{100, 200}, {250, 550}, {550, 600}}));
 }
 
-TEST(CollectedRanges, anEmptyRangeByItselfStays)
+TEST(CollectedRanges, aPageIsTakenAsItIs)
 {
+    const Ranges page = adjusted({{100, 200}, {120, 200}, {150, 200}, {200, 250}, {300, 300}, {400, 500}});
+    ASSERT_EQ(page.size(), 6U);
     CollectedRanges collected;
+    collected.add(page);
+    EXPECT_EQ(collected.get(), page);
     collected.add({});
-    collected.add({{100, 100}});
-    collected.add({{100, 100}, {300, 400}});
-    EXPECT_EQ(collected.get(), (Ranges{{100, 100}, {300, 400}}));
+    collected.add(page);
+    EXPECT_EQ(collected.get(), page) << "each as often as one page has it";
 }
 
-TEST(CollectedRanges, anEmptyRangeThatTouchesAnotherIsLeftOutInWhicheverOrderTheyCome)
+TEST(CollectedRanges, anEmptyRangeStaysUnlessItLiesInsideOfOneOfAnotherPage)
 {
-    const Ranges whole{{100, 200}};
-    for (const std::uint64_t at : {100U, 150U, 200U}) {
-        SCOPED_TRACE(at);
-        const Ranges empty{{at, at}};
+    const struct {
+        std::uint64_t at;
+        Ranges expected;
+    } cases[] = {
+        {100, {{100, 100}, {100, 200}}},
+        {150, {{100, 200}}},
+        {200, {{100, 200}, {200, 200}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.at);
         CollectedRanges emptyFirst;
-        emptyFirst.add(empty);
-        emptyFirst.add(whole);
-        EXPECT_EQ(emptyFirst.get(), whole);
+        emptyFirst.add({{c.at, c.at}});
+        emptyFirst.add({{100, 200}});
+        EXPECT_EQ(emptyFirst.get(), c.expected);
         CollectedRanges emptyLast;
-        emptyLast.add(whole);
-        emptyLast.add(empty);
-        EXPECT_EQ(emptyLast.get(), whole);
+        emptyLast.add({{100, 200}});
+        emptyLast.add({{c.at, c.at}});
+        EXPECT_EQ(emptyLast.get(), c.expected);
     }
 }
 
-TEST(CollectedRanges, keepTheSameEmptyRangesInWhicheverOrderPagesCome)
+TEST(CollectedRanges, pagesThatComeAgainAddNoTimeAndDoNotPileUp)
 {
     std::mt19937 random(3);
-    const auto emptiesOf = [](const std::vector<Ranges>& pages) {
-        CollectedRanges collected;
-        for (const Ranges& page : pages)
-            collected.add(page);
-        Ranges empties = collected.get();
-        std::erase_if(empties, [](const DateTimeRange& range) { return range.begin != range.end; });
-        return empties;
-    };
-    bool some = false;
     for (int round = 0; round < 2000; ++round) {
-        std::vector<Ranges> pages(3);
+        std::vector<Ranges> pages(1 + random() % 4);
+        CollectedRanges collected;
+        std::size_t most = 0;
         for (Ranges& page : pages) {
-            Seconds bounds = randomBounds(random, 2);
-            const auto at = static_cast<std::uint32_t>(random() % clockSeconds);
-            bounds.emplace_back(at, at);
-            page = adjusted(bounds);
+            page = adjusted(randomBounds(random, 5));
+            most += page.size();
+            collected.add(page);
         }
-        const Ranges expected = emptiesOf(pages);
-        some = some || !expected.empty();
-        std::ranges::shuffle(pages, random);
-        ASSERT_EQ(emptiesOf(pages), expected) << "round " << round;
+        const Covered covered = secondsOf(collected.get());
+        for (int again = 0; again < 3; ++again) {
+            for (const Ranges& page : pages)
+                collected.add(page);
+            ASSERT_EQ(secondsOf(collected.get()), covered) << "round " << round;
+            ASSERT_LE(collected.get().size(), most) << "round " << round;
+        }
     }
-    EXPECT_TRUE(some);
 }
 
 TEST(CollectedRanges, coverTheSameTimeInWhicheverOrderPagesCome)

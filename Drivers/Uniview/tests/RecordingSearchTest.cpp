@@ -106,6 +106,16 @@ TEST_F(RecordingSearchTest, findsWhatIsRecordedAndNamesBothTracks)
     EXPECT_EQ(line.function, "Uniview::RecordingSearch::FindRecordings");
 }
 
+TEST_F(RecordingSearchTest, tellsOfEmptyRecordingsAsTheRuleLeavesThem)
+{
+    makeSearch();
+    answer(page({{1100, 1200}, {1150, 1200}, {1300, 1300}, {1400, 1500}, {1500, 1500}}, 0, 5));
+    EXPECT_EQ(findAndWait(), 0);
+    EXPECT_EQ(
+        handler.ranges(),
+        (Ranges{{1100000, 1200000}, {1200000, 1200000}, {1300000, 1300000}, {1400000, 1500000}, {1500000, 1500000}}));
+}
+
 TEST_F(RecordingSearchTest, pagesFollowEachOtherUntilTheTotalIsReached)
 {
     makeSearch();
