@@ -53,7 +53,7 @@ void feed(ByteView input)
     Script script(input);
     const std::uint64_t coverage = script.u64();
     Ranges read;
-    Uniview::CollectedRanges collected;
+    Uniview::CollectedRanges collected(coverage);
     const Bytes bytes = script.remaining();
     for (auto text = bytes.begin(); text != bytes.end();) {
         const auto end = std::find(text, bytes.end(), std::uint8_t{0});
@@ -69,7 +69,7 @@ void feed(ByteView input)
                 static_cast<void>(Uniview::appendRecords(records, raw));
             require(timeOf(page, coverage) == timeOf(raw, coverage), "a page covers what its records do");
             read.insert(read.end(), raw.begin(), raw.end());
-            collected.add(page);
+            collected.addPage(records, nullptr);
             requireDisjoint(collected.get(), coverage);
         }
         text = end == bytes.end() ? end : end + 1;

@@ -35,14 +35,27 @@ void trimCovered(std::vector<Tavro8::GDRV::DateTimeRange>& ranges, std::uint64_t
 /// first, and a list may grow while it is read, so that records come twice. Sorted, and no time lies in two ranges.
 class CollectedRanges {
 public:
-    /// Takes a page as `adjustingRanges` leaves it, with its empty ranges. What another page has as well is left out:
-    /// the same range, and what lies inside of others. An overlap is cut, so that its time counts once. Costs time in
-    /// proportion to the page when pages come oldest first; newest first what is there is moved as well.
-    void add(const std::vector<Tavro8::GDRV::DateTimeRange>& page);
+    /// `begin` of the interval that is searched, in milliseconds.
+    explicit CollectedRanges(std::uint64_t begin = 0) : begin(begin) {}
+
+    /// Adds a page's "RecordInfos" as `adjustingRanges` leaves them, which also says what is wrong with them.
+    ///
+    /// When all of them begin behind those before, the coverage point is the end of what has been found, so that pages
+    /// from old to new come out as though they were one. Any other page is judged from the begin of the interval, since
+    /// older ranges would be lost, and put in between. What another page has as well is left out then with the same log
+    /// line, be it the same range or one inside of others, and overlaps are cut.
+    ///
+    /// Costs time in proportion to the page when pages come oldest first; newest first what is there is moved as well.
+    void addPage(const Json::Value& records, Tavro8::ILogger* logger);
 
     const std::vector<Tavro8::GDRV::DateTimeRange>& get() const noexcept { return ranges; }
 
 private:
+    std::uint64_t coverage() const noexcept;
+    void merge(const std::vector<Tavro8::GDRV::DateTimeRange>& page, Tavro8::ILogger* logger);
+
+    std::uint64_t begin;
+    std::uint64_t latestBegin = 0;  // of all records that could be read
     std::vector<Tavro8::GDRV::DateTimeRange> ranges;
 };
 }  // namespace Uniview

@@ -64,8 +64,7 @@ struct RecordingSearch::Search {
     Tavro8::GDRV::IRecordingSearchHandler* handler;
     std::uint32_t channel;
     Device::ConnectionInfoPtr connection;
-    std::string list;        // the path of a page, up to its offset
-    std::uint64_t coverage;  // the begin of the interval; what lies behind it is trimmed by `found`
+    std::string list;  // the path of a page, up to its offset
 
     std::uint32_t offset = 0;  // of the page asked for last
     std::string path;
@@ -180,7 +179,7 @@ std::int32_t RecordingSearch::find(std::uint32_t channel, const DateTimeRange& i
         search->list = "/LAPI/V1.0/Channels/" + std::to_string(device->channelNumber(channel)) +
                        "/Media/Video/Streams/1/Records?Begin=" + std::to_string(whole.beginSecond()) +
                        "&End=" + std::to_string(whole.endSecond()) + "&Offset=";
-        search->coverage = interval.begin;
+        search->found = CollectedRanges(interval.begin);
         onService(finding, [search](RecordingSearch& object) {
             if (object.gate.isClosed())
                 return;
@@ -253,9 +252,7 @@ void RecordingSearch::takePage(const SearchPtr& search, const Json::Value& data,
 {
     if (!isWithinLimits(*search, data["RecordInfos"].size()))
         return finish(toResult(ResultCode::responseTooLarge));
-    std::vector<DateTimeRange> page;
-    adjustingRanges(data["RecordInfos"], page, search->coverage, deviceLogger.get());
-    search->found.add(page);
+    search->found.addPage(data["RecordInfos"], deviceLogger.get());
     if (place.end() >= place.total)
         return handOver(search);
     if (place.end() <= search->offset) {

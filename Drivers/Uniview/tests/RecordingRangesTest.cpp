@@ -47,6 +47,25 @@ Ranges adjusted(const Seconds& bounds, std::uint64_t coverage = 0, Tavro8::ILogg
     return ranges;
 }
 
+/// What the pages of a search give together.
+Ranges collected(const std::vector<Seconds>& pages, std::uint64_t begin = 0, Tavro8::ILogger* logger = nullptr)
+{
+    CollectedRanges all(begin);
+    for (const Seconds& page : pages)
+        all.addPage(records(page), logger);
+    return all.get();
+}
+
+Ranges ranges(const Seconds& bounds)
+{
+    Ranges converted;
+    for (const auto& [begin, end] : bounds)
+        converted.push_back({std::uint64_t{begin} * 1000, std::uint64_t{end} * 1000});
+    return converted;
+}
+
+constexpr const char* merged = "Merged overlapped recording range (";
+
 TEST(AdjustingRanges, trimsARangeToWhereTheCoveredTimeEnds)
 {
     EXPECT_EQ(adjusted({{100, 200}, {150, 300}}), (Ranges{{100000, 200000}, {200000, 300000}}));
@@ -56,8 +75,8 @@ TEST(AdjustingRanges, removesWhatLiesInCoveredTimeAndSaysSo)
 {
     RecordingLogger logger;
     EXPECT_EQ(adjusted({{100, 200}, {120, 180}}, 0, &logger), (Ranges{{100000, 200000}}));
-    ASSERT_EQ(logger.count("Merged overlapped recording range ("), 1U);
-    const auto line = logger.find("Merged overlapped");
+    ASSERT_EQ(logger.count(merged), 1U);
+    const auto line = logger.find(merged);
     EXPECT_EQ(line.message, "Merged overlapped recording range (1970-01-01T00:02:00Z - 1970-01-01T00:03:00Z)");
     EXPECT_EQ(line.function, "Uniview::adjustingRanges");
     EXPECT_EQ(line.file, "Drivers/Uniview/src/RecordingSearch");
@@ -253,87 +272,136 @@ TEST(AdjustingRanges, walksAsTheRuleSaysOnRandomRanges)
 
 // ---- pages --------------------------------------------------------------------------------------------------------
 
-TEST(CollectedRanges, pagesThatComeNewestFirstLoseNothing)
+TEST(CollectedRanges, aPageIsTakenAsItIs)
 {
-    CollectedRanges collected;
-    collected.add({{500, 600}, {700, 800}});
-    collected.add({{300, 400}, {450, 550}});
-    collected.add({{100, 200}});
-    EXPECT_EQ(collected.get(), (Ranges{{100, 200}, {300, 400}, {450, 550}, {550, 600}, {700, 800}}));
+    const Seconds page{{100, 200}, {120, 200}, {150, 200}, {200, 250}, {300, 300}, {400, 500}};
+    ASSERT_EQ(adjusted(page).size(), 6U);
+    EXPECT_EQ(collected({page}), adjusted(page));
+    EXPECT_EQ(collected({page, {}, page}), adjusted(page)) << "each as often as one page has it";
 }
 
-TEST(CollectedRanges, recordsThatComeAgainAddNothing)
+TEST(CollectedRanges, aPageGoesOnWhereTheCoverageOfTheLastEnds)
 {
-    CollectedRanges collected;
-    collected.add({{100, 200}, {300, 400}});
-    collected.add({{300, 400}, {500, 600}});
-    collected.add({{100, 200}});
-    collected.add({{150, 150}});
-    EXPECT_EQ(collected.get(), (Ranges{{100, 200}, {300, 400}, {500, 600}}));
+    RecordingLogger logger;
+    EXPECT_EQ(collected({{{100, 200}, {300, 400}}, {{320, 380}, {350, 450}, {360, 450}}}, 150'000, &logger),
+              (Ranges{{150000, 200000}, {300000, 400000}, {400000, 450000}, {450000, 450000}}));
+    ASSERT_EQ(logger.count(merged), 1U);
+    EXPECT_EQ(logger.find(merged).message,
+              "Merged overlapped recording range (1970-01-01T00:05:20Z - 1970-01-01T00:06:20Z)");
+}
+
+TEST(CollectedRanges, oneThatEndsWithTheCoverageOfTheLastPageIsKeptAsAnEmptyOne)
+{
+    RecordingLogger logger;
+    EXPECT_EQ(collected({{{100, 200}}, {{150, 200}}}, 0, &logger), ranges({{100, 200}, {200, 200}}));
+    EXPECT_TRUE(logger.lines().empty());
+}
+
+TEST(CollectedRanges, pagesFromOldToNewComeOutAsOnePage)
+{
+    std::mt19937 random(11);
+    for (int round = 0; round < 500; ++round) {
+        Seconds all = randomBounds(random, 20);
+        std::ranges::sort(all);
+        // Equal begins may come in either order; without them the result is one and the same.
+        const auto equal = std::ranges::unique(all, {}, &Seconds::value_type::first);
+        all.erase(equal.begin(), equal.end());
+        std::vector<Seconds> pages;
+        for (std::size_t at = 0, count = 0; at < all.size(); at += count) {
+            count = std::min(random() % 5, all.size() - at);
+            const auto begin = all.begin() + static_cast<std::ptrdiff_t>(at);
+            pages.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(count));
+            std::ranges::shuffle(pages.back(), random);
+        }
+        const std::uint64_t begin = random() % clockSeconds * 1000;
+        RecordingLogger apart;
+        RecordingLogger together;
+        ASSERT_EQ(collected(pages, begin, &apart), adjusted(all, begin, &together)) << "round " << round;
+        ASSERT_EQ(apart.count(merged), together.count(merged)) << "round " << round;
+    }
+}
+
+TEST(CollectedRanges, pagesThatComeNewestFirstLoseNothing)
+{
+    EXPECT_EQ(collected({{{500, 600}, {700, 800}}, {{300, 400}, {450, 550}}, {{100, 200}}}),
+              ranges({{100, 200}, {300, 400}, {450, 550}, {550, 600}, {700, 800}}));
+}
+
+TEST(CollectedRanges, recordsThatComeAgainAddNothingAndHaveTheirLines)
+{
+    RecordingLogger logger;
+    EXPECT_EQ(collected({{{100, 200}, {300, 400}}, {{300, 400}, {500, 600}}, {{100, 200}}, {{150, 150}}}, 0, &logger),
+              ranges({{100, 200}, {300, 400}, {500, 600}}));
+    EXPECT_EQ(logger.count(merged), 3U);
+}
+
+TEST(CollectedRanges, whatLiesInsideOfALaterOrAnEarlierPageHasItsLine)
+{
+    for (const std::vector<Seconds>& pages :
+         {std::vector<Seconds>{{{500, 600}}, {{100, 300}}, {{150, 250}}}, {{{500, 600}}, {{150, 250}}, {{100, 300}}}}) {
+        RecordingLogger logger;
+        EXPECT_EQ(collected(pages, 0, &logger), ranges({{100, 300}, {500, 600}}));
+        ASSERT_EQ(logger.count(merged), 1U);
+        EXPECT_EQ(logger.find(merged).message,
+                  "Merged overlapped recording range (1970-01-01T00:02:30Z - 1970-01-01T00:04:10Z)");
+    }
 }
 
 TEST(CollectedRanges, aRangeThatSpansEarlierOnesTakesTheirPlace)
 {
-    CollectedRanges collected;
-    collected.add({{100, 200}, {300, 400}, {500, 600}});
-    collected.add({{250, 550}});
-    EXPECT_EQ(collected.get(), (Ranges{{100, 200}, {250, 550}, {550, 600}}));
+    EXPECT_EQ(collected({{{100, 200}, {300, 400}, {500, 600}}, {{250, 550}}}),
+              ranges({{100, 200}, {250, 550}, {550, 600}}));
 }
 
-TEST(CollectedRanges, aPageIsTakenAsItIs)
+TEST(CollectedRanges, aPageWithoutAListChangesNothing)
 {
-    const Ranges page = adjusted({{100, 200}, {120, 200}, {150, 200}, {200, 250}, {300, 300}, {400, 500}});
-    ASSERT_EQ(page.size(), 6U);
-    CollectedRanges collected;
-    collected.add(page);
-    EXPECT_EQ(collected.get(), page);
-    collected.add({});
-    collected.add(page);
-    EXPECT_EQ(collected.get(), page) << "each as often as one page has it";
+    CollectedRanges all;
+    all.addPage(records({{100, 200}}), nullptr);
+    Json::Value members(Json::objectValue);
+    members["one"] = records({{700, 800}})[0];
+    for (const Json::Value& none : {Json::Value(), members, Json::Value(7), records({})})
+        all.addPage(none, nullptr);
+    all.addPage(records({{150, 200}}), nullptr);
+    EXPECT_EQ(all.get(), ranges({{100, 200}, {200, 200}}));
 }
 
 TEST(CollectedRanges, anEmptyRangeStaysUnlessItLiesInsideOfOneOfAnotherPage)
 {
     const struct {
-        std::uint64_t at;
-        Ranges expected;
+        std::uint32_t at;
+        Seconds expected;
     } cases[] = {
-        {100, {{100, 100}, {100, 200}}},
-        {150, {{100, 200}}},
-        {200, {{100, 200}, {200, 200}}},
+        {100, {{100, 100}, {100, 200}, {300, 400}}},
+        {150, {{100, 200}, {300, 400}}},
+        {200, {{100, 200}, {200, 200}, {300, 400}}},
+        {250, {{100, 200}, {250, 250}, {300, 400}}},
     };
+    const Seconds newest{{300, 400}};
+    const Seconds whole{{100, 200}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.at);
-        CollectedRanges emptyFirst;
-        emptyFirst.add({{c.at, c.at}});
-        emptyFirst.add({{100, 200}});
-        EXPECT_EQ(emptyFirst.get(), c.expected);
-        CollectedRanges emptyLast;
-        emptyLast.add({{100, 200}});
-        emptyLast.add({{c.at, c.at}});
-        EXPECT_EQ(emptyLast.get(), c.expected);
+        const Seconds empty{{c.at, c.at}};
+        EXPECT_EQ(collected({newest, empty, whole}), ranges(c.expected));
+        EXPECT_EQ(collected({newest, whole, empty}), ranges(c.expected));
     }
 }
 
 TEST(CollectedRanges, pagesThatComeAgainAddNoTimeAndDoNotPileUp)
 {
     std::mt19937 random(3);
-    for (int round = 0; round < 2000; ++round) {
-        std::vector<Ranges> pages(1 + random() % 4);
-        CollectedRanges collected;
+    for (int round = 0; round < 500; ++round) {
+        std::vector<Seconds> pages(1 + random() % 4);
         std::size_t most = 0;
-        for (Ranges& page : pages) {
-            page = adjusted(randomBounds(random, 5));
+        for (Seconds& page : pages) {
+            page = randomBounds(random, 5);
             most += page.size();
-            collected.add(page);
         }
-        const Covered covered = secondsOf(collected.get());
-        for (int again = 0; again < 3; ++again) {
-            for (const Ranges& page : pages)
-                collected.add(page);
-            ASSERT_EQ(secondsOf(collected.get()), covered) << "round " << round;
-            ASSERT_LE(collected.get().size(), most) << "round " << round;
-        }
+        std::vector<Seconds> again;
+        for (int times = 0; times < 4; ++times)
+            again.insert(again.end(), pages.begin(), pages.end());
+        const Ranges found = collected(again);
+        ASSERT_EQ(secondsOf(found), secondsOf(collected(pages))) << "round " << round;
+        ASSERT_LE(found.size(), most) << "round " << round;
     }
 }
 
@@ -341,14 +409,16 @@ TEST(CollectedRanges, coverTheSameTimeInWhicheverOrderPagesCome)
 {
     std::mt19937 random(42);
     for (int round = 0; round < 2000; ++round) {
-        CollectedRanges collected;
+        std::vector<Seconds> pages(random() % 6);
         Seconds all;
-        for (std::size_t page = random() % 6; page > 0; --page) {
-            const Seconds bounds = randomBounds(random, 5);
-            all.insert(all.end(), bounds.begin(), bounds.end());
-            collected.add(adjusted(bounds));
+        for (Seconds& page : pages) {
+            page = randomBounds(random, 5);
+            all.insert(all.end(), page.begin(), page.end());
         }
-        ASSERT_EQ(secondsOf(collected.get()), coveredBy(all, 0)) << "round " << round;
+        const std::uint64_t begin = random() % 3 == 0 ? random() % clockSeconds * 1000 : 0;
+        const Ranges found = collected(pages, begin);
+        ASSERT_EQ(secondsOf(found), coveredBy(all, begin)) << "round " << round;
+        ASSERT_TRUE(found.empty() || found.front().begin >= begin) << "round " << round;
     }
 }
 }  // namespace

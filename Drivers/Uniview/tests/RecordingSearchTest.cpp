@@ -140,6 +140,18 @@ TEST_F(RecordingSearchTest, pagesFollowEachOtherUntilTheTotalIsReached)
     EXPECT_EQ(handler.completions(), Results{0});
 }
 
+TEST_F(RecordingSearchTest, aPageGoesOnWhereTheCoverageOfTheLastEnds)
+{
+    makeSearch();
+    answer(page({{900, 1200}, {1300, 1400}}, 0, 5));
+    answer(page({{1320, 1380}, {1350, 1500}, {1450, 1500}}, 2, 5), 2);
+    EXPECT_EQ(findAndWait(), 0);
+    EXPECT_EQ(handler.ranges(),
+              (Ranges{{1000000, 1200000}, {1300000, 1400000}, {1400000, 1500000}, {1500000, 1500000}}));
+    EXPECT_EQ(logger.count("Merged overlapped recording range (1970-01-01T00:22:00Z - 1970-01-01T00:23:00Z)"), 1U);
+    EXPECT_EQ(logger.count("Merged overlapped recording range ("), 1U);
+}
+
 TEST_F(RecordingSearchTest, pagesThatComeNewestFirstLoseNothing)
 {
     makeSearch();
@@ -159,6 +171,7 @@ TEST_F(RecordingSearchTest, aListThatGrowsWhileItIsReadGivesNothingTwice)
     answer(page({{1700, 1750}, {1500, 1600}}, 2, 4), 2);  // a new record has moved all others on
     EXPECT_EQ(findAndWait(), 0);
     EXPECT_EQ(handler.ranges(), (Ranges{{1500000, 1600000}, {1700000, 1750000}, {1800000, 1900000}}));
+    EXPECT_EQ(logger.count("Merged overlapped recording range (1970-01-01T00:28:20Z - 1970-01-01T00:29:10Z)"), 1U);
 }
 
 TEST_F(RecordingSearchTest, aThousandPagesTakeAThousandRequestsAndComeOutWhole)
