@@ -23,8 +23,9 @@ struct Reply;
 /// Asks a device, page by page, what it has recorded on a channel.
 ///
 /// The host hears of what was found when the last page is there: sorted, each time once, in whatever order the device
-/// lists its records. Until then only the ranges are kept, 16 bytes each. A search that fails or is cancelled hands
-/// nothing over, since a list with holes looks like one of holes in the archive.
+/// lists its records. Until then only the ranges are kept, 16 bytes each. A search that fails or is cancelled by then
+/// hands nothing over, since a list with holes looks like one of holes in the archive; one that is cancelled while it
+/// hands over ends there, and what it has told is told.
 ///
 /// A search belongs to the connection that it began on: closing the device, or opening another address, completes it
 /// with 1.
