@@ -226,11 +226,15 @@ public:
         describeInterval(app, options.interval);
         app.add_option("--channel", options.channel, "Channel, counted from 0")->type_name("N")->capture_default_str();
         app.footer(std::string(timesHelp) +
-                   "\nRecordings are listed as the device tells them, in UTC, the oldest first; one that the device "
-                   "gives no length is\n"
-                   "listed with the length 00:00. Below the list the bar shows the interval from left to right: the "
-                   "higher a block, the\n"
-                   "more of its time is recorded (without UTF-8: . nothing, - less than half, + more, # all).\n"
+                   "\nRecordings are listed in UTC, the oldest first. One that began before the interval is listed "
+                   "from its begin on, one\n"
+                   "that begins in another from the end of that on; one that goes on behind the interval keeps its own "
+                   "end. One inside of\n"
+                   "another is left out; one without length, or that only ends together with another, is listed with "
+                   "00:00. Below the list\n"
+                   "the bar shows the interval from left to right: the higher a block, the more of its time is "
+                   "recorded (without UTF-8:\n"
+                   ". nothing, - less than half, + more, # all).\n"
                    "With --json an event `recording` for each, and `summary`; time that several recordings share "
                    "counts once in\n"
                    "`recordedSeconds`, and what lies outside of the interval does not. A large archive takes many "
