@@ -114,7 +114,7 @@ void collectPages(benchmark::State& state, bool newestFirst)
         Uniview::CollectedRanges collected;
         for (std::size_t number = 0; number < pages.size(); ++number)
             collected.addPage(pages[newestFirst ? pages.size() - 1 - number : number], nullptr);
-        benchmark::DoNotOptimize(collected.get().data());
+        benchmark::DoNotOptimize(collected.get().size());
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(pageCount * pageRecords));
 }

@@ -43,6 +43,11 @@ std::map<std::uint64_t, std::uint64_t> timeOf(Ranges ranges, std::uint64_t cover
     return stretches;
 }
 
+Ranges rangesOf(const Uniview::CollectedRanges& collected)
+{
+    return {collected.get().begin(), collected.get().end()};
+}
+
 /// Eight bytes: the coverage point. Then JSON texts with a zero byte between them, each taken as the "RecordInfos" of
 /// one page of a search.
 ///
@@ -70,11 +75,11 @@ void feed(ByteView input)
             require(timeOf(page, coverage) == timeOf(raw, coverage), "a page covers what its records do");
             read.insert(read.end(), raw.begin(), raw.end());
             collected.addPage(records, nullptr);
-            requireDisjoint(collected.get(), coverage);
+            requireDisjoint(rangesOf(collected), coverage);
         }
         text = end == bytes.end() ? end : end + 1;
     }
-    require(timeOf(collected.get(), coverage) == timeOf(read, coverage), "pages lose nothing together");
+    require(timeOf(rangesOf(collected), coverage) == timeOf(read, coverage), "pages lose nothing together");
 }
 
 const Target recordings("recordings", feed);

@@ -6,6 +6,7 @@
 #include <Tavro8/ILogger.h>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <json/forwards.h>
 #include <vector>
 
@@ -45,17 +46,18 @@ public:
     /// older ranges would be lost, and put in between. What another page has as well is left out then with the same log
     /// line, be it the same range or one inside of others, and overlaps are cut.
     ///
-    /// Costs time in proportion to the page when pages come oldest first; newest first what is there is moved as well.
+    /// Costs time in proportion to the page when pages come oldest or newest first; one that belongs in the middle
+    /// moves what is on the shorter side of it.
     void addPage(const Json::Value& records, Tavro8::ILogger* logger);
 
-    const std::vector<Tavro8::GDRV::DateTimeRange>& get() const noexcept { return ranges; }
+    const std::deque<Tavro8::GDRV::DateTimeRange>& get() const noexcept { return ranges; }
 
 private:
     std::uint64_t coverage() const noexcept;
     void merge(const std::vector<Tavro8::GDRV::DateTimeRange>& page, Tavro8::ILogger* logger);
 
     std::uint64_t begin;
-    std::uint64_t latestBegin = 0;  // of all records that could be read
-    std::vector<Tavro8::GDRV::DateTimeRange> ranges;
+    std::uint64_t latestBegin = 0;                   // of all records that could be read
+    std::deque<Tavro8::GDRV::DateTimeRange> ranges;  // grows at either end without moving the rest
 };
 }  // namespace Uniview
