@@ -20,8 +20,9 @@ class DeviceDescription;
 
 /// Longest waits unless `--timeout` says otherwise.
 inline constexpr std::chrono::seconds usualTimeout{15};
-/// Modules read a setting before they write it, and each of the two may take as long as other answers.
-inline constexpr std::chrono::seconds usualSettingsTimeout{40};
+/// Modules read a resource before they write it, and each of the two may take as long as other answers; of the eight of
+/// a video source they ask for a few at once, so that some wait for others.
+inline constexpr std::chrono::seconds usualSettingsTimeout{70};
 
 inline constexpr const char* passwordVariable = "KELVO_DEVICE_PASSWORD";
 

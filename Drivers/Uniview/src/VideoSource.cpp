@@ -36,7 +36,7 @@ constexpr const char* sourcePath = "Drivers/Uniview/src/VideoSource";
 constexpr const char* applying = "Uniview::VideoSource::applySettings";
 constexpr const char* everything = "all";  // the resource name of the last result
 
-/// For one exchange, waiting for a connection included: eight resources share four of them.
+/// For one exchange, from the time on that those of the other resources leave it a connection.
 boost::posix_time::time_duration requestLimit()
 {
     return boost::posix_time::seconds(15);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -357,6 +358,35 @@ TEST_F(VideoSettings, failedWriteLeavesTheOtherResourcesAlone)
         expectLine(std::string(" HTTP response has error code:403, reason:Scripted, request:") + c.path, c.putHandler);
         expectLine(c.writeFailure, c.putHandler);
     }
+}
+
+TEST_F(VideoSettings, resourcesWithoutAnAnswerCostTheOthersNothing)
+{
+    connect();
+    ParameterMap given;
+    for (const Case& c : cases)
+        given.insert(c.given.begin(), c.given.end());
+    const std::span<const Case> silent(cases + 1, 4);
+    for (const Case& c : silent)
+        peer.staySilent(std::string("GET ") + c.path);
+    ASSERT_EQ(source->ApplySettings(given), 0);
+    EXPECT_TRUE(host.waitSettings("stream")) << "what was read is written before others are read";
+    for (const Case& c : silent)
+        EXPECT_TRUE(peer.waitForRequest(std::string("GET ") + c.path));
+    service->barrier();
+    EXPECT_EQ(sent().size(), 6U) << "of the others none spends its time in a queue";
+    peer.breakSilence(500, "");
+    ASSERT_TRUE(host.waitSettings("all"));
+    Results expected = allBut("all", toResult(ResultCode::deviceError));
+    for (const Case& c : silent)
+        expected[c.resource] = toResult(ResultCode::deviceError);
+    const auto told = host.settingsResults();
+    EXPECT_EQ(Results(told.begin(), told.end()), expected);
+    Lines writes;
+    for (const std::size_t other : {0U, 5U, 6U, 7U})
+        writes.push_back(std::string("PUT ") + cases[other].path + ' ' + cases[other].written);
+    std::ranges::sort(writes);
+    EXPECT_EQ(written(), writes);
 }
 
 TEST_F(VideoSettings, missingDataAreSaidToBeEmpty)

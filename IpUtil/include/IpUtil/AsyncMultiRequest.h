@@ -33,8 +33,9 @@ public:
 
     /// `logger` may be null; it and `context` outlive the batch.
     ///
-    /// `parallel`: requests are sent as soon as they are added and the batch is started, as many at once as the HTTP
-    /// client allows to one device; otherwise one after the other in the order in which they were added.
+    /// `parallel`: as many requests are under way at once as the HTTP client has connections to one device, in the
+    /// order in which they were added; but what is added after the start, as the PUT that follows a GET, goes before
+    /// what still waits. Otherwise one after the other in the order in which they were added.
     ///
     /// `stopAtFailure`: the first failure takes back all other requests, also those that its handler adds: what was
     /// not sent is not sent. Their handlers are told `ResultCode::cancelled`. Otherwise requests are independent.
@@ -45,8 +46,9 @@ public:
     AsyncMultiRequest& operator=(const AsyncMultiRequest&) = delete;
 
     // Each handler (may be empty) is called once, unless the batch is stopped. `timeout` counts from the moment at
-    // which the request is handed to the HTTP client and includes waiting for a connection; what is not positive, or
-    // not a time, means the client's own limit. Nothing is added to a batch that has ended.
+    // which the request is handed to the HTTP client: waiting for others of the batch is not part of it, waiting for a
+    // connection that somebody else uses is. What is not positive, or not a time, means the client's own limit. Nothing
+    // is added to a batch that has ended.
 
     void addGetRequest(const std::string& path, const boost::posix_time::time_duration& timeout,
                        http::CompletionHandler handler);

@@ -1,5 +1,7 @@
 #include <utility>
 
+#include "http/ConnectionPool.h"
+
 #include <IpUtil/AsyncMultiRequest.h>
 #include <IpUtil/LoggerHelper.h>
 #include <Tavro8/ResultCode.h>
@@ -38,6 +40,7 @@ struct AsyncMultiRequest::State final : std::enable_shared_from_this<State> {
         : context(context),
           info(std::move(info)),
           parallel(parallel),
+          mostAtOnce(parallel ? http::getHttpLimits(context).connectionsPerDevice : 1),
           stopAtFailure(stopAtFailure),
           logger(hostLogger, sourcePath)
     {}
@@ -56,13 +59,14 @@ struct AsyncMultiRequest::State final : std::enable_shared_from_this<State> {
     void add(Begin begin, http::CompletionHandler handler);
     void start(FinalHandler handler);
     void stop() noexcept;
-    std::size_t size() const noexcept { return waiting.size() + underWay.size(); }
+    std::size_t size() const noexcept { return following.size() + waiting.size() + underWay.size(); }
 
     boost::asio::io_context& context;
     const http::ConnectionInfoPtr info;
 
 private:
     void sendDue();
+    Request takeNext();
     void send(Request request);
     void completeLater(const SentPtr& sent, http::CompletionHandler handler, ResultCode code);
     void onCompleted(const SentPtr& sent, const http::CompletionHandler& handler, const error_code& ec,
@@ -72,9 +76,11 @@ private:
     void finishWhenDone();
 
     const bool parallel;
+    const std::size_t mostAtOnce;  // one more would spend its time limit in the client's queue, behind our own
     const bool stopAtFailure;
     const LoggerHelper logger;
     std::deque<Request> waiting;
+    std::deque<Request> following;  // added since the start, goes before those
     std::vector<SentPtr> underWay;
     FinalHandler finalHandler;
     std::int32_t result = 0;  // the first failure
@@ -87,7 +93,7 @@ void AsyncMultiRequest::State::add(Begin begin, http::CompletionHandler handler)
 {
     if (ended)
         return;
-    waiting.push_back({std::move(begin), std::move(handler)});
+    (started && parallel ? following : waiting).push_back({std::move(begin), std::move(handler)});
     if (started)
         sendDue();
 }
@@ -111,6 +117,7 @@ void AsyncMultiRequest::State::stop() noexcept
     if (std::exchange(ended, true))
         return;
     waiting.clear();
+    following.clear();
     finalHandler = nullptr;
     for (const SentPtr& sent : std::exchange(underWay, {})) {
         if (sent->cancellation != nullptr)
@@ -120,11 +127,16 @@ void AsyncMultiRequest::State::stop() noexcept
 
 void AsyncMultiRequest::State::sendDue()
 {
-    while (!waiting.empty() && (takenBack || parallel || underWay.empty())) {
-        Request request = std::move(waiting.front());
-        waiting.pop_front();
-        send(std::move(request));
-    }
+    while (size() > underWay.size() && (takenBack || underWay.size() < mostAtOnce))
+        send(takeNext());
+}
+
+AsyncMultiRequest::State::Request AsyncMultiRequest::State::takeNext()
+{
+    std::deque<Request>& line = following.empty() ? waiting : following;
+    Request next = std::move(line.front());
+    line.pop_front();
+    return next;
 }
 
 void AsyncMultiRequest::State::send(Request request)

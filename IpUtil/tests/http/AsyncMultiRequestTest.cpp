@@ -1,5 +1,6 @@
 #include "ScriptedPeer.h"
 #include "TestClient.h"
+#include "http/ConnectionPool.h"
 
 #include <IpUtil/AsyncMultiRequest.h>
 #include <algorithm>
@@ -131,6 +132,105 @@ TEST_F(MultiRequest, sendsItsRequestsTogetherAndEndsOnce)
     ASSERT_EQ(events.size(), 4U);
     EXPECT_EQ(sorted(events), (Lines{"/0 200", "/1 200", "/2 200", "end 0"}));
     EXPECT_EQ(events.back(), "end 0");
+}
+
+/// A batch whose requests are answered by the test itself, while a device may have two connections at once.
+class HeldMultiRequest : public MultiRequest {
+protected:
+    void makeHeld(bool parallel = true)
+    {
+        HttpLimits limits;
+        limits.connectionsPerDevice = 2;
+        setHttpLimits(context, limits);
+        makeFor(nullptr, parallel);
+    }
+    void add(const std::string& name, CompletionHandler handler = {})
+    {
+        const auto begin = [this, name](boost::asio::io_context&, CompletionHandler done) {
+            begun.push_back(name);
+            answers[name] = std::move(done);
+            return CancellationPtr();
+        };
+        batch->addRequest(begin, std::move(handler));
+    }
+    void answer(const std::string& name)
+    {
+        HttpResponse response;
+        response.status = 200;
+        answers.at(name)({}, {}, response);
+    }
+
+    Lines begun;
+    std::map<std::string, CompletionHandler> answers;
+};
+
+TEST_F(HeldMultiRequest, noMoreAreUnderWayThanThereAreConnections)
+{
+    makeHeld();
+    for (const char* const name : {"a", "b", "c", "d"})
+        add(name);
+    start();
+    EXPECT_EQ(begun, (Lines{"a", "b"})) << "the time limit of the others has not begun";
+    EXPECT_EQ(batch->size(), 4U);
+    answer("b");
+    EXPECT_EQ(begun, (Lines{"a", "b", "c"}));
+    answer("a");
+    EXPECT_EQ(begun, (Lines{"a", "b", "c", "d"}));
+    answer("c");
+    EXPECT_EQ(events, Lines{});
+    answer("d");
+    EXPECT_EQ(events, (Lines{"end 0"}));
+}
+
+TEST_F(HeldMultiRequest, whatAHandlerAddsGoesBeforeWhatWaits)
+{
+    makeHeld();
+    add("read a", [this](const auto&...) {
+        add("write a");
+        add("read a again");
+    });
+    for (const char* const name : {"read b", "read c", "read d"})
+        add(name);
+    start();
+    answer("read a");
+    EXPECT_EQ(begun, (Lines{"read a", "read b", "write a"}));
+    answer("read b");
+    EXPECT_EQ(begun.back(), "read a again");
+    answer("write a");
+    EXPECT_EQ(begun.back(), "read c");
+    answer("read a again");
+    EXPECT_EQ(begun.back(), "read d");
+    EXPECT_EQ(begun.size(), 6U);
+}
+
+TEST_F(HeldMultiRequest, oneAfterTheOtherGoInTheOrderInWhichTheyWereAdded)
+{
+    makeHeld(false);
+    add("a", [this](const auto&...) { add("added"); });
+    add("b");
+    start();
+    for (const char* const name : {"a", "b", "added"}) {
+        EXPECT_EQ(begun.back(), name);
+        answer(name);
+    }
+    EXPECT_EQ(events, (Lines{"end 0"}));
+}
+
+TEST_F(HeldMultiRequest, stopGivesUpWhatWaits)
+{
+    makeHeld();
+    add("a", [this](const auto&...) {
+        add("added");
+        add("added and waiting");
+        EXPECT_EQ(batch->size(), 4U);
+        batch->stop();
+        EXPECT_EQ(batch->size(), 0U);
+    });
+    add("b");
+    add("c");
+    start();
+    answer("a");
+    EXPECT_EQ(begun, (Lines{"a", "b", "added"}));
 }
 
 TEST_F(MultiRequest, sendsOneAfterTheOtherWhenToldTo)
