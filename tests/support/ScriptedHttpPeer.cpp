@@ -204,9 +204,14 @@ void ScriptedHttpPeer::staySilent(const std::string& target)
 
 void ScriptedHttpPeer::breakSilence(unsigned status, const std::string& body)
 {
-    boost::asio::post(state->context, [this, reply = State::format(status, body)] {
+    breakSilenceRaw(State::format(status, body));
+}
+
+void ScriptedHttpPeer::breakSilenceRaw(const std::string& bytes)
+{
+    boost::asio::post(state->context, [this, bytes] {
         for (const auto& connection : std::exchange(state->silent, {})) {
-            connection->reply = reply;
+            connection->reply = bytes;
             State::write(connection);
         }
     });

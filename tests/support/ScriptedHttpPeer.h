@@ -33,6 +33,8 @@ public:
     void staySilent(const std::string& target);
     /// Answers those that wait for an answer at this moment.
     void breakSilence(unsigned status, const std::string& body);
+    /// The same in raw bytes.
+    void breakSilenceRaw(const std::string& bytes);
 
     /// From now on a request without authorization is answered with a digest challenge (MD5, qop "auth"). What an
     /// authorization says is not checked.

@@ -16,6 +16,7 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <optional>
 #include <span>
+#include <vector>
 
 template class Tavro8::Utility::RTSPReceiverBase<Tavro8::GDRV::IVideoSource, Uniview::Device>;
 template class Tavro8::Utility::RTSPReceiverSource<Tavro8::GDRV::IVideoSource, Uniview::Device>;
@@ -74,8 +75,28 @@ struct VideoSource::SettingsRun {
           device(std::move(of)),
           turn(std::move(turn)),
           groups(settings::groupsOf(device->GetDeviceKind())),
-          exchanges(device->service(), device->getHttpConnectionInfo(), device->getLogger().get())
+          connection(device->getHttpConnectionInfo()),
+          exchanges(device->service(), connection, device->getLogger().get())
     {}
+
+    /// Told how each exchange ended in transport.
+    void noteExchange(const Tavro8::error_code& ec)
+    {
+        if (ec)
+            return failures.push_back(ec);
+        answered = true;
+        device->reportResourceExchange(ec);
+    }
+
+    /// At the end. A device that has answered for one resource is there, whatever came of the others. An earlier
+    /// connection says nothing about the present one.
+    void reportFailures() const
+    {
+        if (answered || connection != device->getHttpConnectionInfo())
+            return;
+        for (const Tavro8::error_code& ec : failures)
+            device->reportResourceExchange(ec);
+    }
 
     /// Of the resources that the values are for, the first failure in the order of the table.
     std::int32_t overallResult() const
@@ -93,7 +114,10 @@ struct VideoSource::SettingsRun {
     const std::shared_ptr<Device> device;  // the host may release it before the last reply
     const SettingsQueue::Turn turn;
     const std::span<const GroupTraits> groups;
+    const Device::ConnectionInfoPtr connection;
     std::uint32_t channelNumber = 0;
+    bool answered = false;
+    std::vector<Tavro8::error_code> failures;
     std::array<std::optional<std::int32_t>, settings::groupCount> results;
     Tavro8::Utility::AsyncMultiRequest exchanges;
 };
@@ -171,6 +195,7 @@ void VideoSource::applySettings(const ParameterMap& given)
     run.exchanges.start([weak = weak_from_this()](std::int32_t) {
         if (const auto alive = weak.lock()) {
             auto& self = static_cast<VideoSource&>(*alive);
+            self.settingsRun->reportFailures();
             self.finishAllSettings(self.settingsRun->overallResult());
         }
     });
@@ -192,7 +217,7 @@ Tavro8::http::CompletionHandler VideoSource::settingsHandler(const GroupTraits& 
     return [self = sharedSelf(), &group, place, step](const Tavro8::error_code& ec, const std::vector<char>& body,
                                                       const Tavro8::http::HttpResponse& response) {
         const auto result = Tavro8::guarded(self->settingsLogger, place, toResult(ResultCode::unexpected), [&] {
-            self->settingsRun->device->reportResourceExchange(ec);
+            self->settingsRun->noteExchange(ec);
             lapi::Reply reply = lapi::judge(ec, response, body);
             ((*self).*step)(group, reply);
             return toResult(ResultCode::success);

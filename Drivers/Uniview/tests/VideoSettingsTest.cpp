@@ -26,6 +26,7 @@ using Results = std::map<std::string, std::int32_t>;
 constexpr const char* streamPath = "/LAPI/V1.0/Channel/0/Media/Video/Streams/DetailInfos";
 constexpr const char* exposurePath = "/LAPI/V1.0/Channels/0/Image/Advanced/Exposure";
 constexpr const char* enhancePath = "/LAPI/V1.0/Channels/0/Image/Enhance";
+constexpr const char* noHttp = "RTSP/1.0 200 OK\r\n\r\n";
 constexpr const char* done = R"({"Response":{"ResponseCode":0,"ResponseString":"Succeed"}})";
 
 struct Case {
@@ -190,6 +191,29 @@ protected:
         for (const Case& c : cases)
             EXPECT_TRUE(std::string(c.path) == enhancePath || host.waitSettings(c.resource));
         EXPECT_TRUE(peer.waitForRequest(std::string("GET ") + enhancePath));
+    }
+    void beSilentAbout(std::span<const Case> resources)
+    {
+        for (const Case& c : resources)
+            peer.staySilent(std::string("GET ") + c.path);
+    }
+    void waitUntilAsked(std::span<const Case> resources)
+    {
+        for (const Case& c : resources)
+            EXPECT_TRUE(peer.waitForRequest(std::string("GET ") + c.path));
+    }
+    /// Lets the reads that wait for an answer fail in transport, and waits for the end.
+    void answerWithoutHttp(std::span<const Case> resources)
+    {
+        waitUntilAsked(resources);
+        peer.breakSilenceRaw(noHttp);
+        ASSERT_TRUE(host.waitSettings("all"));
+        service->barrier();
+        const auto told = host.settingsResults();
+        Results expected = allGood();
+        for (const Case& c : resources)
+            expected[c.resource] = toResult(ResultCode::malformedResponse);
+        EXPECT_EQ(Results(told.begin(), told.end()), expected);
     }
     static Results allGood()
     {
@@ -367,12 +391,10 @@ TEST_F(VideoSettings, resourcesWithoutAnAnswerCostTheOthersNothing)
     for (const Case& c : cases)
         given.insert(c.given.begin(), c.given.end());
     const std::span<const Case> silent(cases + 1, 4);
-    for (const Case& c : silent)
-        peer.staySilent(std::string("GET ") + c.path);
+    beSilentAbout(silent);
     ASSERT_EQ(source->ApplySettings(given), 0);
     EXPECT_TRUE(host.waitSettings("stream")) << "what was read is written before others are read";
-    for (const Case& c : silent)
-        EXPECT_TRUE(peer.waitForRequest(std::string("GET ") + c.path));
+    waitUntilAsked(silent);
     service->barrier();
     EXPECT_EQ(sent().size(), 6U) << "of the others none spends its time in a queue";
     peer.breakSilence(500, "");
@@ -423,7 +445,7 @@ TEST_F(VideoSettings, everyReplyIsJudged)
          " Internal API error :Not Supported, status :no way"},
         {"unknown path", "HTTP/1.1 599 Unknown\r\nConnection: close\r\n\r\n" + apiError(),
          toResult(ResultCode::resourceNotFound), " HTTP response has error code:599, reason:Unknown, request:" + path},
-        {"no HTTP", "RTSP/1.0 200 OK\r\n\r\n", toResult(ResultCode::malformedResponse),
+        {"no HTTP", noHttp, toResult(ResultCode::malformedResponse),
          " HTTP request is finished with error:261, message:the answer does not follow the protocol, request:" + path},
         {"broken off", "HTTP/1.1 404 Not Found\r\nTransfer-Encoding: chunked\r\n\r\n100\r\n{\"Resp",
          toResult(ResultCode::connectionLost),
@@ -442,6 +464,56 @@ TEST_F(VideoSettings, everyReplyIsJudged)
         peer.answer(method + path, 200, reply("{}"));
     }
     EXPECT_EQ(handler.lostTotal(), 0) << "a resource that breaks off does not lose the device";
+}
+
+TEST_F(VideoSettings, failuresBehindAnAnswerDoNotLoseTheDevice)
+{
+    connect();
+    const std::span<const Case> broken(cases + 6, 2);
+    beSilentAbout(broken);
+    ASSERT_EQ(source->ApplySettings({}), 0);
+    for (const Case& c : std::span(cases).first(6))
+        EXPECT_TRUE(host.waitSettings(c.resource));
+    answerWithoutHttp(broken);
+    EXPECT_EQ(handler.lostTotal(), 0) << logger.text();
+}
+
+TEST_F(VideoSettings, failuresBeforeTheFirstAnswerDoNotLoseTheDevice)
+{
+    connect();
+    const std::span<const Case> broken(cases, 4);  // as many as are read at once
+    beSilentAbout(broken);
+    ASSERT_EQ(source->ApplySettings({}), 0);
+    answerWithoutHttp(broken);
+    EXPECT_EQ(handler.lostTotal(), 0) << logger.text();
+}
+
+TEST_F(VideoSettings, deviceThatAnswersNoneOfTheResourcesIsLost)
+{
+    connect();
+    for (const Case& c : cases)
+        peer.answerRaw(std::string("GET ") + c.path, noHttp);
+    EXPECT_EQ(apply({}).at("stream"), toResult(ResultCode::malformedResponse));
+    EXPECT_TRUE(handler.waitLost());
+}
+
+TEST_F(VideoSettings, failuresOfAnEarlierConnectionDoNotLoseThePresentOne)
+{
+    connect();
+    const std::span<const Case> broken(cases);
+    for (const Case& c : broken.subspan(4))
+        peer.answerRaw(std::string("GET ") + c.path, noHttp);
+    beSilentAbout(broken.first(4));
+    ASSERT_EQ(source->ApplySettings({}), 0);
+    waitUntilAsked(broken.first(4));
+    device->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    open();
+    ASSERT_TRUE(handler.waitConnected(2));
+    peer.breakSilenceRaw(noHttp);
+    ASSERT_TRUE(host.waitSettings("all"));
+    service->barrier();
+    EXPECT_EQ(handler.lostTotal(), 0) << logger.text();
 }
 
 TEST_F(VideoSettings, replyThatIsTooLongIsTheFailureOfItsResource)
