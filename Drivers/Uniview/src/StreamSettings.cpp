@@ -205,7 +205,10 @@ Edit editStream(Json::Value& data, const Tavro8::ParameterMap& given, std::uint3
         Json::Value& encoding = (*entry)["VideoEncodeInfo"];
         if (!encoding.isObject())
             throw Refusal(ResultCode::malformedReply, "\"VideoEncodeInfo\" is not an object");
-        return writeEncoding(encoding, Given(given), maxFpsForCodec, note);
+        const bool changed = writeEncoding(encoding, Given(given), maxFpsForCodec, note);
+        if (!changed && !note.empty())  // nothing else was given, so there is nothing to call a success
+            throw Refusal(ResultCode::notSupported, note);
+        return changed;
     });
     if (result.result == 0)
         result.note = std::move(note);

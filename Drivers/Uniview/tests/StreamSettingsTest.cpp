@@ -175,7 +175,24 @@ TEST(StreamSettings, missingCodecIsTheCamerasPresentOneInEitherDialect)
         EXPECT_EQ(memberAfter("FrameRate", {{"fps", 25}}, c.present, caps), c.written) << c.present;
     for (const char* const unknown :
          {R"({"EncodeFormat":9})", R"({"EncodeFormat":"1"})", R"({"EncodeFormat":null})", "{}"})
-        EXPECT_EQ(encodingAfter({{"fps", 25}}, unknown, caps), "-") << unknown;
+        EXPECT_EQ(encodingAfter({{"fps", 25}, {"bitRate", 1}}, unknown, caps),
+                  encodingAfter({{"bitRate", 1}}, unknown, caps))
+            << unknown;
+}
+
+TEST(StreamSettings, frameRateAloneThatIsNotWrittenIsNotSupported)
+{
+    const TextMap caps{{"H.265", "10"}};
+    EXPECT_EQ(encodingAfter({{"fps", 25}}, R"({"EncodeFormat":1,"FrameRate":20})", caps),
+              "8 fps is left as the device has it: maxFpsForCodec does not know H.264");
+    EXPECT_EQ(encodingAfter({{"fps", 25}, {"brightness", 50}}, R"({"EncodeFmt":99})", caps),
+              "8 fps is left as the device has it: maxFpsForCodec does not know its codec");
+    EXPECT_EQ(encodingAfter({{"fps", 25}, {"quality", 1}}, R"({"EncodeFormat":1})", caps),
+              R"({"EncodeFormat":1,"ImageQuality":1})")
+        << "the result is that of the rest";
+    EXPECT_EQ(encodingAfter({{"quality", 1}}, R"({"EncodeFormat":1})", caps), R"({"EncodeFormat":1,"ImageQuality":1})");
+    EXPECT_EQ(encodingAfter({{"fps", 25}}, R"({"EncodeFormat":2})", caps), R"({"EncodeFormat":2,"FrameRate":10})")
+        << "capped, it is written";
 }
 
 TEST(StreamSettings, withoutCapsEveryFrameRateIsWritten)
@@ -325,10 +342,10 @@ TEST(StreamSettings, frameRateThatIsNotFollowedIsNoted)
         {{{"fps", 25}}, R"({"EncodeFormat":1})", "fps 25 is more than H.264 allows, maxFpsForCodec:15"},
         {{{"fps", 15}}, R"({"EncodeFormat":1})", ""},
         {{{"fps", 25}}, R"({"EncodeFormat":2})", ""},
-        {{{"fps", 25}},
+        {{{"fps", 25}, {"quality", 1}},
          R"({"EncodeFormat":0})",
          "fps is left as the device has it: maxFpsForCodec does not know MJPEG"},
-        {{{"fps", 25}},
+        {{{"fps", 25}, {"quality", 1}},
          R"({"EncodeFormat":77})",
          "fps is left as the device has it: maxFpsForCodec does not know its codec"},
         {{{"fps", 25}, {"bitRate", Text("much")}}, R"({"EncodeFormat":1})", ""},

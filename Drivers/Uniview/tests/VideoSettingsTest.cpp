@@ -590,6 +590,16 @@ TEST_F(VideoSettings, frameRateIsCappedByTheChannelsModel)
     }
 }
 
+TEST_F(VideoSettings, frameRateThatIsLeftAloneIsNotToldAsApplied)
+{
+    connect(1, 0, 0, 0, {{"maxFpsForCodec", Tavro8::TextMap{{"H.265", "10"}}}});
+    answerStreams(streamPath, R"({"EncodeFormat":1,"FrameRate":20})");
+    EXPECT_EQ(apply({{"fps", 25}}), allBut("stream", toResult(ResultCode::notSupported)));
+    EXPECT_EQ(written(), Lines{});
+    expectLine("fps is left as the device has it: maxFpsForCodec does not know H.264",
+               "Uniview::VideoSource::streamSettings");
+}
+
 TEST_F(VideoSettings, modelOfAWrongTypeMakesNoSource)
 {
     const auto description = std::make_shared<DeviceTraits>();

@@ -323,7 +323,7 @@ private:
             "the exit status. A resource that cannot be read, or does not answer in time, though nothing was to\n"
             "be changed there is no failure.\n\n"
             "A model (--model) whose maxFpsForCodec names the most pictures a second of each codec caps fps; a\n"
-            "codec that it leaves out keeps the frame rate that the device has.\n\n" +
+            "codec that it leaves out keeps the frame rate that the device has, and fps alone then fails.\n\n" +
             app.get_footer());
     }
 
