@@ -40,12 +40,11 @@ constexpr NumberRow numberRows[] = {
     {"svcMode", "SVCMode", "VideoSvcCfg", "Mode"},  {"keyFrameInterval", "IInterval", nullptr, "IFrameInterval"},
 };
 
-bool isStream(const Json::Value& entry, std::uint32_t stream)
+std::optional<std::uint32_t> numberOf(const Json::Value& entry)
 {
-    if (!entry.isObject())
-        return false;
-    const Json::Value& id = entry["ID"];
-    return id.isUInt() && id.asUInt() == stream;
+    if (!entry.isObject() || !entry["ID"].isUInt())
+        return {};
+    return entry["ID"].asUInt();
 }
 
 /// Leaves nothing but the stream of that number in the list, as often as it is there; null when it is not.
@@ -53,11 +52,27 @@ Json::Value* keepOnly(Json::Value& list, std::uint32_t stream)
 {
     Json::Value kept(Json::arrayValue);
     for (Json::Value& entry : list) {
-        if (isStream(entry, stream))
+        if (numberOf(entry) == stream)
             kept.append(std::move(entry));
     }
     list.swap(kept);
     return list.empty() ? nullptr : &list[0];
+}
+
+/// What it means that the stream is not at its place: that a camera with other streams has none of that number, or that
+/// the reply holds nothing.
+ResultCode reasonWithout(const Json::Value& list, std::uint32_t stream)
+{
+    if (!list.isArray())
+        return ResultCode::emptyReply;
+    bool hasOthers = false;
+    for (const Json::Value& entry : list) {
+        const auto number = numberOf(entry);
+        if (number == stream)
+            return ResultCode::emptyReply;
+        hasOthers |= number.has_value();
+    }
+    return hasOthers ? ResultCode::notFound : ResultCode::emptyReply;
 }
 
 /// Which dialect the firmware speaks.
@@ -190,16 +205,17 @@ Edit editStream(Json::Value& data, const Tavro8::ParameterMap& given, std::uint3
 {
     std::string note;
     Edit result = edit([&] {
-        const Refusal empty(ResultCode::emptyReply, traitsOf(Group::stream).empty);
+        const char* const empty = traitsOf(Group::stream).empty;
         if (!data.isObject())
-            throw empty;
+            throw Refusal(ResultCode::emptyReply, empty);
         Json::Value& list = data["VideoStreamInfos"];
+        const Refusal missing(reasonWithout(list, stream), empty);
         if (!list.isArray() || list.size() <= stream)
-            throw empty;
+            throw missing;
         data["Num"] = 1;
         Json::Value* const entry = keepOnly(list, stream);
         if (entry == nullptr)
-            throw empty;
+            throw missing;
         if (entry->isMember("Enabled"))
             (*entry)["Enabled"] = 1;
         Json::Value& encoding = (*entry)["VideoEncodeInfo"];

@@ -281,15 +281,24 @@ TEST(StreamSettings, replyWithoutTheStreamIsEmpty)
              R"({"VideoStreamInfos":[]})",
              R"({"VideoStreamInfos":"x"})",
              R"({"VideoStreamInfos":[{"ID":"0"}]})",
-             R"({"VideoStreamInfos":[{"ID":1}]})",
              R"({"VideoStreamInfos":[7,null,[]]})",
              R"({"VideoStreamInfos":[{"ID":-1}]})",
              R"({"VideoStreamInfos":[{"ID":4294967296}]})",
          })
         EXPECT_EQ(edit({{"fps", 25}}, data), empty) << data;
-    EXPECT_EQ(edit({{"fps", 25}}, camera(), 3), empty);
     EXPECT_EQ(edit({{"fps", 25}}, streams(stream(1)), 1), empty) << "nothing is at the position of the stream";
+    EXPECT_EQ(edit({{"fps", 25}}, streams(stream(1) + ',' + stream(2)), 2), empty) << "the same beside another";
     EXPECT_EQ(edit({}, "null"), empty) << "said even when nothing was to be written";
+}
+
+TEST(StreamSettings, streamThatTheCameraLacksIsNotFound)
+{
+    const Text missing = "7 Streaming settings is empty";
+    EXPECT_EQ(edit({{"fps", 25}}, camera(), 3), missing);
+    EXPECT_EQ(edit({{"fps", 25}}, camera(), 4294967295U), missing);
+    EXPECT_EQ(edit({{"fps", 25}}, streams(stream(1)), 0), missing) << "another is at its position";
+    EXPECT_EQ(edit({{"fps", 25}}, streams(stream(0) + ",7"), 1), missing);
+    EXPECT_EQ(edit({}, camera(), 5), missing) << "said even when nothing was to be written";
 }
 
 TEST(StreamSettings, encodingOfAnotherShapeIsRefused)

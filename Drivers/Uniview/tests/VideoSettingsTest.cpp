@@ -321,6 +321,14 @@ TEST_F(VideoSettings, aSourceWritesItsOwnStream)
                      R"( {"Num":1,"VideoStreamInfos":[{"Enabled":1,"ID":1,"VideoEncodeInfo":{"EncodeFmt":13}}]})"}));
 }
 
+TEST_F(VideoSettings, streamThatTheCameraLacksIsNotFound)
+{
+    connect(1, 0, 0, 5);
+    EXPECT_EQ(apply({{"fps", 7}}), allBut("stream", toResult(ResultCode::notFound)));
+    EXPECT_EQ(written(), Lines{});
+    EXPECT_TRUE(logger.contains("vs 0.5: Streaming settings is empty")) << logger.text();
+}
+
 TEST_F(VideoSettings, recorderIsAskedForThePictureAlone)
 {
     connect(4, 1, 2);
