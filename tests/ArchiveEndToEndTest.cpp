@@ -209,4 +209,23 @@ TEST(PlaybackEndToEnd, whereNothingIsRecordedThereIsNothingToPlay)
     EXPECT_EQ(run.status, 4);
     EXPECT_EQ(run.event("failure")["code"], 514);
 }
+
+/// Seconds count in 32 bits: both the search and the playback end with the last of them, in 2106.
+TEST(IntervalEndToEnd, mayEndBehindTheLastSecondThereIs)
+{
+    const SimulatorProcess device(recorder({"--records", "8"}));
+    const ScratchFolder folder;
+    const std::vector<std::string> interval{"--begin", "2026-10-23T23:59:58Z", "--end", "2200-01-01"};
+    const auto run = [&](std::vector<std::string> words) {
+        words.insert(words.end(), interval.begin(), interval.end());
+        return runHost(folder, deviceAddress(device), words);
+    };
+    const HostRun listed = run({"recordings"});
+    EXPECT_EQ(listed.status, 0) << listed.errors;
+    EXPECT_EQ(listed.event("summary")["recordedSeconds"].asDouble(), 2);
+    const HostRun played = run({"playback"});
+    EXPECT_EQ(played.status, 0) << played.errors;
+    EXPECT_EQ(played.event("summary")["frames"], 20);
+    EXPECT_TRUE(played.event("summary")["endReached"].asBool());
+}
 }  // namespace

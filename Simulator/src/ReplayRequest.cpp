@@ -85,7 +85,7 @@ std::optional<Instant> parseClock(std::string_view text)
         return std::nullopt;
     const std::int64_t days = std::chrono::sys_days(date).time_since_epoch().count();
     const std::int64_t seconds = days * 86'400 + hour * 3600 + minute * 60 + second;
-    if (seconds < 0 || seconds >= UINT32_MAX)
+    if (seconds < 0 || seconds > UINT32_MAX)
         return std::nullopt;
     return Instant{static_cast<std::uint32_t>(seconds), fraction.find_first_not_of(".0") != fraction.npos};
 }
@@ -102,7 +102,7 @@ std::optional<double> parseReal(std::string_view text)
 std::optional<Instant> parseNpt(std::string_view text, std::uint32_t origin)
 {
     const auto seconds = parseReal(text);
-    if (!seconds || !(*seconds >= 0 && *seconds < UINT32_MAX - origin))
+    if (!seconds || !(*seconds >= 0 && *seconds <= UINT32_MAX - origin))
         return std::nullopt;
     const auto whole = static_cast<std::uint32_t>(*seconds);
     return Instant{origin + whole, *seconds > whole};
@@ -173,7 +173,7 @@ std::optional<ReplayRange> parseReplayRange(std::string_view header, std::uint32
         const auto end = parse(to);
         if (!end)
             return std::nullopt;
-        range.end = end->second + (end->hasFraction ? 1 : 0);
+        range.end = end->second + (end->hasFraction && end->second < UINT32_MAX ? 1 : 0);
     }
     return range;
 }

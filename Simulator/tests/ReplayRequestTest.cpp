@@ -57,6 +57,9 @@ TEST(ReplayRange, isReadFromClockAndNpt)
         {"npt=0.000-", 1000, std::nullopt},
         {"npt=10.5-20.5", 1010, 1021},
         {"npt=now-", std::nullopt, std::nullopt},
+        {"clock=21060207T062814Z-21060207T062815Z", 4294967294, UINT32_MAX},
+        {"clock=-21060207T062815.5Z", std::nullopt, UINT32_MAX},
+        {"npt=0-4294966295", 1000, UINT32_MAX},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
@@ -72,7 +75,8 @@ TEST(ReplayRange, isRefusedWhenItIsNone)
     for (const char* text :
          {"", "smpte=0:10:00-", "clock=", "clock=x-", "clock=20170426T021045-", "clock=20171326T021045Z-",
           "clock=20170230T021045Z-", "clock=20170426T241045Z-", "clock=20170426T021045.Z-", "clock=20170426T021045,5Z-",
-          "clock=19691231T235959Z-", "clock=22000101T000000Z-", "npt=-1-", "npt=1e99-", "npt=nan-", "npt=1-x"}) {
+          "clock=19691231T235959Z-", "clock=21060207T062816Z-", "clock=22000101T000000Z-", "npt=-1-", "npt=4294966296-",
+          "npt=1e99-", "npt=nan-", "npt=1-x"}) {
         SCOPED_TRACE(text);
         const auto range = parseReplayRange(text, 1000);
         EXPECT_FALSE(range && (range->begin || range->end));
