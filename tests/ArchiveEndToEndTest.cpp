@@ -228,4 +228,16 @@ TEST(IntervalEndToEnd, mayEndBehindTheLastSecondThereIs)
     EXPECT_EQ(played.event("summary")["frames"], 20);
     EXPECT_TRUE(played.event("summary")["endReached"].asBool());
 }
+
+TEST(IntervalEndToEnd, mayBeTheLastSecondsThereAre)
+{
+    const SimulatorProcess device(smallPictures({"--kind", "recorder", "--records-until", "4294967295"}));
+    const ScratchFolder folder;
+    const HostRun run =
+        runHost(folder, deviceAddress(device), {"playback", "--begin", "2106-02-07T06:28:13Z", "--end", "2106-02-08"});
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(run.event("summary")["recordedBegin"].asString(), "2106-02-07T06:28:13Z");
+    EXPECT_EQ(run.event("summary")["frames"], 20);
+    EXPECT_TRUE(run.event("summary")["endReached"].asBool());
+}
 }  // namespace

@@ -27,6 +27,15 @@ constexpr Pattern patterns[] = {whole, halves, gaps, overlaps, {}, motion};
 /// By the number of a counted record: most last their minute, so that each touches the next one.
 constexpr std::uint32_t countedSeconds[] = {60, 60, 75, 60, 20, 60, 0, 60};
 
+/// Wide enough to count on behind the last second that a record can name.
+using Second = std::uint64_t;
+
+RecordedSpan spanUntil(std::uint32_t limit, Second begin, Second end)
+{
+    return {static_cast<std::uint32_t>(std::min<Second>(begin, limit)),
+            static_cast<std::uint32_t>(std::min<Second>(end, limit))};
+}
+
 }  // namespace
 
 RecordList::RecordList(std::vector<RecordedSpan> given) : records(std::move(given))
@@ -90,16 +99,14 @@ std::vector<RecordedSpan> monthOfRecords(unsigned channel, std::uint32_t until)
 {
     std::vector<RecordedSpan> records;
     const std::uint32_t begin = until - std::min(until, daysKept * day);
-    for (std::uint32_t start = begin / hour * hour; start < until; start += hour) {
+    for (Second start = begin / hour * hour; start < until; start += hour) {
         if (start / day % daysOfWeek == channel % daysOfWeek)
             continue;
         // From day to day, an hour has another pattern.
         const Pattern& pattern = patterns[(start / hour + start / day + channel) % std::size(patterns)];
-        for (const RecordedSpan& part : pattern) {
-            const RecordedSpan record{start + part.begin, std::min(start + part.end, until)};
-            if (record.begin >= begin && record.begin < until)
-                records.push_back(record);
-        }
+        for (const RecordedSpan& part : pattern)
+            if (start + part.begin >= begin && start + part.begin < until)
+                records.push_back(spanUntil(until, start + part.begin, start + part.end));
     }
     return records;
 }
@@ -108,10 +115,10 @@ std::vector<RecordedSpan> countedRecords(std::uint32_t count, std::uint32_t unti
 {
     std::vector<RecordedSpan> records;
     records.reserve(count);
-    const std::uint32_t first = until - std::min(until, count * minute);
+    const Second first = until - std::min<Second>(until, Second{count} * minute);
     for (std::uint32_t i = 0; i < count; ++i) {
-        const std::uint32_t begin = first + i * minute;
-        records.push_back({begin, begin + countedSeconds[i % std::size(countedSeconds)]});
+        const Second begin = first + Second{i} * minute;
+        records.push_back(spanUntil(UINT32_MAX, begin, begin + countedSeconds[i % std::size(countedSeconds)]));
     }
     return records;
 }

@@ -59,7 +59,8 @@ private:
 /// (from 0) and the time: the hours go through six patterns, and every seventh day is empty.
 std::vector<RecordedSpan> monthOfRecords(unsigned channel, std::uint32_t until);
 
-/// So many records, one beginning each minute, the last minute ending at `until`; most touch the next one.
+/// So many records, one beginning each minute, the last minute ending at `until`; most touch the next one. None goes on
+/// beyond the last second of 32 bits.
 std::vector<RecordedSpan> countedRecords(std::uint32_t count, std::uint32_t until);
 
 /// The most for `countedRecords`.

@@ -151,6 +151,19 @@ TEST(MonthOfRecords, endsInTheMiddleOfARecord)
     EXPECT_EQ(RecordList(monthOfRecords(0, middle)).all().back().end, middle);
 }
 
+TEST(MonthOfRecords, mayEndWithTheLastSecondThereIs)
+{
+    for (const unsigned channel : {0u, 1u, 2u, 3u, 4u, 5u, 6u}) {
+        SCOPED_TRACE(channel);
+        const RecordList list(monthOfRecords(channel, UINT32_MAX));
+        EXPECT_GT(list.all().size(), 400u);
+        for (const RecordedSpan& record : list.all()) {
+            EXPECT_GE(record.begin, UINT32_MAX - 30 * day);
+            EXPECT_GE(record.end, record.begin);
+        }
+    }
+}
+
 TEST(CountedRecords, areAsManyAsAskedFor)
 {
     EXPECT_TRUE(countedRecords(0, until).empty());
@@ -165,6 +178,12 @@ TEST(CountedRecords, areAsManyAsAskedFor)
                             {first + 360, first + 360},
                             {first + 420, until}}));
     EXPECT_EQ(countedRecords(100'000, until).size(), 100'000u);
+}
+
+TEST(CountedRecords, mayEndWithTheLastSecondThereIs)
+{
+    constexpr std::uint32_t last = UINT32_MAX;
+    EXPECT_EQ(countedRecords(3, last), (Spans{{last - 180, last - 120}, {last - 120, last - 60}, {last - 60, last}}));
 }
 
 TEST(CountedRecords, canAllBePagedThrough)
