@@ -41,6 +41,8 @@ const char* reasonOf(unsigned status)
         return "Method Not Valid in This State";
     case 457:
         return "Invalid Range";
+    case 459:
+        return "Aggregate Operation Not Allowed";
     case 461:
         return "Unsupported Transport";
     case 500:
@@ -70,6 +72,13 @@ std::optional<std::uint8_t> channelOf(std::string_view transport, std::uint8_t o
         channel = std::min(channel * 10 + static_cast<unsigned>(c - '0'), 1000u);
     }
     return channel < 255 ? std::optional(static_cast<std::uint8_t>(channel)) : std::nullopt;
+}
+
+/// The session that a request names; empty when it names none.
+std::string_view sessionOf(const RtspQuestion& question)
+{
+    const std::string_view header = question.header("session");
+    return header.substr(0, header.find(';'));
 }
 
 std::string trackName(std::size_t track)
@@ -253,8 +262,7 @@ ReplaySession::Answer ReplaySession::answer(const RtspQuestion& question)
     const bool keepsAlive = question.method == "GET_PARAMETER" || question.method == "SET_PARAMETER";
     if (!keepsAlive && question.method != "PLAY" && question.method != "PAUSE" && question.method != "TEARDOWN")
         return {.status = 501};
-    const std::string_view named = question.header("session");
-    if (session.empty() || named.substr(0, named.find(';')) != session)
+    if (session.empty() || sessionOf(question) != session)
         return {.status = 454};
     if (question.method == "PLAY")
         return play(question);
@@ -263,6 +271,21 @@ ReplaySession::Answer ReplaySession::answer(const RtspQuestion& question)
     if (question.method == "TEARDOWN")
         return tearDown();
     return {.headers = sessionHeader()};
+}
+
+/// The status that tells why a SETUP cannot have its track; nothing when it can. A connection has one session, and a
+/// session one replay (RFC 2326, 10.4).
+std::optional<unsigned> ReplaySession::problemOfSetUp(const RtspQuestion& question, const ReplayPath& wanted) const
+{
+    const std::string_view named = sessionOf(question);
+    if (!named.empty() && named != session)
+        return 454;
+    if (session.empty())
+        return std::nullopt;
+    if (named.empty() || playback.isLoaded())
+        return 455;
+    const bool sameReplay = wanted.channelNumber == path.channelNumber && wanted.interval == path.interval;
+    return sameReplay ? std::nullopt : std::optional(459u);
 }
 
 /// The status that tells why there is no such replay; nothing when there is.
@@ -322,13 +345,13 @@ std::string ReplaySession::sessionHeader() const
 
 ReplaySession::Answer ReplaySession::setUp(const RtspQuestion& question, const ReplayPath& wanted)
 {
+    if (const auto problem = problemOfSetUp(question, wanted))
+        return {.status = *problem};
     const std::size_t track = wanted.track.value_or(0);
     const auto channel = channelOf(question.header("transport"), static_cast<std::uint8_t>(2 * track));
     if (!channel)
         return {.status = 461};
     prepareTracks();
-    if (!session.empty() && (playback.isLoaded() || wanted.interval != path.interval))
-        return {.status = 455};
     if (session.empty()) {
         session = randomNonce().substr(0, 16);
         path = wanted;

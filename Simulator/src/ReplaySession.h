@@ -63,6 +63,7 @@ private:
     Answer tearDown();
     std::optional<unsigned> begin(const ReplayRange& range, bool keyFramesOnly);
     std::optional<unsigned> problemOf(const ReplayPath& path) const;
+    std::optional<unsigned> problemOfSetUp(const RtspQuestion& question, const ReplayPath& wanted) const;
     void prepareTracks();
     PictureSettings picture(unsigned channel, bool keyFramesOnly) const;
     std::string sessionHeader() const;

@@ -410,6 +410,27 @@ TEST(Replay, refusesWhatIsNotThere)
     EXPECT_EQ(statusOf(peer.request("SETUP", url + "/stream=0", "Require: onvif-replay\r\n")), "551");
 }
 
+TEST(Replay, sharesItsSessionWithNoOther)
+{
+    const SimulatorProcess simulator(openRecorder());
+    RtspPeer peer(static_cast<std::uint16_t>(simulator.ready()["rtspPort"].asUInt()));
+    const auto setUp = [&](const std::string& path, const std::string& headers = {}) {
+        return statusOf(
+            peer.request("SETUP", simulator.rtspUrl(path, ""), "Transport: RTP/AVP/TCP;unicast\r\n" + headers));
+    };
+    const std::string picture = replayPath(0, 60) + "/stream=0";
+    const std::string sound = replayPath(0, 60) + "/stream=1";
+    EXPECT_EQ(setUp(picture, "Session: 0123456789abcdef\r\n"), "454") << "there is none yet";
+    EXPECT_EQ(setUp(picture), "200");
+    EXPECT_EQ(setUp(sound, "Session: 0123456789abcdef\r\n"), "454");
+    EXPECT_EQ(setUp(sound, "Session:\r\n"), "455") << "one more session";
+    EXPECT_EQ(setUp(replayPath(0, 60, 2) + "/stream=1"), "459") << "another channel";
+    EXPECT_EQ(setUp(replayPath(0, 61) + "/stream=1"), "459") << "another interval";
+    EXPECT_EQ(setUp(sound), "200");
+    EXPECT_EQ(statusOf(peer.request("PLAY", simulator.rtspUrl(replayPath(0, 60), ""))), "200");
+    EXPECT_EQ(setUp(sound), "455") << "it plays";
+}
+
 TEST(Replay, isNotThereWithoutAnArchive)
 {
     const SimulatorProcess simulator({"--auth", "none"});

@@ -100,7 +100,7 @@ std::string RtspPeer::request(const std::string& method, const std::string& url,
 {
     std::string text =
         method + ' ' + url + " RTSP/1.0\r\nCSeq: " + std::to_string(++state->sequence) + "\r\n" + headers;
-    if (!state->session.empty())
+    if (!state->session.empty() && headers.find("Session:") == std::string::npos)
         text += "Session: " + state->session + "\r\n";
     boost::asio::write(state->socket, boost::asio::buffer(text + "\r\n"));
     std::string answer = state->takeAnswer();

@@ -23,7 +23,7 @@ public:
     };
 
     /// Sends a request and returns its answer, head and body; interleaved frames on the way are kept for `nextFrame`.
-    /// The session of an earlier answer is sent along.
+    /// The session of an earlier answer is sent along unless `headers` name one.
     std::string request(const std::string& method, const std::string& url, const std::string& headers = {});
 
     /// SETUP of the given tracks (channels 0-1, 2-3, ...) and PLAY.
