@@ -10,7 +10,7 @@ namespace simulator
 namespace
 {
 
-enum class Argument { none, optional, status, rtspStatus, code, count, milliseconds, seconds };
+enum class Argument { none, optional, status, rtspStatus, code, count, number, milliseconds, seconds };
 
 struct FaultName {
     const char* name;
@@ -25,7 +25,7 @@ constexpr FaultName faultNames[] = {
     {"hang", FaultKind::hang, Argument::none, true, "read the request, never answer"},
     {"close", FaultKind::close, Argument::none, true, "close the connection after reading the request"},
     {"garbage", FaultKind::garbage, Argument::none, true, "answer with bytes that are no HTTP"},
-    {"status", FaultKind::status, Argument::status, true, "answer with this HTTP status (200..999)"},
+    {"status", FaultKind::status, Argument::status, true, "answer with this HTTP status"},
     {"apierror", FaultKind::apiError, Argument::code, true, "answer 200 with this \"ResponseCode\""},
     {"brokenjson", FaultKind::brokenJson, Argument::none, true, "break the document off in the middle"},
     {"emptybody", FaultKind::emptyBody, Argument::none, true, "answer 200 without a body"},
@@ -37,14 +37,13 @@ constexpr FaultName faultNames[] = {
      "break a chunked body off; an argument replaces the HTTP status"},
     {"rtsp-refuse", FaultKind::rtspRefuse, Argument::none, false, "reset each RTSP connection when it is accepted"},
     {"rtsp-hang", FaultKind::rtspHang, Argument::none, false, "accept RTSP connections, never answer"},
-    {"rtsp-status", FaultKind::rtspStatus, Argument::rtspStatus, true,
-     "answer RTSP requests with this status (400..599)"},
+    {"rtsp-status", FaultKind::rtspStatus, Argument::rtspStatus, true, "answer RTSP requests with this status"},
     {"rtsp-drop", FaultKind::rtspDrop, Argument::seconds, false, "close each RTSP connection after so many seconds"},
     {"rtsp-notracks", FaultKind::rtspNoTracks, Argument::none, true, "describe the media without a track"},
     {"talk-drop", FaultKind::talkDrop, Argument::count, true,
      "close the RTSP connection after so many packets to the device"},
-    {"records-total", FaultKind::recordsTotal, Argument::count, true, "say this \"Total\" in record lists"},
-    {"records-stall", FaultKind::recordsStall, Argument::count, true,
+    {"records-total", FaultKind::recordsTotal, Argument::number, true, "say this \"Total\" in record lists"},
+    {"records-stall", FaultKind::recordsStall, Argument::number, true,
      "send empty record pages from this offset on, \"Total\" unchanged"},
     {"records-nolist", FaultKind::recordsNoList, Argument::none, true, "leave \"RecordInfos\" out of record pages"},
     {"records-noarray", FaultKind::recordsNoArray, Argument::none, true, "make \"RecordInfos\" an object"},
@@ -67,14 +66,24 @@ Range rangeOf(Argument argument)
     case Argument::code:
     case Argument::count:
         return {1, 1'000'000};
+    case Argument::number:
+        return {0, UINT32_MAX};
     case Argument::milliseconds:
         return {1, 600'000};
-    case Argument::seconds:
-        return {1, 86'400};
+    case Argument::seconds:  // has a fraction
     case Argument::none:
         break;
     }
     return {0, 0};
+}
+
+/// "200..999"
+std::string describeRange(Argument argument)
+{
+    if (argument == Argument::seconds)
+        return "0.001..86400";
+    const Range range = rangeOf(argument);
+    return std::to_string(range.least) + ".." + std::to_string(range.most);
 }
 
 std::optional<unsigned> readNumber(std::string_view text)
@@ -147,7 +156,8 @@ std::variant<Fault, std::string> parseFault(std::string_view text)
         return "The fault " + quoted(name) + " takes no number.";
     const auto argument = readArgument(known->argument, rest.substr(colon + 1));
     if (!argument)
-        return "The fault " + quoted(name) + " cannot take " + quoted(rest.substr(colon + 1)) + ".";
+        return "The fault " + quoted(name) + " cannot take " + quoted(rest.substr(colon + 1)) + ", only " +
+               describeRange(known->argument) + '.';
     fault.argument = *argument;
     return fault;
 }
@@ -163,7 +173,10 @@ std::string describeFaults()
             form += ":N";
         if (fault.takesPattern)
             form += "[@TEXT]";
-        out << "  " << form << std::string(form.size() < 24 ? 24 - form.size() : 1, ' ') << fault.meaning << '\n';
+        out << "  " << form << std::string(form.size() < 24 ? 24 - form.size() : 1, ' ') << fault.meaning;
+        if (fault.argument != Argument::none)
+            out << " (" << describeRange(fault.argument) << ')';
+        out << '\n';
     }
     return out.str();
 }

@@ -41,7 +41,7 @@ enum class FaultKind {
 /// One fault as written on the command line: `NAME[:ARGUMENT][@PATTERN]`.
 struct Fault {
     FaultKind kind = FaultKind::refuse;
-    unsigned argument = 0;  ///< status, code, milliseconds or packets; 0 where the name takes none
+    unsigned argument = 0;  ///< status, code, milliseconds, packets or records; 0 where the name takes none
     std::string pattern;    ///< part of "METHOD path"; empty means every request
     std::string text;       ///< as written, for listings
 };

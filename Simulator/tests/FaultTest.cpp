@@ -35,6 +35,9 @@ TEST(Fault, isReadWithNumberAndPattern)
         {"rtsp-status:454@SETUP", FaultKind::rtspStatus, 454, "SETUP"},
         {"rtsp-drop:3", FaultKind::rtspDrop, 3000, ""},
         {"rtsp-drop:0.25", FaultKind::rtspDrop, 250, ""},
+        {"records-total:0", FaultKind::recordsTotal, 0, ""},
+        {"records-total:4294967295@Offset=100", FaultKind::recordsTotal, UINT32_MAX, "Offset=100"},
+        {"records-stall:0", FaultKind::recordsStall, 0, ""},
         {"talk-drop:50@media/video1", FaultKind::talkDrop, 50, "media/video1"},
     };
     for (const auto& c : cases) {
@@ -58,15 +61,17 @@ TEST(Fault, saysWhatIsWrongWithIt)
         {"status", "needs a number"},
         {"status:", "cannot take ''"},
         {"status:abc", "cannot take 'abc'"},
-        {"status:99", "cannot take '99'"},
+        {"status:99", "cannot take '99', only 200..999."},
         {"status:503x", "cannot take '503x'"},
         {"status:-1", "cannot take '-1'"},
         {"status:99999999999", "cannot take '99999999999'"},
         {"slow:0", "cannot take '0'"},
         {"rtsp-status:200", "cannot take '200'"},
-        {"rtsp-drop:0", "cannot take '0'"},
+        {"rtsp-drop:0", "cannot take '0', only 0.001..86400."},
         {"rtsp-drop:nan", "cannot take 'nan'"},
         {"rtsp-drop:1s", "cannot take '1s'"},
+        {"talk-drop:0", "cannot take '0', only 1..1000000."},
+        {"records-total:4294967296", "cannot take '4294967296', only 0..4294967295."},
         {"hang:3", "takes no number"},
         {"hang@", "nothing after '@'"},
         {"refuse@Port", "takes no '@' pattern"},
@@ -87,6 +92,8 @@ TEST(Fault, ofEveryNameIsDescribed)
     for (const char* name : {"refuse", "hang", "close", "garbage", "status:N", "brokenjson", "emptybody", "slow:N",
                              "truncate[:N]", "nodata", "rtsp-status:N", "rtsp-refuse", "rtsp-drop:N", "rtsp-notracks"})
         EXPECT_NE(help.find(std::string("  ") + name), std::string::npos) << name;
+    EXPECT_NE(help.find("answer with this HTTP status (200..999)\n"), std::string::npos) << help;
+    EXPECT_NE(help.find("say this \"Total\" in record lists (0..4294967295)\n"), std::string::npos) << help;
 }
 
 TEST(FaultTable, findsByKindAndPattern)
