@@ -1,8 +1,10 @@
 #include "EndToEnd.h"
 #include "JsonText.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <gmock/gmock.h>
+#include <ostream>
 #include <set>
 
 // What a recorder holds, listed and played by the reference host through the shipped module.
@@ -99,14 +101,51 @@ TEST(RecordingsEndToEnd, oneRoundTripAPageAndNoMore)
     EXPECT_EQ(run.event("summary")["recordings"].asUInt(), 12345U) << "the empty ones, too";
 }
 
-TEST(RecordingsEndToEnd, aListThatStandsStillEndsTheSearch)
+/// What a device may do to its list, and what is left of it: of each eight of the 250 records one is empty, and of the
+/// others the module tells the parts that are new.
+struct OddList {
+    const char* name;
+    const char* fault;
+    unsigned pages;         ///< asked for
+    unsigned recordings;    ///< told that are not empty
+    const char* complaint;  ///< null: none
+    friend void PrintTo(const OddList& list, std::ostream* out) { *out << list.fault; }
+};
+
+class ListsEndToEnd : public ::testing::TestWithParam<OddList> {};
+
+TEST_P(ListsEndToEnd, areReadAsFarAsTheyGo)
 {
-    const SimulatorProcess device(recorder({"--fault", "records-stall:100"}));
+    const SimulatorProcess device(recorder({"--records", "250", "--fault", GetParam().fault}));
     const ScratchFolder folder;
     const HostRun run = runHost(folder, deviceAddress(device), listMonth());
-    EXPECT_EQ(device.admin("GET", "counters")["archive"]["searches"].asUInt(), 2U);
-    EXPECT_TRUE(run.status == 0 || run.status == 4) << run.all();
+    EXPECT_EQ(run.status, 0) << run.all();
+    EXPECT_EQ(device.admin("GET", "counters")["archive"]["searches"].asUInt(), GetParam().pages);
+    const auto lasts = [](const Json::Value& event) {
+        return event["event"] == "recording" && event["beginMs"] != event["endMs"];
+    };
+    EXPECT_EQ(std::ranges::count_if(run.events, lasts), GetParam().recordings) << run.output;
+    if (GetParam().complaint == nullptr)
+        EXPECT_EQ(run.errors, "");
+    else
+        EXPECT_THAT(run.errors, HasSubstr(GetParam().complaint));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, ListsEndToEnd,
+    ::testing::Values(OddList{"thatStandStill", "records-stall:100", 2, 88,
+                              "Recordings list ends early: the page at 100 of 250 holds no further record"},
+                      OddList{"thatAreEmptyFromTheBegin", "records-stall:0", 1, 0,
+                              "Recordings list ends early: the page at 0 of 250 holds no further record"},
+                      OddList{"whoseTotalIsZero", "records-total:0", 1, 88, nullptr},
+                      OddList{"whoseTotalIsTooLow", "records-total:101", 2, 175, nullptr},
+                      OddList{"whoseTotalIsTooHigh", "records-total:4294967295", 4, 219,
+                              "Recordings list ends early: the page at 250 of 4294967295 holds no further record"},
+                      OddList{"thatEndBeforeTheyBegin", "records-reversed@Offset=100", 3, 132,
+                              "Recordings without a readable begin and end are left out: 87 of 100"},
+                      OddList{"thatAreNotThere", "records-nolist@Offset=100", 3, 132, "Recording range list is empty."},
+                      OddList{"thatAreNone", "records-noarray@Offset=100", 3, 132, "Recording range list is empty."}),
+    [](const auto& of) { return std::string(of.param.name); });
 
 /// The caption of the first picture that ffmpeg gets, by itself or out of a file.
 std::string captionOf(const std::vector<std::string>& input)
