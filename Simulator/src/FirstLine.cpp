@@ -6,7 +6,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include <array>
-#include <chrono>
+#include <optional>
 
 namespace simulator
 {
@@ -16,22 +16,21 @@ namespace
 using boost::asio::ip::tcp;
 using boost::system::error_code;
 
-constexpr auto patience = std::chrono::seconds(5);
-
 /// Half a line keeps a connection readable, so it is looked at again after this.
 constexpr auto pauseBetweenLooks = std::chrono::milliseconds(5);
 
 }  // namespace
 
 struct FirstLine::State {
-    State(tcp::socket accepted, Handler handler)
-        : socket(std::move(accepted)), again(socket.get_executor()), done(std::move(handler))
+    State(tcp::socket accepted, Handler handler, Patience limits)
+        : socket(std::move(accepted)), timer(socket.get_executor()), done(std::move(handler)), patience(limits)
     {}
 
     tcp::socket socket;
-    boost::asio::steady_timer again;
+    boost::asio::steady_timer timer;  ///< the end of silence, then the next look
     Handler done;
-    std::chrono::steady_clock::time_point since{};  ///< the first byte; the epoch until then
+    const Patience patience;
+    std::optional<std::chrono::steady_clock::time_point> since;  ///< the first byte
     std::array<char, 1024> bytes{};
 };
 
@@ -39,11 +38,12 @@ FirstLine::FirstLine(std::unique_ptr<State> made) : state(std::move(made)) {}
 
 FirstLine::~FirstLine() = default;
 
-std::shared_ptr<FirstLine> FirstLine::await(tcp::socket socket, Handler handler)
+std::shared_ptr<FirstLine> FirstLine::await(tcp::socket socket, Handler handler, Patience patience)
 {
     const std::shared_ptr<FirstLine> self(
-        new FirstLine(std::make_unique<State>(std::move(socket), std::move(handler))));
+        new FirstLine(std::make_unique<State>(std::move(socket), std::move(handler), patience)));
     self->wait();
+    self->giveUpInSilence();
     return self;
 }
 
@@ -51,7 +51,7 @@ void FirstLine::close()
 {
     error_code ignored;
     state->socket.close(ignored);
-    state->again.cancel();
+    state->timer.cancel();
 }
 
 void FirstLine::wait()
@@ -60,6 +60,16 @@ void FirstLine::wait()
         if (error)
             return self->finish({});
         self->look();
+    });
+}
+
+void FirstLine::giveUpInSilence()
+{
+    state->timer.expires_after(state->patience.silence);
+    state->timer.async_wait([self = shared_from_this()](const error_code& cancelled) {
+        // A byte may have come while this was under way.
+        if (!cancelled && !self->state->since)
+            self->close();
     });
 }
 
@@ -72,14 +82,14 @@ void FirstLine::look()
         return finish({});
     }
     const auto now = std::chrono::steady_clock::now();
-    if (state->since == std::chrono::steady_clock::time_point{})
+    if (!state->since)
         state->since = now;
     const std::string seen(state->bytes.data(), size);
     const auto end = seen.find('\n');
-    if (end != seen.npos || size == state->bytes.size() || now - state->since > patience)
+    if (end != seen.npos || size == state->bytes.size() || now - *state->since > state->patience.line)
         return finish(seen.substr(0, end));
-    state->again.expires_after(pauseBetweenLooks);
-    state->again.async_wait([self = shared_from_this()](const error_code& cancelled) {
+    state->timer.expires_after(pauseBetweenLooks);
+    state->timer.async_wait([self = shared_from_this()](const error_code& cancelled) {
         if (cancelled)
             return self->finish({});
         self->look();
@@ -88,6 +98,7 @@ void FirstLine::look()
 
 void FirstLine::finish(const std::string& line)
 {
+    state->timer.cancel();
     const Handler done = std::exchange(state->done, nullptr);
     if (done)
         done(std::move(state->socket), line);

@@ -32,14 +32,12 @@ struct RtspPort::State : std::enable_shared_from_this<State> {
             return reset(socket);
         if (faults.find(FaultKind::rtspHang))
             return keepSilent(std::move(socket));
-        if (replays == nullptr)
-            return serveLive(std::move(socket));
         const unsigned number = ++lastNewcomer;
         const auto handle = [weak = weak_from_this(), number](tcp::socket known, const std::string& line) {
             if (const auto self = weak.lock())
                 self->distribute(number, std::move(known), line);
         };
-        newcomers.emplace(number, FirstLine::await(std::move(socket), handle));
+        newcomers.emplace(number, FirstLine::await(std::move(socket), handle, {}));
     }
 
     void distribute(unsigned newcomer, tcp::socket socket, const std::string& line)
@@ -47,7 +45,7 @@ struct RtspPort::State : std::enable_shared_from_this<State> {
         newcomers.erase(newcomer);
         if (!socket.is_open())
             return;
-        if (asksForReplay(line))
+        if (replays != nullptr && asksForReplay(line))
             serveRecorded(std::move(socket));
         else
             serveLive(std::move(socket));

@@ -15,7 +15,8 @@ class MediaServer;
 class ReplayServer;
 
 /// Accepts RTSP connections, lets the faults that strike a connection do their work, and hands what is left to the
-/// server of live media or, by what is asked for first, of recorded media. Used on the I/O context only.
+/// server of live media or, by what is asked for first, of recorded media. One who asks for nothing is not kept. Used
+/// on the I/O context only.
 class RtspPort {
 public:
     /// Nothing is owned; everything outlives the port. `replays` is null when nothing is recorded. Throws when the port

@@ -18,26 +18,36 @@ namespace
 
 using boost::asio::ip::tcp;
 
+using namespace std::chrono_literals;
+
 class FirstLineTest : public testing::Test {
 protected:
-    FirstLineTest()
+    explicit FirstLineTest(FirstLine::Patience patience = {})
     {
         tcp::acceptor acceptor(context, {boost::asio::ip::address_v4::loopback(), 0});
         client.connect(acceptor.local_endpoint());
-        FirstLine::await(acceptor.accept(), [this](tcp::socket socket, const std::string& seen) {
+        const auto handle = [this](tcp::socket socket, const std::string& seen) {
             server.emplace(std::move(socket));
             line = seen;
-        });
+        };
+        FirstLine::await(acceptor.accept(), handle, patience);
     }
 
     void send(const std::string& bytes) { boost::asio::write(client, boost::asio::buffer(bytes)); }
     /// Lets everything happen until the handler has been called.
-    void finish() { context.run_for(std::chrono::seconds(20)); }
+    void finish() { context.run_for(20s); }
 
     boost::asio::io_context context;
     tcp::socket client{context};
     std::optional<tcp::socket> server;
     std::string line = "not called";
+};
+
+struct ShortSilenceTest : FirstLineTest {
+    ShortSilenceTest() : FirstLineTest({.silence = 1ms}) {}
+};
+struct ShortLineTest : FirstLineTest {
+    ShortLineTest() : FirstLineTest({.line = 0ms}) {}
 };
 
 TEST_F(FirstLineTest, isWaitedForAndLeftInPlace)
@@ -70,6 +80,27 @@ TEST_F(FirstLineTest, neverComesFromOneWhoLeaves)
     ASSERT_TRUE(server);
     EXPECT_FALSE(server->is_open());
     EXPECT_EQ(line, "");
+}
+
+TEST_F(ShortSilenceTest, endsTheConnection)
+{
+    finish();
+    ASSERT_TRUE(server);
+    EXPECT_FALSE(server->is_open());
+    EXPECT_EQ(line, "");
+    boost::system::error_code ended;
+    char byte = 0;
+    boost::asio::read(client, boost::asio::buffer(&byte, 1), ended);
+    EXPECT_EQ(ended, boost::asio::error::eof);
+}
+
+TEST_F(ShortLineTest, isPassedOnAsFarAsItHasCome)
+{
+    send("DESC");
+    finish();
+    ASSERT_TRUE(server);
+    EXPECT_TRUE(server->is_open());
+    EXPECT_EQ(line, "DESC");
 }
 
 }  // namespace
