@@ -29,9 +29,9 @@ Json::Value describe(const RecordList& list)
 {
     Json::Value out(Json::objectValue);
     out["records"] = static_cast<Json::UInt64>(list.all().size());
-    const auto everything = list.coverage({0, UINT32_MAX});
-    out["begin"] = everything.empty() ? Json::Value() : Json::Value(everything.front().begin);
-    out["end"] = everything.empty() ? Json::Value() : Json::Value(everything.back().end);
+    const auto& extent = list.extent();
+    out["begin"] = extent ? Json::Value(extent->begin) : Json::Value();
+    out["end"] = extent ? Json::Value(extent->end) : Json::Value();
     return out;
 }
 

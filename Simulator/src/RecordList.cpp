@@ -43,8 +43,12 @@ RecordList::RecordList(std::vector<RecordedSpan> given) : records(std::move(give
     std::ranges::sort(records, [](const RecordedSpan& left, const RecordedSpan& right) {
         return left.begin != right.begin ? left.begin < right.begin : left.end < right.end;
     });
-    for (const RecordedSpan& record : records)
+    for (const RecordedSpan& record : records) {
+        if (record.begin == record.end)
+            continue;
         longest = std::max(longest, record.end - record.begin);
+        whole = whole ? RecordedSpan{whole->begin, std::max(whole->end, record.end)} : record;
+    }
 }
 
 std::size_t RecordList::firstFrom(std::uint32_t begin) const

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace simulator
@@ -36,6 +37,9 @@ public:
 
     const std::vector<RecordedSpan>& all() const { return records; }
 
+    /// From the first second that is recorded to the last; nothing when none is.
+    const std::optional<RecordedSpan>& extent() const { return whole; }
+
 private:
     /// The records of an interval: some that began before it, and all that begin within.
     struct Matches {
@@ -53,6 +57,7 @@ private:
 
     std::vector<RecordedSpan> records;  ///< by begin, then by end
     std::uint32_t longest = 0;          ///< seconds of the longest record
+    std::optional<RecordedSpan> whole;
 };
 
 /// The records of the thirty days until `until`, which cuts the last one off. They depend on nothing but the channel

@@ -69,6 +69,14 @@ TEST(RecordList, coversEachSecondOnce)
     EXPECT_EQ(RecordList({{10, 20}, {21, 30}}).coverage({0, 100}), (Spans{{10, 20}, {21, 30}}));
 }
 
+TEST(RecordList, reachesFromTheFirstRecordedSecondToTheLast)
+{
+    EXPECT_EQ(sample().extent(), (RecordedSpan{100, 400})) << "the empty one adds none";
+    EXPECT_EQ(RecordList({{5, 5}, {10, 90}, {20, 30}}).extent(), (RecordedSpan{10, 90}));
+    EXPECT_EQ(RecordList({{5, 5}}).extent(), std::nullopt);
+    EXPECT_EQ(RecordList({}).extent(), std::nullopt);
+}
+
 TEST(RecordList, pagesAreSlicesOfTheWhole)
 {
     const RecordList list(monthOfRecords(2, until));
