@@ -12,6 +12,7 @@
 #include "RtspConnections.h"
 #include "RtspThread.h"
 #include "SimulatedMedia.h"
+#include "SocketHandle.h"
 #include "TalkBack.h"
 #include "TalkBackMedia.h"
 
@@ -486,9 +487,11 @@ std::optional<MediaServer::ConnectionId> MediaServer::serve(boost::asio::ip::tcp
         socket.set_option(boost::asio::ip::tcp::no_delay(true), error);
     if (error)
         return std::nullopt;
-    GSocket* const shared = g_socket_new_from_fd(static_cast<gint>(socket.release()), nullptr);
+    SocketHandle handle(std::move(socket));
+    GSocket* const shared = g_socket_new_from_fd(static_cast<gint>(handle.get()), nullptr);
     if (shared == nullptr)
         return std::nullopt;
+    handle.release();
 
     const ConnectionId connection = state->connections.add(shared);
     state->thread->post([state = state.get(), shared, connection, ip = peer.address().to_string(), port = peer.port()] {

@@ -3,6 +3,7 @@
 #include "ReplayServer.h"
 
 #include "ReplaySession.h"
+#include "SocketHandle.h"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -31,15 +32,13 @@ struct ReplayServer::State {
         thread.join();
     }
 
-    void adopt(ConnectionId connection, const tcp& protocol, tcp::socket::native_handle_type handle)
+    void adopt(ConnectionId connection, SocketHandle handle)
     {
         std::erase_if(sessions, [](const auto& entry) { return entry.second.expired(); });
-        boost::system::error_code error;
-        tcp::socket socket(context);
-        socket.assign(protocol, handle, error);
-        if (error)
+        auto socket = handle.moveTo(context);
+        if (!socket)
             return;
-        const auto session = std::make_shared<ReplaySession>(std::move(socket), services, connection);
+        const auto session = std::make_shared<ReplaySession>(std::move(*socket), services, connection);
         sessions.emplace(connection, session);
         session->start();
     }
@@ -71,12 +70,12 @@ ReplayServer::ConnectionId ReplayServer::serve(tcp::socket socket)
 {
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
-    const tcp protocol = socket.local_endpoint(ignored).protocol();
     state->board.countConnection();
     const ConnectionId connection = ++state->last;
-    boost::asio::post(state->context, [state = state.get(), connection, protocol, handle = socket.release()] {
-        state->adopt(connection, protocol, handle);
-    });
+    boost::asio::post(state->context,
+                      [state = state.get(), connection, handle = SocketHandle(std::move(socket))]() mutable {
+                          state->adopt(connection, std::move(handle));
+                      });
     return connection;
 }
 
