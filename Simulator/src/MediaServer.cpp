@@ -4,10 +4,10 @@
 
 #include "Glib.h"
 #include "LivePipeline.h"
+#include "LiveStreams.h"
 #include "Log.h"
 #include "MediaFile.h"
 #include "MediaPipeline.h"
-#include "PictureCaption.h"
 #include "RtspAuthentication.h"
 #include "RtspConnections.h"
 #include "RtspThread.h"
@@ -18,7 +18,6 @@
 
 #include <gst/rtsp-server/rtsp-server.h>
 
-#include <algorithm>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -62,23 +61,6 @@ void requireElements(const Options& options)
         throw std::runtime_error(text);
 }
 
-std::string pictureTitle(unsigned channel, unsigned stream)
-{
-    return "Channel " + std::to_string(channel + 1) + (stream == 0 ? " main" : " sub");
-}
-
-PictureSettings pictureSettings(const Options& options, unsigned channel, unsigned stream,
-                                const StreamEncoding& encoding)
-{
-    PictureSettings settings;
-    settings.title = pictureTitle(channel, stream);
-    settings.encoding = encoding;
-    settings.audio = options.audio;
-    settings.audioCodec = options.audioCodec;
-    settings.toneHertz = toneOf(channel);
-    return settings;
-}
-
 }  // namespace
 
 struct MediaServer::State {
@@ -88,22 +70,7 @@ struct MediaServer::State {
         const Method* method;
     };
 
-    /// A path and what is needed to make its medium.
-    struct Stream {
-        State* state = nullptr;
-        StreamActivity activity;
-        std::shared_ptr<const MediaFile> file;  ///< null: the test picture
-        unsigned channel = 0;
-        unsigned number = 0;           ///< 0: the main stream
-        bool forTalkOnly = false;      ///< found only by those who ask for the back channel
-        StreamEncoding encoding = {};  ///< what follows is guarded by `mutex`
-        GlibPointer<GstRTSPMediaFactory> factory = {};
-        std::map<GstRTSPMedia*, GlibPointer<GstElement>> pipelines = {};  ///< of the media that live
-    };
-    enum class Manner { asTold, besideRunning };
-
-    State(const FaultTable& faultTable, TalkBack& loudspeakers, Caption captionToShow)
-        : faults(faultTable), talkBack(loudspeakers), caption(std::move(captionToShow))
+    State(const FaultTable& faultTable, TalkBack& loudspeakers) : faults(faultTable), talkBack(loudspeakers)
     {
         for (const Method& method : methods)
             hooks.push_back({this, &method});
@@ -111,34 +78,21 @@ struct MediaServer::State {
 
     const FaultTable& faults;
     TalkBack& talkBack;
-    const Caption caption;
     Options options;  ///< never changed once the server runs
     GlibPointer<GstRTSPServer> server;
     std::optional<RtspThread> thread;
-    ConnectionId arriving = 0;   ///< the connection whose client is being made; used on `thread` only
-    std::deque<Stream> streams;  ///< addresses stay: signal handlers hold them
+    ConnectionId arriving = 0;  ///< the connection whose client is being made; used on `thread` only
     std::deque<Hook> hooks;
 
     RtspConnections connections;
+    std::optional<LiveStreams> streams;
 
-    std::mutex mutex;                ///< guards what follows: the I/O context and `thread` come here
-    std::vector<PictureLook> looks;  ///< by channel
-    std::vector<Microphone> microphones;
+    std::mutex mutex;  ///< guards what follows: the I/O context and `thread` come here
     std::map<std::string, unsigned> requestCounts;
 
-    void addChannel(unsigned channel, const std::shared_ptr<const MediaFile>& file);
-    Stream& addStream(std::string path, unsigned channel, unsigned number, BackChannel backChannel);
-    std::string launchLine(const Stream& stream) const;
-    void mount(Stream& stream);
-    void changeEncoding(unsigned channel, unsigned number, const StreamEncoding& encoding, Manner manner);
-    void changeEncoding(Stream& stream, const StreamEncoding& encoding, Manner manner);
-    template <typename Change>
-    void changePipelines(unsigned channel, Change&& change);
-    const Stream* streamAt(const GstRTSPContext* context) const;
+    const LiveStreams::Stream* streamAt(const GstRTSPContext* context) const;
     void beginTalk(GstRTSPClient* client, const GstRTSPContext* context);
     static gchar* onRequirements(GstRTSPClient*, GstRTSPContext* context, gchar** wanted, gpointer self);
-    static void onUnprepared(GstRTSPMedia* media, gpointer stream);
-    static void onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer stream);
     static void onSession(GstRTSPClient*, GstRTSPSession* session, gpointer self);
     static void onClient(GstRTSPServer*, GstRTSPClient* client, gpointer self);
     std::optional<GstRTSPStatusCode> faultFor(const char* method, const GstRTSPContext* context) const;
@@ -179,136 +133,10 @@ bool requiresSomething(const GstRTSPContext* context)
 
 }  // namespace
 
-void MediaServer::State::addChannel(unsigned channel, const std::shared_ptr<const MediaFile>& file)
-{
-    const bool isCamera = options.kind == Kind::camera;
-    for (unsigned number = 0; number < servedStreams; ++number) {
-        // Where other kinds have their talk-back, a camera has its live streams.
-        Stream& stream = addStream(livePath(options.kind, channel, number), channel, number,
-                                   isCamera ? options.backChannel : BackChannel::none);
-        stream.file = file;
-        mount(stream);
-    }
-    if (isCamera)
-        return;
-    Stream& stream = addStream(talkBackPath(channel), channel, 0, options.backChannel);
-    stream.file = file;
-    stream.forTalkOnly = true;
-    mount(stream);
-}
-
-MediaServer::State::Stream& MediaServer::State::addStream(std::string path, unsigned channel, unsigned number,
-                                                          BackChannel backChannel)
-{
-    Stream& stream = streams.emplace_back();
-    stream.state = this;
-    stream.activity.path = std::move(path);
-    stream.activity.faults = &faults;
-    stream.activity.backChannel = backChannel;
-    stream.channel = channel;
-    stream.number = number;
-    stream.encoding = initialEncoding(options, number);
-    return stream;
-}
-
-std::string MediaServer::State::launchLine(const Stream& stream) const
-{
-    if (stream.file)
-        return fileLaunch(stream.file->codec, options.audio && !stream.file->audio.units.empty());
-    return testPictureLaunch(pictureSettings(options, stream.channel, stream.number, stream.encoding));
-}
-
-/// Serves the stream as it is encoded now, in place of what its path led to. Media that run go on.
-void MediaServer::State::mount(Stream& stream)
-{
-    GstRTSPMediaFactory* const factory = newSimulatedFactory(stream.activity.backChannel);
-    gst_rtsp_media_factory_set_launch(factory, launchLine(stream).c_str());
-    gst_rtsp_media_factory_set_shared(factory, TRUE);
-    gst_rtsp_media_factory_add_role(factory, userRole, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
-                                    GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
-    g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), &stream);
-    stream.factory = share(factory);
-
-    const GlibPointer<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server.get()));
-    gst_rtsp_mount_points_add_factory(mounts.get(), stream.activity.path.c_str(), factory);  // takes the factory
-}
-
-void MediaServer::State::onMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data)
-{
-    Stream& stream = *static_cast<Stream*>(data);
-    attach(media, stream.activity);
-    GlibPointer<GstElement> pipeline(gst_rtsp_media_get_element(media));
-    if (stream.file)
-        feedFromFile(pipeline.get(), stream.file);
-    else
-        keepCaption(pipeline.get(), [&stream, title = pictureTitle(stream.channel, stream.number)] {
-            return title + '\n' + stream.state->caption(stream.channel);
-        });
-
-    g_signal_connect(media, "unprepared", G_CALLBACK(onUnprepared), data);
-    const std::lock_guard lock(stream.state->mutex);
-    simulator::encode(pipeline.get(), stream.encoding);
-    simulator::show(pipeline.get(), stream.state->looks.at(stream.channel));
-    simulator::hear(pipeline.get(), stream.state->microphones.at(stream.channel));
-    stream.pipelines.emplace(media, std::move(pipeline));
-}
-
-void MediaServer::State::onUnprepared(GstRTSPMedia* media, gpointer data)
-{
-    Stream& stream = *static_cast<Stream*>(data);
-    GlibPointer<GstElement> pipeline;  // goes without the lock
-    const std::lock_guard lock(stream.state->mutex);
-    if (const auto found = stream.pipelines.find(media); found != stream.pipelines.end()) {
-        pipeline = std::move(found->second);
-        stream.pipelines.erase(found);
-    }
-}
-
 /// The stream that a request is for; null when it is for none.
-const MediaServer::State::Stream* MediaServer::State::streamAt(const GstRTSPContext* context) const
+const LiveStreams::Stream* MediaServer::State::streamAt(const GstRTSPContext* context) const
 {
-    const std::string_view path = context->uri != nullptr ? context->uri->abspath : "";
-    const auto found = std::ranges::find_if(streams, [path](const Stream& stream) {
-        const std::string_view own = stream.activity.path;
-        return path.starts_with(own) && (path.size() == own.size() || path[own.size()] == '/');
-    });
-    return found == streams.end() ? nullptr : &*found;
-}
-
-void MediaServer::State::changeEncoding(unsigned channel, unsigned number, const StreamEncoding& encoding,
-                                        Manner manner)
-{
-    for (Stream& stream : streams)
-        if (stream.channel == channel && stream.number == number)
-            changeEncoding(stream, encoding, manner);
-}
-
-void MediaServer::State::changeEncoding(Stream& stream, const StreamEncoding& encoding, Manner manner)
-{
-    const std::lock_guard lock(mutex);
-    const bool sameCodec = encoding.codec == stream.encoding.codec;
-    const bool adapts = sameCodec && (encoding.size == stream.encoding.size || manner == Manner::besideRunning ||
-                                      options.formatChange == FormatChange::continues);
-    stream.encoding = encoding;
-    if (adapts)
-        gst_rtsp_media_factory_set_launch(stream.factory.get(), launchLine(stream).c_str());
-    else
-        mount(stream);
-    if (adapts || manner == Manner::besideRunning) {
-        for (const auto& [media, pipeline] : stream.pipelines)
-            simulator::encode(pipeline.get(), encoding);
-        return;
-    }
-    connections.closeThoseThatAskedFor(stream.activity.path);
-}
-
-template <typename Change>
-void MediaServer::State::changePipelines(unsigned channel, Change&& change)
-{
-    for (const Stream& stream : streams)
-        if (stream.channel == channel)
-            for (const auto& [media, pipeline] : stream.pipelines)
-                change(pipeline.get());
+    return context->uri != nullptr ? streams->find(context->uri->abspath) : nullptr;
 }
 
 void MediaServer::State::onSession(GstRTSPClient*, GstRTSPSession* session, gpointer data)
@@ -349,7 +177,7 @@ GstRTSPStatusCode MediaServer::State::beforeRequest(GstRTSPClient* client, GstRT
     logLine(std::string("RTSP ") + hook.method->name + ' ' + (context->uri != nullptr ? context->uri->abspath : "*"));
     if (context->method == GST_RTSP_OPTIONS)
         return GST_RTSP_STS_OK;  // see onMessage
-    if (const Stream* const stream = hook.state->streamAt(context)) {
+    if (const LiveStreams::Stream* const stream = hook.state->streamAt(context)) {
         if (stream->forTalkOnly && !requiresSomething(context) && context->session == nullptr)
             return GST_RTSP_STS_NOT_FOUND;
         hook.state->connections.noteWish(connectionOf(client), stream->activity.path);
@@ -394,7 +222,7 @@ void MediaServer::State::onPlay(GstRTSPClient* client, GstRTSPContext* context, 
 /// The features that a client requires and the device lacks, for the answer.
 gchar* MediaServer::State::onRequirements(GstRTSPClient*, GstRTSPContext* context, gchar** wanted, gpointer data)
 {
-    const Stream* const stream = static_cast<State*>(data)->streamAt(context);
+    const LiveStreams::Stream* const stream = static_cast<State*>(data)->streamAt(context);
     // A path that does not exist is for the request itself to refuse.
     const bool hasBackChannel = stream == nullptr || stream->activity.backChannel != BackChannel::none;
     std::string lacking;
@@ -407,7 +235,7 @@ gchar* MediaServer::State::onRequirements(GstRTSPClient*, GstRTSPContext* contex
 /// A client that is about to play the back channel begins to speak.
 void MediaServer::State::beginTalk(GstRTSPClient* client, const GstRTSPContext* context)
 {
-    const Stream* const stream = streamAt(context);
+    const LiveStreams::Stream* const stream = streamAt(context);
     const auto sessionMedia = sessionMediaOf(context);
     if (stream == nullptr || !sessionMedia)
         return;
@@ -431,7 +259,7 @@ void MediaServer::State::onClosed(GstRTSPClient* client, gpointer data)
 
 MediaServer::MediaServer(Options& options, const std::string& realm, const FaultTable& faults, TalkBack& talkBack,
                          Caption caption)
-    : state(std::make_unique<State>(faults, talkBack, std::move(caption)))
+    : state(std::make_unique<State>(faults, talkBack))
 {
     GError* error = nullptr;
     if (!gst_init_check(nullptr, nullptr, &error)) {
@@ -448,15 +276,13 @@ MediaServer::MediaServer(Options& options, const std::string& realm, const Fault
     }
 
     state->options = options;
-    state->looks.resize(options.channels);
-    state->microphones.assign(options.channels, Microphone{options.microphoneMuted});
     state->server.reset(gst_rtsp_server_new());
     if (options.authentication != Authentication::none)
         gst_rtsp_server_set_auth(state->server.get(), makeAuthentication(options, realm).get());
     state->thread.emplace(state->server.get());
     g_signal_connect(state->server.get(), "client-connected", G_CALLBACK(State::onClient), state.get());
-    for (unsigned channel = 0; channel < options.channels; ++channel)
-        state->addChannel(channel, file);
+    state->streams.emplace(state->server.get(), state->options, faults, state->connections, std::move(file),
+                           std::move(caption));
 }
 
 MediaServer::~MediaServer()
@@ -472,11 +298,7 @@ MediaServer::~MediaServer()
 
 std::vector<std::string> MediaServer::paths() const
 {
-    std::vector<std::string> paths;
-    for (const State::Stream& stream : state->streams)
-        if (!stream.forTalkOnly)
-            paths.push_back(stream.activity.path);
-    return paths;
+    return state->streams->paths();
 }
 
 std::optional<MediaServer::ConnectionId> MediaServer::serve(boost::asio::ip::tcp::socket socket)
@@ -522,26 +344,22 @@ std::optional<std::string> MediaServer::refuseEncoding(const StreamEncoding& enc
 
 void MediaServer::encode(unsigned channel, unsigned stream, const StreamEncoding& encoding)
 {
-    state->changeEncoding(channel, stream, encoding, State::Manner::asTold);
+    state->streams->encode(channel, stream, encoding, LiveStreams::Manner::asTold);
 }
 
 void MediaServer::encodeBesideRunning(unsigned channel, unsigned stream, const StreamEncoding& encoding)
 {
-    state->changeEncoding(channel, stream, encoding, State::Manner::besideRunning);
+    state->streams->encode(channel, stream, encoding, LiveStreams::Manner::besideRunning);
 }
 
 void MediaServer::show(unsigned channel, const PictureLook& look)
 {
-    const std::lock_guard lock(state->mutex);
-    state->looks.at(channel) = look;
-    state->changePipelines(channel, [&look](GstElement* pipeline) { simulator::show(pipeline, look); });
+    state->streams->show(channel, look);
 }
 
 void MediaServer::hear(unsigned channel, const Microphone& microphone)
 {
-    const std::lock_guard lock(state->mutex);
-    state->microphones.at(channel) = microphone;
-    state->changePipelines(channel, [&](GstElement* pipeline) { simulator::hear(pipeline, microphone); });
+    state->streams->hear(channel, microphone);
 }
 
 void MediaServer::expireSessions()
@@ -563,28 +381,13 @@ Json::Value MediaServer::counters() const
         for (const auto& [method, count] : state->requestCounts)
             out["requests"][method] = count;
     }
-    out["streams"] = Json::Value(Json::arrayValue);
-    for (const State::Stream& served : state->streams) {
-        if (served.forTalkOnly)
-            continue;
-        const StreamActivity& activity = served.activity;
-        Json::Value stream(Json::objectValue);
-        stream["path"] = activity.path;
-        stream["frames"] = static_cast<Json::UInt64>(activity.frames);
-        stream["keyFrames"] = static_cast<Json::UInt64>(activity.keyFrames);
-        stream["videoPackets"] = static_cast<Json::UInt64>(activity.videoPackets);
-        stream["videoBytes"] = static_cast<Json::UInt64>(activity.videoBytes);
-        stream["audioPackets"] = static_cast<Json::UInt64>(activity.audioPackets);
-        stream["audioBytes"] = static_cast<Json::UInt64>(activity.audioBytes);
-        out["streams"].append(stream);
-    }
+    out["streams"] = state->streams->counters();
     return out;
 }
 
 void MediaServer::clearCounters()
 {
-    for (State::Stream& stream : state->streams)
-        stream.activity.clear();
+    state->streams->clearCounters();
     state->connections.forgetTotal();
     const std::lock_guard lock(state->mutex);
     state->requestCounts.clear();
