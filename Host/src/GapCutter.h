@@ -2,8 +2,10 @@
 
 #include <Tavro8/GDRV/IRecordingSearch.h>
 #include <Tavro8/GDRV/MediaFrame.h>
-#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <optional>
 
 namespace Host
@@ -11,50 +13,44 @@ namespace Host
 /// Moves the frames of a playback together, so that stretches in which nothing is recorded leave no dead time in a
 /// file.
 ///
-/// The first picture behind a gap stands where the gap began. Sound must not run ahead over a gap that has not been
-/// told yet, since a sound track never goes back: it is left out until the pictures follow. One thread.
+/// The first picture behind a gap stands where the gap began. Gaps are told with the pictures, which may come seconds
+/// apart, while a sound track never goes back: so sound that leaps ahead of the pictures, as it does over a gap, is
+/// held until a picture or the gap itself tells where it belongs. Sound that goes on without a leap waits for nothing.
+/// One thread.
 class GapCutter {
 public:
-    /// Nothing is recorded in `gap`; the next picture comes from behind it.
-    void cut(const Tavro8::GDRV::DateTimeRange& gap) noexcept
-    {
-        cutBeforeMs += lastEndMs - lastBeginMs;
-        lastBeginMs = static_cast<std::int64_t>(gap.begin);
-        lastEndMs = std::max(static_cast<std::int64_t>(gap.end), lastBeginMs);
-        fresh = true;
-    }
+    using Sink = std::function<void(const Tavro8::GDRV::MediaFrame& placed)>;
 
-    /// Gives `frame` its place. False for one to be left out.
-    bool place(Tavro8::GDRV::MediaFrame& frame) noexcept
-    {
-        if (isVideo(frame.codec)) {
-            newestPictureMs = frame.timestampMs;
-            // The time since the picture before may hold the gap.
-            if (fresh)
-                frame.durationMs = 0;
-            fresh = false;
-        } else if (newestPictureMs && frame.timestampMs > *newestPictureMs + longestLeadMs) {
-            return false;
-        }
-        frame.timestampMs = placeOf(frame.timestampMs);
-        return true;
-    }
+    /// Sound that is held; a picture that is longer overdue than this will not come.
+    static constexpr std::size_t mostHeld = 4096;
+
+    /// `placedFrames` gets every frame in its place, at once or later.
+    explicit GapCutter(Sink placedFrames) : sink(std::move(placedFrames)) {}
+
+    /// Nothing is recorded in `gap`; the next picture comes from behind it.
+    void cut(const Tavro8::GDRV::DateTimeRange& gap) noexcept;
+
+    void take(const Tavro8::GDRV::MediaFrame& frame) noexcept;
+
+    /// Frames of sound whose place is not known yet, or that were left out since too many waited for theirs.
+    std::uint64_t getWithheld() const noexcept { return leftOut + held.size(); }
 
 private:
-    static constexpr std::int64_t longestLeadMs = 2000;  // of sound; gaps are not shorter
+    bool isUndecided(const Tavro8::GDRV::MediaFrame& sound) const noexcept;
+    void hold(const Tavro8::GDRV::MediaFrame& sound) noexcept;
+    void reach(std::int64_t timestampMs) noexcept;
+    void release() noexcept;
+    void pass(const Tavro8::GDRV::MediaFrame& frame) noexcept;
+    std::int64_t placeOf(std::int64_t timestampMs) const noexcept;
 
-    std::int64_t placeOf(std::int64_t timestampMs) const noexcept
-    {
-        const std::int64_t lastMs = lastEndMs - lastBeginMs;
-        const std::int64_t joined =
-            timestampMs >= lastEndMs ? timestampMs - lastMs : std::min(timestampMs, lastBeginMs);
-        return joined - cutBeforeMs;
-    }
-
+    const Sink sink;
     std::int64_t cutBeforeMs = 0;  // by all gaps but the last
     std::int64_t lastBeginMs = 0;
     std::int64_t lastEndMs = 0;
-    bool fresh = false;  // no picture has come since the gap
-    std::optional<std::int64_t> newestPictureMs;
+    bool fresh = false;                      // no picture has come since the gap
+    std::optional<std::int64_t> reachedMs;   // by the pictures and the gaps that were told
+    std::optional<std::int64_t> soundEndMs;  // of what has its place
+    std::deque<Tavro8::GDRV::FrameReference> held;
+    std::uint64_t leftOut = 0;
 };
 }  // namespace Host

@@ -24,7 +24,8 @@ PlaybackStream::PlaybackStream(GDRV::IDevice& device, std::uint32_t channel, Mon
       queue(frameQueue),
       callbacks(std::move(streamCallbacks)),
       video(sharedMonitor, nullptr),
-      audio(sharedMonitor, nullptr)
+      audio(sharedMonitor, nullptr),
+      cutter([frameQueue](const MediaFrame& placed) { frameQueue->pushWaiting(placed); })
 {
     const std::int32_t result = device.CreateRecordingPlayback(channel, this, this, {}, &playback);
     requireMade(playback, "the recordings of channel " + std::to_string(channel) + " cannot be played", result);
@@ -70,7 +71,8 @@ void PlaybackStream::Opened(GDRV::IRecordingPlayback*, std::int32_t result) noex
 
 void PlaybackStream::GapReached(GDRV::IRecordingPlayback*, const DateTimeRange& gap) noexcept
 {
-    cutter.cut(gap);
+    if (queue != nullptr)
+        cutter.cut(gap);
     {
         const std::lock_guard lock(mutex);
         ++played.gaps;
@@ -110,9 +112,11 @@ void PlaybackStream::OnFrame(Tavro8::IContract* source, const MediaFrame& frame)
 {
     count(frame);
     (isVideo(frame.codec) ? video : audio).getFrameHandler()->OnFrame(source, frame);
-    MediaFrame placed = frame;
-    if (queue != nullptr && cutter.place(placed))
-        queue->pushWaiting(placed);
+    if (queue == nullptr)
+        return;
+    cutter.take(frame);
+    const std::lock_guard lock(mutex);
+    played.soundLeftOut = cutter.getWithheld();
 }
 
 void PlaybackStream::count(const MediaFrame& frame)

@@ -18,6 +18,7 @@ struct PlayedMedia {
     std::uint64_t gaps = 0;                               ///< told by the module
     std::uint64_t gapMs = 0;                              ///< their length
     std::uint64_t losses = 0;                             ///< frames in front of which packets are missing
+    std::uint64_t soundLeftOut = 0;                       ///< frames that no picture followed to tell their place
     bool speedRefused = false;                            ///< the device plays at its own speed, every frame
 };
 

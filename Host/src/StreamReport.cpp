@@ -197,8 +197,8 @@ std::string playedLine(const PlayedInterval& played)
     const PlayedMedia& media = played.media;
     std::string line = "Recorded  " + (media.recorded ? recordedText(*media.recorded) : "-");
     if (media.gaps > 0)
-        line += ", without " + std::to_string(media.gaps) + (media.gaps == 1 ? " gap" : " gaps") + " of " +
-                durationText(std::chrono::milliseconds(media.gapMs));
+        line +=
+            ", without " + countText(media.gaps, "gap") + " of " + durationText(std::chrono::milliseconds(media.gapMs));
     return line + (played.endReached ? "\n" : ", not played to the end\n");
 }
 
@@ -214,6 +214,7 @@ void addPlayed(Json::Value& fields, const PlayedInterval& played)
     fields["gaps"] = number(media.gaps);
     fields["gapSeconds"] = static_cast<double>(media.gapMs) / 1000;
     fields["losses"] = number(media.losses);
+    fields["soundLeftOut"] = number(media.soundLeftOut);
     fields["speed"] = played.speed;
     fields["keyFramesOnly"] = played.keyFramesOnly;
     fields["speedRefused"] = media.speedRefused;
@@ -252,6 +253,9 @@ std::string readableSummary(const StreamSummary& summary)
         text += "Sound     none is recorded\n";
     else if (summary.audio)
         text += silenceReason("Sound     none arrived", summary.audio->streamState) + '\n';
+    if (summary.played && summary.played->media.soundLeftOut > 0)
+        text += "Left out  " + countText(summary.played->media.soundLeftOut, "frame") +
+                " of sound, since no picture followed that tells where they belong\n";
     if (summary.droppedFrames > 0)
         text += "Dropped   " + std::to_string(summary.droppedFrames) + " frames, because writing did not keep up\n";
     text += "Load      " + decimalText(summary.load.cpuSeconds, 2) + " s of CPU, " +

@@ -68,6 +68,11 @@ std::string decimalText(double value, int decimals)
     return error == std::errc{} ? std::string(buffer, end) : std::string("?");
 }
 
+std::string countText(std::uint64_t count, const char* what)
+{
+    return std::to_string(count) + ' ' + what + (count == 1 ? "" : "s");
+}
+
 std::string bitRateText(double bitsPerSecond)
 {
     return scaledText(bitsPerSecond, 1000, {"bit/s", "kbit/s", "Mbit/s", "Gbit/s"});

@@ -26,6 +26,9 @@ std::string durationText(std::chrono::duration<double> duration);
 /// "3.25" with the given number of decimals, whatever the locale.
 std::string decimalText(double value, int decimals);
 
+/// "1 frame", "2 frames".
+std::string countText(std::uint64_t count, const char* what);
+
 /// "640 bit/s", "4.1 kbit/s", "12.0 Mbit/s".
 std::string bitRateText(double bitsPerSecond);
 

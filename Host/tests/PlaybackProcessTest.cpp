@@ -37,10 +37,10 @@ protected:
         return host;
     }
 
-    /// What ffprobe says of the file's pictures: their number and the length, one "name=value" a line.
-    std::string probe(const std::string& name)
+    /// What ffprobe says of the file's pictures, or of its sound: their number and the length, one "name=value" a line.
+    std::string probe(const std::string& name, const std::string& media = "v")
     {
-        return runProgram({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v", "-show_entries",
+        return runProgram({"ffprobe", "-v", "error", "-count_frames", "-select_streams", media, "-show_entries",
                            "stream=codec_name,nb_read_frames:format=duration", "-of", "default=noprint_wrappers=1",
                            file(name)})
             .output();
@@ -94,6 +94,29 @@ TEST_F(Playback, recordsPicturesAndSoundWithTheirTimes)
     expectDecodable("a.mp4");
     EXPECT_TRUE(std::filesystem::exists(file("a.png")));
     EXPECT_THAT(errors, HasSubstr("channel 0: closed"));
+}
+
+TEST_F(Playback, keepsAllSoundWherePicturesComeSlowly)
+{
+    play("2026-11-20T14:00:00Z", "2026-11-20T14:00:20Z", {"--output", file("a.mkv")}, "dozing");
+    EXPECT_EQ(status, 0) << errors;
+    const Json::Value summary = getEvent("summary");
+    EXPECT_EQ(summary["frames"], 4);
+    EXPECT_EQ(summary["audioFrames"], 500);
+    EXPECT_EQ(summary["soundLeftOut"], 0);
+    EXPECT_THAT(probe("a.mkv"), HasSubstr("nb_read_frames=4\n"));
+    EXPECT_THAT(probe("a.mkv", "a"), HasSubstr("nb_read_frames=500\n"));
+    EXPECT_NEAR(lengthOf("a.mkv"), 20, 0.15);
+    expectDecodable("a.mkv");
+}
+
+TEST_F(Playback, keepsTheSoundOnBothSidesOfAGapWherePicturesComeSlowly)
+{
+    play("2026-11-20T14:49:50Z", "2026-11-20T15:00:10Z", {"--output", file("a.mkv")}, "dozing");
+    EXPECT_EQ(status, 0) << errors;
+    EXPECT_EQ(getEvent("summary")["gaps"], 1);
+    EXPECT_THAT(probe("a.mkv", "a"), HasSubstr("nb_read_frames=500\n"));
+    EXPECT_NEAR(lengthOf("a.mkv"), 20, 0.15);
 }
 
 void Playback::leavesGapsOutOf(const std::string& name)

@@ -196,11 +196,10 @@ private:
         const std::string where = "channel " + std::to_string(options.channel) + " from " + intervalText(interval);
         if (recordings.empty())
             return "Nothing is recorded on " + where + '\n';
-        const std::size_t count = recordings.size();
         return "\nRecorded  " + durationText(std::chrono::duration<double>(recordedSeconds)) + " of " +
                durationText(std::chrono::duration<double>(seconds)) + " (" +
-               decimalText(100 * recordedSeconds / seconds, 1) + " %) in " + std::to_string(count) +
-               (count == 1 ? " recording" : " recordings") + " on " + where + "\n" + bar(covered);
+               decimalText(100 * recordedSeconds / seconds, 1) + " %) in " + countText(recordings.size(), "recording") +
+               " on " + where + "\n" + bar(covered);
     }
 
     std::string bar(const std::vector<DateTimeRange>& covered) const

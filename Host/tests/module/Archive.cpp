@@ -228,7 +228,7 @@ void RecordingPlayback::tick()
         return;
     }
     loop.post(this, [this] { tick(); });
-    if (!keyFramesOnly || picture % smallClip().keyFrameInterval == 0)
+    if (picture % spacing() == 0)
         deliverPicture();
     if (manners.hasSound && !keyFramesOnly)
         deliverSound();
@@ -238,14 +238,21 @@ void RecordingPlayback::tick()
         end(toResult(ResultCode::connectionLost));
 }
 
+/// From one picture to the next, in places.
+std::uint64_t RecordingPlayback::spacing() const noexcept
+{
+    return keyFramesOnly ? smallClip().keyFrameInterval : manners.pictureEach;
+}
+
 /// False at the end of the interval.
 bool RecordingPlayback::enterRecording()
 {
-    if (position >= interval.end)
+    const std::uint64_t end = interval.end + manners.overrunMs;
+    if (position >= end)
         return false;
     if (recording && position < recording->end)
         return true;
-    recording = manners.archive.recordingAt(position, interval.end);
+    recording = manners.archive.recordingAt(position, end);
     if (!recording)
         return false;
     picture = 0;
@@ -257,7 +264,7 @@ bool RecordingPlayback::enterRecording()
 void RecordingPlayback::deliverPicture()
 {
     GDRV::MediaFrame frame;
-    frame.durationMs = keyFramesOnly ? frameMs * static_cast<std::uint32_t>(smallClip().keyFrameInterval) : frameMs;
+    frame.durationMs = frameMs * static_cast<std::uint32_t>(spacing());
     const std::vector<std::uint8_t> payload = manners.pictures(picture, frame);
     ++pictures;
     deliver(frame, payload);

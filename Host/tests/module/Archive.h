@@ -57,12 +57,14 @@ private:
 class RecordingPlayback final : public Tavro8::GDRV::IRecordingPlayback {
 public:
     struct Manners {
-        bool answers;              ///< without it the host is told nothing
-        std::int32_t refusal;      ///< unless 0, how every `Open` ends
-        std::int32_t playRefusal;  ///< unless 0, how every `Play` ends
-        bool offersSpeed;          ///< without it no other speed and no key frames alone
-        bool breaks;               ///< the connection is lost at the tenth picture, with 257
-        bool hasSound;             ///< beside the pictures
+        bool answers;               ///< without it the host is told nothing
+        std::int32_t refusal;       ///< unless 0, how every `Open` ends
+        std::int32_t playRefusal;   ///< unless 0, how every `Play` ends
+        bool offersSpeed;           ///< without it no other speed and no key frames alone
+        bool breaks;                ///< the connection is lost at the tenth picture, with 257
+        std::uint64_t pictureEach;  ///< so many of its places there is a picture: 1 for all
+        std::uint64_t overrunMs;    ///< so long it plays on behind the end of the interval
+        bool hasSound;              ///< beside the pictures
         Archive archive;
         Stream::Produce pictures;  ///< counted from 0 in each recording
     };
@@ -86,6 +88,7 @@ private:
     ~RecordingPlayback() override = default;
     void begin();
     void tick();
+    std::uint64_t spacing() const noexcept;
     bool enterRecording();
     void deliverPicture();
     void deliverSound();
@@ -107,7 +110,7 @@ private:
     bool speedRefused = false;
     std::uint64_t position = 0;                            // of the next picture
     std::optional<Tavro8::GDRV::DateTimeRange> recording;  // that is played
-    std::uint64_t picture = 0;                             // in the recording
+    std::uint64_t picture = 0;                             // in the recording, counting its places
     std::uint64_t pictures = 0;                            // delivered in all
 };
 }  // namespace Sample

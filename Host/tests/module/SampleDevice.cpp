@@ -1,5 +1,6 @@
 #include "SampleDevice.h"
 
+#include "Clip.h"
 #include "Events.h"
 #include "Sources.h"
 #include "Talk.h"
@@ -95,9 +96,9 @@ void SampleDevice::Close() noexcept
 
 std::int32_t SampleDevice::resultOfAttempt()
 {
-    const char* const working[] = {"camera",    "recorder", "multichannel", "dark",     "barred", "mute",
-                                   "voiceless", "growing",  "changing",     "flaky",    "stuck",  "crowded",
-                                   "tardy",     "hoarding", "momentary",    "unwilling"};
+    const char* const working[] = {"camera",    "recorder", "multichannel", "dark",      "barred", "mute",
+                                   "voiceless", "growing",  "changing",     "flaky",     "stuck",  "crowded",
+                                   "tardy",     "hoarding", "momentary",    "unwilling", "dozing", "restless"};
     const bool works = std::find(std::begin(working), std::end(working), hostName) != std::end(working);
     const bool admitted = hostName == "guarded" && userInfo == "admin:p%40ss%3A%25";
     const bool atLast = hostName == "late" && attempts > 2;
@@ -283,6 +284,8 @@ std::int32_t SampleDevice::CreateRecordingPlayback(std::uint32_t channel,
              .playRefusal = toResult(hostName == "unwilling" ? ResultCode::streamRefused : ResultCode::success),
              .offersSpeed = hostName != "voiceless",
              .breaks = hostName == "flaky",
+             .pictureEach = hostName == "dozing" ? 5 * framesPerSecond : 1,
+             .overrunMs = hostName == "restless" ? 2000U : 0U,
              .hasSound = hostName != "voiceless",
              .archive = archiveOf(channel),
              .pictures = hostName == "changing" ? changingPicture() : testPicture()});

@@ -30,10 +30,11 @@ namespace Sample
 /// | changing | sends H.264, after 0.4 s H.265, and after as long again MJPEG |
 /// | stuck | works, but never reports that it was closed |
 /// | flaky | the connection is lost and comes back while the pictures go on; a call breaks at its fifth frame |
-///
-/// | hoarding | the same; has recorded the first 40 s of each minute |
-/// | momentary | the same; lists recordings without length at every hour |
-/// | unwilling | the same; opens recordings, but refuses to play them, with 1025 |
+/// | hoarding | as camera; has recorded the first 40 s of each minute |
+/// | momentary | as camera; lists recordings without length at every hour |
+/// | unwilling | as camera; opens recordings, but refuses to play them, with 1025 |
+/// | dozing | as camera; has recorded a picture each five seconds |
+/// | restless | as camera; plays on for two seconds behind the end of the interval |
 ///
 /// Any other name is unreachable too. Channel 0 has recorded the first 50 minutes of each hour, the others nothing.
 /// Archives behave as the rest does: "dark" does not answer, "barred" refuses with 514, "mute" has none, "voiceless"
