@@ -36,6 +36,12 @@ PlaybackStream::~PlaybackStream()
     playback->Destroy();
 }
 
+std::int32_t PlaybackStream::open(const DateTimeRange& interval) noexcept
+{
+    endMs = static_cast<std::int64_t>(interval.end);
+    return playback->Open(interval);
+}
+
 std::int32_t PlaybackStream::setSpeed(std::uint32_t factor, bool keyFramesOnly) noexcept
 {
     const std::int32_t result = playback->SetSpeed(factor, keyFramesOnly);
@@ -110,6 +116,8 @@ void PlaybackStream::noteRefusedSpeed() noexcept
 
 void PlaybackStream::OnFrame(Tavro8::IContract* source, const MediaFrame& frame) noexcept
 {
+    if (frame.timestampMs >= endMs)
+        return;
     count(frame);
     (isVideo(frame.codec) ? video : audio).getFrameHandler()->OnFrame(source, frame);
     if (queue == nullptr)

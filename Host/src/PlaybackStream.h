@@ -54,8 +54,9 @@ public:
     PlaybackStream(const PlaybackStream&) = delete;
     PlaybackStream& operator=(const PlaybackStream&) = delete;
 
-    /// The module's result; 0 says that `State::opened` will be told.
-    std::int32_t open(const Tavro8::GDRV::DateTimeRange& interval) noexcept { return playback->Open(interval); }
+    /// The module's result; 0 says that `State::opened` will be told. Once. Devices may begin in front of the interval,
+    /// with the key frame that its first pictures need, which is kept; what they send from its end on is left out.
+    std::int32_t open(const Tavro8::GDRV::DateTimeRange& interval) noexcept;
     /// Before or after `play`. The module's result; a device that does not offer it plays on as it did.
     std::int32_t setSpeed(std::uint32_t factor, bool keyFramesOnly) noexcept;
     std::int32_t play() noexcept { return playback->Play(); }
@@ -85,8 +86,9 @@ private:
     const Callbacks callbacks;
     MediaReceiver video;
     MediaReceiver audio;
-    State state;       // guarded by the monitor
-    GapCutter cutter;  // the module's thread
+    State state;             // guarded by the monitor
+    std::int64_t endMs = 0;  // of the interval
+    GapCutter cutter;        // the module's thread
 
     mutable std::mutex mutex;  // guards played; taken alone
     PlayedMedia played;

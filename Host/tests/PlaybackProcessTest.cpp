@@ -96,6 +96,19 @@ TEST_F(Playback, recordsPicturesAndSoundWithTheirTimes)
     EXPECT_THAT(errors, HasSubstr("channel 0: closed"));
 }
 
+TEST_F(Playback, endsTheFileWithTheInterval)
+{
+    play("2026-11-20T14:00:00Z", "2026-11-20T14:00:01.500Z", {"--output", file("a.mkv")}, "restless");
+    EXPECT_EQ(status, 0) << errors;
+    const Json::Value summary = getEvent("summary");
+    EXPECT_EQ(summary["frames"], 38);
+    EXPECT_EQ(summary["audioFrames"], 38);
+    EXPECT_EQ(summary["recordedEnd"], "2026-11-20T14:00:01.480Z");
+    EXPECT_EQ(summary["endReached"], true);
+    EXPECT_THAT(probe("a.mkv"), HasSubstr("nb_read_frames=38\n"));
+    EXPECT_NEAR(lengthOf("a.mkv"), 1.5, 0.15);
+}
+
 TEST_F(Playback, keepsAllSoundWherePicturesComeSlowly)
 {
     play("2026-11-20T14:00:00Z", "2026-11-20T14:00:20Z", {"--output", file("a.mkv")}, "dozing");
