@@ -11,6 +11,9 @@ namespace
 {
 using std::chrono::milliseconds;
 
+constexpr Moment latest =
+    std::chrono::sys_days(std::chrono::year(9999) / 12 / 31) + std::chrono::days(1) - milliseconds(1);
+
 bool isDigit(char c) noexcept
 {
     return c >= '0' && c <= '9';
@@ -158,15 +161,16 @@ std::optional<Moment> relativeTime(std::string_view text, Moment now)
     };
     constexpr std::array units{Unit{'s', std::chrono::seconds(1)}, Unit{'m', std::chrono::minutes(1)},
                                Unit{'h', std::chrono::hours(1)}, Unit{'d', std::chrono::days(1)}};
+    const Moment present = std::chrono::floor<std::chrono::seconds>(now);
     if (text == "now")
-        return now;
+        return present;
     Reader reader(text);
     if (!reader.skipOneOf("-"))
         return std::nullopt;
     const auto count = wholeNumber(reader.digits(), 1, 9);
     for (const Unit& unit : units)
         if (count && reader.skipOneOf({&unit.letter, 1}) && reader.atEnd())
-            return now - *count * unit.length;
+            return present - *count * unit.length;
     return std::nullopt;
 }
 }  // namespace
@@ -178,7 +182,7 @@ std::optional<std::uint64_t> parseTime(std::string_view text, Moment now)
         moment = unixTime(text);
     if (!moment)
         moment = relativeTime(text, now);
-    if (!moment || moment->time_since_epoch().count() < 0)
+    if (!moment || *moment < Moment() || *moment > latest)
         return std::nullopt;
     return static_cast<std::uint64_t>(moment->time_since_epoch().count());
 }
