@@ -11,6 +11,14 @@ namespace Host
 {
 namespace fs = std::filesystem;
 
+namespace
+{
+[[noreturn]] void refuse(const fs::path& path, const std::string& reason)
+{
+    throw Failure(ExitStatus::failed, "cannot write " + pathText(path) + (reason.empty() ? "" : ": " + reason));
+}
+}  // namespace
+
 std::string pathText(const fs::path& path)
 {
     const std::u8string text = path.u8string();
@@ -38,14 +46,15 @@ fs::path partPath(const fs::path& path, std::size_t part)
 void requireWritable(const fs::path& path)
 {
     std::error_code ignored;
-    const bool existed = fs::exists(path, ignored);
+    const fs::file_status status = fs::status(path, ignored);
+    if (fs::is_fifo(status) || fs::is_socket(status) || fs::is_block_file(status))
+        refuse(path, "it is no regular file");
     errno = 0;
     const bool opened = std::ofstream(path, std::ios::app | std::ios::binary).is_open();
     const int reason = errno;
     if (!opened)
-        throw Failure(ExitStatus::failed, "cannot write " + pathText(path) +
-                                              (reason != 0 ? ": " + std::generic_category().message(reason) : ""));
-    if (!existed)
+        refuse(path, reason != 0 ? std::generic_category().message(reason) : "");
+    if (!fs::exists(status))
         fs::remove(path, ignored);
 }
 }  // namespace Host

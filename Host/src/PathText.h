@@ -15,6 +15,7 @@ std::string lowerCaseEnding(const std::filesystem::path& path);
 std::filesystem::path partPath(const std::filesystem::path& path, std::size_t part);
 
 /// Throws `Failure` (failed) with the reason when no file can be written at `path`, before anything was
-/// received for it. An existing file is left as it is.
+/// received for it. An existing file is left as it is; devices such as /dev/null are files, but pipes are not, which
+/// would keep the program waiting for a reader.
 void requireWritable(const std::filesystem::path& path);
 }  // namespace Host

@@ -7,6 +7,9 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
+#ifdef __unix__
+#include <sys/stat.h>
+#endif
 
 namespace Host
 {
@@ -47,5 +50,16 @@ TEST(RequireWritable, refusesADirectoryAndAPathThatDoesNotExist)
     EXPECT_THROW(requireWritable(directory.get()), Failure);
     EXPECT_THROW(requireWritable(directory / "absent/new.mp4"), Failure);
 }
+
+#ifdef __unix__
+TEST(RequireWritable, refusesAPipeWithoutWaitingForItsReader)
+{
+    const TemporaryDirectory directory;
+    ASSERT_EQ(::mkfifo((directory / "pipe.mp4").c_str(), 0600), 0);
+    EXPECT_THROW(requireWritable(directory / "pipe.mp4"), Failure);
+    EXPECT_TRUE(std::filesystem::is_fifo(directory / "pipe.mp4"));
+    requireWritable("/dev/null");
+}
+#endif
 }  // namespace
 }  // namespace Host
