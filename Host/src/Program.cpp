@@ -3,12 +3,14 @@
 #include "Console.h"
 #include "DeviceAddress.h"
 #include "Output.h"
+#include "TimeText.h"
 #include "commands/Command.h"
 #include "media/Ffmpeg.h"
 #include "platform/Interrupt.h"
 #include "platform/Terminal.h"
 
 #include <CLI/CLI.hpp>
+#include <Tavro8/ResultCode.h>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -113,6 +115,17 @@ std::string sentenceAboutStrays(const CLI::App& app)
     return "not understood: " + shown;
 }
 
+/// The page for whoever mistyped something: that of the command, if one was named.
+std::string helpCommand(const CLI::App& app)
+{
+    std::string words = app.get_name();
+    for (const CLI::App* part = &app; !part->get_subcommands().empty();) {
+        part = part->get_subcommands().front();
+        words.append(" ").append(part->get_name());
+    }
+    return words + " --help";
+}
+
 /// Help and version are successes that the parser reports like failures.
 ExitStatus explainParseError(const CLI::App& app, const CLI::ParseError& error, Console& console)
 {
@@ -122,20 +135,30 @@ ExitStatus explainParseError(const CLI::App& app, const CLI::ParseError& error, 
     }
     const bool strays = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
     console.foreignLine("kelvo-host: " + (strays ? sentenceAboutStrays(app) : std::string(error.what())));
-    console.line("`kelvo-host --help` tells how it is used.");
+    console.line('`' + helpCommand(app) + "` tells how it is used.");
     return ExitStatus::usage;
 }
 
-/// For people the sentence, for programs the event too.
-ExitStatus report(const Failure& failure, Console& console, Output& output)
+/// What to say behind the failure of a command whose channel the module does not know.
+std::string channelHint(const Failure& failure, const Command& command, const CommonOptions& options)
 {
+    const bool unknown = failure.getResult() == Tavro8::toResult(Tavro8::ResultCode::notFound);
+    if (!unknown || command.getChannel().value_or(0) < options.channels)
+        return {};
+    return "; the device is taken to have " + countText(options.channels, "channel") + ", name more with --channels";
+}
+
+/// For people the sentence, for programs the event too.
+ExitStatus report(const Failure& failure, const std::string& hint, Console& console, Output& output)
+{
+    const std::string sentence = failure.what() + hint;
     console.clearProgress();
-    console.line(std::string("kelvo-host: ") + failure.what());
+    console.line("kelvo-host: " + sentence);
     if (failure.getStatus() == ExitStatus::refused || failure.getStatus() == ExitStatus::failed) {
         Json::Value fields(Json::objectValue);
         if (failure.getResult())
             fields["code"] = *failure.getResult();
-        fields["message"] = console.masked(failure.what());
+        fields["message"] = console.masked(sentence);
         output.event("failure", fields, {});
     }
     return failure.getStatus();
@@ -151,10 +174,10 @@ ExitStatus runCommand(Command& command, const CommonOptions& options, Console& c
             return status;
         throw Failure(ExitStatus::failed, "the results cannot be written to standard output");
     } catch (const Failure& failure) {
-        return report(failure, console, output);
+        return report(failure, channelHint(failure, command, options), console, output);
     } catch (const std::exception& e) {
         const std::string reason = maskAddresses(console.masked(e.what()));
-        return report(Failure(ExitStatus::failed, "unexpected failure: " + reason), console, output);
+        return report(Failure(ExitStatus::failed, "unexpected failure: " + reason), {}, console, output);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "TimeText.h"
 
 #include <CLI/CLI.hpp>
+#include <Tavro8/ResultCode.h>
 #include <json/value.h>
 
 namespace Host
@@ -51,6 +52,12 @@ DateTimeRange intervalOf(const IntervalOptions& options)
         throw Failure(ExitStatus::usage,
                       "the interval is empty: --end must be later than --begin (" + intervalText(interval) + ')');
     return interval;
+}
+
+const char* intervalHint(std::int32_t result) noexcept
+{
+    const bool outOfRange = result == Tavro8::toResult(Tavro8::ResultCode::outOfRange);
+    return outOfRange ? "; the clocks of devices end on 2106-02-07" : "";
 }
 
 std::string intervalText(const DateTimeRange& interval)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Tavro8/GDRV/IRecordingSearch.h>
+#include <cstdint>
 #include <json/forwards.h>
 #include <string>
 
@@ -25,6 +26,9 @@ extern const char* const timesHelp;
 
 /// The interval that the options name, never empty. Throws `Failure` (usage).
 Tavro8::GDRV::DateTimeRange intervalOf(const IntervalOptions& options);
+
+/// What to say behind a result of a search or playback that the interval may have caused; empty for others.
+const char* intervalHint(std::int32_t result) noexcept;
 
 /// "2026-11-20T14:00:00Z to 2026-11-20T15:00:00Z".
 std::string intervalText(const Tavro8::GDRV::DateTimeRange& interval);

@@ -157,6 +157,20 @@ TEST_F(Recordings, stopsWhenItIsInterrupted)
     EXPECT_EQ(host.output(), "");
 }
 
+TEST_F(Recordings, searchesNoLongerThanTheUserWaits)
+{
+    list({"--begin", "-2d", "--end", "now", "--timeout", "0.1"}, "dark");
+    EXPECT_EQ(status, 4);
+    EXPECT_THAT(child->errors(), HasSubstr("the search did not end in time; allow more with --timeout\n"));
+    EXPECT_THAT(child->errors(), HasSubstr("destroyed while searching"));
+}
+
+TEST_F(Recordings, showsNoPartsOfASecondThatNobodyNamed)
+{
+    EXPECT_THAT(run({"--device", "recorder", "recordings", "--begin", "-3h", "--end", "now"}).output(),
+                StartsWith("Begin                 End                       Length\n"));
+}
+
 TEST_F(Recordings, saysWhyTheyCannotBeListed)
 {
     const struct {
@@ -165,10 +179,14 @@ TEST_F(Recordings, saysWhyTheyCannotBeListed)
         int code;
         const char* reason;
     } cases[] = {
-        {"barred", "0", 514, "the recordings of channel 0 cannot be listed: the device does not know the resource"},
+        {"barred", "0", 514,
+         "the recordings of channel 0 cannot be listed: the device does not know the resource "
+         "(result 514); it has no archive of this channel\n"},
         {"flaky", "0", 257, "cannot be listed: the connection to the device was lost (result 257)"},
         {"mute", "0", 8, "this device's archive cannot be searched: not supported (result 8)"},
-        {"recorder", "2", 7, "the recordings of channel 2 cannot be listed: there is no such object (result 7)"},
+        {"recorder", "2", 7,
+         "the recordings of channel 2 cannot be listed: there is no such object (result 7); the "
+         "device is taken to have 2 channels, name more with --channels\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.device);

@@ -10,7 +10,9 @@
 #include "LoadedModule.h"
 #include "Monitor.h"
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <vector>
 
@@ -91,6 +93,9 @@ public:
 
     virtual const char* getName() const = 0;
     virtual const char* getSummary() const = 0;  ///< one line for the help
+
+    /// The channel that the options name; nothing for a command that is about the whole device.
+    virtual std::optional<std::uint32_t> getChannel() const { return {}; }
 
     /// Adds the command's options to its part of the option parser.
     virtual void describeOptions(CLI::App& app) = 0;

@@ -65,6 +65,7 @@ class PtzCommand final : public Command {
 public:
     const char* getName() const override { return operations.getName(); }
     const char* getSummary() const override { return operations.getSummary(); }
+    std::optional<std::uint32_t> getChannel() const override { return channel; }
 
     void describeOptions(CLI::App& app) override
     {

@@ -86,6 +86,13 @@ private:
     bool incomplete = false;
 };
 
+/// Of a search that was refused or has failed.
+const char* hintFor(std::int32_t result) noexcept
+{
+    const bool unknown = result == Tavro8::toResult(Tavro8::ResultCode::resourceNotFound);
+    return unknown ? "; it has no archive of this channel" : intervalHint(result);
+}
+
 /// One search and what it found.
 class RecordingsRun {
 public:
@@ -108,28 +115,32 @@ private:
         const std::string what = "the recordings of channel " + std::to_string(options.channel) + " cannot be listed";
         const ConnectedDevices devices(surroundings);
         ArchiveSearch archive(devices.getFirst().getDevice(), surroundings.monitor);
-        if (const std::int32_t refusal = archive.begin(options.channel, interval); refusal != 0)
-            throw Failure(ExitStatus::failed, reasonSentence(what, refusal), refusal);
-        const std::int32_t result = awaitEnd(archive);
+        std::int32_t result = archive.begin(options.channel, interval);
+        if (result == 0)
+            result = awaitEnd(archive);
         if (result != 0)
-            throw Failure(ExitStatus::failed, failureSentence(what, result), result);
+            throw Failure(ExitStatus::failed, reasonSentence(what, result) + hintFor(result), result);
         return archive.takeFound();
     }
 
-    /// However long it takes: a large archive is hundreds of requests, each of which the module watches over.
+    /// However long it takes, unless the user has chosen: a large archive is hundreds of requests, each of which the
+    /// module watches over, and only the end of all is told.
     std::int32_t awaitEnd(ArchiveSearch& archive) const
     {
         const auto startedAt = Clock::now();
+        const auto deadline = surroundings.options.timeout ? surroundings.timeoutFromNow() : Clock::time_point::max();
         const auto tick = surroundings.console.showsProgress() ? Clock::duration(std::chrono::seconds(1))
                                                                : Clock::duration(std::chrono::hours(1));
-        while (!surroundings.interrupted.stop_requested()) {
+        while (!surroundings.interrupted.stop_requested() && Clock::now() < deadline) {
             surroundings.console.progress("searching " + durationText(Clock::now() - startedAt) + " ...");
-            if (const auto end = archive.awaitEnd(surroundings.interrupted, Clock::now() + tick)) {
+            if (const auto end = archive.awaitEnd(surroundings.interrupted, std::min(deadline, Clock::now() + tick))) {
                 surroundings.console.clearProgress();
                 return *end;
             }
         }
-        throw Failure(ExitStatus::interrupted, "interrupted");
+        if (surroundings.interrupted.stop_requested())
+            throw Failure(ExitStatus::interrupted, "interrupted");
+        throw Failure(ExitStatus::failed, "the search did not end in time; allow more with --timeout");
     }
 
     void list() const
@@ -219,6 +230,7 @@ class RecordingsCommand final : public Command {
 public:
     const char* getName() const override { return "recordings"; }
     const char* getSummary() const override { return "List what the device has recorded"; }
+    std::optional<std::uint32_t> getChannel() const override { return options.channel; }
 
     void describeOptions(CLI::App& app) override
     {
@@ -238,7 +250,7 @@ public:
                    "counts once in\n"
                    "`recordedSeconds`, and what lies outside of the interval does not. A large archive takes many "
                    "requests: the search\n"
-                   "lasts as long as the device answers, whatever --timeout says.\n\n" +
+                   "lasts as long as the device answers each, unless --timeout limits it as a whole.\n\n" +
                    app.get_footer());
     }
 
