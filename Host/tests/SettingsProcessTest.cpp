@@ -113,6 +113,9 @@ TEST_F(SettingsCommand, sendsAnotherTypeWhenTold)
     EXPECT_EQ(result("stream")["code"], 3);
     EXPECT_EQ(result("all")["code"], 3);
     EXPECT_EQ(getEvent("failure")["code"], 3);
+    EXPECT_THAT(errors,
+                HasSubstr("not applied: fps: an argument is missing or has the wrong type (result 3); fps takes "
+                          "pictures a second (integer)\n"));
 }
 
 TEST_F(SettingsCommand, aResourceThatNobodyAskedForIsNoFailure)

@@ -19,6 +19,18 @@ namespace
 {
 constexpr const char* everything = "all";  // the resource that a module reports last
 
+constexpr std::int32_t wrongValue = Tavro8::toResult(Tavro8::ResultCode::invalidArgument);
+
+/// What the keys expect, for whoever gave one of them a value that cannot be used.
+std::string expectation(const std::vector<std::string>& keys)
+{
+    std::string text;
+    for (const std::string& name : keys)
+        if (const SettingKey* key = findSettingKey(name))
+            text.append("; ").append(name).append(" takes ").append(key->values).append(" (").append(key->type) += ')';
+    return text;
+}
+
 std::string joined(const std::vector<std::string>& words, const char* between)
 {
     std::string line;
@@ -131,7 +143,7 @@ private:
             return;
         surroundings.monitor.change([&] {
             for (const auto& parameter : parameters)
-                lost.push_back(parameter.first);
+                lose(parameter.first, taken);
         });
         complete(taken);
     }
@@ -158,10 +170,19 @@ private:
             if (result == 0 || keys.empty())
                 return;
             refusal = refusal == 0 ? result : refusal;
-            lost.insert(lost.end(), keys.begin(), keys.end());
+            for (const std::string& key : keys)
+                lose(key, result);
         });
     } catch (const std::exception& e) {
         surroundings.console.line(std::string("what became of a setting cannot be shown: ") + e.what());
+    }
+
+    /// Call under the monitor's lock.
+    void lose(const std::string& key, std::int32_t result)
+    {
+        lost.push_back(key);
+        if (result == wrongValue)
+            doubtful.push_back(key);
     }
 
     void report(const std::string& resource, std::int32_t result) const
@@ -211,7 +232,10 @@ private:
         fields["code"] = result;
         surroundings.output.event("result", fields, "");
         if (result != 0)
-            throw Failure(ExitStatus::failed, reasonSentence("not applied" + which(), result), result);
+            throw Failure(ExitStatus::failed,
+                          reasonSentence("not applied" + which(), result) +
+                              expectation(surroundings.monitor.read([this] { return doubtful; })),
+                          result);
         return ExitStatus::done;
     }
 
@@ -246,10 +270,11 @@ private:
 
     // Guarded by the monitor.
     std::size_t pending = 0;
-    std::int32_t outcome = 0;       ///< the first failure of those that are complete
-    std::int32_t refusal = 0;       ///< the first failure of a resource that was to be changed
-    std::set<std::string> told;     ///< resources
-    std::vector<std::string> lost;  ///< keys that were not applied
+    std::int32_t outcome = 0;           ///< the first failure of those that are complete
+    std::int32_t refusal = 0;           ///< the first failure of a resource that was to be changed
+    std::set<std::string> told;         ///< resources
+    std::vector<std::string> lost;      ///< keys that were not applied
+    std::vector<std::string> doubtful;  ///< of these: to which a value of another type or form was given
 
     ConnectedDevices devices;
     SettingsTarget<GDRV::IVideoSource> video{noteTaker()};
@@ -282,6 +307,7 @@ class SettingsCommand final : public Command {
 public:
     const char* getName() const override { return "settings"; }
     const char* getSummary() const override { return "Change settings of streams, pictures and sound"; }
+    std::optional<std::uint32_t> getChannel() const override { return place.channel; }
 
     void describeOptions(CLI::App& app) override
     {
