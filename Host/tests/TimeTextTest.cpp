@@ -28,6 +28,13 @@ TEST(TimeText, writesPartsOfASecondOnlyWhereThereAreSome)
     EXPECT_EQ(momentText(253402300799000), "9999-12-31T23:59:59Z");
 }
 
+TEST(TimeText, countsInTheSingularToo)
+{
+    EXPECT_EQ(countText(0, "frame"), "0 frames");
+    EXPECT_EQ(countText(1, "frame"), "1 frame");
+    EXPECT_EQ(countText(2, "frame"), "2 frames");
+}
+
 TEST(TimeText, writesDurations)
 {
     EXPECT_EQ(durationText(0s), "00:00");

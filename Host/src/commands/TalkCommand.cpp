@@ -195,8 +195,8 @@ private:
     void report() const
     {
         if (const std::uint64_t damaged = sound.getDamaged(); damaged > 0)
-            surroundings.console.line("remark: " + std::to_string(damaged) + " pieces of " + pathText(options.input) +
-                                      " cannot be decoded and were left out");
+            surroundings.console.line("remark: left out what cannot be decoded: " + countText(damaged, "piece") +
+                                      " of " + pathText(options.input));
         Json::Value fields(Json::objectValue);
         fields["channel"] = options.channel;
         fields["input"] = pathText(options.input);
@@ -204,8 +204,7 @@ private:
         fields["seconds"] = seconds();
         surroundings.output.event("summary", fields,
                                   "Spoken    " + decimalText(seconds(), 1) + " s to channel " +
-                                      std::to_string(options.channel) + " in " + std::to_string(packets) +
-                                      " packets\n");
+                                      std::to_string(options.channel) + " in " + countText(packets, "packet") + '\n');
     }
 
     const Surroundings& surroundings;
@@ -221,6 +220,7 @@ class TalkCommand final : public Command {
 public:
     const char* getName() const override { return "talk"; }
     const char* getSummary() const override { return "Speak a sound file to the device"; }
+    std::optional<std::uint32_t> getChannel() const override { return options.channel; }
 
     void describeOptions(CLI::App& app) override
     {
