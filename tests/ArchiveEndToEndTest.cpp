@@ -147,6 +147,26 @@ INSTANTIATE_TEST_SUITE_P(
                       OddList{"thatAreNone", "records-noarray@Offset=100", 3, 132, "Recording range list is empty."}),
     [](const auto& of) { return std::string(of.param.name); });
 
+TEST(RecordingsEndToEnd, aDeviceThatNeverAnswersIsNotWaitedForLongerThanTheUserSays)
+{
+    const SimulatorProcess device(recorder({"--fault", "hang@Records"}));
+    const ScratchFolder folder;
+    std::vector<std::string> words = listMonth();
+    words.insert(words.end(), {"--timeout", "2"});
+    const HostRun run = runHost(folder, deviceAddress(device), words);
+    EXPECT_EQ(run.status, 4);
+    EXPECT_THAT(run.errors, HasSubstr("the search did not end in time"));
+}
+
+TEST(RecordingsEndToEnd, aCameraWithoutAnArchiveSaysSo)
+{
+    const SimulatorProcess device(smallPictures());
+    const ScratchFolder folder;
+    const HostRun run = runHost(folder, deviceAddress(device), listMonth());
+    EXPECT_EQ(run.event("failure")["code"], 514);
+    EXPECT_THAT(run.errors, HasSubstr("(result 514); it has no archive of this channel\n"));
+}
+
 /// The caption of the first picture that ffmpeg gets, by itself or out of a file.
 std::string captionOf(const std::vector<std::string>& input)
 {
@@ -236,7 +256,10 @@ TEST(PlaybackEndToEnd, keyFramesAloneWhereTheDeviceOffersThem)
     const HostRun all = runHost(folder, deviceAddress(unable), words);
     EXPECT_EQ(all.status, 0) << all.errors;
     EXPECT_EQ(all.event("summary")["frames"], 80);
-    EXPECT_TRUE(all.event("summary")["speedRefused"].asBool());
+    EXPECT_FALSE(all.event("summary")["speedRefused"].asBool());
+    EXPECT_TRUE(all.event("summary")["keyFramesRefused"].asBool());
+    EXPECT_THAT(all.errors, HasSubstr("the device does not offer to play key frames only (result 8); it plays every "
+                                      "frame, 4 times as fast\n"));
 }
 
 TEST(PlaybackEndToEnd, whereNothingIsRecordedThereIsNothingToPlay)

@@ -22,8 +22,8 @@ class FrameRecorder {
 public:
     struct Wishes {
         std::filesystem::path recording;  ///< MP4 or Matroska file; empty for none
-        bool sound = false;               ///< the recording is expected to have sound
-        std::filesystem::path picture;    ///< PNG or JPEG file of the first picture; empty for none
+        ExpectedSound sound = ExpectedSound::none;
+        std::filesystem::path picture;  ///< PNG or JPEG file of the first picture; empty for none
         std::function<void(const Tavro8::GDRV::MediaFrame&)> onFrame;  ///< may be empty
         std::function<void(const RecordedPart&)> onPart;  ///< told when a file of the recording begins; may be empty
 

@@ -106,12 +106,7 @@ void PlaybackStream::OnStreamState(Tavro8::IContract*, std::int32_t result) noex
 
 void PlaybackStream::noteRefusedSpeed() noexcept
 {
-    {
-        const std::lock_guard lock(mutex);
-        if (std::exchange(played.speedRefused, true))
-            return;
-    }
-    callbacks.speedRefused();
+    monitor.change([this] { state.speedRefused = true; });
 }
 
 void PlaybackStream::OnFrame(Tavro8::IContract* source, const MediaFrame& frame) noexcept

@@ -19,7 +19,6 @@ struct PlayedMedia {
     std::uint64_t gapMs = 0;                              ///< their length
     std::uint64_t losses = 0;                             ///< frames in front of which packets are missing
     std::uint64_t soundLeftOut = 0;                       ///< frames that no picture followed to tell their place
-    bool speedRefused = false;                            ///< the device plays at its own speed, every frame
 };
 
 /// The host's end of one playback: counts what comes and passes it on. Destroying it ends the module's object; no
@@ -29,14 +28,14 @@ public:
     /// Run on the module's thread; they do not throw, and call no operation of the stream.
     struct Callbacks {
         std::function<void(const Tavro8::GDRV::DateTimeRange& gap)> gap;
-        std::function<void()> speedRefused;  ///< at most once
     };
 
     /// How it stands; results are the module's.
     struct State {
         std::optional<std::int32_t> opened;
-        std::int32_t refusal = 0;  ///< why the device does not play
-        bool ended = false;        ///< the interval was played
+        std::int32_t refusal = 0;   ///< why the device does not play
+        bool speedRefused = false;  ///< the device does not offer exactly what `setSpeed` asked for
+        bool ended = false;         ///< the interval was played
         std::optional<std::int32_t> closed;
 
         /// The result with which the connection broke; nothing while it stands or after everything was played.
@@ -57,7 +56,8 @@ public:
     /// The module's result; 0 says that `State::opened` will be told. Once. Devices may begin in front of the interval,
     /// with the key frame that its first pictures need, which is kept; what they send from its end on is left out.
     std::int32_t open(const Tavro8::GDRV::DateTimeRange& interval) noexcept;
-    /// Before or after `play`. The module's result; a device that does not offer it plays on as it did.
+    /// Before or after `play`. The module's result. Whether the device offers it shows when it plays: from
+    /// `State::speedRefused` on the result is 8 for what it does not, and changes nothing.
     std::int32_t setSpeed(std::uint32_t factor, bool keyFramesOnly) noexcept;
     std::int32_t play() noexcept { return playback->Play(); }
     void close() noexcept { playback->Close(); }

@@ -217,7 +217,8 @@ void addPlayed(Json::Value& fields, const PlayedInterval& played)
     fields["soundLeftOut"] = number(media.soundLeftOut);
     fields["speed"] = played.speed;
     fields["keyFramesOnly"] = played.keyFramesOnly;
-    fields["speedRefused"] = media.speedRefused;
+    fields["speedRefused"] = played.speedRefused;
+    fields["keyFramesRefused"] = played.keyFramesRefused;
     fields["endReached"] = played.endReached;
 }
 
@@ -249,9 +250,9 @@ std::string readableSummary(const StreamSummary& summary)
             " frames" +
             (summary.played ? "\n" : ", " + std::to_string(summary.audio->statistics.lostPackets) + " packets lost\n") +
             changesLine(summary.audio->formats);
-    else if (summary.audio && summary.played)
+    else if (summary.audio && summary.played && summary.played->playsSound())
         text += "Sound     none is recorded\n";
-    else if (summary.audio)
+    else if (summary.audio && !summary.played)
         text += silenceReason("Sound     none arrived", summary.audio->streamState) + '\n';
     if (summary.played && summary.played->media.soundLeftOut > 0)
         text += "Left out  " + countText(summary.played->media.soundLeftOut, "frame") +

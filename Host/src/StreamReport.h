@@ -51,7 +51,12 @@ struct PlayedInterval {
     PlayedMedia media;
     std::uint32_t speed = 1;  ///< as asked for, as the following
     bool keyFramesOnly = false;
+    bool speedRefused = false;      ///< the device plays at a speed of its own
+    bool keyFramesRefused = false;  ///< and every frame
     bool endReached = false;
+
+    /// Key frames alone come without sound.
+    bool playsSound() const noexcept { return !keyFramesOnly || keyFramesRefused; }
 };
 
 /// Writes the event `gap`. People read of it in a message.

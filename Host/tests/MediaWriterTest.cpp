@@ -124,7 +124,7 @@ protected:
 TEST_F(MediaWriterTest, writesH265WhoseSizeOnlyThePictureTells)
 {
     for (const char* name : {"a.mp4", "a.mkv"}) {
-        MediaWriter writer(file(name), false, note);
+        MediaWriter writer(file(name), ExpectedSound::none, note);
         writeClip(writer, [](std::int64_t) {});
         EXPECT_THAT(filesOf(writer), ElementsAre(file(name)));
         EXPECT_THAT(probe(name), HasSubstr("hevc\n"));
@@ -151,7 +151,7 @@ TEST_F(MediaWriterTest, writesEverySoundToEveryKindOfFile)
         SCOPED_TRACE(c.inMatroska);
         const Bytes data(c.bytes, 0x55);
         for (const char* name : {"s.mp4", "s.mkv"}) {
-            MediaWriter writer(file(name), true, note);
+            MediaWriter writer(file(name), ExpectedSound::certain, note);
             writeClip(writer, [&](std::int64_t time) { writer.write(sound(c.codec, c.channels, data, time)); });
             EXPECT_THAT(probe(name), HasSubstr(std::string(name) == "s.mp4" ? "aac" : c.inMatroska));
             expectDecodable(name);
@@ -168,7 +168,7 @@ TEST_F(MediaWriterTest, writesJpegPictures)
     savePicture(*picture, file("one.jpg"));
     const Bytes jpeg = readFile(file("one.jpg"));
     for (const char* name : {"j.mp4", "j.mkv"}) {
-        MediaWriter writer(file(name), false, note);
+        MediaWriter writer(file(name), ExpectedSound::none, note);
         for (int i = 0; i < 5; ++i)
             writer.write(video(MediaCodec::mjpeg, true, jpeg, beginMs + i * 40));
         writer.finish();
@@ -182,7 +182,7 @@ TEST_F(MediaWriterTest, beginsAtTheFirstKeyFrame)
 {
     const Bytes clip = readFile(std::filesystem::path(KELVO_TEST_DATA_DIR) / "ten_pictures.h265");
     const std::vector<Bytes> units = accessUnits(clip);
-    MediaWriter writer(file("k.mp4"), false, note);
+    MediaWriter writer(file("k.mp4"), ExpectedSound::none, note);
     for (std::size_t i = 3; i < units.size(); ++i)
         writer.write(video(MediaCodec::h265, i % 5 == 0, units[i], beginMs + static_cast<std::int64_t>(i) * 40));
     writer.finish();
@@ -195,7 +195,8 @@ TEST_F(MediaWriterTest, waitsForAKeyFrameOfANewCodec)
     const std::vector<Bytes> units =
         accessUnits(readFile(std::filesystem::path(KELVO_TEST_DATA_DIR) / "ten_pictures.h265"));
     std::vector<RecordedPart> begun;
-    MediaWriter writer(file("m.mkv"), false, note, [&](const RecordedPart& part) { begun.push_back(part); });
+    MediaWriter writer(file("m.mkv"), ExpectedSound::none, note,
+                       [&](const RecordedPart& part) { begun.push_back(part); });
     writer.write(video(MediaCodec::h265, true, units[0], beginMs));
     writer.write(video(MediaCodec::h264, false, Bytes{0, 0, 1, 0x41, 1, 2, 3}, beginMs + 40));
     writer.write(video(MediaCodec::h264, true, Bytes{0, 0, 1, 0x65, 1, 2, 3}, beginMs + 80));  // without parameter sets
@@ -214,7 +215,7 @@ TEST_F(MediaWriterTest, waitsForAKeyFrameOfANewCodec)
 
 TEST_F(MediaWriterTest, writesNoFileWithoutAKeyFrame)
 {
-    MediaWriter writer(file("n.mp4"), false, note);
+    MediaWriter writer(file("n.mp4"), ExpectedSound::none, note);
     writer.write(video(MediaCodec::h265, false, Bytes{0, 0, 1, 2}, beginMs));
     writer.write(video(MediaCodec::h265, true, Bytes{0, 0, 1, 0x26, 1, 0}, beginMs + 40));
     writer.write(sound(MediaCodec::g711U, 1, Bytes(320), beginMs));
@@ -225,7 +226,7 @@ TEST_F(MediaWriterTest, writesNoFileWithoutAKeyFrame)
 
 TEST_F(MediaWriterTest, beginsWithoutSoundWhenNoneCame)
 {
-    MediaWriter writer(file("q.mp4"), true, note);
+    MediaWriter writer(file("q.mp4"), ExpectedSound::certain, note);
     writeClip(writer, [](std::int64_t) {});
     EXPECT_THAT(notices, ElementsAre(HasSubstr("no sound has arrived")));
     EXPECT_THAT(probe("q.mp4"), Not(HasSubstr("aac")));
@@ -235,7 +236,7 @@ TEST_F(MediaWriterTest, beginsWithoutSoundWhenNoneCame)
 TEST_F(MediaWriterTest, beginsANewPartAtTheKeyFrameAfterTheSoundChanged)
 {
     const Bytes data(320, 0x55);
-    MediaWriter writer(file("c.mkv"), true, note);
+    MediaWriter writer(file("c.mkv"), ExpectedSound::certain, note);
     writeClip(writer, [&](std::int64_t time) {
         writer.write(sound(time < beginMs + 120 ? MediaCodec::g711U : MediaCodec::g711A, 1, data, time));
     });
@@ -250,7 +251,7 @@ TEST_F(MediaWriterTest, beginsANewPartAtTheKeyFrameAfterTheSoundChanged)
 TEST_F(MediaWriterTest, keepsSoundInStepWhenAPartOfItIsLost)
 {
     const Bytes data(320, 0x55);
-    MediaWriter writer(file("g.mp4"), true, note);
+    MediaWriter writer(file("g.mp4"), ExpectedSound::certain, note);
     writeClip(writer, [&](std::int64_t time) {
         if (time < beginMs + 80 || time > beginMs + 300)
             writer.write(sound(MediaCodec::g711U, 1, data, time));

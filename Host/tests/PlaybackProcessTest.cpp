@@ -10,6 +10,7 @@ namespace Host
 namespace
 {
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr std::uint64_t tenToThree =
     1'795'186'200'000;  // 2026-11-20 14:50:00 UTC, where a recording of the sample ends
@@ -192,7 +193,19 @@ TEST_F(Playback, asksForSpeedAndKeyFrames)
     EXPECT_EQ(summary["keyFrames"], 10);
     EXPECT_EQ(summary["speed"], 8);
     EXPECT_EQ(summary["keyFramesOnly"], true);
+    EXPECT_EQ(summary["keyFramesRefused"], false);
     EXPECT_NEAR(lengthOf("a.mp4"), 9.5, 0.6) << "the file has the times of the recording";
+    EXPECT_THAT(errors, Not(HasSubstr("no sound has arrived"))) << "none comes beside key frames";
+}
+
+TEST_F(Playback, missesNoSoundBesideKeyFrames)
+{
+    const std::vector<std::string> words{
+        "--device", "recorder", "playback", "--begin", "2026-11-20T14:00:00Z", "--end", "2026-11-20T14:00:02Z"};
+    EXPECT_THAT(run(words).output(), HasSubstr("\nSound  "));
+    std::vector<std::string> keyFrames = words;
+    keyFrames.emplace_back("--key-frames");
+    EXPECT_THAT(run(keyFrames).output(), Not(HasSubstr("\nSound  ")));
 }
 
 TEST_F(Playback, goesOnAtTheDevicesSpeedWhenItOffersNoOther)
@@ -203,9 +216,31 @@ TEST_F(Playback, goesOnAtTheDevicesSpeedWhenItOffersNoOther)
                                   "at its own speed\n"));
     EXPECT_THAT(errors, HasSubstr("no sound has arrived, so "));
     EXPECT_EQ(getEvent("summary")["speedRefused"], true);
+    EXPECT_EQ(getEvent("summary")["keyFramesRefused"], false);
     EXPECT_EQ(getEvent("summary")["frames"], 50);
     EXPECT_EQ(getEvent("summary")["audioFrames"], 0);
     expectDecodable("a.mp4");
+}
+
+TEST_F(Playback, saysWhatOfItsWishesTheDeviceDoesNotOffer)
+{
+    const struct {
+        const char* speed;
+        const char* message;
+        bool speedRefused;
+    } cases[] = {
+        {"1", "the device does not offer to play key frames only (result 8); it plays every frame\n", false},
+        {"4", "the device does not offer to play 4 times as fast (result 8); it plays at its own speed\n", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.speed);
+        play("2026-11-20T14:00:00Z", "2026-11-20T14:00:02Z", {"--speed", c.speed, "--key-frames"}, "voiceless");
+        EXPECT_EQ(status, 0) << errors;
+        EXPECT_THAT(errors, HasSubstr(c.message));
+        EXPECT_EQ(getEvent("summary")["speedRefused"], c.speedRefused);
+        EXPECT_EQ(getEvent("summary")["keyFramesRefused"], true);
+        EXPECT_EQ(getEvent("summary")["frames"], 50);
+    }
 }
 
 TEST_F(Playback, beginsANewPartWhenTheRecordedCodecChanges)
@@ -250,9 +285,11 @@ TEST_F(Playback, saysWhyNothingCanBePlayed)
         {"barred", "0", 514,
          "channel 0 from 2026-11-20T14:00:00Z to 2026-11-20T14:01:00Z cannot be played: the device does not know the "
          "resource (result 514); `kelvo-host recordings` tells what is recorded"},
-        {"unwilling", "0", 1025, "cannot be played: the device refused the stream (result 1025)"},
+        {"unwilling", "0", 1025, "cannot be played: the device refused the stream (result 1025)\n"},
         {"mute", "0", 8, "the recordings of channel 0 cannot be played: not supported (result 8)"},
-        {"recorder", "2", 7, "the recordings of channel 2 cannot be played: there is no such object (result 7)"},
+        {"recorder", "2", 7,
+         "the recordings of channel 2 cannot be played: there is no such object (result 7); the device is "
+         "taken to have 2 channels, name more with --channels"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.device);

@@ -101,7 +101,7 @@ private:
     {
         FrameRecorder::Wishes wishes;
         wishes.recording = options.files.output;
-        wishes.sound = options.request.sound;
+        wishes.sound = options.request.sound ? ExpectedSound::certain : ExpectedSound::none;
         wishes.picture = options.files.snapshot;
         wishes.onPart = [this](const RecordedPart& part) { reportPart(surroundings.output, ++partCount, part); };
         if (options.frames)

@@ -10,15 +10,19 @@
 #include "platform/ProcessUsage.h"
 
 #include <CLI/CLI.hpp>
+#include <Tavro8/ResultCode.h>
 #include <algorithm>
 #include <optional>
 
 namespace Host
 {
+using Tavro8::ResultCode;
 using Tavro8::GDRV::DateTimeRange;
 namespace
 {
 using Clock = Monitor::Clock;
+
+constexpr std::int32_t notSupported = Tavro8::toResult(ResultCode::notSupported);
 
 /// Closing says good-bye to the device, which may not answer any more.
 constexpr std::chrono::seconds closeTimeout{10};
@@ -34,12 +38,35 @@ struct PlaybackOptions {
     bool wantSpeed() const noexcept { return speed != 1 || keyFramesOnly; }
 };
 
-std::string speedText(const PlaybackOptions& options)
+/// What a device does not offer of the manner in which it was to play.
+struct Refused {
+    bool speed = false;
+    bool keyFrames = false;
+};
+
+std::string refusalText(const PlaybackOptions& options, const Refused& refused)
 {
     const std::string factor = std::to_string(options.speed) + " times as fast";
-    if (!options.keyFramesOnly)
-        return factor;
-    return options.speed == 1 ? "key frames only" : factor + ", key frames only";
+    const std::string opening = "the device does not offer ";
+    if (refused.keyFrames && refused.speed)
+        return opening + "exactly that: " + factor + ", key frames only (result 8); it plays as it can";
+    if (refused.speed)
+        return opening + "to play " + factor + " (result 8); it plays " +
+               (options.keyFramesOnly ? "" : "every frame ") + "at its own speed";
+    return opening + "to play key frames only (result 8); it plays every frame" +
+           (options.speed == 1 ? "" : ", " + factor);
+}
+
+/// Of a recording that cannot be opened or played.
+const char* whatToTry(std::int32_t result) noexcept
+{
+    switch (static_cast<ResultCode>(result)) {
+    case ResultCode::resourceNotFound:
+    case ResultCode::noSuchStream:
+        return "; `kelvo-host recordings` tells what is recorded";
+    default:
+        return intervalHint(result);
+    }
 }
 
 /// One playback. The members are in the order in which they are needed, so that they go away in the order that the
@@ -76,7 +103,7 @@ private:
     {
         FrameRecorder::Wishes wishes;
         wishes.recording = options.files.output;
-        wishes.sound = true;
+        wishes.sound = options.keyFramesOnly ? ExpectedSound::possible : ExpectedSound::certain;
         wishes.picture = options.files.snapshot;
         wishes.onPart = [this](const RecordedPart& part) { reportPart(surroundings.output, ++partCount, part); };
         return wishes;
@@ -84,16 +111,10 @@ private:
 
     PlaybackStream::Callbacks callbacks()
     {
-        return {.gap =
-                    [this](const DateTimeRange& gap) {
-                        reportGap(surroundings.output, gap);
-                        surroundings.console.line("nothing is recorded from " + intervalText(gap));
-                    },
-                .speedRefused =
-                    [this] {
-                        surroundings.console.line("the device does not offer to play " + speedText(options) +
-                                                  " (result 8); it plays every frame at its own speed");
-                    }};
+        return {.gap = [this](const DateTimeRange& gap) {
+            reportGap(surroundings.output, gap);
+            surroundings.console.line("nothing is recorded from " + intervalText(gap));
+        }};
     }
 
     bool recorderFailed() const { return recorder && recorder->hasFailed(); }
@@ -118,9 +139,7 @@ private:
 
     [[noreturn]] void refuse(std::int32_t result) const
     {
-        throw Failure(ExitStatus::failed,
-                      reasonSentence(what + " cannot be played", result) +
-                          "; `kelvo-host recordings` tells what is recorded",
+        throw Failure(ExitStatus::failed, reasonSentence(what + " cannot be played", result) + whatToTry(result),
                       result);
     }
 
@@ -156,12 +175,28 @@ private:
         throwIfInterrupted();
         const PlaybackStream::State now = state();
         if (const auto result = now.getBreak())
-            throw Failure(ExitStatus::failed, reasonSentence("the playback broke off", *result), *result);
+            throw Failure(ExitStatus::failed, reasonSentence(what + " cannot be played", *result), *result);
         if (now.refusal != 0 && !now.ended)
             refuse(now.refusal);
         if (!now.ended && !now.closed)
             throw Failure(ExitStatus::failed, "no picture arrived in time; allow more with --timeout");
         throw Failure(ExitStatus::failed, "nothing is recorded on " + what);
+    }
+
+    /// Once the device has refused the wished speed: finds out what of it, by what the module takes from then on, which
+    /// is what the device does already; and tells it.
+    void considerSpeed()
+    {
+        if (refused || !state().speedRefused)
+            return;
+        const auto offers = [this](bool keyFramesOnly) { return stream->setSpeed(options.speed, keyFramesOnly); };
+        refused = Refused{options.speed != 1, options.keyFramesOnly};
+        if (refused->speed && refused->keyFrames && offers(true) == notSupported) {
+            const std::int32_t everyFrame = offers(false);
+            refused->speed = everyFrame != 0;
+            refused->keyFrames = everyFrame != notSupported;
+        }
+        surroundings.console.line(refusalText(options, *refused));
     }
 
     std::chrono::duration<double> elapsed() const { return Clock::now() - firstFrame; }
@@ -174,11 +209,19 @@ private:
         const auto end = options.seconds > 0 ? firstFrame + std::chrono::duration_cast<Clock::duration>(
                                                                 std::chrono::duration<double>(options.seconds))
                                              : Clock::time_point::max();
-        bool over = false;
-        while (!over && !surroundings.interrupted.stop_requested() && Clock::now() < end) {
+        for (considerSpeed(); !isOver() && Clock::now() < end; considerSpeed()) {
             surroundings.console.progress(progressText(interval, stream->getPlayed(), stream->getVideo(), elapsed()));
-            over = await(std::min(end, Clock::now() + tick), [](const auto& now) { return now.ended || now.closed; });
+            await(std::min(end, Clock::now() + tick),
+                  [this](const auto& now) { return now.ended || now.closed || (now.speedRefused && !refused); });
         }
+    }
+
+    bool isOver() const
+    {
+        return surroundings.interrupted.stop_requested() || surroundings.monitor.read([this] {
+            const PlaybackStream::State& now = stream->getState();
+            return now.ended || now.closed || recorderFailed();
+        });
     }
 
     void stop()
@@ -202,6 +245,8 @@ private:
         summary.played = PlayedInterval{.media = stream->getPlayed(),
                                         .speed = options.speed,
                                         .keyFramesOnly = options.keyFramesOnly,
+                                        .speedRefused = refused && refused->speed,
+                                        .keyFramesRefused = keyFramesRefused(),
                                         .endReached = state().ended};
         const std::optional<Failure> failure = completeFiles();
         reportSummary(surroundings.output, summary);
@@ -210,6 +255,13 @@ private:
         if (failure)
             throw Failure(*failure);
         return surroundings.interrupted.stop_requested() ? ExitStatus::interrupted : ExitStatus::done;
+    }
+
+    /// The frames tell it, too, when the module does not.
+    bool keyFramesRefused() const
+    {
+        return options.keyFramesOnly &&
+               ((refused && refused->keyFrames) || summary.video.frames > summary.video.keyFrames);
     }
 
     std::string reached() const
@@ -222,6 +274,8 @@ private:
     {
         if (!recorder)
             return {};
+        // A module that is still handing over a frame, since writing does not get on, is let go.
+        recorder->getQueue().close();
         stream.reset();  // no frame comes any more
         std::optional<Failure> failure;
         try {
@@ -244,6 +298,7 @@ private:
     Clock::time_point firstFrame;
     double cpuAtFirstFrame = 0;
     std::size_t partCount = 0;  // used by the recorder's thread
+    std::optional<Refused> refused;
     std::optional<std::int32_t> broken;
     StreamSummary summary;
 
@@ -256,6 +311,7 @@ class PlaybackCommand final : public Command {
 public:
     const char* getName() const override { return "playback"; }
     const char* getSummary() const override { return "Receive what the device has recorded"; }
+    std::optional<std::uint32_t> getChannel() const override { return options.channel; }
 
     void describeOptions(CLI::App& app) override
     {
@@ -274,15 +330,19 @@ public:
         app.footer(std::string(timesHelp) +
                    "\nThe file has the times of the recording, whatever the speed; stretches in which nothing is "
                    "recorded are cut out,\n"
-                   "which a message and the event `gap` tell. Sound is recorded where the device has some. A device "
-                   "that does not offer\n"
-                   "the speed plays every frame at its own, with a message. The event `summary` is that of `live` "
-                   "with `recordedBegin`,\n"
-                   "`recordedEnd`, `gaps` and `endReached`; instead of lost packets it counts `losses`, the frames in "
-                   "front of which\n"
-                   "packets are missing. Exit status 4: nothing is recorded there, the device refuses, or the "
-                   "connection was lost; what\n"
-                   "came until then is in the file.\n\n" +
+                   "which a message and the event `gap` tell. It begins with the key frame that the first pictures "
+                   "need, which may lie in\n"
+                   "front of the interval, and ends with the interval. Sound is recorded where the device has some; "
+                   "with --key-frames\n"
+                   "devices send none. What of --speed and --key-frames the device does not offer a message tells, and "
+                   "`speedRefused` and\n"
+                   "`keyFramesRefused` in the event `summary`; that is otherwise the one of `live` with "
+                   "`recordedBegin`, `recordedEnd`,\n"
+                   "`gaps` and `endReached`. Instead of lost packets it counts `losses`, the frames in front of which "
+                   "packets are missing,\n"
+                   "and `soundLeftOut`, frames of sound that no picture followed. Exit status 4: nothing is recorded "
+                   "there, the device\n"
+                   "refuses, or the connection was lost; what came until then is in the file.\n\n" +
                    app.get_footer());
     }
 

@@ -21,11 +21,8 @@ std::string describe(const VideoFormat& format)
 }
 }  // namespace
 
-MediaWriter::MediaWriter(std::filesystem::path firstFile, bool expectSound, Notice noticeUser, PartBegun onPart)
-    : path(std::move(firstFile)),
-      soundExpected(expectSound),
-      notice(std::move(noticeUser)),
-      partBegun(std::move(onPart))
+MediaWriter::MediaWriter(std::filesystem::path firstFile, ExpectedSound sound, Notice noticeUser, PartBegun onPart)
+    : path(std::move(firstFile)), expectedSound(sound), notice(std::move(noticeUser)), partBegun(std::move(onPart))
 {}
 
 MediaWriter::~MediaWriter() = default;
@@ -87,13 +84,14 @@ void MediaWriter::writeAudio(const FrameReference& frame)
 bool MediaWriter::mayBegin() const
 {
     const std::int64_t waitedMs = pending.back()->timestampMs - pending.front()->timestampMs;
-    return !soundExpected || audio || waitedMs >= longestWaitForSoundMs || pending.size() >= mostFramesWaiting;
+    return expectedSound == ExpectedSound::none || audio || waitedMs >= longestWaitForSoundMs ||
+           pending.size() >= mostFramesWaiting;
 }
 
 void MediaWriter::begin()
 {
     beginPart(pending.front()->timestampMs);
-    if (soundExpected && !audio)
+    if (expectedSound == ExpectedSound::certain && !audio)
         notice("no sound has arrived, so " + pathText(parts.back().file) + " begins without");
     for (const FrameReference& frame : std::exchange(pending, {})) {
         if (isVideo(frame->codec))

@@ -20,6 +20,9 @@ struct RecordedPart {
     std::uint64_t pictures = 0;
 };
 
+/// Whether sound comes beside the pictures: a file waits for it then, and the user is told of its absence if certain.
+enum class ExpectedSound { none, possible, certain };
+
 /// Records a stream whose format is not known beforehand and may change.
 ///
 /// A file begins at a key frame; frames before the first one are left out. When codec or picture size change,
@@ -30,10 +33,10 @@ public:
     using Notice = std::function<void(const std::string& text)>;
     using PartBegun = std::function<void(const RecordedPart& part)>;
 
-    /// With `expectSound` the first file waits up to two seconds for sound, since a file cannot gain a track
+    /// When sound is expected the first file waits up to two seconds for it, since a file cannot gain a track
     /// later. `noticeUser` is told what the user should know, such as the beginning of a new part; `onPart` (may be
     /// empty) of each part, the first one too.
-    MediaWriter(std::filesystem::path firstFile, bool expectSound, Notice noticeUser, PartBegun onPart = {});
+    MediaWriter(std::filesystem::path firstFile, ExpectedSound sound, Notice noticeUser, PartBegun onPart = {});
     ~MediaWriter();
 
     void write(const Tavro8::GDRV::FrameReference& frame);
@@ -54,7 +57,7 @@ private:
     void beginPart(std::int64_t originMs);
 
     const std::filesystem::path path;
-    const bool soundExpected;
+    const ExpectedSound expectedSound;
     const Notice notice;
     const PartBegun partBegun;
 

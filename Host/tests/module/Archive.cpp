@@ -171,6 +171,7 @@ std::int32_t RecordingPlayback::Play() noexcept
 void RecordingPlayback::begin()
 {
     log("played");
+    knownForOneSpeed = knownForOneSpeed || speedRefused;
     const std::int32_t speedResult = toResult(speedRefused ? ResultCode::notSupported : ResultCode::success);
     playing = manners.playRefusal == 0;
     if (playing)
@@ -195,6 +196,8 @@ std::int32_t RecordingPlayback::Seek(std::uint64_t timestampMs) noexcept
 
 std::int32_t RecordingPlayback::SetSpeed(std::uint32_t factor, bool onlyKeyFrames) noexcept
 {
+    if (knownForOneSpeed && (factor != 1 || onlyKeyFrames))
+        return toResult(ResultCode::notSupported);
     loop.post(this, [this, factor, onlyKeyFrames] {
         log("speed " + std::to_string(factor) + (onlyKeyFrames ? ", key frames only" : ""));
         speedRefused = !manners.offersSpeed && (factor != 1 || onlyKeyFrames);

@@ -102,6 +102,7 @@ private:
     Tavro8::GDRV::IMediaFrameHandler* const frames;
     Tavro8::ILogger* const logger;
     const Manners manners;
+    std::atomic<bool> knownForOneSpeed{false};  ///< the host has been told
 
     // The loop's thread.
     Tavro8::GDRV::DateTimeRange interval;
