@@ -64,6 +64,34 @@ TEST(MicrophoneEndToEnd, itsSettingsReachTheirMembers)
     expectNothingLost(input);
 }
 
+TEST(MicrophoneEndToEnd, onlyTheSoundThatIsWantedIsTaken)
+{
+    const ScratchFolder folder;
+    const struct {
+        const char* offered;
+        std::vector<std::string> wanted;
+        bool comes;
+    } cases[] = {
+        {"g711u", {"--sound", "encoding=G.711"}, true},
+        {"g711u", {"--sound", "encoding=G.711", "--sound", "algorithm=u-law", "--sound", "samplerate=8000"}, true},
+        {"g711u", {"--sound", "encoding=G.711", "--sound", "algorithm=A-law"}, false},
+        {"aac", {}, true},
+        {"aac", {"--sound", "encoding=G.711"}, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.offered + testing::PrintToString(c.wanted));
+        const SimulatorProcess device(smallPictures({"--audio-codec", c.offered}));
+        std::vector<std::string> words{"live", "--seconds", "0.3", "--audio"};
+        words.insert(words.end(), c.wanted.begin(), c.wanted.end());
+        const HostRun run = runHost(folder, deviceAddress(device), words);
+        EXPECT_EQ(run.status, 0) << run.errors;
+        EXPECT_GT(run.event("summary")["frames"].asUInt(), 0U) << "pictures come in any case";
+        EXPECT_EQ(run.event("summary")["audioFrames"].asUInt() > 0, c.comes);
+        const std::string remark = "remark: of the sound that --sound asks for none has come\n";
+        EXPECT_EQ(run.errors.find(remark) != std::string::npos, !c.comes) << run.errors;
+    }
+}
+
 /// One that does not do what it is told.
 class StubbornMicrophoneEndToEnd : public testing::TestWithParam<std::string> {};
 INSTANTIATE_TEST_SUITE_P(Faults, StubbornMicrophoneEndToEnd,

@@ -53,9 +53,10 @@ void LiveStream::createVideo(GDRV::IDevice& device, const Request& request)
 
 void LiveStream::createAudio(GDRV::IDevice& device, const Request& request)
 {
-    const std::int32_t result =
-        device.CreateAudioSource(request.channel, audioReceiver.getChannelHandler(), audioReceiver.getFrameHandler(),
-                                 parametersOf(request), nullptr, &audio);
+    Tavro8::ParameterMap parameters = parametersOf(request);
+    parameters.insert(request.soundChoice.begin(), request.soundChoice.end());
+    const std::int32_t result = device.CreateAudioSource(request.channel, audioReceiver.getChannelHandler(),
+                                                         audioReceiver.getFrameHandler(), parameters, nullptr, &audio);
     if (!succeeded(result))
         console.line(failureSentence("going on without sound", result));
 }

@@ -18,7 +18,8 @@ public:
         std::uint32_t channel = 0;
         std::uint32_t stream = 0;
         bool sound = false;
-        std::string transport = "tcp";  ///< or "udp" or "auto"
+        std::string transport = "tcp";     ///< or "udp" or "auto"
+        Tavro8::ParameterMap soundChoice;  ///< what of the sound that the device offers is received; empty for any
     };
 
     /// Makes the sources; they do not run yet. `queue` (may be null) gets every frame. Throws `Failure` when

@@ -37,7 +37,7 @@ constexpr SettingKey keys[] = {
     {"shutterLevel", "exposure", integer, level, "Shutter time"},
     {"minShutterLevel", "exposure", integer, level, "Shortest shutter time"},
     {"maxShutterLevel", "exposure", integer, level, "Longest shutter time"},
-    {"slowShutterEnable", "exposure", integer, "0 or 1", "Longer shutter times in the dark"},
+    {"slowShutterEnable", "exposure", integer, "0 or 1", "Longer shutter times in the dark", true},
     {"slowShutter", "exposure", integer, level, "Longest shutter time in the dark"},
     {"minGain", "exposure", integer, level, "Least gain"},
     {"maxGain", "exposure", integer, level, "Most gain"},
@@ -48,12 +48,12 @@ constexpr SettingKey keys[] = {
     {"WDR", "exposure", integer, level, "Strength of the wide dynamic range"},
     {"OpenSensitivity", "exposure", integer, level, "How soon wide dynamic range begins"},
     {"CloseSensitivity", "exposure", integer, level, "How soon wide dynamic range ends"},
-    {"AntiFlicker", "exposure", integer, mode, "Against the flicker of lamps"},
+    {"AntiFlicker", "exposure", integer, mode, "Against the flicker of lamps", true},
     {"meteringMode", "exposure", integer, mode, "Where the light is measured"},
     {"RefBrightness", "exposure", integer, level, "How bright the measured place is to be"},
     {"HoldTime", "exposure", integer, "the camera's unit of time", "How long the measured exposure is held"},
 
-    {"smartIlluminationEnable", "illumination", integer, "0 or 1", "The camera's own lamps"},
+    {"smartIlluminationEnable", "illumination", integer, "0 or 1", "The camera's own lamps", true},
     {"smartIlluminationMode", "illumination", integer, mode, "What their brightness follows"},
     {"smartIlluminationLevel", "illumination", integer, level, "Brightness of those for near things"},
     {"smartIlluminationFarLevel", "illumination", integer, level, "Brightness of those for far things"},
@@ -82,8 +82,11 @@ constexpr SettingKey keys[] = {
     {"micMode", "audioInput", integer, mode, "How the microphone is connected; together with micNumber"},
 };
 
-/// Parameters of a sound source that choose what it receives: they go to no device, and would be lost with the command.
-constexpr std::string_view receiverKeys[] = {"encoding", "algorithm", "samplerate"};
+/// Parameters of a sound source that choose what it receives: they go to no device.
+constexpr const char* encoding = "encoding";
+constexpr const char* algorithm = "algorithm";
+constexpr const char* sampleRate = "samplerate";
+constexpr const char* g711 = "G.711";
 
 std::string lowerCase(std::string_view word)
 {
@@ -135,6 +138,12 @@ std::optional<Number> numberOf(std::string_view word)
     return error == std::errc{} && stop == word.data() + word.size() ? std::optional(number) : std::nullopt;
 }
 
+std::optional<int> positiveOf(std::string_view word)
+{
+    const auto number = numberOf<int>(word);
+    return number && *number > 0 ? number : std::nullopt;
+}
+
 std::optional<bool> flagOf(std::string_view word)
 {
     if (word == "true")
@@ -165,9 +174,11 @@ const SettingKey& knownKey(const std::string& name)
 {
     if (const SettingKey* key = findSettingKey(name))
         return *key;
-    if (std::find(std::begin(receiverKeys), std::end(receiverKeys), name) != std::end(receiverKeys))
-        refuse(name + " is no setting of the device: it chooses the sound that a receiver takes; "
-                      "`kelvo-host live --audio` takes what the device offers");
+    if (name == encoding || name == algorithm || name == sampleRate)
+        refuse(name +
+               " is no setting of the device: it chooses the sound that is received, with "
+               "`kelvo-host live --audio --sound " +
+               name + "=...`");
     std::string meant;
     for (const std::string& similar : similarSettingKeys(name))
         meant.append(meant.empty() ? "; did you mean " : " or ").append(similar);
@@ -176,11 +187,11 @@ const SettingKey& knownKey(const std::string& name)
 }
 
 template <typename Value>
-boost::any required(const std::optional<Value>& value, const Assignment& assignment, const char* what)
+boost::any required(const std::optional<Value>& value, const Assignment& assignment, const char* what,
+                    bool mayBeText = false)
 {
     if (value)
         return *value;
-    const bool mayBeText = assignment.type.empty();
     refuse(assignment.key + " takes " + what + ", not \"" + assignment.value + '"' +
            (mayBeText ? "; " + assignment.key + ":text=" + assignment.value + " sends it as a text" : ""));
 }
@@ -204,7 +215,8 @@ boost::any valueOf(const Assignment& assignment, const SettingKey& key)
     if (type == text)
         return assignment.value;
     if (type == integer)
-        return required(numberOf<int>(assignment.value), assignment, "a whole number of 32 bits");
+        return required(numberOf<int>(assignment.value), assignment, "a whole number of 32 bits",
+                        key.alsoText && assignment.type.empty());
     if (type == "flag")
         return required(flagOf(assignment.value), assignment, "true or false");
     if (type == "fraction")
@@ -259,6 +271,36 @@ std::vector<std::string> WantedSettings::resources() const
 std::vector<std::string> WantedSettings::resourcesOfSources() const
 {
     return resourcesWhere([this](const SettingKey& key) { return !(key.isSound() ? audio : video).empty(); });
+}
+
+Tavro8::ParameterMap readSoundChoice(const std::vector<std::string>& assignments)
+{
+    Tavro8::ParameterMap choice;
+    for (const std::string& words : assignments) {
+        const Assignment assignment = split(words);
+        const auto oneOf = [&](const std::string& first, const std::string& second) {
+            if (assignment.value != first && assignment.value != second)
+                refuse(assignment.key + " takes " + first + " or " + second + ", not \"" + assignment.value +
+                       "\"; without it comes what the device offers");
+            return assignment.value;
+        };
+        boost::any value;
+        if (assignment.key == encoding)
+            value = oneOf(g711, "u-law");
+        else if (assignment.key == algorithm)
+            value = oneOf("u-law", "A-law");
+        else if (assignment.key == sampleRate)
+            value = required(positiveOf(assignment.value), assignment, "a whole number of samples a second");
+        else
+            refuse("there is no choice \"" + assignment.key +
+                   "\" of sound; there are encoding, algorithm and samplerate");
+        if (!choice.emplace(assignment.key, std::move(value)).second)
+            refuse(assignment.key + " is given twice");
+    }
+    const auto chosen = choice.find(encoding);
+    if (choice.contains(algorithm) && (chosen == choice.end() || boost::any_cast<std::string>(chosen->second) != g711))
+        refuse("algorithm needs encoding=G.711, whose law it chooses");
+    return choice;
 }
 
 WantedSettings readSettings(const std::vector<std::string>& assignments)

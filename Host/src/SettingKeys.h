@@ -15,6 +15,7 @@ struct SettingKey {
     const char* type;      ///< "integer" or "text": what modules expect
     const char* values;    ///< unit, range or choice
     const char* meaning;
+    bool alsoText = false;  ///< some cameras want a text instead
 
     /// Settings of the microphone go to the channel's sound, all others to its pictures.
     bool isSound() const noexcept { return std::string_view(resource) == "audioInput"; }
@@ -41,6 +42,10 @@ struct WantedSettings {
     /// All that belong to the pictures, if any of those is concerned, and the same for the sound.
     std::vector<std::string> resourcesOfSources() const;
 };
+
+/// Reads assignments "KEY=VALUE" that choose which sound a source receives: encoding, algorithm and samplerate, which
+/// no device stores. Throws `Failure` (usage).
+Tavro8::ParameterMap readSoundChoice(const std::vector<std::string>& assignments);
 
 /// Reads assignments "KEY=VALUE", whose value has the type that the key has, and "KEY:TYPE=VALUE" for cameras that want
 /// another one: text, integer, flag (true or false) or fraction. Throws `Failure` (usage).

@@ -20,15 +20,21 @@ Value valueOf(const Tavro8::ParameterMap& parameters, const char* key)
 }
 
 /// The sentence with which `assignments` are refused.
-std::string refusal(const std::vector<std::string>& assignments)
+template <typename Read>
+std::string refusal(const std::vector<std::string>& assignments, Read&& read)
 {
     try {
-        readSettings(assignments);
+        read(assignments);
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.getStatus(), ExitStatus::usage);
         return failure.what();
     }
     return "taken";
+}
+
+std::string refusal(const std::vector<std::string>& assignments)
+{
+    return refusal(assignments, readSettings);
 }
 
 TEST(SettingKeys, explainsEachKeyOnce)
@@ -100,7 +106,8 @@ TEST(SettingKeys, refusesWhatIsNoAssignment)
         {{""}, "is no KEY=VALUE"},
         {{"brightness="}, "brightness has no value"},
         {{"codec="}, "codec has no value"},
-        {{"brightness=high"}, "brightness takes a whole number of 32 bits, not \"high\"; brightness:text=high"},
+        {{"brightness=high"}, "brightness takes a whole number of 32 bits, not \"high\""},
+        {{"AntiFlicker=auto"}, "not \"auto\"; AntiFlicker:text=auto sends it as a text"},
         {{"brightness=2.5"}, "brightness takes a whole number"},
         {{"brightness=0x10"}, "brightness takes a whole number"},
         {{"brightness= 5"}, "brightness takes a whole number"},
@@ -110,7 +117,9 @@ TEST(SettingKeys, refusesWhatIsNoAssignment)
         {{"brightness:fraction=1,5"}, "brightness takes a decimal number"},
         {{"brightness:real=1"}, "\"real\" is no type; write brightness:text, :integer, :flag or :fraction"},
         {{"brightness=1", "contrast=2", "brightness=1"}, "brightness is given twice"},
-        {{"volume=90", "encoding=G.711"}, "encoding is no setting of the device"},
+        {{"volume=90", "encoding=G.711"},
+         "encoding is no setting of the device: it chooses the sound that is received, with "
+         "`kelvo-host live --audio --sound encoding=...`"},
         {{"algorithm=u-law"}, "algorithm is no setting of the device"},
         {{"samplerate:text=8000"}, "samplerate is no setting of the device"},
         {{"volume=90", "micMode=1"}, "micMode needs micNumber"},
@@ -118,6 +127,34 @@ TEST(SettingKeys, refusesWhatIsNoAssignment)
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.assignments));
         EXPECT_THAT(refusal(c.assignments), HasSubstr(c.sentence));
+    }
+}
+
+TEST(SettingKeys, chooseTheSoundThatIsReceived)
+{
+    const auto choice = readSoundChoice({"encoding=G.711", "algorithm=A-law", "samplerate=8000"});
+    EXPECT_EQ(valueOf<std::string>(choice, "encoding"), "G.711");
+    EXPECT_EQ(valueOf<std::string>(choice, "algorithm"), "A-law");
+    EXPECT_EQ(valueOf<int>(choice, "samplerate"), 8000);
+    EXPECT_TRUE(readSoundChoice({}).empty());
+    const struct {
+        std::vector<std::string> assignments;
+        const char* sentence;
+    } cases[] = {
+        {{"encoding"}, "\"encoding\" is no KEY=VALUE"},
+        {{"encoding=AAC"}, "encoding takes G.711 or u-law, not \"AAC\"; without it comes what the device offers"},
+        {{"encoding="}, "encoding takes G.711 or u-law"},
+        {{"encoding=G.711", "algorithm=mu"}, "algorithm takes u-law or A-law, not \"mu\""},
+        {{"algorithm=A-law"}, "algorithm needs encoding=G.711"},
+        {{"encoding=u-law", "algorithm=A-law"}, "algorithm needs encoding=G.711"},
+        {{"samplerate=8k"}, "samplerate takes a whole number of samples a second, not \"8k\""},
+        {{"samplerate=0"}, "samplerate takes a whole number of samples a second, not \"0\""},
+        {{"encoding=G.711", "encoding=G.711"}, "encoding is given twice"},
+        {{"volume=3"}, "there is no choice \"volume\" of sound"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.sentence);
+        EXPECT_THAT(refusal(c.assignments, readSoundChoice), HasSubstr(c.sentence));
     }
 }
 

@@ -47,6 +47,12 @@ TEST_F(Usage, refusesACommandLineThatItCannotUse)
         {{"--device", "camera", "live", "--count", "0"}, "--count"},
         {{"--device", "camera", "live", "--count", "2", "--output", "a.mp4"}, "--count above 1"},
         {{"--device", "camera", "live", "--discard", "--frames"}, "--discard"},
+        {{"--device", "camera", "live", "--sound", "encoding=G.711"}, "give both"},
+        {{"--device", "camera", "live", "--audio", "--sound", "encoding=AAC"}, "encoding takes G.711 or u-law"},
+        {{"--device", "camera", "dance"}, "`kelvo-host --help`"},
+        {{"--device", "camera", "talk"}, "`kelvo-host talk --help`"},
+        {{"--device", "camera", "settings", "set"}, "`kelvo-host settings set --help`"},
+        {{"--device", "camera", "--timeout", "soon", "live"}, "`kelvo-host live --help`"},
     };
     for (const auto& c : cases) {
         const ChildProcess& host = run(c.arguments);

@@ -2,6 +2,7 @@
 #include "FrameRecorder.h"
 #include "LiveStream.h"
 #include "Output.h"
+#include "SettingKeys.h"
 #include "StreamReport.h"
 #include "commands/Command.h"
 #include "commands/MediaFiles.h"
@@ -230,6 +231,8 @@ private:
         summary.video = received();
         summary.audio = receivedSound();
         reportSummary(surroundings.output, summary);
+        if (!options.request.soundChoice.empty() && summary.audio->frames == 0)
+            surroundings.console.line("remark: of the sound that --sound asks for none has come");
         const bool interrupted = surroundings.interrupted.stop_requested();
         if (failure && !(interrupted && !firstFrame))
             throw Failure(*failure);
@@ -265,6 +268,7 @@ class LiveCommand final : public Command {
 public:
     const char* getName() const override { return "live"; }
     const char* getSummary() const override { return "Receive live video and sound"; }
+    std::optional<std::uint32_t> getChannel() const override { return options.request.channel; }
 
     void describeOptions(CLI::App& app) override
     {
@@ -281,6 +285,11 @@ public:
         app.add_flag("--audio", request.sound,
                      "Receive the channel's sound too; a microphone that is muted is switched on\n"
                      "and stays so");
+        app.add_option("--sound", soundChoice,
+                       "With --audio: the sound that is wanted of what the device offers, as\n"
+                       "encoding=G.711, algorithm=u-law or algorithm=A-law beside it, samplerate=8000")
+            ->allow_extra_args(false)
+            ->type_name("KEY=VALUE");
         app.add_option("--transport", request.transport,
                        "How media travel: tcp (over the RTSP connection), udp (tcp where the\n"
                        "device refuses udp or nothing arrives), or auto (udp where it refuses tcp)")
@@ -295,6 +304,7 @@ public:
     ExitStatus run(const Surroundings& surroundings) override
     {
         refuseContradictions();
+        options.request.soundChoice = readSoundChoice(soundChoice);
         requireWritable(options.files);
         return LiveRun(surroundings, options).run();
     }
@@ -313,6 +323,8 @@ private:
 
     void refuseContradictions() const
     {
+        if (!soundChoice.empty() && !options.request.sound)
+            throw Failure(ExitStatus::usage, "--sound chooses among the sound that --audio receives: give both");
         const bool looksAtFrames = !options.files.output.empty() || !options.files.snapshot.empty() || options.frames;
         if (looksAtFrames && (options.discard || options.count > 1))
             throw Failure(ExitStatus::usage, "--discard and --count above 1 only count what arrives; they go together "
@@ -320,6 +332,7 @@ private:
     }
 
     LiveOptions options;
+    std::vector<std::string> soundChoice;
 };
 }  // namespace
 
