@@ -6,12 +6,17 @@
 #include "PathText.h"
 #include "media/Picture.h"
 
+#include <chrono>
 #include <utility>
 
 namespace Host
 {
 using Tavro8::GDRV::FrameReference;
 using Tavro8::GDRV::MediaFrame;
+namespace
+{
+constexpr std::chrono::seconds patience{5};  // until the user is told what the program waits for
+}
 
 FrameRecorder::FrameRecorder(Wishes userWishes, Monitor& sharedMonitor, Console& userConsole)
     : wishes(std::move(userWishes)), monitor(sharedMonitor), console(userConsole), queue(FrameQueue::Limits{})
@@ -42,6 +47,7 @@ void FrameRecorder::run()
         }
         monitor.change([this] { failed = true; });
     }
+    monitor.change([this] { ended = true; });
 }
 
 void FrameRecorder::take(const FrameReference& frame)
@@ -77,6 +83,8 @@ std::vector<RecordedPart> FrameRecorder::getRecordings() const
 void FrameRecorder::finish()
 {
     queue.close();
+    if (!monitor.wait({}, Monitor::Clock::now() + patience, [this] { return ended; }))
+        console.line("the files are still being written; a second Ctrl-C ends the program and leaves them incomplete");
     if (thread.joinable())
         thread.join();
     if (!failure.empty())

@@ -41,7 +41,8 @@ public:
     /// True once writing has failed; call under the monitor's lock.
     bool hasFailed() const noexcept { return failed; }
 
-    /// Waits until every queued frame is written and completes the files. Call after the sources have stopped.
+    /// Waits until every queued frame is written and completes the files; a wait that takes long is told, since only
+    /// the user can end one for a disk that hangs. Call after the sources have stopped.
     /// Throws `Failure` when something that was wished for is missing, with the reason.
     void finish();
 
@@ -65,7 +66,10 @@ private:
     std::string failure;
     bool pictureSaved = false;
 
-    bool failed = false;  // guarded by the monitor
-    std::thread thread;   // last: it uses all of the above
+    // Guarded by the monitor.
+    bool failed = false;
+    bool ended = false;
+
+    std::thread thread;  // last: it uses all of the above
 };
 }  // namespace Host
