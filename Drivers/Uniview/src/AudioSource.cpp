@@ -116,8 +116,7 @@ AudioSource::AudioSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandle
                          Tavro8::Utility::LiveSourceContext sourceContext)
     : RTSPReceiverAudioSource(device, handler, parent, std::move(sourceContext)),
       weakDevice(device->weak_from_this()),
-      log(device->getLogger().get(), sourcePath, context.objectName),
-      settingsQueue(device->settingsQueue(context.channel))
+      log(device->getLogger().get(), sourcePath, context.objectName)
 {}
 
 void AudioSource::Start() noexcept
@@ -143,8 +142,8 @@ void AudioSource::Destroy() noexcept
 {
     const auto keep = shared_from_this();
     requests.end();
-    settingsQueue->drop(this);
     Tavro8::guardedVoid(log, "Uniview::AudioSource::Destroy", [&] {
+        device->dropSettings(this);
         boost::asio::post(device->service(), [self = sharedSelf()] { self->settingsTurn.reset(); });
     });
     RTSPReceiverAudioSource::Destroy();
@@ -307,19 +306,22 @@ std::int32_t AudioSource::takeSettings(const ParameterMap& changed)
 {
     const bool concernsDevice = settings::readAudioInput(changed).any();
     settings::checkAudioSink(changed);
-    const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed](SettingsQueue::Turn turn) {
-        self->beginSettings(changed, of, std::move(turn));
+    // Not earlier: which input it is shows when the device has connected.
+    const std::string path = audioInputPath(*device, context.channel);
+    const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed, path](SettingsQueue::Turn turn) {
+        self->beginSettings(changed, of, path, std::move(turn));
     };
-    return settingsQueue->take({this, &log, applyingSettings, begin, concernsDevice});
+    return device->settingsQueue(path)->take({this, &log, applyingSettings, begin, concernsDevice});
 }
 
-void AudioSource::beginSettings(const ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn)
+void AudioSource::beginSettings(const ParameterMap& given, const std::shared_ptr<Device>& of, const std::string& path,
+                                SettingsQueue::Turn turn)
 {
     if (requests.haveEnded())
         return;
     settingsTurn = std::move(turn);
     const auto failed = Tavro8::guarded(log, applyingSettings, toResult(ResultCode::unexpected), [&] {
-        applyAudioSettings(given, of);
+        applyAudioSettings(given, of, path);
         return toResult(ResultCode::success);
     });
     if (failed != 0)
@@ -338,14 +340,14 @@ void AudioSource::finishOnThrow(Step&& step)
         finishAudioInput(failed);
 }
 
-void AudioSource::applyAudioSettings(const ParameterMap& given, const std::shared_ptr<Device>& of)
+void AudioSource::applyAudioSettings(const ParameterMap& given, const std::shared_ptr<Device>& of,
+                                     const std::string& path)
 {
     adjust(given);
     if (!settings::readAudioInput(given).any())
         return finishSettings(toResult(ResultCode::success));
     if (!of->hasBeenConnected())
         return finishAudioInput(toResult(ResultCode::invalidState));  // closed while it waited
-    const std::string path = audioInputPath(*of, context.channel);
     const auto reply = onReply(
         of, applyingSettings,
         [given, path](AudioSource& self, const auto& from, const auto& ec, const auto& body, const auto& response) {

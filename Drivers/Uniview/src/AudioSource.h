@@ -26,7 +26,7 @@ namespace Uniview
 /// Threads as in `RTSPReceiverBase`; replies of the management interface come on the device's I/O thread. The
 /// microphone is switched on beside the stream and never holds it up: once for each start, or when the device has
 /// connected if that is later, and again with each later connection of the stream, since a device that restarted may be
-/// mute. Settings are applied one request of the host after the other, among all sources of the channel.
+/// mute. Settings are applied one request of the host after the other, among all sources of the device's audio input.
 class AudioSource final : public Tavro8::Utility::RTSPReceiverAudioSource<Device> {
 public:
     /// Makes a source that the host releases with `Destroy`. Arguments as in `IDevice::CreateAudioSource`.
@@ -93,8 +93,10 @@ private:
                        const char* words);
 
     std::int32_t takeSettings(const Tavro8::ParameterMap& changed);
-    void beginSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn);
-    void applyAudioSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of);
+    void beginSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of, const std::string& path,
+                       SettingsQueue::Turn turn);
+    void applyAudioSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of,
+                            const std::string& path);
     void onSettingsRead(const std::shared_ptr<Device>& of, const Tavro8::ParameterMap& given, const std::string& path,
                         lapi::Reply& reply);
     void onSettingsWritten(const Tavro8::ParameterMap& given, const std::string& path, const std::string& body,
@@ -112,7 +114,6 @@ private:
     std::atomic<bool> startCoversConnection{false};  // the microphone was seen to when the source was started
     std::atomic<bool> microphoneFailureTold{false};
     std::atomic<std::uint64_t> lastFormat{0};  // codec and sample rate of the last frame
-    const std::shared_ptr<SettingsQueue> settingsQueue;
-    SettingsQueue::Turn settingsTurn;  // of the request under way; on the I/O thread only
+    SettingsQueue::Turn settingsTurn;          // of the request under way; on the I/O thread only
 };
 }  // namespace Uniview

@@ -325,10 +325,10 @@ std::uint32_t Device::channelNumber(std::uint32_t channel) const
     return singleChannel && countsFromZero ? channel : channel + 1;
 }
 
-std::shared_ptr<SettingsQueue> Device::settingsQueue(std::uint32_t channel)
+std::shared_ptr<SettingsQueue> Device::settingsQueue(const std::string& resources)
 {
     const std::lock_guard lock(mutex);
-    auto& queue = settingsQueues[channel];
+    auto& queue = settingsQueues[resources];
     if (queue == nullptr) {
         queue = std::make_shared<SettingsQueue>(service(), [weak = weak_from_this()] {
             const auto self = weak.lock();
@@ -338,12 +338,26 @@ std::shared_ptr<SettingsQueue> Device::settingsQueue(std::uint32_t channel)
     return queue;
 }
 
+void Device::dropSettings(const void* owner)
+{
+    for (const auto& queue : allSettingsQueues())
+        queue->drop(owner);
+}
+
+/// To be used without the lock: what waits may hold whoever asks the device.
+std::vector<std::shared_ptr<SettingsQueue>> Device::allSettingsQueues() const
+{
+    std::vector<std::shared_ptr<SettingsQueue>> queues;
+    const std::lock_guard lock(mutex);
+    queues.reserve(settingsQueues.size());
+    for (const auto& [resources, queue] : settingsQueues)
+        queues.push_back(queue);
+    return queues;
+}
+
 void Device::endSettings()
 {
-    std::unique_lock lock(mutex);
-    const auto queues = settingsQueues;
-    lock.unlock();  // what waits may hold whoever asks the device
-    for (const auto& [channel, queue] : queues)
+    for (const auto& queue : allSettingsQueues())
         queue->end();
 }
 

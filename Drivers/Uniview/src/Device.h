@@ -123,8 +123,10 @@ public:
     /// `channelNumbering` is 1, otherwise the index plus one.
     std::uint32_t channelNumber(std::uint32_t channel) const;
 
-    /// The queue of all requests to apply settings of a channel; the same one each time.
-    std::shared_ptr<SettingsQueue> settingsQueue(std::uint32_t channel);
+    /// The queue of all requests to apply settings that share the resources of that name; the same one each time.
+    std::shared_ptr<SettingsQueue> settingsQueue(const std::string& resources);
+    /// Gives up what waits of that source in any of the queues.
+    void dropSettings(const void* owner);
     /// `reportExchange` for a resource that the device may lack: some firmware breaks off its answer there, which is no
     /// sign of its loss.
     void reportResourceExchange(const Tavro8::error_code& ec);
@@ -161,6 +163,7 @@ private:
     void pauseEvents();
     void runClosingActions();
     void endEvents();
+    std::vector<std::shared_ptr<SettingsQueue>> allSettingsQueues() const;
     void endSettings();
     std::int32_t applyLocalServer(const Tavro8::ParameterMap& changed, Tavro8::IAsyncActionHandler* actionHandler);
     std::int32_t adjust(const Tavro8::ParameterMap& changed) const;
@@ -173,7 +176,7 @@ private:
     ConnectionInfoPtr httpConnectionInfo;                                               // guarded by `mutex`
     std::string address;                                                                // guarded by `mutex`
     std::vector<std::pair<std::weak_ptr<void>, std::function<void()>>> closingActions;  // guarded by `mutex`
-    std::map<std::uint32_t, std::shared_ptr<SettingsQueue>> settingsQueues;             // guarded by `mutex`
+    std::map<std::string, std::shared_ptr<SettingsQueue>> settingsQueues;               // guarded by `mutex`
     mutable std::mutex mutex;
     mutable std::mutex listenerMutex;         // guards the next three; the listener may be called while it is held
     std::shared_ptr<EventListener> listener;  // made by the first attempt that got so far

@@ -11,8 +11,8 @@
 
 namespace Uniview
 {
-/// The settings of one channel of a device, one request of the host after the other: each reads, edits and writes back
-/// resources that the sources of the channel share, and two at once would undo each other's edits.
+/// Requests for the same resources of a device, one after the other: each reads, edits and writes back what several
+/// sources share, the pictures of a channel or a microphone, and two at once would undo each other's edits.
 ///
 /// Any thread. Requests begin on the I/O context; nothing is called while the lock is held.
 class SettingsQueue final : public std::enable_shared_from_this<SettingsQueue> {

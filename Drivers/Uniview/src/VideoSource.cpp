@@ -143,7 +143,7 @@ VideoSource::VideoSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandle
     : RTSPReceiverVideoSource(device, handler, parent, std::move(sourceContext)),
       maxFpsForCodec(ModelParameters::ofChannel(*device->getDescription(), context.channel).texts("maxFpsForCodec")),
       settingsLogger(device->getLogger().get(), sourcePath, context.objectName),
-      settingsQueue(device->settingsQueue(context.channel))
+      settingsQueue(device->settingsQueue("pictures of channel " + std::to_string(context.channel)))
 {}
 
 VideoSource::~VideoSource() = default;

@@ -23,7 +23,7 @@ namespace Uniview
 /// Live video of one stream of a channel, and the settings of its encoder and picture.
 ///
 /// Threads as in `RTSPReceiverBase`. Settings are applied on the device's I/O thread, one request of the host after the
-/// other among all sources of the channel.
+/// other among all sources of the channel's pictures.
 class VideoSource final : public Tavro8::Utility::RTSPReceiverVideoSource<Device> {
 public:
     /// Makes a source that the host releases with `Destroy`. Arguments as in `IDevice::CreateVideoSource`.

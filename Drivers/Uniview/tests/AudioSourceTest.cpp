@@ -24,6 +24,7 @@ using Tavro8::Utility::testkit::Camera;
 using Tavro8::Utility::testkit::PacketSender;
 using Tavro8::Utility::testkit::ScriptedPeer;
 using Results = std::vector<std::pair<std::string, std::int32_t>>;
+using Exchanges = std::vector<std::string>;
 
 constexpr const char* cameraPath = "/LAPI/V1.0/Media/Audio/Input";
 constexpr const char* getCamera = "GET /LAPI/V1.0/Media/Audio/Input";
@@ -92,6 +93,20 @@ protected:
         for (std::size_t i = 0; i < requests.size() && i < bodies.size(); ++i) {
             if (requests[i] == request)
                 found = bodies[i];
+        }
+        return found;
+    }
+    /// What a camera's input was asked and told, in that order.
+    Exchanges exchanges() const
+    {
+        const auto requests = peer.requests();
+        const auto bodies = peer.bodies();
+        Exchanges found;
+        for (std::size_t i = 0; i < requests.size() && i < bodies.size(); ++i) {
+            if (requests[i] == getCamera)
+                found.emplace_back("GET");
+            else if (requests[i] == putCamera)
+                found.push_back("PUT " + bodies[i]);
         }
         return found;
     }
@@ -497,16 +512,71 @@ TEST_F(AudioSource, settingsAreAppliedOneAfterTheOther)
     for (int i = 1; i <= 5; ++i)
         ASSERT_EQ(apply({{"volume", i}}), 0);
     ASSERT_TRUE(sound.waitSettings("all", 5));
-    std::vector<std::string> order;
-    for (const std::string& request : peer.requests()) {
-        if (request == getCamera || request == putCamera)
-            order.push_back(request.substr(0, 3));
-    }
-    std::vector<std::string> expected;
-    for (int i = 0; i < 5; ++i)
-        expected.insert(expected.end(), {"GET", "PUT"});
-    EXPECT_EQ(order, expected);
-    EXPECT_EQ(bodyOf(putCamera), "{\"InputGain\":5}");
+    Exchanges expected;
+    for (int i = 1; i <= 5; ++i)
+        expected.insert(expected.end(), {"GET", "PUT {\"InputGain\":" + std::to_string(i) + '}'});
+    EXPECT_EQ(exchanges(), expected);
+}
+
+TEST_F(AudioSource, settingsDoNotWaitForThoseOfThePicture)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"InputGain\":0}"));
+    peer.answer(std::string("PUT ") + cameraPath, 200, ok);
+    kelvo::test::ChannelHandler picture;
+    Tavro8::GDRV::IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &picture, &picture, {}, nullptr, &video), 0);
+    const std::string silent = "GET /LAPI/V1.0/Channels/0/Media/VideoInMode";
+    peer.staySilent(silent);
+    ASSERT_EQ(video->ApplySettings({{"brightness", 5}}), 0);
+    ASSERT_TRUE(peer.waitForRequest(silent));
+    EXPECT_EQ(applied({{"volume", 44}}), (Results{{"audioInput", 0}, {"all", 0}}));
+    const Results ofPicture = picture.settingsResults();
+    EXPECT_EQ(std::ranges::count(ofPicture, "all", &Results::value_type::first), 0) << "still waits for the device";
+    video->Destroy();
+}
+
+TEST_F(AudioSource, channelsOfACameraDoNotUndoEachOthersSettings)
+{
+    prepare(0, 2);
+    kelvo::test::ChannelHandler otherSound;
+    Tavro8::GDRV::IAudioSource* other = nullptr;
+    ASSERT_EQ(device->CreateAudioSource(1, &otherSound, &otherSound, {}, nullptr, &other), 0);
+    peer.staySilent(getCamera);
+    peer.answer(putCamera, 200, ok);
+    ASSERT_EQ(apply({{"volume", 7}}), 0);
+    ASSERT_EQ(other->ApplySettings({{"noiseReduce", 1}}), 0);
+    ASSERT_TRUE(peer.waitForRequest(getCamera));
+    service->barrier();
+    // What the input holds once the first is written is what the second reads.
+    peer.answer(getCamera, 200, reply("{\"InputGain\":7,\"NoiseReduction\":{\"Enabled\":0}}"));
+    peer.breakSilence(200, reply("{\"InputGain\":0,\"NoiseReduction\":{\"Enabled\":0}}"));
+    ASSERT_TRUE(sound.waitSettings("all"));
+    ASSERT_TRUE(otherSound.waitSettings("all"));
+    EXPECT_EQ(exchanges(), (Exchanges{"GET", "PUT {\"InputGain\":7,\"NoiseReduction\":{\"Enabled\":0}}", "GET",
+                                      "PUT {\"InputGain\":7,\"NoiseReduction\":{\"Enabled\":1}}"}));
+    other->Destroy();
+}
+
+TEST_F(AudioSource, channelsOfARecorderDoNotWaitForEachOther)
+{
+    make(2);
+    peer.answer(infoPath, 200, deviceInfo(1));
+    create();  // what the device is does not show before it has connected
+    kelvo::test::ChannelHandler otherSound;
+    Tavro8::GDRV::IAudioSource* other = nullptr;
+    ASSERT_EQ(device->CreateAudioSource(1, &otherSound, &otherSound, {}, nullptr, &other), 0);
+    connect();
+    const std::string silent = "GET /LAPI/V1.0/Channels/1/Media/Audio/Input";
+    peer.staySilent(silent);
+    peer.answer("/LAPI/V1.0/Channels/2/Media/Audio/Input", 200, reply("{\"InputGain\":1}"));
+    ASSERT_EQ(apply({{"volume", 2}}), 0);
+    ASSERT_TRUE(peer.waitForRequest(silent));
+    ASSERT_EQ(other->ApplySettings({{"volume", 3}}), 0);
+    ASSERT_TRUE(otherSound.waitSettings("all"));
+    EXPECT_EQ(otherSound.settingsResults(), (Results{{"audioInput", 0}, {"all", 0}}));
+    EXPECT_TRUE(sound.settingsResults().empty()) << "still waits for the device";
+    other->Destroy();
 }
 
 TEST_F(AudioSource, takesALimitedNumberOfSettings)
