@@ -81,16 +81,15 @@ lapi::Expect writeExpectation(const std::vector<char>& body) noexcept
 }
 }  // namespace
 
-struct AudioSource::Turn {
-    explicit Turn(std::shared_ptr<AudioSource> of) : source(std::move(of)), quiet(source->microphoneFailureTold) {}
-    ~Turn()
-    {
-        source->microphoneFailureTold = failed;
-        source->switchingOn = false;
-    }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
+struct AudioSource::Attempt {
+    Attempt(std::shared_ptr<AudioSource> of, SettingsQueue::Turn itsTurn)
+        : turn(std::move(itsTurn)), source(std::move(of)), quiet(source->microphoneFailureTold)
+    {}
+    ~Attempt() { source->microphoneFailureTold = failed; }
+    Attempt(const Attempt&) = delete;
+    Attempt& operator=(const Attempt&) = delete;
 
+    const SettingsQueue::Turn turn;
     const std::shared_ptr<AudioSource> source;
     const bool quiet;  // the last one failed too, and that was said
     bool failed = false;
@@ -122,20 +121,16 @@ AudioSource::AudioSource(Device* device, Tavro8::GDRV::IAsyncDeviceChannelHandle
 void AudioSource::Start() noexcept
 {
     const auto keep = shared_from_this();  // the host may destroy the source from inside `Started`
+    ++startsUnderWay;
     Tavro8::guardedVoid(log, starting, [this] {
         if (currentStream() != nullptr)
             return;  // runs already
         microphoneFailureTold = false;
-        const auto of = connectedDevice();
-        startCoversConnection = of != nullptr;
-        if (of == nullptr)
-            return;
-        // There a request is noted before its answer can lead to the next, so that `Destroy` finds the latest.
-        boost::asio::post(of->service(), [self = sharedSelf()] {
-            Tavro8::guardedVoid(self->log, starting, [&self] { self->turnMicrophoneOn(); });
-        });
+        startCoversConnection = true;
+        turnMicrophoneOn();
     });
     RTSPReceiverAudioSource::Start();
+    --startsUnderWay;
 }
 
 void AudioSource::Destroy() noexcept
@@ -171,22 +166,20 @@ void AudioSource::onFrame(const Tavro8::GDRV::MediaFrame& frame) noexcept
 
 // ---- requests -------------------------------------------------------------------------------------------------
 
-void AudioSource::Requests::note(Kind kind, Tavro8::http::CancellationPtr request)
+void AudioSource::Requests::note(Tavro8::http::CancellationPtr request)
 {
     const std::lock_guard lock(mutex);
-    underWay[kind] = std::move(request);
+    underWay = std::move(request);
     if (ended)
-        underWay[kind]->cancel();
+        underWay->cancel();
 }
 
 void AudioSource::Requests::end() noexcept
 {
     const std::lock_guard lock(mutex);
     ended = true;
-    for (const auto& request : underWay) {
-        if (request != nullptr)
-            request->cancel();
-    }
+    if (underWay != nullptr)
+        underWay->cancel();
 }
 
 bool AudioSource::Requests::haveEnded() const noexcept
@@ -219,69 +212,100 @@ std::shared_ptr<Device> AudioSource::connectedDevice() const
     return of != nullptr && of->hasBeenConnected() ? of : nullptr;
 }
 
-/// On the I/O thread, as all requests are made.
+/// Also while it is being started.
+bool AudioSource::isStarted() const
+{
+    return startsUnderWay > 0 || currentStream() != nullptr;  // in this order: a start leaves with a stream
+}
+
+/// When its turn has come, unless the source has been stopped by then. Any thread.
 void AudioSource::turnMicrophoneOn()
 {
     const auto of = connectedDevice();
-    if (of == nullptr || requests.haveEnded() || switchingOn.exchange(true))
+    if (of == nullptr)
+        startCoversConnection = false;
+    if (of == nullptr || microphoneWaits.exchange(true))
         return;
-    const auto turn = std::make_shared<Turn>(sharedSelf());
-    const std::string path = audioInputPath(*of, context.channel);
-    const auto reply = onReply(
-        of, starting,
-        [turn, path](AudioSource& self, const auto& device, const auto& ec, const auto& body, const auto& response) {
-            self.onMicrophoneState(device, turn, path, lapi::judge(ec, response, body));
-        });
-    requests.note(Requests::microphone,
-                  Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
+    const std::int32_t taken = Tavro8::guarded(log, starting, toResult(ResultCode::unexpected), [&] {
+        const std::string path = audioInputPath(*of, context.channel);
+        const auto begin = [self = sharedSelf(), path](SettingsQueue::Turn turn) {
+            self->beginMicrophone(path, std::move(turn));
+        };
+        return of->settingsQueue(path)->take({.owner = this,
+                                              .logger = &log,
+                                              .place = starting,
+                                              .begin = begin,
+                                              .concernsDevice = false,
+                                              .counts = false});
+    });
+    if (taken != 0)
+        microphoneWaits = false;
 }
 
-void AudioSource::onMicrophoneState(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,
-                                    const lapi::Reply& reply)
+/// On the I/O thread, as all requests are made: there one is noted before its answer can lead to the next, so that
+/// `Destroy` finds the latest.
+void AudioSource::beginMicrophone(const std::string& path, SettingsQueue::Turn turn)
+{
+    microphoneWaits = false;  // first: a start that still found it waiting is found started
+    const auto of = connectedDevice();
+    if (of == nullptr)
+        startCoversConnection = false;  // closed while it waited
+    if (of == nullptr || requests.haveEnded() || !isStarted())
+        return;
+    const auto attempt = std::make_shared<Attempt>(sharedSelf(), std::move(turn));
+    const auto reply = onReply(
+        of, starting,
+        [attempt, path](AudioSource& self, const auto& device, const auto& ec, const auto& body, const auto& response) {
+            self.onMicrophoneState(device, attempt, path, lapi::judge(ec, response, body));
+        });
+    requests.note(Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
+}
+
+void AudioSource::onMicrophoneState(const std::shared_ptr<Device>& of, const AttemptPtr& attempt,
+                                    const std::string& path, const lapi::Reply& reply)
 {
     if (!reply) {
-        reportFailure(*turn, starting, reply, path, "Bad request to turn on the microphone.");
+        reportFailure(*attempt, starting, reply, path, "Bad request to turn on the microphone.");
         // A camera that is there and does not say how its microphone stands may listen all the same.
         if (reply.failure != lapi::Failure::transport && !isRecorder(*of))
-            startIPC(of, turn);
+            startIPC(of, attempt);
         return;
     }
     const bool isObject = reply.data.isObject();
     if (isObject && reply.data["IsMute"].isInt() && reply.data["IsMute"].asInt() == 0) {
-        turn->failed = false;
+        attempt->failed = false;
         log.info(starting, "Microphone is already turned on");
         return;
     }
-    unmute(of, turn, path, starting);
+    unmute(of, attempt, path, starting);
 }
 
-void AudioSource::startIPC(const std::shared_ptr<Device>& of, const TurnPtr& turn)
+void AudioSource::startIPC(const std::shared_ptr<Device>& of, const AttemptPtr& attempt)
 {
-    unmute(of, turn, cameraPath, startingIPC);
+    unmute(of, attempt, cameraPath, startingIPC);
 }
 
-void AudioSource::unmute(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,
+void AudioSource::unmute(const std::shared_ptr<Device>& of, const AttemptPtr& attempt, const std::string& path,
                          const char* place)
 {
     const auto reply = onReply(
         of, place,
-        [turn, path, place](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
+        [attempt, path, place](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
             const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
             if (!judged)
-                return self.reportFailure(*turn, place, judged, path, "Bad request to turn on the microphone");
-            turn->failed = false;
+                return self.reportFailure(*attempt, place, judged, path, "Bad request to turn on the microphone");
+            attempt->failed = false;
             self.log.info(place, "Microphone is turned on");
         });
-    requests.note(Requests::microphone,
-                  Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, unmuteBody, of->service(), reply));
+    requests.note(Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, unmuteBody, of->service(), reply));
 }
 
 /// Until it works again this is said once: a device that has no microphone is asked at each connection.
-void AudioSource::reportFailure(Turn& turn, const char* place, const lapi::Reply& reply, const std::string& path,
+void AudioSource::reportFailure(Attempt& attempt, const char* place, const lapi::Reply& reply, const std::string& path,
                                 const char* words)
 {
-    turn.failed = true;
-    if (turn.quiet)
+    attempt.failed = true;
+    if (attempt.quiet)
         return;
     if (const std::string why = lapi::describe(reply, path); !why.empty())
         log.error(place, why);
@@ -354,8 +378,7 @@ void AudioSource::applyAudioSettings(const ParameterMap& given, const std::share
             lapi::Reply judged = lapi::judge(ec, response, body);
             self.finishOnThrow([&] { self.onSettingsRead(from, given, path, judged); });
         });
-    requests.note(Requests::settings,
-                  Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
+    requests.note(Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
 }
 
 void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const ParameterMap& given, const std::string& path,
@@ -382,8 +405,7 @@ void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const Parame
             const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
             self.finishOnThrow([&] { self.onSettingsWritten(given, path, edited, judged); });
         });
-    requests.note(Requests::settings,
-                  Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, edited, of->service(), written));
+    requests.note(Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, edited, of->service(), written));
 }
 
 void AudioSource::onSettingsWritten(const ParameterMap& given, const std::string& path, const std::string& body,

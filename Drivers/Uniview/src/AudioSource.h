@@ -26,7 +26,8 @@ namespace Uniview
 /// Threads as in `RTSPReceiverBase`; replies of the management interface come on the device's I/O thread. The
 /// microphone is switched on beside the stream and never holds it up: once for each start, or when the device has
 /// connected if that is later, and again with each later connection of the stream, since a device that restarted may be
-/// mute. Settings are applied one request of the host after the other, among all sources of the device's audio input.
+/// mute. That and the settings go one after the other among all sources of the device's audio input: settings are
+/// written back with all that was read, and would undo what was written in between.
 class AudioSource final : public Tavro8::Utility::RTSPReceiverAudioSource<Device> {
 public:
     /// Makes a source that the host releases with `Destroy`. Arguments as in `IDevice::CreateAudioSource`.
@@ -59,24 +60,22 @@ protected:
     bool parametersRequireRTSPClientReconnect(const Tavro8::ParameterMap& changed) const override;
 
 private:
-    /// Requests to the device that are under way, at most one of each kind. They are made on the device's I/O thread
-    /// and ended on any.
+    /// The request to the device that is under way; there is one at most. Made on the device's I/O thread and ended on
+    /// any.
     class Requests {
     public:
-        enum Kind { microphone, settings, kinds };
-
-        void note(Kind kind, Tavro8::http::CancellationPtr request);
-        void end() noexcept;  ///< takes back those under way and those to come
+        void note(Tavro8::http::CancellationPtr request);
+        void end() noexcept;  ///< takes back the one under way and those to come
         bool haveEnded() const noexcept;
 
     private:
         mutable std::mutex mutex;  // guards all below
-        Tavro8::http::CancellationPtr underWay[kinds];
+        Tavro8::http::CancellationPtr underWay;
         bool ended = false;
     };
-    /// One attempt to switch the microphone on; no other begins while it is held.
-    struct Turn;
-    using TurnPtr = std::shared_ptr<Turn>;
+    /// One attempt to switch the microphone on, and its turn.
+    struct Attempt;
+    using AttemptPtr = std::shared_ptr<Attempt>;
 
     std::shared_ptr<AudioSource> sharedSelf() { return std::static_pointer_cast<AudioSource>(shared_from_this()); }
     /// The completion of a request to the device: judges the reply and hands it to `next`, unless the source is gone.
@@ -84,12 +83,15 @@ private:
     Tavro8::http::CompletionHandler onReply(const std::shared_ptr<Device>& of, const char* place, Next next);
 
     std::shared_ptr<Device> connectedDevice() const;
+    bool isStarted() const;
     void turnMicrophoneOn();
-    void onMicrophoneState(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path,
+    void beginMicrophone(const std::string& path, SettingsQueue::Turn turn);
+    void onMicrophoneState(const std::shared_ptr<Device>& of, const AttemptPtr& attempt, const std::string& path,
                            const lapi::Reply& reply);
-    void unmute(const std::shared_ptr<Device>& of, const TurnPtr& turn, const std::string& path, const char* place);
-    void startIPC(const std::shared_ptr<Device>& of, const TurnPtr& turn);
-    void reportFailure(Turn& turn, const char* place, const lapi::Reply& reply, const std::string& path,
+    void unmute(const std::shared_ptr<Device>& of, const AttemptPtr& attempt, const std::string& path,
+                const char* place);
+    void startIPC(const std::shared_ptr<Device>& of, const AttemptPtr& attempt);
+    void reportFailure(Attempt& attempt, const char* place, const lapi::Reply& reply, const std::string& path,
                        const char* words);
 
     std::int32_t takeSettings(const Tavro8::ParameterMap& changed);
@@ -110,7 +112,8 @@ private:
         weakDevice;  // for the I/O thread, on which the host does not wait before it destroys it
     const Tavro8::LoggerHelper log;
     Requests requests;
-    std::atomic<bool> switchingOn{false};
+    std::atomic<int> startsUnderWay{0};
+    std::atomic<bool> microphoneWaits{false};        // for its turn
     std::atomic<bool> startCoversConnection{false};  // the microphone was seen to when the source was started
     std::atomic<bool> microphoneFailureTold{false};
     std::atomic<std::uint64_t> lastFormat{0};  // codec and sample rate of the last frame

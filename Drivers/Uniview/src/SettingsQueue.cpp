@@ -29,8 +29,10 @@ std::int32_t SettingsQueue::take(Request request)
         const std::lock_guard lock(mutex);
         if (ended)
             return toResult(ResultCode::invalidState);  // the host uses a source behind its device's end
-        if (waiting.size() + (underWay ? 1 : 0) < maxTaken) {
+        const bool counts = request.counts;
+        if (!counts || taken < maxTaken) {
             waiting.push_back(std::move(request));
+            taken += counts ? 1 : 0;
             if (!underWay)
                 postNext();
             return toResult(ResultCode::success);
@@ -48,6 +50,7 @@ void SettingsQueue::drop(const void* owner) noexcept
                                              [owner](const Request& request) { return request.owner != owner; });
     dropped.assign(std::make_move_iterator(first), std::make_move_iterator(waiting.end()));
     waiting.erase(first, waiting.end());
+    taken -= static_cast<std::size_t>(std::ranges::count(dropped, true, &Request::counts));
 }
 
 void SettingsQueue::end() noexcept
@@ -58,10 +61,11 @@ void SettingsQueue::end() noexcept
     dropped.swap(waiting);
 }
 
-void SettingsQueue::releaseTurn() noexcept
+void SettingsQueue::releaseTurn(bool counts) noexcept
 try {
     const std::lock_guard lock(mutex);
     underWay = false;
+    taken -= counts ? 1 : 0;
     if (!waiting.empty())
         postNext();
 } catch (...) {  // no memory: the next request that is taken carries on
@@ -83,7 +87,8 @@ void SettingsQueue::beginNext()
     underWay = true;
     lock.unlock();
     Tavro8::guardedVoid(*request.logger, request.place, [&] {
-        request.begin(Turn(this, [self = shared_from_this()](void*) { self->releaseTurn(); }));
+        request.begin(
+            Turn(this, [self = shared_from_this(), counts = request.counts](void*) { self->releaseTurn(counts); }));
     });
 }
 }  // namespace Uniview

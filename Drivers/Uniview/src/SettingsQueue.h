@@ -17,18 +17,19 @@ namespace Uniview
 /// Any thread. Requests begin on the I/O context; nothing is called while the lock is held.
 class SettingsQueue final : public std::enable_shared_from_this<SettingsQueue> {
 public:
-    static constexpr std::size_t maxTaken = 32;  ///< requests that are under way or wait
+    static constexpr std::size_t maxTaken = 32;  ///< requests that count and are under way or wait
 
     /// Held by the request that is under way. Once nobody holds it any more the next one begins.
     using Turn = std::shared_ptr<void>;
 
-    /// One request of the host to apply settings.
+    /// One request to read, edit and write.
     struct Request {
         const void* owner;                   ///< the source, whose `drop` gives the request up
         const Tavro8::LoggerHelper* logger;  ///< of the source, which `begin` keeps alive
         const char* place;                   ///< under which lines about the request are logged
         std::function<void(Turn turn)> begin;
         bool concernsDevice = true;  ///< others are taken before the device has connected
+        bool counts = true;          ///< towards `maxTaken`; of others each owner has one at most
     };
 
     /// `context` outlives the queue and all turns. `hasBeenConnected` is asked on the threads that call `take`.
@@ -46,7 +47,7 @@ public:
     void end() noexcept;
 
 private:
-    void releaseTurn() noexcept;
+    void releaseTurn(bool counts) noexcept;
     void postNext();
     void beginNext();
 
@@ -54,6 +55,7 @@ private:
     const std::function<bool()> hasBeenConnected;
     std::mutex mutex;  // guards all below
     std::deque<Request> waiting;
+    std::size_t taken = 0;  // of those that count
     bool underWay = false;
     bool ended = false;
 };

@@ -70,9 +70,9 @@ protected:
             std::exchange(source, nullptr)->Destroy();
     }
     /// A connected device of a kind, and a source of its channel.
-    void prepare(int deviceType = 0, std::uint32_t channels = 1)
+    void prepare(int deviceType = 0, std::uint32_t channels = 1, const Camera& camera = singingCamera())
     {
-        rtsp = std::make_unique<ScriptedPeer>(singingCamera().script());
+        rtsp = std::make_unique<ScriptedPeer>(camera.script());
         make(channels);
         peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
         peer.answer(infoPath, 200, deviceInfo(deviceType));
@@ -287,12 +287,8 @@ TEST_F(AudioSource, aNewConnectionLooksAfterTheMicrophoneAgain)
         if (connection.number == 0)
             connection.close();
     };
-    rtsp = std::make_unique<ScriptedPeer>(camera.script());
-    make();
-    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    prepare(0, 1, camera);
     peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
-    connect();
-    create();
     source->Start();
     EXPECT_TRUE(logger.waitFor("Microphone is already turned on", 2));
 }
@@ -308,6 +304,168 @@ TEST_F(AudioSource, asksOnceForEachStart)
     source->Stop();
     ASSERT_TRUE(sound.waitStopped());
     EXPECT_EQ(count(getCamera), 1U);
+}
+
+// ---- the microphone and settings ------------------------------------------------------------------------------
+
+constexpr const char* muted = "{\"InputGain\":1,\"IsMute\":1}";
+constexpr const char* listening = "{\"InputGain\":1,\"IsMute\":0}";
+constexpr const char* unmute = "PUT {\"IsMute\": 0}";
+
+std::string writeOf(int volume, int isMute)
+{
+    return "PUT {\"InputGain\":" + std::to_string(volume) + ",\"IsMute\":" + std::to_string(isMute) + '}';
+}
+
+/// A camera that keeps the read of the first settings waiting.
+class WaitingAudioSource : public AudioSource {
+protected:
+    void prepare(std::uint32_t channels = 1, const Camera& camera = singingCamera())
+    {
+        AudioSource::prepare(0, channels, camera);
+        peer.answer(putCamera, 200, ok);
+    }
+    void applyAndHang()
+    {
+        const std::size_t before = count(getCamera);
+        peer.staySilent(getCamera);
+        ASSERT_EQ(apply({{"volume", 90}}), 0);
+        ASSERT_TRUE(peer.waitForRequest(getCamera, before + 1));
+    }
+    /// Answers what hangs; later reads find the other state.
+    void goOn(const char* state, const char* later)
+    {
+        service->barrier();  // what does not wait for its turn would be under way by now
+        peer.answer(getCamera, 200, reply(later));
+        peer.breakSilence(200, reply(state));
+    }
+    /// What the camera is asked up to the end of settings that come last.
+    Exchanges exchangesToTheEnd(std::size_t settingsBefore = 1)
+    {
+        EXPECT_TRUE(sound.waitSettings("all", settingsBefore));
+        EXPECT_EQ(apply({{"volume", 91}}), 0);
+        EXPECT_TRUE(sound.waitSettings("all", settingsBefore + 1));
+        return exchanges();
+    }
+};
+
+TEST_F(WaitingAudioSource, settingsRightBehindAStartLeaveTheMicrophoneOn)
+{
+    prepare();
+    peer.staySilent(getCamera);
+    source->Start();
+    ASSERT_EQ(apply({{"volume", 90}}), 0);
+    ASSERT_TRUE(peer.waitForRequest(getCamera));
+    goOn(muted, listening);
+    ASSERT_TRUE(sound.waitSettings("all"));
+    EXPECT_EQ(exchanges(), (Exchanges{"GET", unmute, "GET", writeOf(90, 0)}));
+    EXPECT_EQ(sound.settingsResults(), (Results{{"audioInput", 0}, {"all", 0}}));
+}
+
+TEST_F(WaitingAudioSource, theMicrophoneWaitsForSettingsAndReceptionDoesNot)
+{
+    prepare();
+    applyAndHang();
+    source->Start();
+    EXPECT_TRUE(sound.waitFrames(1));
+    goOn(muted, muted);
+    ASSERT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_EQ(exchanges(), (Exchanges{"GET", writeOf(90, 1), "GET", unmute}));
+}
+
+TEST_F(WaitingAudioSource, settingsOfAnotherChannelLeaveTheMicrophoneOn)
+{
+    prepare(2);
+    kelvo::test::ChannelHandler otherSound;
+    Tavro8::GDRV::IAudioSource* other = nullptr;
+    ASSERT_EQ(device->CreateAudioSource(1, &otherSound, &otherSound, {}, nullptr, &other), 0);
+    peer.staySilent(getCamera);
+    source->Start();
+    ASSERT_EQ(other->ApplySettings({{"volume", 90}}), 0);
+    ASSERT_TRUE(peer.waitForRequest(getCamera));
+    goOn(muted, listening);
+    ASSERT_TRUE(otherSound.waitSettings("all"));
+    EXPECT_EQ(exchanges(), (Exchanges{"GET", unmute, "GET", writeOf(90, 0)}));
+    other->Destroy();
+}
+
+TEST_F(WaitingAudioSource, theMicrophoneOfAStoppedSourceIsLeftAlone)
+{
+    prepare();
+    applyAndHang();
+    source->Start();
+    source->Stop();
+    ASSERT_TRUE(sound.waitStopped()) << "does not wait for the turn";
+    goOn(muted, muted);
+    EXPECT_EQ(exchangesToTheEnd(), (Exchanges{"GET", writeOf(90, 1), "GET", writeOf(91, 1)}));
+}
+
+TEST_F(WaitingAudioSource, theMicrophoneOfADestroyedSourceIsLeftAlone)
+{
+    prepare(2);
+    kelvo::test::ChannelHandler otherSound;
+    Tavro8::GDRV::IAudioSource* other = nullptr;
+    ASSERT_EQ(device->CreateAudioSource(1, &otherSound, &otherSound, {}, nullptr, &other), 0);
+    applyAndHang();
+    other->Start();
+    other->Destroy();
+    goOn(muted, muted);
+    EXPECT_EQ(exchangesToTheEnd(), (Exchanges{"GET", writeOf(90, 1), "GET", writeOf(91, 1)}));
+}
+
+TEST_F(WaitingAudioSource, aSourceThatIsStartedAgainWhileItWaitsIsSeenToOnce)
+{
+    prepare();
+    applyAndHang();
+    source->Start();
+    source->Stop();
+    source->Start();
+    goOn(muted, muted);
+    ASSERT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_EQ(exchangesToTheEnd(), (Exchanges{"GET", writeOf(90, 1), "GET", unmute, "GET", writeOf(91, 1)}));
+}
+
+TEST_F(WaitingAudioSource, aMicrophoneWhoseDeviceIsClosedWhileItWaitsIsSeenToLater)
+{
+    prepare();
+    applyAndHang();
+    source->Start();
+    device->Close();
+    ASSERT_TRUE(handler.waitClosed());
+    goOn(muted, muted);
+    ASSERT_TRUE(sound.waitSettings("all"));
+    service->barrier();  // the settings give their turn up
+    service->barrier();  // the microphone has had its own
+    EXPECT_EQ(exchanges(), (Exchanges{"GET", writeOf(90, 1)}));
+    open();
+    ASSERT_TRUE(handler.waitConnected(2));
+    EXPECT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_EQ(exchanges(), (Exchanges{"GET", writeOf(90, 1), "GET", unmute}));
+}
+
+TEST_F(WaitingAudioSource, theMicrophoneOfANewConnectionWaitsToo)
+{
+    std::promise<void> hangUp;
+    Camera camera = singingCamera();
+    camera.afterPlay = [play = camera.afterPlay,
+                        hungUp = hangUp.get_future().share()](ScriptedPeer::Connection& connection) {
+        if (connection.number == 0) {
+            hungUp.wait();
+            connection.close();
+        } else {
+            play(connection);
+        }
+    };
+    prepare(1, camera);
+    peer.answer(getCamera, 200, reply(listening));
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Microphone is already turned on"));
+    applyAndHang();
+    hangUp.set_value();
+    ASSERT_TRUE(sound.waitFrames(1)) << "of the second connection";
+    goOn(listening, listening);
+    EXPECT_TRUE(logger.waitFor("Microphone is already turned on", 2));
+    EXPECT_EQ(exchanges(), (Exchanges{"GET", "GET", writeOf(90, 0), "GET"}));
 }
 
 // ---- settings -------------------------------------------------------------------------------------------------
@@ -588,6 +746,21 @@ TEST_F(AudioSource, takesALimitedNumberOfSettings)
     EXPECT_EQ(apply({{"volume", 1}}), toResult(ResultCode::deviceBusy));
     destroy();
     EXPECT_TRUE(sound.settingsResults().empty());
+}
+
+TEST_F(AudioSource, settingsOfADestroyedSourceMakeRoom)
+{
+    prepare(0, 2);
+    kelvo::test::ChannelHandler otherSound;
+    Tavro8::GDRV::IAudioSource* other = nullptr;
+    ASSERT_EQ(device->CreateAudioSource(1, &otherSound, &otherSound, {}, nullptr, &other), 0);
+    peer.staySilent(cameraPath);
+    ASSERT_EQ(apply({{"volume", 1}}), 0);
+    for (std::size_t i = 1; i < Uniview::SettingsQueue::maxTaken; ++i)
+        ASSERT_EQ(other->ApplySettings({{"volume", 1}}), 0);
+    EXPECT_EQ(apply({{"volume", 1}}), toResult(ResultCode::deviceBusy));
+    other->Destroy();
+    EXPECT_EQ(apply({{"volume", 1}}), 0);
 }
 
 TEST_F(AudioSource, mayBeDestroyedInsideTheResultOfItsSettings)

@@ -133,6 +133,38 @@ TEST_F(SettingsQueueTest, tooManyRequestsAreRefused)
     EXPECT_EQ(take(&two, "b"), 0);
 }
 
+TEST_F(SettingsQueueTest, requestsThatDoNotCountAreAlwaysTaken)
+{
+    for (std::size_t i = 0; i < SettingsQueue::maxTaken + 2; ++i) {
+        SettingsQueue::Request other = request(&two, "a");
+        other.counts = false;
+        ASSERT_EQ(queue->take(std::move(other)), 0);
+        run();
+    }
+    for (std::size_t i = 0; i < SettingsQueue::maxTaken; ++i)
+        ASSERT_EQ(take(&one, "b"), 0);
+    EXPECT_EQ(take(&one, "b"), toResult(ResultCode::deviceBusy));
+    finish();
+    EXPECT_EQ(take(&one, "b"), toResult(ResultCode::deviceBusy)) << "one that does not count has made no room";
+    queue->drop(&two);
+    EXPECT_EQ(take(&one, "b"), toResult(ResultCode::deviceBusy)) << "nor have those that were given up";
+    finish();
+    EXPECT_EQ(begun, "aab");
+    finish();
+    EXPECT_EQ(take(&one, "b"), 0);
+}
+
+TEST_F(SettingsQueueTest, requestsThatAreGivenUpMakeRoom)
+{
+    for (std::size_t i = 0; i < SettingsQueue::maxTaken; ++i)
+        ASSERT_EQ(take(i == 0 ? &two : &one, "a"), 0);
+    run();
+    queue->drop(&one);
+    for (std::size_t i = 1; i < SettingsQueue::maxTaken; ++i)
+        ASSERT_EQ(take(&one, "a"), 0);
+    EXPECT_EQ(take(&one, "a"), toResult(ResultCode::deviceBusy));
+}
+
 TEST_F(SettingsQueueTest, deviceThatIsConcernedHasToBeConnected)
 {
     connected = false;
