@@ -307,8 +307,7 @@ void AudioSource::reportFailure(Attempt& attempt, const char* place, const lapi:
     attempt.failed = true;
     if (attempt.quiet)
         return;
-    if (const std::string why = lapi::describe(reply, path); !why.empty())
-        log.error(place, why);
+    log.error(place, lapi::explain(reply, path));
     log.error(place, words);
 }
 
@@ -414,8 +413,7 @@ void AudioSource::onSettingsWritten(const ParameterMap& given, const std::string
     if (reply) {
         adjustWritten(given);
     } else {
-        if (const std::string why = lapi::describe(reply, path); !why.empty())
-            log.error(applyingSettings, why);
+        log.error(applyingSettings, lapi::explain(reply, path));
         log.error(applyingSettings, "Failed to apply settings");
         log.error(applyingSettings, "Failed request details:\n", "PUT ", path, '\n',
                   lapi::printable(body, loggedBytes));

@@ -416,4 +416,11 @@ std::string describe(const Reply& reply, std::string_view path, Wording wording)
     }
     return text.str();
 }
+
+std::string explain(const Reply& reply, std::string_view path)
+{
+    if (reply.failure != Failure::malformed)
+        return describe(reply, path);
+    return std::string(" HTTP response cannot be read, request:").append(path) + ", reason:" + reply.message;
+}
 }  // namespace Uniview::lapi

@@ -60,6 +60,8 @@ enum class Wording {
 
 /// The log line for a reply that failed. Empty for a malformed one: each caller has its own words for that.
 std::string describe(const Reply& reply, std::string_view path, Wording wording = Wording::standard);
+/// The same for callers that have none: " HTTP response cannot be read, request:/LAPI/..., reason:* Line 1, ..."
+std::string explain(const Reply& reply, std::string_view path);
 
 /// What a device says, fit for a log line and for telling it from other words: one line, UTF-8 and of about `mostBytes`
 /// (at least 3; three times as many when none of them is UTF-8), whatever the device sends. Characters that control a

@@ -261,11 +261,7 @@ void VideoSource::onSettingsWritten(const GroupTraits& group, lapi::Reply& reply
 void VideoSource::logFailure(const char* place, const lapi::Reply& reply, const GroupTraits& group,
                              const char* consequence) const
 {
-    const std::string path = pathOf(group, settingsRun->channelNumber);
-    if (reply.failure == lapi::Failure::malformed)
-        settingsLogger.error(place, " HTTP response cannot be read, request:", path, ", reason:", reply.message);
-    else
-        settingsLogger.error(place, lapi::describe(reply, path));
+    settingsLogger.error(place, lapi::explain(reply, pathOf(group, settingsRun->channelNumber)));
     settingsLogger.error(place, consequence);
 }
 

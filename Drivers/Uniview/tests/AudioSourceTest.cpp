@@ -33,6 +33,10 @@ constexpr const char* ok = "{\"Response\":{\"ResponseCode\":0,\"ResponseString\"
 constexpr const char* refused =
     "{\"Response\":{\"ResponseCode\":1,\"ResponseString\":\"No\",\"StatusString\":\"Never\",\"Data\":null}}";
 
+constexpr const char* unreadable = "{\"Response\":{}}";
+constexpr const char* whyUnreadable = " HTTP response cannot be read, request:/LAPI/V1.0/Media/Audio/Input, "
+                                      "reason:\"ResponseCode\" is missing or not an integer";
+
 std::string reply(const std::string& data)
 {
     return "{\"Response\":{\"ResponseCode\":0,\"Data\":" + data + "}}";
@@ -222,6 +226,20 @@ TEST_F(AudioSource, aMicrophoneThatCannotBeTurnedOnDoesNotPreventReception)
     EXPECT_TRUE(std::ranges::any_of(lines, [](const LogLine& line) {
         return line.function == "Uniview::AudioSource::startIPC" &&
                line.message.ends_with("chan 0: Bad request to turn on the microphone");
+    }));
+}
+
+TEST_F(AudioSource, repliesAboutTheMicrophoneThatCannotBeReadAreToldWithTheirReason)
+{
+    prepare();
+    peer.answer(cameraPath, 200, unreadable);
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Bad request to turn on the microphone", 2));
+    EXPECT_EQ(logger.count(whyUnreadable), 2U) << logger.text();
+    expectError(whyUnreadable, "Start");
+    const auto lines = logger.lines();
+    EXPECT_TRUE(std::ranges::any_of(lines, [](const LogLine& line) {
+        return line.function == "Uniview::AudioSource::startIPC" && line.message.ends_with(whyUnreadable);
     }));
 }
 
@@ -583,6 +601,17 @@ TEST_F(AudioSource, tellsARefusedWriteWithItsRequest)
               (Results{{"audioInput", toResult(ResultCode::apiError)}, {"all", toResult(ResultCode::apiError)}}));
     expectError("Failed to apply settings", "applyAudioSettings");
     expectError("Failed request details:\nPUT /LAPI/V1.0/Media/Audio/Input\n{\"InputGain\":2}", "applyAudioSettings");
+}
+
+TEST_F(AudioSource, aReplyToAWriteThatCannotBeReadIsToldWithItsReason)
+{
+    prepare();
+    peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"InputGain\":1}"));
+    peer.answer(std::string("PUT ") + cameraPath, 200, unreadable);
+    const auto code = toResult(ResultCode::malformedReply);
+    EXPECT_EQ(applied({{"volume", 2}}), (Results{{"audioInput", code}, {"all", code}}));
+    expectError(whyUnreadable, "applyAudioSettings");
+    expectError("Failed to apply settings", "applyAudioSettings");
 }
 
 TEST_F(AudioSource, aHostileDeviceNeitherControlsNorFloodsTheLogWithItsOwnWords)

@@ -102,6 +102,22 @@ TEST(LapiReply, responseCodeOtherThanZeroFailsWithTheDevicesWords)
     EXPECT_EQ(lapi::describe(reply, path), " Internal API error :Not Supported, status :Common Error");
 }
 
+TEST(LapiReply, everyFailureCanBeExplained)
+{
+    const std::string malformed = lapi::explain(judged("<html>"), path);
+    EXPECT_TRUE(malformed.starts_with(" HTTP response cannot be read, request:/LAPI/V1.0/System/DeviceInfo, reason:* "))
+        << malformed;
+    EXPECT_EQ(
+        lapi::explain(judged("[]"), path),
+        " HTTP response cannot be read, request:/LAPI/V1.0/System/DeviceInfo, reason:the reply is not a JSON object");
+    for (const lapi::Reply& other :
+         {lapi::judge(make_error_code(ResultCode::timedOut), replyWith(200), {}),
+          lapi::judge({}, replyWith(404, "Not Found"), {}), judged(""), judged(R"({"Response":{"ResponseCode":1}})")}) {
+        EXPECT_NE(lapi::explain(other, path), "");
+        EXPECT_EQ(lapi::explain(other, path), lapi::describe(other, path));
+    }
+}
+
 TEST(LapiReply, emptyMalformedAndRefusedRepliesHaveResultsOfTheirOwn)
 {
     const auto empty = judged("").result;
