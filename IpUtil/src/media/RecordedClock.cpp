@@ -107,8 +107,10 @@ void RecordedClock::resume(const Continuation& said) noexcept
 
 void RecordedClock::onFirstPacket(std::uint32_t rtpTimestamp) noexcept
 {
-    if (!pair)
+    if (!beginsAt(rtpTimestamp))
         anchor(rtpTimestamp, startMs);
+    else if (!newest)
+        newest = rtpTimestamp;
 }
 
 void RecordedClock::onRestart(std::uint32_t rtpTimestamp) noexcept
@@ -205,6 +207,16 @@ bool RecordedClock::continuesFrom(std::uint32_t from, std::uint32_t to) const no
     return ms >= -smallStepBackMs && ms <= stepAheadMs;
 }
 
+/// Whether there is a pair to go by. An announced timestamp must be near the first one that comes: some devices
+/// announce 0, or that of another session.
+bool RecordedClock::beginsAt(std::uint32_t rtpTimestamp) const noexcept
+{
+    if (!pair || newest)
+        return pair.has_value();
+    const std::int64_t ms = msBetween(pair->rtpTimestamp, rtpTimestamp);
+    return ms >= -stepBackMs && ms <= stepAheadMs;
+}
+
 /// Whether RTP time has begun anew without a word: it runs back, or to where nothing was asked for.
 bool RecordedClock::jumps(std::uint32_t rtpTimestamp) const noexcept
 {
@@ -251,7 +263,7 @@ void RecordedClock::noticeLeap(std::int64_t timeMs, std::uint32_t rtpTimestamp) 
 
 std::int64_t RecordedClock::stamp(std::uint32_t rtpTimestamp) noexcept
 {
-    if (!pair)
+    if (!beginsAt(rtpTimestamp))
         anchor(rtpTimestamp, startMs);
     else if (jumps(rtpTimestamp) || (resumed && !continues(rtpTimestamp)))
         beginRtpTime(rtpTimestamp);

@@ -85,6 +85,7 @@ private:
     bool continuesFrom(std::uint32_t from, std::uint32_t to) const noexcept;
     bool continues(std::uint32_t rtpTimestamp) const noexcept;
     bool jumps(std::uint32_t rtpTimestamp) const noexcept;
+    bool beginsAt(std::uint32_t rtpTimestamp) const noexcept;
     std::int64_t presentMs() const noexcept { return stamped ? floorMs : startMs; }
     void beginRtpTime(std::uint32_t rtpTimestamp) noexcept;
     void anchor(std::uint32_t rtpTimestamp, std::int64_t timeMs) noexcept;

@@ -162,6 +162,7 @@ TEST(RecordedClock, framesBehindANewBaseOfRtpTimeFollowTheLastUntilAReport)
 TEST(RecordedClock, rtpTimeThatRunsBackBeginsAnewBehindTheLastFrame)
 {
     RecordedClock clock(90000, {recordedMs, 0, 1});
+    EXPECT_EQ(clock.stamp(0), recordedMs);
     EXPECT_EQ(clock.stamp(ticks(3'600'000)), recordedMs + 3'600'000);
     EXPECT_EQ(clock.stamp(0), recordedMs + 3'600'040);
     EXPECT_EQ(clock.stamp(ticks(40)), recordedMs + 3'600'080);
@@ -243,6 +244,21 @@ TEST(RecordedClock, withoutATimestampInTheAnswerTimeCountsFromTheFirstPacket)
     clock.onFirstPacket(777);
     EXPECT_TRUE(clock.correct({recordedMs + 5000, {}, 1}));
     EXPECT_EQ(clock.stamp(777 + ticks(2000)), recordedMs + 7000) << "what came in front was no key frame";
+}
+
+TEST(RecordedClock, anAnnouncedTimestampThatTheFirstPacketIsNotNearIsIgnored)
+{
+    for (const std::uint32_t announced : {0U, 3'000'000'000U}) {
+        for (const bool packetFirst : {true, false}) {
+            SCOPED_TRACE(announced);
+            constexpr std::uint32_t first = 1'000'000'000;
+            RecordedClock clock(90000, {recordedMs, announced, 1, {recordedMs, recordedMs + 86'400'000}});
+            if (packetFirst)
+                clock.onFirstPacket(first);
+            EXPECT_EQ(clock.stamp(first), recordedMs);
+            EXPECT_EQ(clock.stamp(first + ticks(40)), recordedMs + 40);
+        }
+    }
 }
 
 TEST(RecordedClock, aCorrectionForAnotherPlaceThanTheFirstPacketsIsRefused)
