@@ -368,7 +368,8 @@ void RTSPClient::State::judgeTime(Clock::time_point now)
 void RTSPClient::State::supervise(Clock::time_point now)
 {
     warnOfOddities();
-    if (!resting && watchProgress(now))
+    // While the answer to PLAY or PAUSE is awaited nothing need come, and a farewell may be that of the old place.
+    if (!resting && !awaitsPlayOrPause() && watchProgress(now))
         return;
     if (now >= nextKeepAlive) {
         nextKeepAlive = now + keepAliveInterval();

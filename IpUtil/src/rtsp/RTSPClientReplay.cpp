@@ -187,8 +187,11 @@ void RTSPClient::State::onRefused(const wire::RtspClientSession::Failed& why)
     playAsked.reset();
     if (resting)
         rest();
-    else
-        forEachReceiving([](RTSPTrack& track) { track.unmute(); });
+    forEachReceiving([&, now = std::chrono::steady_clock::now()](RTSPTrack& track) {
+        if (!resting)
+            track.unmute();
+        track.beginWatch(now);
+    });
     if (const auto handler = std::exchange(onPlayDone, nullptr))
         guardedVoid(logger, playing, [&] { handler(resultOf(why), {}); });
     else

@@ -611,5 +611,72 @@ TEST_F(ReplayTest, framesInFrontOfTheFirstKeyFrameCountForTheTime)
     ASSERT_TRUE(waitFrames(1));
     EXPECT_EQ(replayer->times(), std::vector<std::int64_t>{80});
 }
+
+/// A recorder that answers its second PLAY only when some keep-alives have come behind it, and so some time has passed.
+Camera recorderThatSeeksSlowly(const OnPlay& onFirst, const OnPlay& onSecond, const OnPlay& onSecondAnswer)
+{
+    Camera recorder;
+    recorder.sdp = videoSdp;
+    struct Progress {
+        int plays = 0;
+        int keepAlives = 0;
+        ScriptedPeer::Request held;
+    };
+    recorder.intercept = [=, progress = std::make_shared<Progress>()](ScriptedPeer::Connection& connection,
+                                                                      const ScriptedPeer::Request& request) {
+        if (request.method == "GET_PARAMETER" && progress->plays == 2 && ++progress->keepAlives == 20)
+            onSecondAnswer(connection, progress->held);
+        if (request.method != "PLAY")
+            return false;
+        progress->held = request;
+        ++progress->plays == 1 ? onFirst(connection, request) : onSecond(connection, request);
+        return true;
+    };
+    return recorder;
+}
+
+TEST_F(ReplayTest, aFarewellOfTheOldPlaceIsNotTheEndWhileAnotherIsAwaited)
+{
+    loop.timing().silenceAfterBye = milliseconds(20);
+    loop.timing().keepAliveInterval = milliseconds(10);
+    replayer.emplace(loop);
+    open(recorderThatSeeksSlowly(
+        [&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+            connection.reply(request, 200);
+            sender.emplace(connection).report(recordedMs + 60'000).keyFrame();
+        },
+        [&](ScriptedPeer::Connection&, const ScriptedPeer::Request&) { sender->bye(); },
+        [&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+            connection.reply(request, 200, "Range: clock=20170426T021045Z-\r\n");
+            sender->keyFrame();
+        }));
+    beginAndWait({RecordedPlay::Interval{recordedMs + 60'000, hour.endMs}, 1, false});
+    ASSERT_TRUE(waitFrames(1));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{60'000, 0}));
+    EXPECT_EQ(replayer->ends, 0);
+}
+
+TEST_F(ReplayTest, aRecorderThatTakesItsTimeToSeekHasNotStalled)
+{
+    loop.timing().keepAliveInterval = milliseconds(10);
+    replayer.emplace(loop);
+    replayer->client->setStallTimeout(milliseconds(50));
+    std::optional<error_code> sought;
+    open(recorderThatSeeksSlowly([&](ScriptedPeer::Connection& connection,
+                                     const ScriptedPeer::Request& request) { connection.reply(request, 200); },
+                                 [](ScriptedPeer::Connection&, const ScriptedPeer::Request&) {},
+                                 [](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+                                     connection.reply(request, 200);
+                                 }));
+    replayer->client->playRecorded({hour, 1, false}, [&](const error_code&, const RecordedPlayAnswer&) {
+        replayer->client->playRecorded({hour, 1, false},
+                                       [&](const error_code& ec, const RecordedPlayAnswer&) { sought = ec; });
+    });
+    ASSERT_TRUE(loop.runUntil([&] { return sought || replayer->closed; }));
+    ASSERT_TRUE(sought.has_value());
+    EXPECT_FALSE(*sought);
+}
 }  // namespace
 }  // namespace Tavro8::Utility
