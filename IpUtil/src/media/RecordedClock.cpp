@@ -140,6 +140,14 @@ bool RecordedClock::onSenderReport(const SenderReport& report) noexcept
     return true;
 }
 
+bool RecordedClock::agreesWith(const SenderReport& report) const noexcept
+{
+    const auto utcUs = senderTimeUs(report, presentMs() * 1000);
+    if (!utcUs || !pair || !(stamped || reported))
+        return false;
+    return std::abs(timeOf(*pair, report.rtpTimestamp) - *utcUs / 1000) <= smallStepBackMs;
+}
+
 /// What the last report says against what frames have been told.
 void RecordedClock::reconcile() noexcept
 {

@@ -60,6 +60,9 @@ public:
     /// Ignored when it names no time; false when it names one that is well outside the interval.
     bool onSenderReport(const SenderReport& report) noexcept;
 
+    /// Whether a report says of its timestamp what is known already, within a second.
+    bool agreesWith(const SenderReport& report) const noexcept;
+
     std::int64_t stamp(std::uint32_t rtpTimestamp) noexcept;
 
     /// The latest time that was given to a frame.

@@ -213,7 +213,7 @@ void RTSPClient::State::onInterleaved(const wire::InterleavedFrame& frame, const
     if (track == nullptr)
         return;
     if (takesDetour) {
-        if (awaitsNewPlace)
+        if (awaitsNewPlace && isOfNewPlace(number % 2 != 0, frame.payload))
             beginAsAsked();
         if (channelsShared)
             return onSharedChannel(*track, number % 2 != 0, frame.payload, arrival);

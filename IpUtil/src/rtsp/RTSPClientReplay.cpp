@@ -2,6 +2,7 @@
 
 #include "rtsp/RTSPClientState.h"
 
+#include "wire/Rtcp.h"
 #include "wire/Text.h"
 
 #include <algorithm>
@@ -75,6 +76,20 @@ void RTSPClient::State::awaitNewPlace(bool awaited) noexcept
 {
     awaitsNewPlace = awaited;
     takesDetour = channelsShared || awaited;
+}
+
+/// Some devices send reports while they are paused, and a farewell when they hear of another place: a report that goes
+/// on with what was played is of the old one.
+bool RTSPClient::State::isOfNewPlace(bool rtcp, wire::ByteView packet)
+{
+    if (!rtcp)
+        return true;
+    const wire::RtcpCompound compound = wire::parseRtcp(packet);
+    return std::ranges::any_of(compound.senderReports, [&](const wire::RtcpSenderReport& report) {
+        bool goesOn = false;
+        forEachReceiving([&](const RTSPTrack& track) { goesOn = goesOn || track.agreesWith(report); });
+        return !goesOn;
+    });
 }
 
 /// Media come in front of the answer.
@@ -173,10 +188,18 @@ void RTSPClient::State::pauseRecorded(Completion handlePause)
     perform(session->pause());
 }
 
+/// The end may have come in front of the answer. Whoever is told may play again or tear down.
 void RTSPClient::State::onPaused()
 {
+    const bool ended = !resting && isAtEnd();
+    if (ended)
+        handOutLast();
+    if (phase != Phase::playing)
+        return;
     rest();
     tell(std::exchange(onPauseDone, nullptr), {});
+    if (ended && phase == Phase::playing && !awaitsPlayOrPause())
+        reachEnd();
 }
 
 /// The device goes on as it was.
@@ -198,16 +221,20 @@ void RTSPClient::State::onRefused(const wire::RtspClientSession::Failed& why)
         tell(std::exchange(onPauseDone, nullptr), resultOf(why));
 }
 
-/// Asked whenever a report has come: whether every track has said its farewell where the interval ends. A farewell
-/// elsewhere may be that of a file, with the next behind it: it is the end when nothing follows (`watchProgress`).
-void RTSPClient::State::noticeEnd()
+/// Whether every track has said its farewell where the interval ends. A farewell elsewhere may be that of a file, with
+/// the next behind it: it is the end when nothing follows (`watchProgress`).
+bool RTSPClient::State::isAtEnd()
 {
-    if (resting || awaitsPlayOrPause() || phase != Phase::playing)
-        return;
     bool all = true;
     forEachReceiving(
         [&](const RTSPTrack& track) { all = all && track.wasOwnBye() && track.hasSaidBye(track.statistics()); });
-    if (!all || !isNearEnd())
+    return all && isNearEnd();
+}
+
+/// Asked whenever a report has come.
+void RTSPClient::State::noticeEnd()
+{
+    if (resting || awaitsPlayOrPause() || phase != Phase::playing || !isAtEnd())
         return;
     handOutLast();
     if (phase == Phase::playing)

@@ -112,6 +112,7 @@ private:
     void forEachReceiving(Body&& body);
     void rest();
     void awaitNewPlace(bool awaited) noexcept;
+    bool isOfNewPlace(bool rtcp, wire::ByteView packet);
     void beginAsAsked();
     void continueAsAnswered(RTSPTrack& track);
     void beginAsAnswered(RTSPTrack& track);
@@ -119,6 +120,7 @@ private:
     const wire::RtspTrack* agreedOf(const RTSPTrack& track) const;
     media::RecordedClock::Start startAsAsked() const;
     media::RecordedClock::Start startAsAnswered(const RTSPTrack& track) const;
+    bool isAtEnd();
     void noticeEnd();
     void reachEnd();
     void forgetHandlers() noexcept;

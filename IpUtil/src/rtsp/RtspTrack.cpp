@@ -1,7 +1,5 @@
 #include "rtsp/RtspTrack.h"
 
-#include "wire/Rtcp.h"
-
 #include <algorithm>
 #include <random>
 #include <span>
@@ -36,6 +34,11 @@ wire::RtcpReportBlock blockOf(const media::ReceptionReport& report)
             report.jitter,
             report.lastSenderReport,
             report.delaySinceLastSenderReport};
+}
+
+media::SenderReport readReport(const wire::RtcpSenderReport& report) noexcept
+{
+    return {report.ssrc, report.ntpTime, report.rtpTimestamp};
 }
 
 /// RFC 3550 section 6.1: each compound packet begins with a report and names its source.
@@ -126,7 +129,7 @@ void RTSPTrack::onRtcp(wire::ByteView packet, const media::ArrivalTime& arrival)
     const wire::RtcpCompound compound = wire::parseRtcp(packet);
     for (const wire::RtcpSenderReport& report : compound.senderReports) {
         if (receiver != nullptr)
-            receiver->onSenderReport({report.ssrc, report.ntpTime, report.rtpTimestamp}, arrival);
+            receiver->onSenderReport(readReport(report), arrival);
     }
     if (compound.byes.empty())
         return;
@@ -150,6 +153,11 @@ void RTSPTrack::beginRecorded(const media::RecordedClock::Start& start, const me
     receiver->beginRecorded(start, first);
     packetsAtBye.reset();
     droppedWhileMuted = false;
+}
+
+bool RTSPTrack::agreesWith(const wire::RtcpSenderReport& report) const noexcept
+{
+    return receiver->ssrc() == report.ssrc && getRecordedClock().agreesWith(readReport(report));
 }
 
 void RTSPTrack::unmute()

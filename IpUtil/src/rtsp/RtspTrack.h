@@ -3,6 +3,7 @@
 #include "media/TrackReceiver.h"
 #include "rtsp/RtpPorts.h"
 #include "wire/Bytes.h"
+#include "wire/Rtcp.h"
 #include "wire/RtspMessage.h"
 
 #include <IpUtil/LoggerHelper.h>
@@ -76,6 +77,9 @@ public:
     /// Only of a recorded track.
     media::RecordedClock& getRecordedClock() noexcept { return *receiver->getRecordedClock(); }
     const media::RecordedClock& getRecordedClock() const noexcept { return *receiver->getRecordedClock(); }
+
+    /// Whether a report of its source says what is known already. Only of a recorded track.
+    bool agreesWith(const wire::RtcpSenderReport& report) const noexcept;
 
     /// The compound RTCP packet of a receiver report; empty while nothing was received.
     wire::Bytes makeReport(std::uint32_t ownSource, std::chrono::steady_clock::time_point now);

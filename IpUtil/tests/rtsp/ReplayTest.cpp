@@ -678,5 +678,47 @@ TEST_F(ReplayTest, aRecorderThatTakesItsTimeToSeekHasNotStalled)
     ASSERT_TRUE(sought.has_value());
     EXPECT_FALSE(*sought);
 }
+
+TEST_F(ReplayTest, aReportOfTheOldPlaceInFrontOfTheAnswerSaysNothingOfTheNew)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (round++ == 0) {
+            connection.reply(request, 200);
+            sender.emplace(connection).report(recordedMs + 60'000).keyFrame();
+            return;
+        }
+        sender->report(recordedMs + 60'040).bye();  // some say so while they are paused, too
+        connection.reply(request, 200);
+        sender->keyFrame();
+    }));
+    beginAndWait({RecordedPlay::Interval{recordedMs + 60'000, hour.endMs}, 1, false});
+    ASSERT_TRUE(waitFrames(1));
+    replayer->pause();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->paused.has_value(); }));
+    beginAndWait();
+    ASSERT_TRUE(waitFrames(2));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{60'000, 0}));
+}
+
+TEST_F(ReplayTest, anEndWhileAPauseIsAnsweredIsTold)
+{
+    Camera recorder = recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200);
+        sender.emplace(connection).keyFrame();
+    });
+    const auto onPlay = recorder.intercept;
+    recorder.intercept = [&, onPlay](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (request.method == "PAUSE")
+            sender->bye();
+        return onPlay(connection, request);
+    };
+    open(recorder);
+    beginAndWait({moment, 1, false});
+    ASSERT_TRUE(waitFrames(1));
+    replayer->pause();
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->paused.has_value(); }));
+    EXPECT_FALSE(*replayer->paused);
+    EXPECT_EQ(replayer->ends, 1);
+}
 }  // namespace
 }  // namespace Tavro8::Utility
