@@ -274,17 +274,17 @@ TEST_F(ReplayTest, pausedSilenceIsNoStallAndNothingIsLost)
             sender->picture();  // sent before the request was read
         return onPlay(connection, request);
     };
-    loop.timing().keepAliveInterval = milliseconds(10);
+    loop.timing().keepAliveInterval = milliseconds(50);
     replayer.emplace(loop);
-    replayer->client->setStallTimeout(milliseconds(50));
+    replayer->client->setStallTimeout(milliseconds(500));
     open(recorder);
-    ASSERT_TRUE(loop.runUntil([&] { return peer->count("GET_PARAMETER") >= 8; })) << "nothing is due before PLAY";
+    ASSERT_TRUE(loop.runUntil([&] { return peer->count("GET_PARAMETER") >= 12; })) << "nothing is due before PLAY";
     beginAndWait();
     replayer->pause();
     ASSERT_TRUE(loop.runUntil([&] { return replayer->paused.has_value(); }));
     EXPECT_FALSE(*replayer->paused);
     const std::size_t before = peer->count("GET_PARAMETER");
-    ASSERT_TRUE(loop.runUntil([&] { return peer->count("GET_PARAMETER") >= before + 10; }));
+    ASSERT_TRUE(loop.runUntil([&] { return peer->count("GET_PARAMETER") >= before + 12; }));
     EXPECT_FALSE(replayer->closed);
     beginAndWait({std::nullopt, 1, false});
     ASSERT_TRUE(waitFrames(3));
@@ -333,7 +333,7 @@ TEST_F(ReplayTest, aSessionThatTheDeviceHasForgottenEnds)
 
 TEST_F(ReplayTest, aPlayWithoutAnAnswerEndsTheConnection)
 {
-    loop.timing().requestTimeout = milliseconds(100);
+    loop.timing().requestTimeout = milliseconds(1000);
     replayer.emplace(loop);
     open(recorderWith([&](ScriptedPeer::Connection&, const ScriptedPeer::Request&) {}));
     replayer->begin();
@@ -500,7 +500,7 @@ TEST_F(ReplayTest, framesThatComeWhileNoneAreDueAreDropped)
 
 TEST_F(ReplayTest, aFarewellInTheMiddleIsTheEndOnlyWhenNothingFollows)
 {
-    loop.timing().silenceAfterBye = milliseconds(300);
+    loop.timing().silenceAfterBye = milliseconds(1000);
     replayer.emplace(loop);
     open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
         connection.reply(request, 200);
