@@ -228,6 +228,7 @@ public:
         });
     }
     std::vector<std::pair<std::string, std::int32_t>> settingsResults() const { return read(settings); }
+    std::vector<std::int32_t> streamStates() const { return read(states); }
     bool waitStopped(std::size_t times = 1)
     {
         return wait([&] { return stoppedCount >= times; });

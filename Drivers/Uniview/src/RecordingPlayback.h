@@ -28,7 +28,8 @@ class Device;
 ///
 /// Operations only say what the host wants; on the device's I/O thread that is compared with what the device does, and
 /// one PLAY or PAUSE at a time brings it there. So wishes that follow each other fast (a slider) cost no more requests
-/// than the device can answer. What the device refuses is told by `OnStreamState`; it then goes on as it was.
+/// than the device can answer. What the device refuses is told by `OnStreamState`; it then goes on as it was. Only a
+/// speed, or key frames only, may be refused and the rest be done: told as 8, like what the answer does not confirm.
 ///
 /// Frames come on the I/O thread, over TCP: a handler that takes its time slows the device down, and nothing piles up.
 ///

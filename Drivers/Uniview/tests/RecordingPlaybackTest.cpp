@@ -54,6 +54,12 @@ Camera withAnswer(Camera recorder, const std::string& method, OnPlay onRequest)
     return recorder;
 }
 
+/// Says nothing of speed and key frames.
+bool isPlain(const Request& request)
+{
+    return headerOf(request, "scale").empty() && headerOf(request, "frames").empty();
+}
+
 /// The sequence numbers of each PLAY begin elsewhere.
 std::uint16_t sequenceOf(int round)
 {
@@ -532,6 +538,143 @@ TEST_F(RecordingPlaybackTest, aSlowerSpeedThanTheOneAskedForStaysOnOffer)
     EXPECT_EQ(playback->SetSpeed(8, false), toResult(ResultCode::notSupported));
     EXPECT_EQ(playback->SetSpeed(2, false), 0);
     EXPECT_TRUE(frames.waitState(0)) << "nearly the speed is the speed";
+}
+
+TEST_F(RecordingPlaybackTest, aRecorderThatRefusesToHearOfASpeedPlaysAtItsOwn)
+{
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, isPlain(request) ? 200 : status.load());
+        if (isPlain(request))
+            RecordingSender(connection, 90000, sequenceOf(++round)).keyFrame();
+    });
+    const unsigned refusals[] = {551, 501, 404, 406, 457};
+    std::size_t opened = 0;
+    for (const unsigned refusal : refusals) {
+        SCOPED_TRACE(refusal);
+        status = refusal;
+        ASSERT_EQ(playback->Open(hour), 0);
+        ASSERT_EQ(playback->SetSpeed(8, false), 0);
+        ASSERT_EQ(playback->Play(), 0);
+        ASSERT_TRUE(frames.waitFrames(++opened));
+        settle();
+        EXPECT_EQ(frames.streamStates(), Results(opened, toResult(ResultCode::notSupported)));
+        EXPECT_EQ(playback->SetSpeed(2, false), toResult(ResultCode::notSupported));
+        playback->Close();
+        ASSERT_TRUE(handler.waitClosed(opened));
+    }
+    EXPECT_EQ(times(), Times(std::size(refusals), 0));
+    const auto all = plays();
+    ASSERT_EQ(all.size(), 2 * std::size(refusals));
+    EXPECT_EQ(headerOf(all[0], "scale"), "8");
+    EXPECT_EQ(headerOf(all[1], "range"), headerOf(all[0], "range"));
+}
+
+TEST_F(RecordingPlaybackTest, aRecorderThatRefusesToHearOfKeyFramesPlaysAllOfThem)
+{
+    make([](Connection& connection, const Request& request) {
+        connection.reply(request, isPlain(request) ? 200 : 551);
+        if (isPlain(request))
+            RecordingSender(connection).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_EQ(playback->SetSpeed(1, true), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    settle();
+    EXPECT_EQ(frames.streamStates(), Results{toResult(ResultCode::notSupported)});
+    EXPECT_EQ(playback->SetSpeed(1, true), toResult(ResultCode::notSupported));
+    EXPECT_EQ(playback->SetSpeed(8, false), 0) << "it was not asked for";
+}
+
+TEST_F(RecordingPlaybackTest, aSeekWhoseSpeedIsRefusedGoesOnWithoutIt)
+{
+    make([&](Connection& connection, const Request& request) {
+        const bool refused = ++round > 1 && !isPlain(request);
+        connection.reply(request, refused ? 551 : 200, refused ? "" : okFor(request));
+        if (!refused)
+            RecordingSender(connection, 90000, sequenceOf(round)).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_EQ(playback->SetSpeed(8, false), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    ASSERT_EQ(playback->Seek(beginMs + 60'000), 0);
+    ASSERT_TRUE(frames.waitFrames(2));
+    ASSERT_EQ(playback->Seek(beginMs + 120'000), 0);
+    ASSERT_TRUE(frames.waitFrames(3));
+    settle();
+    EXPECT_EQ(times(), (Times{0, 60'000, 120'000}));
+    EXPECT_EQ(frames.streamStates(), (Results{0, toResult(ResultCode::notSupported), 0}));
+    EXPECT_EQ(playback->SetSpeed(8, false), toResult(ResultCode::notSupported));
+    const auto all = plays();
+    ASSERT_EQ(all.size(), 4U) << "the second seek asks for no speed";
+    EXPECT_EQ(headerOf(all[1], "scale"), "8");
+    EXPECT_TRUE(isPlain(all[2]));
+    EXPECT_EQ(headerOf(all[2], "range"), headerOf(all[1], "range"));
+}
+
+TEST_F(RecordingPlaybackTest, aSpeedThatIsRefusedWhilePlayingLeavesTheOneBefore)
+{
+    make([&](Connection& connection, const Request& request) {
+        if (!sender)
+            sender.emplace(connection);
+        const bool refused = headerOf(request, "scale") == "8";
+        connection.reply(request, refused ? 551 : 200, refused ? "" : okFor(request));
+        if (!refused)
+            round++ == 0 ? sender->keyFrame() : sender->picture();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_EQ(playback->SetSpeed(4, false), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    ASSERT_EQ(playback->SetSpeed(8, false), 0);
+    ASSERT_TRUE(frames.waitFrames(2));
+    settle();
+    EXPECT_EQ(frames.streamStates(), (Results{0, toResult(ResultCode::notSupported)}));
+    EXPECT_EQ(playback->SetSpeed(8, false), toResult(ResultCode::notSupported));
+    EXPECT_EQ(playback->SetSpeed(4, false), 0);
+    settle();
+    ASSERT_EQ(plays().size(), 3U);
+    EXPECT_EQ(headerOf(plays()[2], "scale"), "4");
+}
+
+TEST_F(RecordingPlaybackTest, aPlayThatIsRefusedWithoutASpeedAsWellIsARefusal)
+{
+    status = 551;
+    make([&](Connection& connection, const Request& request) {
+        connection.reply(request, status.load());
+        if (status == 200)
+            RecordingSender(connection).keyFrame();
+    });
+    ASSERT_EQ(playback->Open(hour), 0);
+    ASSERT_EQ(playback->SetSpeed(8, true), 0);
+    ASSERT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitState(toResult(ResultCode::streamRefused)));
+    settle();
+    EXPECT_EQ(frames.streamStates(), Results{toResult(ResultCode::streamRefused)});
+    EXPECT_EQ(plays().size(), 2U);
+    EXPECT_TRUE(handler.closed().empty());
+    status = 200;
+    EXPECT_EQ(playback->SetSpeed(8, true), 0) << "nothing was shown of that";
+    EXPECT_EQ(playback->SetSpeed(1, false), 0);
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_TRUE(isPlain(plays().at(2))) << "no speed was taken that had to be left";
+}
+
+TEST_F(RecordingPlaybackTest, aPauseThatTheDeviceDoesNotKnowIsNoMatterOfSpeed)
+{
+    const Camera recorder = recorderWith([](Connection& connection, const Request& request) {
+        connection.reply(request, 200, okFor(request));
+        RecordingSender(connection).keyFrame();
+    });
+    make(withAnswer(recorder, "PAUSE",
+                    [](Connection& connection, const Request& request) { connection.reply(request, 551); }));
+    openAndPlay();
+    ASSERT_TRUE(frames.waitFrames(1));
+    EXPECT_EQ(playback->Pause(), 0);
+    ASSERT_TRUE(frames.waitState(toResult(ResultCode::requestRejected)));
+    EXPECT_EQ(frames.streamStates(), (Results{0, toResult(ResultCode::requestRejected)}));
 }
 
 TEST_F(RecordingPlaybackTest, aRefusedSeekIsLeftByPlay)

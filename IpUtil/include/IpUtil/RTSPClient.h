@@ -184,6 +184,8 @@ public:
     /// of that interval from here on, and begin with a key frame; without one none is lost. A refusal is told to the
     /// handler and changes nothing, but that frames which came while another place was asked for are gone: the next is
     /// a key frame then. One `playRecorded` or `pauseRecorded` at a time, else `invalidState`.
+    /// Where the device may have refused the speed, or key frames only, it is asked once more: for what it took last if
+    /// that is less, else without a word of either. The answer tells what came of it. Never fails with `notSupported`.
     void playRecorded(const RecordedPlay& wanted, PlayHandler handlePlay);
     /// Frames that are on their way still come, up to the call of `handlePause`. Later ones are dropped, and it goes on
     /// with a key frame where there were some.

@@ -20,6 +20,30 @@ constexpr const char* pausing = "Tavro8::Utility::RTSPClient::pauseRecorded";
 constexpr std::int64_t nearEndMs = 5000;
 // What an answer may be off from what was asked for: it begins with the key frame or the file in front.
 constexpr std::int64_t answerMarginMs = 5 * 60'000;
+
+/// Whether a refusal may be that of a speed or of key frames only. Devices that do not know these answer with a
+/// missing option, an unknown function or parameter, even with a place that they do not find. Who may not watch, or is
+/// one too many, is refused whatever is asked for.
+bool mayConcernManner(wire::RtspError error) noexcept
+{
+    return error == wire::RtspError::optionNotSupported || error == wire::RtspError::serverError ||
+           error == wire::RtspError::notFound || error == wire::RtspError::requestRefused;
+}
+
+/// Nothing was required of the device: a missing option is a refusal like any other.
+ResultCode resultOfRefusal(wire::RtspClientSession::Failed why)
+{
+    if (why.error == wire::RtspError::optionNotSupported)
+        why.error = wire::RtspError::requestRefused;
+    return resultOf(why);
+}
+
+/// Whether one asks for less speed or fewer frames than the other, and for more of nothing.
+bool asksForLess(const RecordedPlay& one, const RecordedPlay& other) noexcept
+{
+    return one.scale <= other.scale && (other.keyFramesOnly || !one.keyFramesOnly) &&
+           (one.scale != other.scale || one.keyFramesOnly != other.keyFramesOnly);
+}
 }  // namespace
 
 template <typename Body>
@@ -46,22 +70,33 @@ void RTSPClient::State::playRecorded(const RecordedPlay& wanted, PlayHandler han
         return postResult([handler = std::move(handlePlay)](const error_code& ec) { handler(ec, {}); },
                           ResultCode::invalidState);
     playAsked = wanted;
+    askedAgain = false;
     onPlayDone = std::move(handlePlay);
+    sendPlay();
+}
 
+void RTSPClient::State::sendPlay()
+{
+    const RecordedPlay& wanted = *playAsked;
     wire::RtspPlayRequest request;
     if (wanted.interval)
         request.range = write(wire::ClockRange{wanted.interval->beginMs, wanted.interval->endMs});
-    if (wanted.scale != 1 || scaleAsked != 1)
+    if (namesScale())
         request.scale = std::to_string(wanted.scale);
     if (wanted.keyFramesOnly)
         request.headers.add("Frames", "intra");
-    scaleAsked = wanted.scale;
     // What comes until the answer is of the old place, where media came; else it is ahead of the answer.
     if (resting && wanted.interval)
         awaitNewPlace(true);
     else if (resting || wanted.interval)
         forEachReceiving([&](RTSPTrack& track) { resting ? track.unmute() : track.mute(); });
     perform(session->play(request));
+}
+
+/// The ordinary speed is only named to leave another one.
+bool RTSPClient::State::namesScale() const noexcept
+{
+    return playAsked->scale != 1 || (playTaken.scale != 1 && !askedAgain);
 }
 
 /// No media are due: those that come all the same are dropped.
@@ -171,7 +206,7 @@ void RTSPClient::State::onRecordedPlaying()
         placePlayed = playAsked->interval;
     resting = false;
     awaitNewPlace(false);
-    playAsked.reset();
+    playTaken = *std::exchange(playAsked, std::nullopt);
     logger.info(playing, "playing ", url, " at the speed of ", said.scale,
                 said.keyFramesOnly ? ", key frames only" : "");
     if (const auto handler = std::exchange(onPlayDone, nullptr))
@@ -207,6 +242,8 @@ void RTSPClient::State::onRefused(const wire::RtspClientSession::Failed& why)
 {
     const bool ofPlay = why.kind == wire::RtspStepKind::play;
     logger.warning(ofPlay ? playing : pausing, wire::nameOf(why.kind), ' ', url, ": ", describeFailure(why));
+    if (canAskForLess(why))
+        return askForLess();
     playAsked.reset();
     if (resting)
         rest();
@@ -216,9 +253,28 @@ void RTSPClient::State::onRefused(const wire::RtspClientSession::Failed& why)
         track.beginWatch(now);
     });
     if (const auto handler = std::exchange(onPlayDone, nullptr))
-        guardedVoid(logger, playing, [&] { handler(resultOf(why), {}); });
+        guardedVoid(logger, playing, [&] { handler(resultOfRefusal(why), {}); });
     else
-        tell(std::exchange(onPauseDone, nullptr), resultOf(why));
+        tell(std::exchange(onPauseDone, nullptr), resultOfRefusal(why));
+}
+
+bool RTSPClient::State::canAskForLess(const wire::RtspClientSession::Failed& why) const noexcept
+{
+    return why.kind == wire::RtspStepKind::play && mayConcernManner(why.error) && !askedAgain &&
+           (namesScale() || playAsked->keyFramesOnly);
+}
+
+/// Some devices refuse to be told a speed, or which frames, instead of passing over it. What was taken last is asked
+/// for where that is less, since the device can do so; else neither is named.
+void RTSPClient::State::askForLess()
+{
+    askedAgain = true;
+    const bool tookLess = asksForLess(playTaken, *playAsked);
+    playAsked->scale = tookLess ? playTaken.scale : 1;
+    playAsked->keyFramesOnly = tookLess && playTaken.keyFramesOnly;
+    if (resting)
+        rest();
+    sendPlay();
 }
 
 /// Whether every track has said its farewell where the interval ends. A farewell elsewhere may be that of a file, with

@@ -107,6 +107,10 @@ private:
     void onRecordedPlaying();
     void onPaused();
     void onRefused(const wire::RtspClientSession::Failed& why);
+    void sendPlay();
+    bool namesScale() const noexcept;
+    bool canAskForLess(const wire::RtspClientSession::Failed& why) const noexcept;
+    void askForLess();
     bool awaitsPlayOrPause() const noexcept { return playAsked || onPauseDone; }
     template <typename Body>
     void forEachReceiving(Body&& body);
@@ -187,7 +191,8 @@ private:
     bool recorded = false;
     bool resting = false;                               // no media are due: not begun, paused or at the end
     std::optional<RecordedPlay> playAsked;              // while its answer is awaited
-    std::uint32_t scaleAsked = 1;                       // by the last PLAY
+    bool askedAgain = false;                            // for less, since the device has refused
+    RecordedPlay playTaken;                             // the last that the device has accepted
     bool awaitsNewPlace = false;                        // it rested: what comes next is of the place that is asked for
     std::optional<RecordedPlay::Interval> placePlayed;  // by the last PLAY that named one and was accepted
 

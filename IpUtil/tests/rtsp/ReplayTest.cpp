@@ -259,6 +259,66 @@ TEST_F(ReplayTest, keyFramesOnlyIsAskedForAndConfirmed)
     EXPECT_EQ(headerOf(plays().at(0), "frames"), "intra");
 }
 
+TEST_F(ReplayTest, whatHasNothingToDoWithTheSpeedIsNotAskedAgainWithoutIt)
+{
+    static constexpr struct {
+        unsigned status;
+        ResultCode expected;
+    } cases[] = {{403, ResultCode::accessDenied},
+                 {453, ResultCode::deviceBusy},
+                 {503, ResultCode::deviceBusy},
+                 {461, ResultCode::streamRefused},
+                 {302, ResultCode::unexpectedStatus}};
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, cases[static_cast<std::size_t>(round++) % std::size(cases)].status);
+    }));
+    std::size_t asked = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
+        beginAndWait({hour, 8, true});
+        EXPECT_EQ(*replayer->played, make_error_code(c.expected));
+        EXPECT_EQ(plays().size(), ++asked);
+    }
+}
+
+TEST_F(ReplayTest, aPlayWithoutSpeedIsAskedOnce)
+{
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 551);
+    }));
+    beginAndWait();
+    EXPECT_EQ(*replayer->played, make_error_code(ResultCode::streamRefused));
+    EXPECT_EQ(plays().size(), 1U);
+}
+
+TEST_F(ReplayTest, theOrdinarySpeedThatIsRefusedByNameIsAskedForWithout)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        const std::string scale = headerOf(request, "scale");
+        connection.reply(request, scale == "1" ? 457 : 200, scale.empty() ? "" : "Scale: " + scale + "\r\n");
+    }));
+    beginAndWait({hour, 8, false});
+    beginAndWait({std::nullopt, 1, false});
+    EXPECT_TRUE(replayer->isPlayed());
+    EXPECT_EQ(replayer->answer.scale, 1.0);
+    ASSERT_EQ(plays().size(), 3U);
+    EXPECT_EQ(headerOf(plays()[2], "scale"), "");
+}
+
+TEST_F(ReplayTest, mediaInFrontOfARefusalAreNotOfThePlaceAskedForAgain)
+{
+    open(recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        if (++round == 1)
+            RecordingSender(connection, 777, 5000).report(recordedMs + 700).keyFrame();
+        connection.reply(request, round == 1 ? 551 : 200);
+        if (round == 2)
+            RecordingSender(connection).keyFrame().picture();
+    }));
+    beginAndWait({hour, 8, false});
+    ASSERT_TRUE(waitFrames(3));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{700, 0, 40}));
+}
+
 TEST_F(ReplayTest, pausedSilenceIsNoStallAndNothingIsLost)
 {
     Camera recorder = recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
