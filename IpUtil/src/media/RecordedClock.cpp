@@ -30,6 +30,9 @@ constexpr std::int64_t stepAheadMs = 60'000;
 // A difference between a report and the frames in front of it that is no matter of drift.
 constexpr std::int64_t leapMs = 10'000;
 constexpr int leapConfirmations = 2;
+// What the answer to a PLAY that goes on may be off from where it was paused: it names whole seconds, or the key frame
+// that comes next.
+constexpr std::int64_t pauseMarginMs = 2000;
 // Where the next frame is guessed: 25 of them in a second.
 constexpr std::int64_t usualFrameMs = 40;
 
@@ -95,8 +98,13 @@ void RecordedClock::resume(const Continuation& said) noexcept
         return;
     }
     const bool namesTime = said.timeMs && *said.timeMs > presentMs() && isOfInterval(*said.timeMs);
-    if (said.rtpTimestamp) {
-        resumed = Pair{*said.rtpTimestamp, namesTime ? *said.timeMs : timeOfNextFrame(), speed};
+    const std::int64_t nextMs = namesTime ? *said.timeMs : timeOfNextFrame();
+    resumed.reset();
+    if (hasRunAhead(said)) {
+        anchor(*said.rtpTimestamp, nextMs);
+        resumed = pair;  // the first frame shows whether it was true
+    } else if (said.rtpTimestamp) {
+        resumed = Pair{*said.rtpTimestamp, nextMs, speed};
     } else if (namesTime && *said.timeMs - presentMs() > leapMs) {
         // It went on without us. Else it is where it was, and times in whole seconds say no more than is known.
         startMs = *said.timeMs;
@@ -240,6 +248,17 @@ std::int64_t RecordedClock::timeOfNextFrame() const noexcept
     return stamped ? withinCalendar(floorMs + usualFrameMs) : startMs;
 }
 
+/// Whether RTP time has gone on during a rest, in which nothing was played: it goes on where it was, and yet far
+/// behind. Where the device itself went on, the time that it names has gone on, too.
+bool RecordedClock::hasRunAhead(const Continuation& said) const noexcept
+{
+    if (!stamped || !pair || !said.timeMs || !said.rtpTimestamp || !continues(*said.rtpTimestamp))
+        return false;
+    const std::int64_t present = presentMs();
+    const bool stayed = *said.timeMs >= present - pauseMarginMs && *said.timeMs <= present + pauseMarginMs;
+    return stayed && timeOf(*pair, *said.rtpTimestamp) - std::max(present, *said.timeMs) >= pauseMarginMs;
+}
+
 /// Where the answer to the last PLAY says, if this is what it speaks of; else behind the last frame.
 void RecordedClock::beginRtpTime(std::uint32_t rtpTimestamp) noexcept
 {
@@ -257,6 +276,7 @@ void RecordedClock::anchor(std::uint32_t rtpTimestamp, std::int64_t timeMs) noex
     lastReported.reset();
     speedVote.reset();
     newest = rtpTimestamp;
+    highestStamped = rtpTimestamp;  // those of the RTP time before do not compare with what comes
     aheadMs = 0;
     guessed = true;
 }

@@ -93,6 +93,7 @@ private:
     void beginRtpTime(std::uint32_t rtpTimestamp) noexcept;
     void anchor(std::uint32_t rtpTimestamp, std::int64_t timeMs) noexcept;
     std::int64_t timeOfNextFrame() const noexcept;
+    bool hasRunAhead(const Continuation& said) const noexcept;
     void reconcile() noexcept;
     void noticeLeap(std::int64_t timeMs, std::uint32_t rtpTimestamp) noexcept;
     void learnSpeed(const Pair& now) noexcept;

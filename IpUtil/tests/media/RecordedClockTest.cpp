@@ -228,6 +228,13 @@ TEST(RecordedClock, aResumptionGoesByTheAnswerWhereRtpTimeDoesNotGoOn)
         {"a new base and an old time", {recordedMs, newBase, 1}, newBase, 80},
         {"another place", {recordedMs + 60'000, {}, 1}, ticks(80), 60'000},
         {"a place that was not asked for", {recordedMs + 90'000'000, {}, 1}, ticks(80), 80},
+        {"RTP time ran on", {recordedMs, ticks(30'000), 1}, ticks(30'000), 80},
+        {"RTP time ran on, a later key frame", {recordedMs + 1000, ticks(30'000), 1}, ticks(30'040), 1040},
+        {"RTP time ran on for a moment", {recordedMs, ticks(2000), 1}, ticks(2000), 2000},
+        {"the device went on", {recordedMs + 30'000, ticks(30'000), 1}, ticks(30'000), 30'000},
+        {"the device went on for a moment", {recordedMs + 2000, ticks(3000), 1}, ticks(3000), 3000},
+        {"RTP time was said to run on", {recordedMs, ticks(30'000), 1}, ticks(80), 80},
+        {"RTP time ran on, and no time is named", {{}, ticks(30'000), 1}, ticks(30'000), 30'000},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -236,6 +243,34 @@ TEST(RecordedClock, aResumptionGoesByTheAnswerWhereRtpTimeDoesNotGoOn)
         clock.resume(c.said);
         EXPECT_EQ(clock.stamp(c.next), recordedMs + c.expectedMs);
     }
+}
+
+TEST(RecordedClock, rtpTimeThatRunsOnWhilePausedCountsForNothingUntilAReport)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
+    EXPECT_EQ(clock.stamp(0), recordedMs);
+    for (std::int64_t pausedMs = 10'000; pausedMs <= 30'000; pausedMs += 10'000) {
+        clock.resume({recordedMs, ticks(pausedMs), 1});
+        EXPECT_EQ(clock.stamp(ticks(pausedMs)), recordedMs + pausedMs / 250);
+    }
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 500, ticks(30'040))));
+    EXPECT_EQ(clock.stamp(ticks(30'040)), recordedMs + 500);
+    clock.resume({recordedMs, ticks(40'000), 1});
+    clock.resume({recordedMs, ticks(50'000), 1});
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 600, ticks(50'000))));
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 600, ticks(50'000))));
+    EXPECT_EQ(clock.stamp(ticks(50'000)), recordedMs + 600) << "paused twice without a frame, then two reports";
+}
+
+TEST(RecordedClock, rtpTimeThatRunsOnWhilePausedIsMeasuredInRecordedTime)
+{
+    RecordedClock clock(90000, {recordedMs, 0, 4, {recordedMs, recordedMs + 3'600'000}});
+    for (const std::int64_t ms : {0, 2000, 4000})
+        clock.onSenderReport(reportAt(recordedMs + 4 * ms, ticks(ms)));
+    EXPECT_EQ(clock.stamp(ticks(4000)), recordedMs + 16'000);
+    clock.resume({recordedMs + 16'000, ticks(4600), 4});
+    EXPECT_EQ(clock.stamp(ticks(4600)), recordedMs + 16'040);
+    EXPECT_EQ(clock.stamp(ticks(4610)), recordedMs + 16'080);
 }
 
 TEST(RecordedClock, withoutATimestampInTheAnswerTimeCountsFromTheFirstPacket)
