@@ -143,31 +143,6 @@ TEST(Media, decodesWithoutAnError)
     EXPECT_EQ(decoded.errors, "");
 }
 
-TEST(Media, startsWithAKeyFrameForALaterClientToo)
-{
-    const SimulatorProcess simulator(small({"--auth", "none", "--no-audio", "--fps", "10"}));
-    const std::string url = simulator.rtspUrl("/media/video1", "");
-    RtspPeer first(rtspPort(simulator));
-    first.play(url, 1);
-    first.nextFrame();
-    RtspPeer second(rtspPort(simulator));
-    second.play(url, 1);
-
-    // Ten frames make a second here, and so does the distance between key frames.
-    unsigned frames = 0;
-    bool keyFrame = false;
-    while (frames < 5 && !keyFrame) {
-        const auto frame = second.nextFrame();
-        ASSERT_TRUE(frame);
-        if (frame->channel != 0)
-            continue;
-        frames += (frame->bytes.at(1) & 0x80) != 0;
-        constexpr unsigned parameterSetType = 7;
-        keyFrame = (frame->bytes.at(12) & 31u) == parameterSetType;
-    }
-    EXPECT_TRUE(keyFrame);
-}
-
 TEST(Media, givesEachClientTheTracksItWants)
 {
     const SimulatorProcess simulator(small({"--auth", "none"}));

@@ -196,6 +196,23 @@ TEST(StreamSettings, changeTheDistanceOfKeyFramesWhileTheStreamRuns)
     }
 }
 
+TEST(StreamSettings, letALaterClientBeginWithAKeyFrameHoweverRareTheyAre)
+{
+    const SimulatorProcess simulator(small({"--no-audio"}));
+    setEncoding(simulator, 0, "IFrameInterval", 1000);
+    Watcher first(simulator);
+    ASSERT_TRUE(first.nextPicture());
+    Watcher second(simulator);
+    // A busy machine has some pictures on their way when the second asks.
+    bool keyFrame = false;
+    for (int count = 0; count < 100 && !keyFrame; ++count) {
+        const auto picture = second.nextPicture();
+        ASSERT_TRUE(picture);
+        keyFrame = picture->isKey;
+    }
+    EXPECT_TRUE(keyFrame);
+}
+
 TEST(StreamSettings, changeTheFrameRateWhileTheStreamRuns)
 {
     const SimulatorProcess simulator(small({"--no-audio"}));
