@@ -105,6 +105,7 @@ protected:
         return lines;
     }
 
+    Signal mayGoOn;  // used by the threads of the peer, which ends first
     std::optional<ScriptedPeer> peer;
     BatchLogger logger;
     boost::asio::io_context context;
@@ -114,10 +115,9 @@ protected:
 
 TEST_F(MultiRequest, sendsItsRequestsTogetherAndEndsOnce)
 {
-    Signal mayAnswer;
     make([&](PeerConnection& connection) {
         connection.readRequest();
-        mayAnswer.await();
+        mayGoOn.await();
         connection.send(okResponse("x"));
         connection.awaitClose();
     });
@@ -125,7 +125,7 @@ TEST_F(MultiRequest, sendsItsRequestsTogetherAndEndsOnce)
         get(path);
     std::thread judge([&] {
         EXPECT_TRUE(peer->awaitRequests(3));  // none has been answered
-        mayAnswer.raise(3);
+        mayGoOn.raise(3);
     });
     run();
     judge.join();
@@ -336,13 +336,12 @@ TEST_F(MultiRequest, stopsAtTheFirstFailureWhenToldTo)
 
 TEST_F(MultiRequest, failureTakesBackWhatIsUnderWayWhenToldTo)
 {
-    Signal hangs;
     make(
         [&](PeerConnection& connection) {
             if (targetOf(connection.readRequest()) == "/hangs") {
-                hangs.raise();
+                mayGoOn.raise();
             } else {
-                hangs.await();
+                mayGoOn.await();
                 connection.send(emptyResponse("500 Broken"));
             }
             connection.awaitClose();
