@@ -32,12 +32,22 @@ void GapCutter::take(const MediaFrame& frame) noexcept
             hold(frame);
         return;
     }
+    if (frame.timestampMs + shortestGapMs < lastEndMs)
+        takeBack(frame.timestampMs);
     MediaFrame picture = frame;
     // The time since the picture before may hold the gap.
     if (std::exchange(fresh, false))
         picture.durationMs = 0;
     pass(picture);
     reach(frame.timestampMs);
+}
+
+/// A picture from within the last gap: the time behind it was wrong, and nothing is cut out any more. The few pictures
+/// with that time stay where they are.
+void GapCutter::takeBack(std::int64_t timestampMs) noexcept
+{
+    lastEndMs = lastBeginMs;
+    reachedMs = timestampMs;
 }
 
 bool GapCutter::isUndecided(const MediaFrame& sound) const noexcept

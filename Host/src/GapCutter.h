@@ -38,6 +38,7 @@ public:
 private:
     bool isUndecided(const Tavro8::GDRV::MediaFrame& sound) const noexcept;
     void hold(const Tavro8::GDRV::MediaFrame& sound) noexcept;
+    void takeBack(std::int64_t timestampMs) noexcept;
     void reach(std::int64_t timestampMs) noexcept;
     void release() noexcept;
     void pass(const Tavro8::GDRV::MediaFrame& frame) noexcept;

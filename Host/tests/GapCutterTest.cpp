@@ -145,6 +145,22 @@ TEST_F(GapCutterTest, takesAGapInFrontOfEverything)
     EXPECT_THAT(picture(9010), ElementsAre(5010));
 }
 
+TEST_F(GapCutterTest, takesBackAGapThatPicturesComeFrom)
+{
+    picture(0);
+    cutter.cut({40, 3'000'000});
+    EXPECT_THAT(picture(3'000'000), ElementsAre(40));
+    EXPECT_THAT(picture(3'000'040), ElementsAre(80));
+    EXPECT_THAT(picture(120), ElementsAre(120));
+    EXPECT_THAT(sound(140), ElementsAre(140));
+    EXPECT_THAT(picture(5000), ElementsAre(5000));
+    EXPECT_THAT(picture(60'000), ElementsAre(60'000));
+    EXPECT_THAT(sound(600'000), IsEmpty()) << "over a true gap";
+    cutter.cut({60'040, 600'000});
+    EXPECT_THAT(places(), ElementsAre(60'040));
+    EXPECT_THAT(picture(600'000), ElementsAre(60'040));
+}
+
 TEST_F(GapCutterTest, survivesAGapThatEndsBeforeItBegins)
 {
     picture(1000);
