@@ -252,6 +252,8 @@ std::string readableSummary(const StreamSummary& summary)
             changesLine(summary.audio->formats);
     else if (summary.audio && summary.played && summary.played->playsSound())
         text += "Sound     none is recorded\n";
+    else if (summary.soundChosen)
+        text += "Sound     none of the wanted kind arrived\n";
     else if (summary.audio && !summary.played)
         text += silenceReason("Sound     none arrived", summary.audio->streamState) + '\n';
     if (summary.played && summary.played->media.soundLeftOut > 0)

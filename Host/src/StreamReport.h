@@ -72,6 +72,7 @@ struct StreamSummary {
     std::size_t silentStreams = 0;  ///< of these: on which no picture has arrived
     ReceivedMedia video;
     std::optional<ReceivedMedia> audio;
+    bool soundChosen = false;                     ///< not any sound will do
     std::chrono::duration<double> connecting{0};  ///< from the start to the last stream's first frame
     std::chrono::duration<double> elapsed{0};     ///< since the first frame of all
     ProcessLoad load;                             ///< at the end

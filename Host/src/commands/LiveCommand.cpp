@@ -230,8 +230,9 @@ private:
         summary.silentStreams = silentStreams();
         summary.video = received();
         summary.audio = receivedSound();
+        summary.soundChosen = !options.request.soundChoice.empty();
         reportSummary(surroundings.output, summary);
-        if (!options.request.soundChoice.empty() && summary.audio->frames == 0)
+        if (summary.soundChosen && summary.audio->frames == 0)
             surroundings.console.line("remark: of the sound that --sound asks for none has come");
         const bool interrupted = surroundings.interrupted.stop_requested();
         if (failure && !(interrupted && !firstFrame))
