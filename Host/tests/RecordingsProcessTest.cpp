@@ -159,7 +159,7 @@ TEST_F(Recordings, stopsWhenItIsInterrupted)
 
 TEST_F(Recordings, searchesNoLongerThanTheUserWaits)
 {
-    list({"--begin", "-2d", "--end", "now", "--timeout", "0.1"}, "dark");
+    list({"--begin", "-2d", "--end", "now", "--timeout", "1"}, "dark");
     EXPECT_EQ(status, 4);
     EXPECT_THAT(child->errors(), HasSubstr("the search did not end in time; allow more with --timeout\n"));
     EXPECT_THAT(child->errors(), HasSubstr("destroyed while searching"));
@@ -167,8 +167,10 @@ TEST_F(Recordings, searchesNoLongerThanTheUserWaits)
 
 TEST_F(Recordings, showsNoPartsOfASecondThatNobodyNamed)
 {
-    EXPECT_THAT(run({"--device", "recorder", "recordings", "--begin", "-3h", "--end", "now"}).output(),
-                StartsWith("Begin                 End                       Length\n"));
+    // One of them begins in the part of the hour that is recorded, and is cut there.
+    for (const char* begin : {"-180m", "-195m"})
+        EXPECT_THAT(run({"--device", "recorder", "recordings", "--begin", begin, "--end", "now"}).output(),
+                    StartsWith("Begin                 End                       Length\n"));
 }
 
 TEST_F(Recordings, saysWhyTheyCannotBeListed)
