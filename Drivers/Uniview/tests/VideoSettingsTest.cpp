@@ -732,6 +732,7 @@ TEST_F(VideoSettings, mayBeAppliedAgainInsideTheLastResult)
     };
     ASSERT_EQ(source->ApplySettings({{"brightness", 1}}), 0);
     ASSERT_TRUE(host.waitSettings("all", 2));
+    service->barrier();  // the second call has returned
     EXPECT_EQ(written().size(), 2U);
 }
 
