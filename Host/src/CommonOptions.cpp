@@ -49,7 +49,7 @@ void describeDevice(CLI::App& app, CommonOptions& options)
         ->group(group);
     app.add_option("--timeout", options.timeout,
                    "Longest wait for the connection, the first picture and the device's answers\n"
-                   "(default: 15; for what becomes of settings 70; a search for recordings lasts\n"
+                   "(default: 15; for what becomes of settings 100; a search for recordings lasts\n"
                    "as long as the device answers)")
         ->check(CLI::Validator([](std::string& text) { return checkSeconds(text, 0.001, 86400); }, "", "seconds"))
         ->type_name("SECONDS")

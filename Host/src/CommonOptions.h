@@ -21,8 +21,8 @@ class DeviceDescription;
 /// Longest waits unless `--timeout` says otherwise.
 inline constexpr std::chrono::seconds usualTimeout{15};
 /// Modules read a resource before they write it, and each of the two may take as long as other answers; of the eight of
-/// a video source they ask for a few at once, so that some wait for others.
-inline constexpr std::chrono::seconds usualSettingsTimeout{70};
+/// a video source they ask for three at once, so that the last are written in the sixth round.
+inline constexpr std::chrono::seconds usualSettingsTimeout{100};
 
 inline constexpr const char* passwordVariable = "KELVO_DEVICE_PASSWORD";
 

@@ -33,7 +33,8 @@ public:
 
     /// `logger` may be null; it and `context` outlive the batch.
     ///
-    /// `parallel`: as many requests are under way at once as the HTTP client has connections to one device, in the
+    /// `parallel`: one request less is under way at once than the HTTP client has connections to one device, so that a
+    /// device that does not answer them is still there for others; two such batches leave them none. They go in the
     /// order in which they were added; but what is added after the start, as the PUT that follows a GET, goes before
     /// what still waits. Otherwise one after the other in the order in which they were added.
     ///

@@ -31,6 +31,12 @@ http::ConnectionInfoPtr limited(const http::ConnectionInfoPtr& info, const boost
     result->requestTimeout = std::chrono::milliseconds(timeout.total_milliseconds());
     return result;
 }
+
+/// All connections but one, which others who speak to the device at this time need.
+std::size_t mostInParallel(boost::asio::io_context& context)
+{
+    return std::max<std::size_t>(2, http::getHttpLimits(context).connectionsPerDevice) - 1;
+}
 }  // namespace
 
 /// Requests under way hold it, so that it lives until the last of them has ended; the public object stops it.
@@ -40,7 +46,7 @@ struct AsyncMultiRequest::State final : std::enable_shared_from_this<State> {
         : context(context),
           info(std::move(info)),
           parallel(parallel),
-          mostAtOnce(parallel ? http::getHttpLimits(context).connectionsPerDevice : 1),
+          mostAtOnce(parallel ? mostInParallel(context) : 1),
           stopAtFailure(stopAtFailure),
           logger(hostLogger, sourcePath)
     {}
