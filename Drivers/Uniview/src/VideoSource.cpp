@@ -35,6 +35,7 @@ using Tavro8::toResult;
 
 constexpr const char* sourcePath = "Drivers/Uniview/src/VideoSource";
 constexpr const char* applying = "Uniview::VideoSource::applySettings";
+constexpr const char* closedBefore = "The device was closed before its settings were written";
 constexpr const char* everything = "all";  // the resource name of the last result
 
 /// For one exchange, from the time on that those of the other resources leave it a connection.
@@ -70,9 +71,10 @@ constexpr std::array<Editor, settings::groupCount> editors{
 
 /// The settings that are being applied.
 struct VideoSource::SettingsRun {
-    SettingsRun(const ParameterMap& given, std::shared_ptr<Device> of, SettingsQueue::Turn turn)
+    SettingsRun(const ParameterMap& given, std::shared_ptr<Device> of, std::uint64_t closings, SettingsQueue::Turn turn)
         : given(given),
           device(std::move(of)),
+          closings(closings),
           turn(std::move(turn)),
           groups(settings::groupsOf(device->GetDeviceKind())),
           connection(device->getHttpConnectionInfo()),
@@ -112,6 +114,7 @@ struct VideoSource::SettingsRun {
 
     const ParameterMap given;
     const std::shared_ptr<Device> device;  // the host may release it before the last reply
+    const std::uint64_t closings;          // of the source, when the host gave the values
     const SettingsQueue::Turn turn;
     const std::span<const GroupTraits> groups;
     const Device::ConnectionInfoPtr connection;
@@ -134,6 +137,10 @@ Tavro8::GDRV::IVideoSource* VideoSource::create(Device* device, std::uint32_t ch
     context.channel = channel;
     context.stream = stream;
     const auto source = std::make_shared<VideoSource>(device, handler, parent, std::move(context));
+    device->whenClosing(source, [weak = source->weak_from_this()] {
+        if (const auto alive = weak.lock())
+            static_cast<VideoSource&>(*alive).onDeviceClosing();
+    });
     source->adopt();
     return source.get();
 }
@@ -160,21 +167,21 @@ void VideoSource::Destroy() noexcept
 std::int32_t VideoSource::ApplySettings(const ParameterMap& changed) noexcept
 {
     const auto take = [&] {
-        const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed](SettingsQueue::Turn turn) {
-            self->beginSettings(changed, of, std::move(turn));
-        };
+        const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed, since = closings.load()](
+                               SettingsQueue::Turn turn) { self->beginSettings(changed, of, since, std::move(turn)); };
         return settingsQueue->take({this, &settingsLogger, applying, begin});
     };
     return Tavro8::guarded(settingsLogger, "Uniview::VideoSource::ApplySettings", toResult(ResultCode::unexpected),
                            take);
 }
 
-void VideoSource::beginSettings(const ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn)
+void VideoSource::beginSettings(const ParameterMap& given, const std::shared_ptr<Device>& of, std::uint64_t since,
+                                SettingsQueue::Turn turn)
 {
     const std::int32_t result = Tavro8::guarded(settingsLogger, applying, toResult(ResultCode::unexpected), [&] {
-        if (!of->hasBeenConnected())
-            return toResult(ResultCode::invalidState);  // closed while it waited
-        settingsRun = std::make_unique<SettingsRun>(given, of, turn);
+        if (wasClosed(*of, since))
+            return toResult(ResultCode::invalidState);  // while it waited
+        settingsRun = std::make_unique<SettingsRun>(given, of, since, turn);
         applySettings(given);
         return toResult(ResultCode::success);
     });
@@ -199,6 +206,32 @@ void VideoSource::applySettings(const ParameterMap& given)
             self.finishAllSettings(self.settingsRun->overallResult());
         }
     });
+}
+
+bool VideoSource::wasClosed(const Device& of, std::uint64_t since) const
+{
+    return closings != since || !of.hasBeenConnected();
+}
+
+/// Counted first, on the host's thread: what has been read is not written any more, though the end has not begun.
+void VideoSource::onDeviceClosing()
+{
+    ++closings;
+    boost::asio::post(device->service(), [self = sharedSelf()] {
+        Tavro8::guardedVoid(self->settingsLogger, applying, [&] { self->endClosedSettings(); });
+    });
+}
+
+/// Not left to the time limits: the settings of the next address would wait for them.
+void VideoSource::endClosedSettings()
+{
+    if (settingsRun == nullptr || settingsRun->closings == closings)
+        return;  // begun since
+    settingsLogger.error(applying, closedBefore);
+    settingsRun->exchanges.stop();
+    for (const GroupTraits& group : settingsRun->groups)
+        finishSettings(group, toResult(ResultCode::invalidState));
+    finishAllSettings(settingsRun->overallResult());
 }
 
 /// What will not be written is no reason to interrupt the stream.
@@ -240,8 +273,8 @@ void VideoSource::onSettingsRead(const GroupTraits& group, lapi::Reply& reply)
         settingsLogger.warning(group.editPlace, edit.note);
     if (!edit)
         return finishSettings(group, edit.result);
-    if (!settingsRun->device->hasBeenConnected()) {
-        settingsLogger.error(group.readPlace, "The device was closed before its settings were written");
+    if (wasClosed(*settingsRun->device, settingsRun->closings)) {
+        settingsLogger.error(group.readPlace, closedBefore);
         return finishSettings(group, toResult(ResultCode::invalidState));
     }
     settingsRun->exchanges.addPutRequest(pathOf(group, settingsRun->channelNumber), lapi::writeJson(reply.data),

@@ -9,6 +9,7 @@
 #include <IpUtil/Http.h>
 #include <IpUtil/RTSPReceiverBase.h>
 #include <Tavro8/GDRV/ILiveSource.h>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -60,7 +61,8 @@ private:
     struct SettingsRun;
     using SettingsStep = void (VideoSource::*)(const settings::GroupTraits& group, lapi::Reply& reply);
 
-    void beginSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of, SettingsQueue::Turn turn);
+    void beginSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of, std::uint64_t since,
+                       SettingsQueue::Turn turn);
     void applySettings(const Tavro8::ParameterMap& given);
     Tavro8::http::CompletionHandler settingsHandler(const settings::GroupTraits& group, const char* place,
                                                     SettingsStep step);
@@ -70,11 +72,16 @@ private:
                     const char* consequence) const;
     void finishSettings(const settings::GroupTraits& group, std::int32_t result);
     void finishAllSettings(std::int32_t result);
+    /// `since`: the `closings` of that time.
+    bool wasClosed(const Device& of, std::uint64_t since) const;
+    void onDeviceClosing();
+    void endClosedSettings();
     std::shared_ptr<VideoSource> sharedSelf() { return std::static_pointer_cast<VideoSource>(shared_from_this()); }
 
     const Tavro8::TextMap maxFpsForCodec;
     const Tavro8::LoggerHelper settingsLogger;
     const std::shared_ptr<SettingsQueue> settingsQueue;
+    std::atomic<std::uint64_t> closings{0};    // how often the host has closed the device or opened another address
     std::unique_ptr<SettingsRun> settingsRun;  // on the I/O thread only
 };
 }  // namespace Uniview
