@@ -202,7 +202,8 @@ void VideoSource::applySettings(const ParameterMap& given)
     run.exchanges.start([weak = weak_from_this()](std::int32_t) {
         if (const auto alive = weak.lock()) {
             auto& self = static_cast<VideoSource&>(*alive);
-            self.settingsRun->reportFailures();
+            // Apart: without memory for it the host is told the end all the same, and the next one has its turn.
+            Tavro8::guardedVoid(self.settingsLogger, applying, [&] { self.settingsRun->reportFailures(); });
             self.finishAllSettings(self.settingsRun->overallResult());
         }
     });
