@@ -42,11 +42,12 @@ constexpr const char* receiving = "Uniview::RecordingPlayback::onFrame";
 
 // Shorter ones are jitter of the recorder's clock, or a moment without packets.
 constexpr std::uint64_t shortestGapMs = 2000;
-// Recorders may begin with the next key frame.
-constexpr std::uint64_t firstKeyFrameWithinMs = 10'000;
+// Recorders may begin with the next key frame, and key frames are what they play fast.
+constexpr std::uint64_t longestKeyFrameDistanceMs = 10'000;
 // Played fast, a recorder's reports correct the times in between by as much, at each unit of speed above one.
 constexpr std::uint64_t correctionMs = 6000;
-// Whoever closes the connection so near to the end of the interval has sent it all.
+// Whoever closes the connection so near to the end of the interval has sent it all, but for a frame that would be as
+// far away as the one before. At no speed farther: a lost connection would be taken for the end.
 constexpr std::uint64_t nearEndMs = 2000;
 // Recorders may play the last group of pictures to its end; whoever sends more does not stop by itself.
 constexpr std::uint64_t overrunMs = 5000;
@@ -92,6 +93,7 @@ struct RecordingPlayback::Place {
     std::uint64_t position = 0;  // of the last frame, in the beginning where it was asked for
     bool frameSeen = false;      // since then
     bool ended = false;          // the host has been told so, and the device was not asked for another place since
+    std::uint64_t step = 0;      // from the frame before to the last
 };
 
 /// One `Open`.
@@ -123,7 +125,7 @@ struct RecordingPlayback::Session {
     bool isLeaving() const noexcept { return seeking || (wanted.playing && wantedPosition); }
     bool isNearEnd() const noexcept
     {
-        const auto nearMs = static_cast<std::uint64_t>(static_cast<double>(nearEndMs) * std::max(scale, 1.0));
+        const std::uint64_t nearMs = nearEndMs + std::min(place.step, longestKeyFrameDistanceMs);
         return actual.playing && place.frameSeen && place.position + nearMs >= interval.get().end;
     }
     /// By how much the time of a frame may be wrong.
@@ -424,7 +426,7 @@ void RecordingPlayback::sendPlay(const SessionPtr& session)
         asked.interval = {static_cast<std::int64_t>(*session->wantedPosition),
                           static_cast<std::int64_t>(session->interval.get().end)};
         // Frames of the new place may come in front of the answer; of the old one none comes any more.
-        session->place = {*session->wantedPosition, false, false};
+        session->place = {*session->wantedPosition};
         session->seeking = true;
     }
     session->wantedPosition.reset();
@@ -572,7 +574,9 @@ void RecordingPlayback::watchForGap(Session& session, const MediaFrame& frame)
     Place& place = session.place;
     const std::uint64_t time = timeOf(frame);
     const std::uint64_t expected = place.position + (place.frameSeen ? frame.durationMs : 0);
-    const std::uint64_t tolerance = (place.frameSeen ? shortestGapMs : firstKeyFrameWithinMs) + session.inaccuracyMs();
+    const std::uint64_t tolerance =
+        (place.frameSeen ? shortestGapMs : longestKeyFrameDistanceMs) + session.inaccuracyMs();
+    place.step = place.frameSeen ? time - std::min(time, place.position) : 0;
     place.position = time;
     place.frameSeen = true;
     if (time <= expected + tolerance)

@@ -780,6 +780,39 @@ TEST_F(RecordingPlaybackTest, aConnectionThatIsClosedAtTheEndOfTheIntervalIsTheE
     EXPECT_EQ(handler.closed(), Results{0});
 }
 
+TEST_F(RecordingPlaybackTest, aConnectionThatIsLostFarFromTheEndIsLostAtAnySpeed)
+{
+    static constexpr struct {
+        std::uint32_t speed;
+        std::int64_t apartMs;      // the last two frames
+        std::int64_t beforeEndMs;  // the last one
+        bool isEnd;
+    } cases[] = {{8, 40, 10'000, false}, {8, 40, 1500, true}, {8, 4000, 5000, true}, {8, 600'000, 20'000, false}};
+    make([&](Connection& connection, const Request& request) {
+        const auto& c = cases[static_cast<std::size_t>(round++) % std::size(cases)];
+        connection.reply(request, 200, okFor(request));
+        const std::int64_t lastMs = recordedMs + 3'600'000 - c.beforeEndMs;
+        RecordingSender(connection)
+            .report(lastMs - c.apartMs)
+            .keyFrame(static_cast<std::uint32_t>(c.apartMs * 90))
+            .report(lastMs)
+            .keyFrame();
+        connection.close();
+    });
+    std::size_t times = 0;
+    std::size_t ends = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.beforeEndMs);
+        ASSERT_EQ(playback->Open(hour), 0);
+        ASSERT_EQ(playback->SetSpeed(c.speed, false), 0);
+        ASSERT_EQ(playback->Play(), 0);
+        ASSERT_TRUE(handler.waitClosed(++times));
+        EXPECT_EQ(handler.closed().back(), c.isEnd ? 0 : toResult(ResultCode::connectionLost));
+        EXPECT_EQ(handler.ends(), ends += c.isEnd ? 1 : 0);
+        EXPECT_EQ(frames.frameTotal(), 2 * times);
+    }
+}
+
 TEST_F(RecordingPlaybackTest, aConnectionThatIsLostOnTheWayBackFromTheEndIsNoEnd)
 {
     make([&](Connection& connection, const Request& request) {

@@ -314,6 +314,8 @@ std::int64_t RecordedClock::stamp(std::uint32_t rtpTimestamp) noexcept
     noticeLeap(timeMs, rtpTimestamp);
     if (!stamped || progressMs > 0 || progressMs < -stepBackMs)
         highestStamped = rtpTimestamp;
+    if (stamped && timeMs > floorMs)
+        stepMs = timeMs - floorMs;
     floorMs = stamped ? std::max(floorMs, timeMs) : timeMs;
     stamped = true;
     return floorMs;

@@ -67,6 +67,8 @@ public:
 
     /// The latest time that was given to a frame.
     std::optional<std::int64_t> lastMs() const noexcept { return stamped ? std::optional(floorMs) : std::nullopt; }
+    /// How far the last two times that were given to frames are apart; 0 as long as there are none.
+    std::int64_t lastStepMs() const noexcept { return stepMs; }
 
 private:
     /// A timestamp and the time that it stands for.
@@ -117,6 +119,7 @@ private:
     bool stamped = false;
     std::uint32_t highestStamped = 0;
     std::int64_t floorMs = 0;
+    std::int64_t stepMs = 0;
     std::int64_t aheadMs = 0;  // of the results against `pair`, becomes less as time goes on
     std::optional<Leap> leap;
 };

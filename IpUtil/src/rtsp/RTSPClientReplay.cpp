@@ -15,9 +15,11 @@ namespace
 constexpr const char* playing = "Tavro8::Utility::RTSPClient::playRecorded";
 constexpr const char* pausing = "Tavro8::Utility::RTSPClient::pauseRecorded";
 
-// A farewell so near to the end of the interval, at ordinary speed, is the end: recordings end with a file, and key
-// frames are seconds apart.
+// A farewell so near to the end of the interval is the end: recordings end with a file. Not farther away at speed:
+// there the farewell may be that of a file as well, and the silence behind it tells.
 constexpr std::int64_t nearEndMs = 5000;
+// Where key frames only are played, the next one would be behind the end. A longer step is a gap.
+constexpr std::int64_t longestKeyFrameDistanceMs = 10'000;
 // What an answer may be off from what was asked for: it begins with the key frame or the file in front.
 constexpr std::int64_t answerMarginMs = 5 * 60'000;
 
@@ -301,11 +303,12 @@ bool RTSPClient::State::isNearEnd()
 {
     if (!placePlayed)
         return true;
-    const double scale = std::clamp(session->playAnswer().scale.value_or(1), 1.0, 64.0);
-    const std::int64_t nearMs =
-        std::max<std::int64_t>(placePlayed->endMs, 0) - static_cast<std::int64_t>(nearEndMs * scale);
+    const std::int64_t nearMs = std::max<std::int64_t>(placePlayed->endMs, 0) - nearEndMs;
     bool any = false;
-    forEachReceiving([&](const RTSPTrack& track) { any = any || track.getRecordedClock().lastMs() >= nearMs; });
+    forEachReceiving([&](const RTSPTrack& track) {
+        const media::RecordedClock& clock = track.getRecordedClock();
+        any = any || clock.lastMs() >= nearMs - std::min(clock.lastStepMs(), longestKeyFrameDistanceMs);
+    });
     return any;
 }
 

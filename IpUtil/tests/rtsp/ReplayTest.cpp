@@ -577,6 +577,37 @@ TEST_F(ReplayTest, aFarewellInTheMiddleIsTheEndOnlyWhenNothingFollows)
     EXPECT_FALSE(replayer->closed);
 }
 
+TEST_F(ReplayTest, aFarewellInTheMiddleIsNoEndWhenPlayedFast)
+{
+    loop.timing().silenceAfterBye = milliseconds(1000);
+    replayer.emplace(loop);
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200, "Scale: 8\r\n");
+        RecordingSender sender(connection);
+        sender.report(recordedMs).keyFrame().picture().bye();
+        sender.report(recordedMs + 20'000).keyFrame().picture().bye();
+    }));
+    std::size_t atEnd = 0;
+    replayer->onEnd = [&] { atEnd = replayer->frames.size(); };
+    beginAndWait({RecordedPlay::Interval{recordedMs, recordedMs + 30'000}, 8, false});
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
+    EXPECT_EQ(atEnd, 4U);
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 40, 20'000, 20'040}));
+}
+
+TEST_F(ReplayTest, aFarewellAsFarFromTheEndAsKeyFramesAreApartIsTheEnd)
+{
+    loop.timing().silenceAfterBye = std::chrono::hours(1);
+    replayer.emplace(loop);
+    open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+        connection.reply(request, 200, "Scale: 8\r\nFrames: intra\r\n");
+        RecordingSender(connection).keyFrame(4000 * 90).keyFrame().bye();
+    }));
+    beginAndWait({RecordedPlay::Interval{recordedMs, recordedMs + 12'000}, 8, true});
+    ASSERT_TRUE(loop.runUntil([&] { return replayer->ends == 1; }));
+    EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{0, 4000}));
+}
+
 TEST_F(ReplayTest, theFarewellOfAnotherSourceIsNotTheEnd)
 {
     open(recorderWith([](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
