@@ -249,14 +249,16 @@ std::int64_t RecordedClock::timeOfNextFrame() const noexcept
 }
 
 /// Whether RTP time has gone on during a rest, in which nothing was played: it goes on where it was, and yet far
-/// behind. Where the device itself went on, the time that it names has gone on, too.
+/// behind: further than the next frame, or the next key frame, with which a device may go on and yet name the place of
+/// the pause. Where the device itself went on, the time that it names has gone on, too.
 bool RecordedClock::hasRunAhead(const Continuation& said) const noexcept
 {
     if (!stamped || !pair || !said.timeMs || !said.rtpTimestamp || !continues(*said.rtpTimestamp))
         return false;
     const std::int64_t present = presentMs();
     const bool stayed = *said.timeMs >= present - pauseMarginMs && *said.timeMs <= present + pauseMarginMs;
-    return stayed && timeOf(*pair, *said.rtpTimestamp) - std::max(present, *said.timeMs) >= pauseMarginMs;
+    const std::int64_t nextFrameWithinMs = std::max(longestKeyFrameDistanceMs, stepMs + pauseMarginMs);
+    return stayed && timeOf(*pair, *said.rtpTimestamp) - std::max(present, *said.timeMs) > nextFrameWithinMs;
 }
 
 /// Where the answer to the last PLAY says, if this is what it speaks of; else behind the last frame.

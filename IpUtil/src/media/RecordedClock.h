@@ -23,6 +23,9 @@ namespace Tavro8::media
 /// reports behind it contradict is taken back. Where a report is a little behind, results run slower for a while.
 class RecordedClock {
 public:
+    /// Key frames of a recording are hardly further apart, in milliseconds.
+    static constexpr std::int64_t longestKeyFrameDistanceMs = 10'000;
+
     /// UTC milliseconds.
     struct Interval {
         std::int64_t beginMs = std::numeric_limits<std::int64_t>::min();

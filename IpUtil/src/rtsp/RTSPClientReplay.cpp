@@ -18,8 +18,6 @@ constexpr const char* pausing = "Tavro8::Utility::RTSPClient::pauseRecorded";
 // A farewell so near to the end of the interval is the end: recordings end with a file. Not farther away at speed:
 // there the farewell may be that of a file as well, and the silence behind it tells.
 constexpr std::int64_t nearEndMs = 5000;
-// Where key frames only are played, the next one would be behind the end. A longer step is a gap.
-constexpr std::int64_t longestKeyFrameDistanceMs = 10'000;
 // What an answer may be off from what was asked for: it begins with the key frame or the file in front.
 constexpr std::int64_t answerMarginMs = 5 * 60'000;
 
@@ -307,7 +305,9 @@ bool RTSPClient::State::isNearEnd()
     bool any = false;
     forEachReceiving([&](const RTSPTrack& track) {
         const media::RecordedClock& clock = track.getRecordedClock();
-        any = any || clock.lastMs() >= nearMs - std::min(clock.lastStepMs(), longestKeyFrameDistanceMs);
+        // Where key frames only are played, the next one may be behind the end. A longer step was a gap.
+        const std::int64_t stepMs = std::min(clock.lastStepMs(), media::RecordedClock::longestKeyFrameDistanceMs);
+        any = any || clock.lastMs() >= nearMs - stepMs;
     });
     return any;
 }

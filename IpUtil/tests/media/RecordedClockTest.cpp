@@ -230,7 +230,7 @@ TEST(RecordedClock, aResumptionGoesByTheAnswerWhereRtpTimeDoesNotGoOn)
         {"a place that was not asked for", {recordedMs + 90'000'000, {}, 1}, ticks(80), 80},
         {"RTP time ran on", {recordedMs, ticks(30'000), 1}, ticks(30'000), 80},
         {"RTP time ran on, a later key frame", {recordedMs + 1000, ticks(30'000), 1}, ticks(30'040), 1040},
-        {"RTP time ran on for a moment", {recordedMs, ticks(2000), 1}, ticks(2000), 2000},
+        {"the next key frame, at the place of the pause", {recordedMs, ticks(8000), 1}, ticks(8000), 8000},
         {"the device went on", {recordedMs + 30'000, ticks(30'000), 1}, ticks(30'000), 30'000},
         {"the device went on for a moment", {recordedMs + 2000, ticks(3000), 1}, ticks(3000), 3000},
         {"RTP time was said to run on", {recordedMs, ticks(30'000), 1}, ticks(80), 80},
@@ -245,21 +245,35 @@ TEST(RecordedClock, aResumptionGoesByTheAnswerWhereRtpTimeDoesNotGoOn)
     }
 }
 
+TEST(RecordedClock, framesThatAreFarApartAreNoRtpTimeThatRanOn)
+{
+    for (const std::int64_t stepMs : {4000, 9000, 15'000}) {
+        SCOPED_TRACE(stepMs);
+        RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
+        for (int frame = 0; frame <= 4; ++frame)
+            EXPECT_EQ(clock.stamp(ticks(frame * stepMs)), recordedMs + frame * stepMs);
+        clock.resume({recordedMs + 4 * stepMs, ticks(5 * stepMs), 1});
+        EXPECT_EQ(clock.stamp(ticks(5 * stepMs)), recordedMs + 5 * stepMs);
+        clock.resume({recordedMs + 5 * stepMs, ticks(6 * stepMs + 30'000), 1});
+        EXPECT_EQ(clock.stamp(ticks(6 * stepMs + 30'000)), recordedMs + 5 * stepMs + 40) << "this is";
+    }
+}
+
 TEST(RecordedClock, rtpTimeThatRunsOnWhilePausedCountsForNothingUntilAReport)
 {
     RecordedClock clock(90000, {recordedMs, 0, 1, {recordedMs, recordedMs + 3'600'000}});
     EXPECT_EQ(clock.stamp(0), recordedMs);
-    for (std::int64_t pausedMs = 10'000; pausedMs <= 30'000; pausedMs += 10'000) {
+    for (std::int64_t pausedMs = 12'500; pausedMs <= 37'500; pausedMs += 12'500) {
         clock.resume({recordedMs, ticks(pausedMs), 1});
-        EXPECT_EQ(clock.stamp(ticks(pausedMs)), recordedMs + pausedMs / 250);
+        EXPECT_EQ(clock.stamp(ticks(pausedMs)), recordedMs + pausedMs / 12'500 * 40);
     }
-    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 500, ticks(30'040))));
-    EXPECT_EQ(clock.stamp(ticks(30'040)), recordedMs + 500);
-    clock.resume({recordedMs, ticks(40'000), 1});
-    clock.resume({recordedMs, ticks(50'000), 1});
-    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 600, ticks(50'000))));
-    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 600, ticks(50'000))));
-    EXPECT_EQ(clock.stamp(ticks(50'000)), recordedMs + 600) << "paused twice without a frame, then two reports";
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 500, ticks(37'540))));
+    EXPECT_EQ(clock.stamp(ticks(37'540)), recordedMs + 500);
+    clock.resume({recordedMs, ticks(50'040), 1});
+    clock.resume({recordedMs, ticks(62'540), 1});
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 600, ticks(62'540))));
+    EXPECT_TRUE(clock.onSenderReport(reportAt(recordedMs + 600, ticks(62'540))));
+    EXPECT_EQ(clock.stamp(ticks(62'540)), recordedMs + 600) << "paused twice without a frame, then two reports";
 }
 
 TEST(RecordedClock, rtpTimeThatRunsOnWhilePausedIsMeasuredInRecordedTime)
@@ -268,9 +282,9 @@ TEST(RecordedClock, rtpTimeThatRunsOnWhilePausedIsMeasuredInRecordedTime)
     for (const std::int64_t ms : {0, 2000, 4000})
         clock.onSenderReport(reportAt(recordedMs + 4 * ms, ticks(ms)));
     EXPECT_EQ(clock.stamp(ticks(4000)), recordedMs + 16'000);
-    clock.resume({recordedMs + 16'000, ticks(4600), 4});
-    EXPECT_EQ(clock.stamp(ticks(4600)), recordedMs + 16'040);
-    EXPECT_EQ(clock.stamp(ticks(4610)), recordedMs + 16'080);
+    clock.resume({recordedMs + 16'000, ticks(7000), 4});
+    EXPECT_EQ(clock.stamp(ticks(7000)), recordedMs + 16'040);
+    EXPECT_EQ(clock.stamp(ticks(7010)), recordedMs + 16'080);
 }
 
 TEST(RecordedClock, withoutATimestampInTheAnswerTimeCountsFromTheFirstPacket)
