@@ -62,6 +62,8 @@ bool RecordedClock::correct(const Start& start) noexcept
         changeScale(start.scale);
         return fits;
     }
+    if (!fits)
+        return false;
     startMs = withinCalendar(start.timeMs);
     interval = {withinCalendar(start.interval.beginMs), withinCalendar(start.interval.endMs)};
     scale = start.scale;
@@ -69,7 +71,7 @@ bool RecordedClock::correct(const Start& start) noexcept
         pair = Pair{*start.rtpTimestamp, startMs, speed};
     else if (pair)
         pair->timeMs = startMs;
-    return fits;
+    return true;
 }
 
 void RecordedClock::changeScale(double newScale) noexcept
@@ -94,7 +96,9 @@ void RecordedClock::resume(const Continuation& said) noexcept
 {
     changeScale(said.scale);
     if (!stamped && !reported) {
-        correct({said.timeMs.value_or(startMs), said.rtpTimestamp, said.scale, interval});
+        const std::int64_t nextMs = withinCalendar(said.timeMs.value_or(startMs));
+        if (!correct({nextMs, said.rtpTimestamp, said.scale, interval}))
+            resumed = Pair{*said.rtpTimestamp, nextMs, speed};
         return;
     }
     const bool namesTime = said.timeMs && *said.timeMs > presentMs() && isOfInterval(*said.timeMs);

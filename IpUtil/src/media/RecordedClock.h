@@ -48,7 +48,7 @@ public:
     RecordedClock(std::uint32_t clockRate, const Start& start) noexcept;
 
     /// The device has said where it really begins; only the speed changes once a frame was stamped or a report has
-    /// come. False when what came so far cannot be of that place: to be begun anew.
+    /// come. False when what came so far cannot be of that place: nothing else changes, to be begun anew.
     bool correct(const Start& start) noexcept;
     /// It goes on at another speed from here.
     void changeScale(double newScale) noexcept;

@@ -318,6 +318,32 @@ TEST(RecordedClock, aCorrectionForAnotherPlaceThanTheFirstPacketsIsRefused)
     EXPECT_FALSE(clock.correct({recordedMs, 2'000'000'000, 1}));
 }
 
+TEST(RecordedClock, aResumptionInFrontOfTheFirstFrameIsBelievedWhereItCanBe)
+{
+    constexpr std::uint32_t first = 2'000'000'000;
+    const struct {
+        const char* what;
+        RecordedClock::Continuation said;
+        std::uint32_t next;
+        std::int64_t expectedMs;
+    } cases[] = {
+        {"no timestamp", {recordedMs, {}, 1}, first + ticks(400), 400},
+        {"that of the first packet", {recordedMs, first, 1}, first + ticks(400), 400},
+        {"none at all", {recordedMs, 0, 1}, first + ticks(400), 400},
+        {"none at all, at the place of the pause", {recordedMs + 1000, 0, 1}, first + ticks(1400), 1400},
+        {"a new base", {recordedMs + 1000, 777, 1}, 777 + ticks(400), 1400},
+        {"a new base, without a time", {{}, 777, 1}, 777 + ticks(400), 400},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        RecordedClock clock(90000, {recordedMs, first, 1, {recordedMs, recordedMs + 3'600'000}});
+        clock.onFirstPacket(first);
+        clock.resume(c.said);
+        EXPECT_EQ(clock.stamp(c.next), recordedMs + c.expectedMs);
+        EXPECT_EQ(clock.stamp(c.next + ticks(40)), recordedMs + c.expectedMs + 40);
+    }
+}
+
 TEST(RecordedClock, playsOverTheEndOfTheNtpEra)
 {
     constexpr std::int64_t eraMs = ((std::int64_t{1} << 32) - static_cast<std::int64_t>(ntpOffsetSeconds)) * 1000;
