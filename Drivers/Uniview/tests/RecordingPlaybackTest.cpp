@@ -391,6 +391,31 @@ TEST_F(RecordingPlaybackTest, playBehindTheEndBeginsAgain)
     EXPECT_EQ(headerOf(plays().at(1), "range"), headerOf(plays().at(0), "range"));
 }
 
+TEST_F(RecordingPlaybackTest, playBehindAnEndThatNoneWasToldOfBeginsAgain)
+{
+    const Camera recorder = recorderWith([&](Connection& connection, const Request& request) {
+        connection.reply(request, headerOf(request, "range").empty() ? 457 : 200);
+        if (!headerOf(request, "range").empty())
+            sender.emplace(connection, 90000, sequenceOf(++round)).report(recordedMs + 3'599'000).keyFrame();
+    });
+    make(withAnswer(recorder, "PAUSE", [&](Connection& connection, const Request& request) {
+        sender->bye();
+        connection.reply(request, 200);
+    }));
+    frames.onFrame = [this](Tavro8::IContract*) {
+        if (frames.frameTotal() == 1) {
+            EXPECT_EQ(playback->Pause(), 0);
+            EXPECT_EQ(playback->Play(), 0);
+        }
+    };
+    openAndPlay();
+    ASSERT_TRUE(handler.waitEnd());
+    EXPECT_EQ(frames.streamStates(), (Results{0, toResult(ResultCode::streamRefused)}));
+    EXPECT_EQ(playback->Play(), 0);
+    ASSERT_TRUE(frames.waitFrames(2));
+    EXPECT_EQ(headerOf(plays().at(2), "range"), headerOf(plays().at(0), "range"));
+}
+
 TEST_F(RecordingPlaybackTest, aSeekFromInsideTheEndGoesOn)
 {
     make([&](Connection& connection, const Request& request) {

@@ -237,13 +237,15 @@ void RTSPClient::State::onPaused()
         reachEnd();
 }
 
-/// The device goes on as it was.
+/// The device goes on as it was. Where it is to play on behind an end that `onPaused` could not tell, it has nothing
+/// left to play.
 void RTSPClient::State::onRefused(const wire::RtspClientSession::Failed& why)
 {
     const bool ofPlay = why.kind == wire::RtspStepKind::play;
     logger.warning(ofPlay ? playing : pausing, wire::nameOf(why.kind), ' ', url, ": ", describeFailure(why));
     if (canAskForLess(why))
         return askForLess();
+    const bool ended = resting && playAsked && !playAsked->interval && isAtEnd();
     playAsked.reset();
     if (resting)
         rest();
@@ -256,6 +258,8 @@ void RTSPClient::State::onRefused(const wire::RtspClientSession::Failed& why)
         guardedVoid(logger, playing, [&] { handler(resultOfRefusal(why), {}); });
     else
         tell(std::exchange(onPauseDone, nullptr), resultOfRefusal(why));
+    if (ended && phase == Phase::playing && !awaitsPlayOrPause())
+        reachEnd();
 }
 
 bool RTSPClient::State::canAskForLess(const wire::RtspClientSession::Failed& why) const noexcept

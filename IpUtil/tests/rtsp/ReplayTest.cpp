@@ -791,25 +791,53 @@ TEST_F(ReplayTest, aReportOfTheOldPlaceInFrontOfTheAnswerSaysNothingOfTheNew)
     EXPECT_EQ(replayer->times(), (std::vector<std::int64_t>{60'000, 0}));
 }
 
-TEST_F(ReplayTest, anEndWhileAPauseIsAnsweredIsTold)
+/// A recorder that has played everything when it answers PAUSE, and then answers PLAY by `status`.
+Camera recorderThatEndsWhilePausing(std::optional<RecordingSender>& sender, unsigned status)
 {
-    Camera recorder = recorderWith([&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
-        connection.reply(request, 200);
-        sender.emplace(connection).keyFrame();
-    });
+    Camera recorder =
+        recorderWith([&, status](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
+            if (sender) {
+                connection.reply(request, status);
+                return;
+            }
+            connection.reply(request, 200);
+            sender.emplace(connection).keyFrame();
+        });
     const auto onPlay = recorder.intercept;
     recorder.intercept = [&, onPlay](ScriptedPeer::Connection& connection, const ScriptedPeer::Request& request) {
         if (request.method == "PAUSE")
             sender->bye();
         return onPlay(connection, request);
     };
-    open(recorder);
+    return recorder;
+}
+
+TEST_F(ReplayTest, anEndWhileAPauseIsAnsweredIsTold)
+{
+    open(recorderThatEndsWhilePausing(sender, 200));
     beginAndWait({moment, 1, false});
     ASSERT_TRUE(waitFrames(1));
     replayer->pause();
     ASSERT_TRUE(loop.runUntil([&] { return replayer->paused.has_value(); }));
     EXPECT_FALSE(*replayer->paused);
     EXPECT_EQ(replayer->ends, 1);
+}
+
+TEST_F(ReplayTest, anEndWhileAPauseIsAnsweredIsToldBehindARefusalToGoOn)
+{
+    for (const unsigned status : {200U, 455U, 457U}) {
+        SCOPED_TRACE(status);
+        replayer.emplace(loop);
+        peer.reset();
+        sender.reset();
+        open(recorderThatEndsWhilePausing(sender, status));
+        beginAndWait({moment, 1, false});
+        ASSERT_TRUE(waitFrames(1));
+        replayer->client->pauseRecorded([&](const error_code&) { replayer->begin({std::nullopt, 1, false}); });
+        ASSERT_TRUE(loop.runUntil([&] { return plays().size() == 2 && replayer->played; }));
+        EXPECT_EQ(replayer->isPlayed(), status == 200);
+        EXPECT_EQ(replayer->ends, 1);
+    }
 }
 }  // namespace
 }  // namespace Tavro8::Utility
