@@ -228,7 +228,9 @@ bool RecordedClock::continuesFrom(std::uint32_t from, std::uint32_t to) const no
 }
 
 /// Whether there is a pair to go by. An announced timestamp must be near the first one that comes: some devices
-/// announce 0, or that of another session.
+/// announce 0, or that of another session. An interval that begins in a gap may begin further on in RTP time, where
+/// that is the time of recording: a true timestamp is disbelieved then, and the frames are early by the gap until the
+/// first report. Wrong timestamps are the more frequent ones, and without reports nothing would put them right.
 bool RecordedClock::beginsAt(std::uint32_t rtpTimestamp) const noexcept
 {
     if (!pair || newest)
