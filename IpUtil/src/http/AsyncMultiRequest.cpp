@@ -82,7 +82,7 @@ private:
     void finishWhenDone();
 
     const bool parallel;
-    const std::size_t mostAtOnce;  // one more would spend its time limit in the client's queue, behind our own
+    const std::size_t mostAtOnce;  // more would spend their time limit in the client's queue, behind our own
     const bool stopAtFailure;
     const LoggerHelper logger;
     std::deque<Request> waiting;
