@@ -9,7 +9,6 @@
 #include <Tavro8/GDRV/IDeviceInformation.h>
 #include <Tavro8/ResultCode.h>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <stdexcept>
 #include <vector>
 
@@ -81,18 +80,43 @@ lapi::Expect writeExpectation(const std::vector<char>& body) noexcept
 }
 }  // namespace
 
-struct AudioSource::Attempt {
-    Attempt(std::shared_ptr<AudioSource> of, SettingsQueue::Turn itsTurn)
-        : turn(std::move(itsTurn)), source(std::move(of)), quiet(source->microphoneFailureTold)
+/// What belongs to one turn at the audio input. The next begins once the last request of this one is gone.
+struct AudioSource::Run {
+    Run(std::shared_ptr<Device> of, std::string path, SettingsQueue::Turn turn)
+        : device(std::move(of)),
+          connection(device->getHttpConnectionInfo()),
+          path(std::move(path)),
+          turn(std::move(turn))
+    {}
+
+    /// Another connection may be one to another device.
+    bool isOfPresentConnection() const { return connection == device->getHttpConnectionInfo(); }
+    /// What one device has answered is not written to another, and nothing to one that was closed.
+    bool mayGoOn() const { return isOfPresentConnection() && device->hasBeenConnected(); }
+
+    const std::shared_ptr<Device> device;  // the host may release it before the last reply
+    const Device::ConnectionInfoPtr connection;
+    const std::string path;
+    const SettingsQueue::Turn turn;
+};
+
+struct AudioSource::SettingsRun : Run {
+    SettingsRun(Run run, ParameterMap given) : Run(std::move(run)), given(std::move(given)) {}
+
+    const ParameterMap given;
+};
+
+struct AudioSource::Attempt : Run {
+    Attempt(Run run, std::shared_ptr<AudioSource> of)
+        : Run(std::move(run)), source(std::move(of)), quiet(source->microphoneFailureTold)
     {}
     ~Attempt() { source->microphoneFailureTold = failed; }
     Attempt(const Attempt&) = delete;
     Attempt& operator=(const Attempt&) = delete;
 
-    const SettingsQueue::Turn turn;
     const std::shared_ptr<AudioSource> source;
-    const bool quiet;  // the last one failed too, and that was said
-    bool failed = false;
+    const bool quiet;     // the last one failed too, and that was said
+    bool failed = quiet;  // until an answer says more
 };
 
 Tavro8::GDRV::IAudioSource* AudioSource::create(Device* device, std::uint32_t channel,
@@ -137,10 +161,7 @@ void AudioSource::Destroy() noexcept
 {
     const auto keep = shared_from_this();
     requests.end();
-    Tavro8::guardedVoid(log, "Uniview::AudioSource::Destroy", [&] {
-        device->dropSettings(this);
-        boost::asio::post(device->service(), [self = sharedSelf()] { self->settingsTurn.reset(); });
-    });
+    Tavro8::guardedVoid(log, "Uniview::AudioSource::Destroy", [&] { device->dropSettings(this); });
     RTSPReceiverAudioSource::Destroy();
 }
 
@@ -166,20 +187,20 @@ void AudioSource::onFrame(const Tavro8::GDRV::MediaFrame& frame) noexcept
 
 // ---- requests -------------------------------------------------------------------------------------------------
 
-void AudioSource::Requests::note(Tavro8::http::CancellationPtr request)
+void AudioSource::Requests::note(const std::string& path, Tavro8::http::CancellationPtr request)
 {
     const std::lock_guard lock(mutex);
-    underWay = std::move(request);
     if (ended)
-        underWay->cancel();
+        request->cancel();
+    underWay[path] = std::move(request);
 }
 
 void AudioSource::Requests::end() noexcept
 {
     const std::lock_guard lock(mutex);
     ended = true;
-    if (underWay != nullptr)
-        underWay->cancel();
+    for (const auto& [path, request] : underWay)
+        request->cancel();
 }
 
 bool AudioSource::Requests::haveEnded() const noexcept
@@ -188,17 +209,18 @@ bool AudioSource::Requests::haveEnded() const noexcept
     return ended;
 }
 
-template <typename Next>
-Tavro8::http::CompletionHandler AudioSource::onReply(const std::shared_ptr<Device>& of, const char* place, Next next)
+template <typename RunPtr, typename Next>
+Tavro8::http::CompletionHandler AudioSource::onReply(RunPtr run, const char* place, Next next)
 {
-    return [self = sharedSelf(), of, place, next = std::move(next)](const Tavro8::error_code& ec,
-                                                                    const std::vector<char>& body,
-                                                                    const Tavro8::http::HttpResponse& response) {
+    return [self = sharedSelf(), run = std::move(run), place,
+            next = std::move(next)](const Tavro8::error_code& ec, const std::vector<char>& body,
+                                    const Tavro8::http::HttpResponse& response) {
         Tavro8::guardedVoid(self->log, place, [&] {
             if (self->requests.haveEnded())
                 return;
-            of->reportResourceExchange(ec);
-            next(*self, of, ec, body, response);
+            if (run->isOfPresentConnection())
+                run->device->reportResourceExchange(ec);
+            next(*self, run, ec, body, response);
         });
     };
 }
@@ -252,23 +274,26 @@ void AudioSource::beginMicrophone(const std::string& path, SettingsQueue::Turn t
         startCoversConnection = false;  // closed while it waited
     if (of == nullptr || requests.haveEnded() || !isStarted())
         return;
-    const auto attempt = std::make_shared<Attempt>(sharedSelf(), std::move(turn));
-    const auto reply = onReply(
-        of, starting,
-        [attempt, path](AudioSource& self, const auto& device, const auto& ec, const auto& body, const auto& response) {
-            self.onMicrophoneState(device, attempt, path, lapi::judge(ec, response, body));
-        });
-    requests.note(Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
+    if (path != audioInputPath(*of, context.channel))
+        return turnMicrophoneOn();  // a device of another kind was opened while it waited
+    const auto attempt = std::make_shared<Attempt>(Run(of, path, std::move(turn)), sharedSelf());
+    const auto reply =
+        onReply(attempt, starting,
+                [](AudioSource& self, const auto& run, const auto& ec, const auto& body, const auto& response) {
+                    self.onMicrophoneState(run, lapi::judge(ec, response, body));
+                });
+    requests.note(path, Tavro8::http::asyncGetEx(attempt->connection, path, of->service(), reply));
 }
 
-void AudioSource::onMicrophoneState(const std::shared_ptr<Device>& of, const AttemptPtr& attempt,
-                                    const std::string& path, const lapi::Reply& reply)
+void AudioSource::onMicrophoneState(const AttemptPtr& attempt, const lapi::Reply& reply)
 {
+    if (!attempt->mayGoOn())
+        return turnMicrophoneOn();  // that of the present connection, which the start may have seemed to cover
     if (!reply) {
-        reportFailure(*attempt, starting, reply, path, "Bad request to turn on the microphone.");
+        reportFailure(*attempt, starting, reply, attempt->path, "Bad request to turn on the microphone.");
         // A camera that is there and does not say how its microphone stands may listen all the same.
-        if (reply.failure != lapi::Failure::transport && !isRecorder(*of))
-            startIPC(of, attempt);
+        if (reply.failure != lapi::Failure::transport && !isRecorder(*attempt->device))
+            startIPC(attempt);
         return;
     }
     const bool isObject = reply.data.isObject();
@@ -277,27 +302,27 @@ void AudioSource::onMicrophoneState(const std::shared_ptr<Device>& of, const Att
         log.info(starting, "Microphone is already turned on");
         return;
     }
-    unmute(of, attempt, path, starting);
+    unmute(attempt, attempt->path, starting);
 }
 
-void AudioSource::startIPC(const std::shared_ptr<Device>& of, const AttemptPtr& attempt)
+void AudioSource::startIPC(const AttemptPtr& attempt)
 {
-    unmute(of, attempt, cameraPath, startingIPC);
+    unmute(attempt, cameraPath, startingIPC);
 }
 
-void AudioSource::unmute(const std::shared_ptr<Device>& of, const AttemptPtr& attempt, const std::string& path,
-                         const char* place)
+void AudioSource::unmute(const AttemptPtr& attempt, const std::string& path, const char* place)
 {
     const auto reply = onReply(
-        of, place,
-        [attempt, path, place](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
+        attempt, place,
+        [path, place](AudioSource& self, const auto& run, const auto& ec, const auto& body, const auto& response) {
             const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
             if (!judged)
-                return self.reportFailure(*attempt, place, judged, path, "Bad request to turn on the microphone");
-            attempt->failed = false;
+                return self.reportFailure(*run, place, judged, path, "Bad request to turn on the microphone");
+            run->failed = false;
             self.log.info(place, "Microphone is turned on");
         });
-    requests.note(Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, unmuteBody, of->service(), reply));
+    requests.note(path,
+                  Tavro8::http::asyncPutEx(attempt->connection, path, unmuteBody, attempt->device->service(), reply));
 }
 
 /// Until it works again this is said once: a device that has no microphone is asked at each connection.
@@ -331,20 +356,18 @@ std::int32_t AudioSource::takeSettings(const ParameterMap& changed)
     settings::checkAudioSink(changed);
     // Not earlier: which input it is shows when the device has connected.
     const std::string path = audioInputPath(*device, context.channel);
-    const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed, path](SettingsQueue::Turn turn) {
-        self->beginSettings(changed, of, path, std::move(turn));
-    };
+    const auto begin = [self = sharedSelf(), of = device->shared_from_this(), changed,
+                        path](const SettingsQueue::Turn& turn) { self->beginSettings(changed, of, path, turn); };
     return device->settingsQueue(path)->take({this, &log, applyingSettings, begin, concernsDevice});
 }
 
 void AudioSource::beginSettings(const ParameterMap& given, const std::shared_ptr<Device>& of, const std::string& path,
-                                SettingsQueue::Turn turn)
+                                const SettingsQueue::Turn& turn)
 {
     if (requests.haveEnded())
         return;
-    settingsTurn = std::move(turn);
     const auto failed = Tavro8::guarded(log, applyingSettings, toResult(ResultCode::unexpected), [&] {
-        applyAudioSettings(given, of, path);
+        applyAudioSettings(std::make_shared<SettingsRun>(Run(of, path, turn), given));
         return toResult(ResultCode::success);
     });
     if (failed != 0)
@@ -363,33 +386,32 @@ void AudioSource::finishOnThrow(Step&& step)
         finishAudioInput(failed);
 }
 
-void AudioSource::applyAudioSettings(const ParameterMap& given, const std::shared_ptr<Device>& of,
-                                     const std::string& path)
+void AudioSource::applyAudioSettings(const SettingsRunPtr& run)
 {
-    adjust(given);
-    if (!settings::readAudioInput(given).any())
+    adjust(run->given);
+    if (!settings::readAudioInput(run->given).any())
         return finishSettings(toResult(ResultCode::success));
-    if (!of->hasBeenConnected())
-        return finishAudioInput(toResult(ResultCode::invalidState));  // closed while it waited
-    const auto reply = onReply(
-        of, applyingSettings,
-        [given, path](AudioSource& self, const auto& from, const auto& ec, const auto& body, const auto& response) {
-            lapi::Reply judged = lapi::judge(ec, response, body);
-            self.finishOnThrow([&] { self.onSettingsRead(from, given, path, judged); });
-        });
-    requests.note(Tavro8::http::asyncGetEx(of->getHttpConnectionInfo(), path, of->service(), reply));
+    // Closed while it waited; or a device of another kind was opened, which has its inputs elsewhere.
+    if (!run->mayGoOn() || run->path != audioInputPath(*run->device, context.channel))
+        return finishAudioInput(toResult(ResultCode::invalidState));
+    const auto reply =
+        onReply(run, applyingSettings,
+                [](AudioSource& self, const auto& of, const auto& ec, const auto& body, const auto& response) {
+                    lapi::Reply judged = lapi::judge(ec, response, body);
+                    self.finishOnThrow([&] { self.onSettingsRead(of, judged); });
+                });
+    requests.note(run->path, Tavro8::http::asyncGetEx(run->connection, run->path, run->device->service(), reply));
 }
 
-void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const ParameterMap& given, const std::string& path,
-                                 lapi::Reply& reply)
+void AudioSource::onSettingsRead(const SettingsRunPtr& run, lapi::Reply& reply)
 {
     if (!reply && reply.failure != lapi::Failure::malformed) {
-        log.error(applyingSettings, lapi::describe(reply, path));
+        log.error(applyingSettings, lapi::describe(reply, run->path));
         log.error(applyingSettings, "Bad response while tried to get audio settings");
         return finishAudioInput(reply.result);
     }
     const settings::Edit edit =
-        reply ? settings::editAudioInput(reply.data, settings::readAudioInput(given), parameters.snapshot())
+        reply ? settings::editAudioInput(reply.data, settings::readAudioInput(run->given), parameters.snapshot())
               : settings::Edit{false, reply.result, reply.message};
     if (!reply || edit.result == toResult(ResultCode::malformedReply))
         log.error(applyingSettings, "Can't parse audio settings: ", edit.message);
@@ -397,25 +419,33 @@ void AudioSource::onSettingsRead(const std::shared_ptr<Device>& of, const Parame
         log.error(applyingSettings, edit.message);
     if (!edit)
         return finishAudioInput(edit.result);
-    const std::string edited = lapi::writeJson(reply.data);
-    const auto written = onReply(
-        of, applyingSettings,
-        [given, path, edited](AudioSource& self, const auto&, const auto& ec, const auto& body, const auto& response) {
-            const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
-            self.finishOnThrow([&] { self.onSettingsWritten(given, path, edited, judged); });
-        });
-    requests.note(Tavro8::http::asyncPutEx(of->getHttpConnectionInfo(), path, edited, of->service(), written));
+    if (!run->mayGoOn()) {
+        log.error(applyingSettings, "The device was closed before its settings were written");
+        return finishAudioInput(toResult(ResultCode::invalidState));
+    }
+    writeSettings(run, lapi::writeJson(reply.data));
 }
 
-void AudioSource::onSettingsWritten(const ParameterMap& given, const std::string& path, const std::string& body,
-                                    const lapi::Reply& reply)
+void AudioSource::writeSettings(const SettingsRunPtr& run, const std::string& edited)
+{
+    const auto written =
+        onReply(run, applyingSettings,
+                [edited](AudioSource& self, const auto& of, const auto& ec, const auto& body, const auto& response) {
+                    const auto judged = lapi::judge(ec, response, body, writeExpectation(body));
+                    self.finishOnThrow([&] { self.onSettingsWritten(*of, edited, judged); });
+                });
+    requests.note(run->path,
+                  Tavro8::http::asyncPutEx(run->connection, run->path, edited, run->device->service(), written));
+}
+
+void AudioSource::onSettingsWritten(const SettingsRun& run, const std::string& body, const lapi::Reply& reply)
 {
     if (reply) {
-        adjustWritten(given);
+        adjustWritten(run.given);
     } else {
-        log.error(applyingSettings, lapi::explain(reply, path));
+        log.error(applyingSettings, lapi::explain(reply, run.path));
         log.error(applyingSettings, "Failed to apply settings");
-        log.error(applyingSettings, "Failed request details:\n", "PUT ", path, '\n',
+        log.error(applyingSettings, "Failed request details:\n", "PUT ", run.path, '\n',
                   lapi::printable(body, loggedBytes));
     }
     finishAudioInput(reply.result);
@@ -429,7 +459,6 @@ void AudioSource::finishAudioInput(std::int32_t result)
 
 void AudioSource::finishSettings(std::int32_t result)
 {
-    const auto turn = std::move(settingsTurn);  // the next begins when all has been told
     reportSettings("all", result);
 }
 

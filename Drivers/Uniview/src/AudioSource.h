@@ -9,6 +9,7 @@
 #include <Tavro8/GDRV/ILiveSource.h>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -46,7 +47,8 @@ public:
     /// Knows `volume`, `noiseReduce`, `micNumber`, `micMode` (integers), which are written to the device, and
     /// `encoding`, `algorithm`, `samplerate`, which say what is to be received. Returns 0 when the request was taken, 3
     /// for a value of another type, 2 when the device has to be written to and has not been connected, 515 when too
-    /// many others wait. Then the handler is told "audioInput", if that is concerned, and "all".
+    /// many others wait. Then the handler is told "audioInput", if that is concerned, and "all": with 2 when the device
+    /// was closed, or another address opened, before it was written to.
     std::int32_t ApplySettings(const Tavro8::ParameterMap& changed) noexcept override;
 
     // RTSPReceiver; on the stream's I/O thread.
@@ -60,49 +62,51 @@ protected:
     bool parametersRequireRTSPClientReconnect(const Tavro8::ParameterMap& changed) const override;
 
 private:
-    /// The request to the device that is under way; there is one at most. Made on the device's I/O thread and ended on
-    /// any.
+    /// The requests to the device that are under way: of each audio input, that is of each queue, one at most. Made on
+    /// the device's I/O thread and ended on any.
     class Requests {
     public:
-        void note(Tavro8::http::CancellationPtr request);
-        void end() noexcept;  ///< takes back the one under way and those to come
+        void note(const std::string& path, Tavro8::http::CancellationPtr request);
+        void end() noexcept;  ///< takes back those under way and those to come
         bool haveEnded() const noexcept;
 
     private:
-        mutable std::mutex mutex;  // guards all below
-        Tavro8::http::CancellationPtr underWay;
+        mutable std::mutex mutex;                                       // guards all below
+        std::map<std::string, Tavro8::http::CancellationPtr> underWay;  // by the path of the input
         bool ended = false;
     };
-    /// One attempt to switch the microphone on, and its turn.
+    /// Requests over one connection to the device, and their turn.
+    struct Run;
+    /// The settings that are being applied.
+    struct SettingsRun;
+    /// One attempt to switch the microphone on.
     struct Attempt;
+    using SettingsRunPtr = std::shared_ptr<const SettingsRun>;
     using AttemptPtr = std::shared_ptr<Attempt>;
 
     std::shared_ptr<AudioSource> sharedSelf() { return std::static_pointer_cast<AudioSource>(shared_from_this()); }
-    /// The completion of a request to the device: judges the reply and hands it to `next`, unless the source is gone.
-    template <typename Next>
-    Tavro8::http::CompletionHandler onReply(const std::shared_ptr<Device>& of, const char* place, Next next);
+    /// The completion of a request of `run`: hands the reply to `next`, unless the source is gone. An earlier
+    /// connection says nothing about the present one.
+    template <typename RunPtr, typename Next>
+    Tavro8::http::CompletionHandler onReply(RunPtr run, const char* place, Next next);
 
     std::shared_ptr<Device> connectedDevice() const;
     bool isStarted() const;
     void turnMicrophoneOn();
     void beginMicrophone(const std::string& path, SettingsQueue::Turn turn);
-    void onMicrophoneState(const std::shared_ptr<Device>& of, const AttemptPtr& attempt, const std::string& path,
-                           const lapi::Reply& reply);
-    void unmute(const std::shared_ptr<Device>& of, const AttemptPtr& attempt, const std::string& path,
-                const char* place);
-    void startIPC(const std::shared_ptr<Device>& of, const AttemptPtr& attempt);
+    void onMicrophoneState(const AttemptPtr& attempt, const lapi::Reply& reply);
+    void unmute(const AttemptPtr& attempt, const std::string& path, const char* place);
+    void startIPC(const AttemptPtr& attempt);
     void reportFailure(Attempt& attempt, const char* place, const lapi::Reply& reply, const std::string& path,
                        const char* words);
 
     std::int32_t takeSettings(const Tavro8::ParameterMap& changed);
     void beginSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of, const std::string& path,
-                       SettingsQueue::Turn turn);
-    void applyAudioSettings(const Tavro8::ParameterMap& given, const std::shared_ptr<Device>& of,
-                            const std::string& path);
-    void onSettingsRead(const std::shared_ptr<Device>& of, const Tavro8::ParameterMap& given, const std::string& path,
-                        lapi::Reply& reply);
-    void onSettingsWritten(const Tavro8::ParameterMap& given, const std::string& path, const std::string& body,
-                           const lapi::Reply& reply);
+                       const SettingsQueue::Turn& turn);
+    void applyAudioSettings(const SettingsRunPtr& run);
+    void onSettingsRead(const SettingsRunPtr& run, lapi::Reply& reply);
+    void writeSettings(const SettingsRunPtr& run, const std::string& edited);
+    void onSettingsWritten(const SettingsRun& run, const std::string& body, const lapi::Reply& reply);
     template <typename Step>
     void finishOnThrow(Step&& step);
     void finishAudioInput(std::int32_t result);
@@ -117,6 +121,5 @@ private:
     std::atomic<bool> startCoversConnection{false};  // the microphone was seen to when the source was started
     std::atomic<bool> microphoneFailureTold{false};
     std::atomic<std::uint64_t> lastFormat{0};  // codec and sample rate of the last frame
-    SettingsQueue::Turn settingsTurn;          // of the request under way; on the I/O thread only
 };
 }  // namespace Uniview
