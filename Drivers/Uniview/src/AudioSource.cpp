@@ -73,6 +73,13 @@ bool satisfies(std::uint64_t format, const AudioSinkParams& wanted) noexcept
     return format != 0 && wanted.accepts(codec, static_cast<std::uint32_t>(format));
 }
 
+/// Whether what the device is asked now holds for its next stream. One that is lost is asked as well, but it may have
+/// restarted when it is found again.
+bool isThere(const std::shared_ptr<Device>& device)
+{
+    return device != nullptr && device->isConnected();
+}
+
 /// No data are expected of a write; those that come are judged.
 lapi::Expect writeExpectation(const std::vector<char>& body) noexcept
 {
@@ -244,7 +251,7 @@ bool AudioSource::isStarted() const
 void AudioSource::turnMicrophoneOn()
 {
     const auto of = connectedDevice();
-    if (of == nullptr)
+    if (!isThere(of))
         startCoversConnection = false;
     if (of == nullptr || microphoneWaits.exchange(true))
         return;
@@ -270,8 +277,8 @@ void AudioSource::beginMicrophone(const std::string& path, SettingsQueue::Turn t
 {
     microphoneWaits = false;  // first: a start that still found it waiting is found started
     const auto of = connectedDevice();
-    if (of == nullptr)
-        startCoversConnection = false;  // closed while it waited
+    if (!isThere(of))
+        startCoversConnection = false;  // closed or lost while it waited
     if (of == nullptr || requests.haveEnded() || !isStarted())
         return;
     if (path != audioInputPath(*of, context.channel))
@@ -330,6 +337,8 @@ void AudioSource::reportFailure(Attempt& attempt, const char* place, const lapi:
                                 const char* words)
 {
     attempt.failed = true;
+    if (reply.failure == lapi::Failure::transport)
+        startCoversConnection = false;  // not even heard
     if (attempt.quiet)
         return;
     log.error(place, lapi::explain(reply, path));

@@ -5,6 +5,7 @@
 
 #include <Tavro8/ResultCode.h>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <gtest/gtest.h>
@@ -33,6 +34,7 @@ constexpr const char* ok = "{\"Response\":{\"ResponseCode\":0,\"ResponseString\"
 constexpr const char* refused =
     "{\"Response\":{\"ResponseCode\":1,\"ResponseString\":\"No\",\"StatusString\":\"Never\",\"Data\":null}}";
 
+constexpr const char* noHttp = "RTSP/1.0 200 OK\r\n\r\n";
 constexpr const char* unreadable = "{\"Response\":{}}";
 constexpr const char* whyUnreadable = " HTTP response cannot be read, request:/LAPI/V1.0/Media/Audio/Input, "
                                       "reason:\"ResponseCode\" is missing or not an integer";
@@ -78,7 +80,7 @@ protected:
     {
         rtsp = std::make_unique<ScriptedPeer>(camera.script());
         make(channels);
-        peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+        peer.answer(portPath, 200, portReply());
         peer.answer(infoPath, 200, deviceInfo(deviceType));
         connect();
         create();
@@ -121,6 +123,25 @@ protected:
         EXPECT_EQ(line.function, "Uniview::AudioSource::" + function);
         EXPECT_EQ(line.file, "Drivers/Uniview/src/AudioSource");
         EXPECT_EQ(line.severity, Tavro8::LogSeverity::error);
+    }
+    std::string portReply() const
+    {
+        return "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}";
+    }
+    /// The device is lost, and not found again before it comes back.
+    void loseDevice()
+    {
+        peer.staySilent(portPath);
+        device->reportExchange(ResultCode::deviceUnreachable);
+        device->reportExchange(ResultCode::deviceUnreachable);
+        ASSERT_TRUE(handler.waitLost());
+    }
+    void bringDeviceBack()
+    {
+        ASSERT_TRUE(peer.waitForRequest(std::string("GET ") + portPath, 2));
+        peer.answer(portPath, 200, portReply());
+        peer.breakSilence(200, portReply());
+        ASSERT_TRUE(handler.waitConnected(2));
     }
     std::int32_t apply(const Tavro8::ParameterMap& given) { return source->ApplySettings(given); }
     /// What the host is told of one request.
@@ -286,7 +307,7 @@ TEST_F(AudioSource, startedBeforeTheDeviceConnectsTurnsTheMicrophoneOnLater)
 {
     rtsp = std::make_unique<ScriptedPeer>(singingCamera().script());
     make();
-    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    peer.answer(portPath, 200, portReply());
     peer.answer(std::string("GET ") + cameraPath, 200, reply("{\"IsMute\":1}"));
     peer.answer(std::string("PUT ") + cameraPath, 200, ok);
     create();
@@ -309,6 +330,61 @@ TEST_F(AudioSource, aNewConnectionLooksAfterTheMicrophoneAgain)
     peer.answer(cameraPath, 200, reply("{\"IsMute\":0}"));
     source->Start();
     EXPECT_TRUE(logger.waitFor("Microphone is already turned on", 2));
+}
+
+TEST_F(AudioSource, startedWhileTheDeviceIsLostTurnsTheMicrophoneOnLater)
+{
+    prepare();
+    loseDevice();
+    peer.answerRaw(getCamera, noHttp);
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Bad request to turn on the microphone."));
+    peer.answer(getCamera, 200, reply("{\"IsMute\":1}"));
+    peer.answer(putCamera, 200, ok);
+    bringDeviceBack();
+    EXPECT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_FALSE(logger.contains("no packet of the sound")) << "not with a connection after the next";
+    EXPECT_TRUE(sound.waitFrames(1));
+}
+
+TEST_F(AudioSource, aMicrophoneThatWasOnBeforeTheDeviceCameBackIsLookedAfterAgain)
+{
+    prepare();
+    loseDevice();
+    peer.answer(getCamera, 200, reply("{\"IsMute\":0}"));
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Microphone is already turned on"));
+    peer.answer(getCamera, 200, reply("{\"IsMute\":1}"));
+    peer.answer(putCamera, 200, ok);
+    bringDeviceBack();
+    EXPECT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_FALSE(logger.contains("no packet of the sound")) << "not with a connection after the next";
+}
+
+TEST_F(AudioSource, aDeviceThatAnsweredNothingAtTheStartIsAskedWithTheNextConnection)
+{
+    std::atomic<bool> well{false};
+    Camera camera = singingCamera();
+    camera.intercept = [&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request&) {
+        if (!well)
+            connection.close();
+        return !well;
+    };
+    prepare(0, 1, camera);
+    kelvo::test::ChannelHandler picture;
+    Tavro8::GDRV::IVideoSource* video = nullptr;
+    ASSERT_EQ(device->CreateVideoSource(0, 0, &picture, &picture, {}, nullptr, &video), 0);
+    video->Start();
+    ASSERT_TRUE(picture.waitState(toResult(ResultCode::connectionLost))) << "their stream tries again later";
+    peer.answerRaw(getCamera, noHttp);
+    source->Start();
+    ASSERT_TRUE(logger.waitFor("Bad request to turn on the microphone."));
+    peer.answer(getCamera, 200, reply("{\"IsMute\":1}"));
+    peer.answer(putCamera, 200, ok);
+    well = true;
+    EXPECT_TRUE(logger.waitFor("Microphone is turned on"));
+    EXPECT_FALSE(logger.contains("no packet of the sound")) << "not with a connection after the next";
+    video->Destroy();
 }
 
 TEST_F(AudioSource, asksOnceForEachStart)
@@ -490,7 +566,6 @@ TEST_F(WaitingAudioSource, theMicrophoneOfANewConnectionWaitsToo)
 
 constexpr const char* recorderPath = "/LAPI/V1.0/Channels/1/Media/Audio/Input";
 constexpr const char* getRecorder = "GET /LAPI/V1.0/Channels/1/Media/Audio/Input";
-constexpr const char* noHttp = "RTSP/1.0 200 OK\r\n\r\n";
 
 /// A camera that keeps an answer waiting while the host opens another address.
 class ReopenedAudioSource : public WaitingAudioSource {
@@ -498,7 +573,7 @@ protected:
     /// Another device, which answers for its audio input by what it is told.
     void openOther(int deviceType = 0)
     {
-        next.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+        next.answer(portPath, 200, portReply());
         next.answer(infoPath, 200, deviceInfo(deviceType));
         ASSERT_EQ(device->Open(("http://admin:secret@" + next.address()).c_str()), 0);
         ASSERT_TRUE(handler.waitConnected(2));
@@ -1005,7 +1080,7 @@ TEST_F(AudioSource, takesTheTrackThatItWasMadeFor)
     };
     rtsp = std::make_unique<ScriptedPeer>(camera.script());
     make();
-    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    peer.answer(portPath, 200, portReply());
     connect();
     const struct {
         Tavro8::ParameterMap parameters;
@@ -1041,7 +1116,7 @@ TEST_F(AudioSource, takesTheFormatThatItWasMadeForOfATrackThatHasSeveral)
     };
     rtsp = std::make_unique<ScriptedPeer>(camera.script());
     make();
-    peer.answer(portPath, 200, "{\"Response\":{\"Data\":{\"RTSPPort\":\t" + std::to_string(rtsp->port()) + "}}}");
+    peer.answer(portPath, 200, portReply());
     connect();
     create(0, {{"samplerate", 48000}});
     source->Start();
