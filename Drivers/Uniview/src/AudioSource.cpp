@@ -115,15 +115,16 @@ struct AudioSource::SettingsRun : Run {
 
 struct AudioSource::Attempt : Run {
     Attempt(Run run, std::shared_ptr<AudioSource> of)
-        : Run(std::move(run)), source(std::move(of)), quiet(source->microphoneFailureTold)
+        : Run(std::move(run)), source(std::move(of)), start(source->starts), quiet(source->failureToldOf == start)
     {}
-    ~Attempt() { source->microphoneFailureTold = failed; }
+    ~Attempt() { source->failureToldOf = failed ? start : 0; }
     Attempt(const Attempt&) = delete;
     Attempt& operator=(const Attempt&) = delete;
 
     const std::shared_ptr<AudioSource> source;
-    const bool quiet;     // the last one failed too, and that was said
-    bool failed = quiet;  // until an answer says more
+    const std::uint64_t start;  // which one of the source it is for
+    const bool quiet;           // the last one failed too, and that was said
+    bool failed = quiet;        // until an answer says more
 };
 
 Tavro8::GDRV::IAudioSource* AudioSource::create(Device* device, std::uint32_t channel,
@@ -156,7 +157,7 @@ void AudioSource::Start() noexcept
     Tavro8::guardedVoid(log, starting, [this] {
         if (currentStream() != nullptr)
             return;  // runs already
-        microphoneFailureTold = false;
+        ++starts;
         startCoversConnection = true;
         turnMicrophoneOn();
     });
@@ -337,7 +338,7 @@ void AudioSource::reportFailure(Attempt& attempt, const char* place, const lapi:
                                 const char* words)
 {
     attempt.failed = true;
-    if (reply.failure == lapi::Failure::transport)
+    if (reply.failure == lapi::Failure::transport && attempt.start == starts)
         startCoversConnection = false;  // not even heard
     if (attempt.quiet)
         return;

@@ -119,7 +119,8 @@ private:
     std::atomic<int> startsUnderWay{0};
     std::atomic<bool> microphoneWaits{false};        // for its turn
     std::atomic<bool> startCoversConnection{false};  // the microphone was seen to when the source was started
-    std::atomic<bool> microphoneFailureTold{false};
-    std::atomic<std::uint64_t> lastFormat{0};  // codec and sample rate of the last frame
+    std::atomic<std::uint64_t> starts{0};
+    std::atomic<std::uint64_t> failureToldOf{0};  // the start whose attempts fail and that was said; 0: none
+    std::atomic<std::uint64_t> lastFormat{0};     // codec and sample rate of the last frame
 };
 }  // namespace Uniview

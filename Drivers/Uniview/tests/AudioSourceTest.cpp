@@ -519,6 +519,21 @@ TEST_F(WaitingAudioSource, aSourceThatIsStartedAgainWhileItWaitsIsSeenToOnce)
     EXPECT_EQ(exchangesToTheEnd(), (Exchanges{"GET", writeOf(90, 1), "GET", unmute, "GET", writeOf(91, 1)}));
 }
 
+TEST_F(WaitingAudioSource, aFailureOfAnEarlierStartDoesNotSilenceThatOfTheNext)
+{
+    AudioSource::prepare(1);
+    const std::string path = "/LAPI/V1.0/Channels/1/Media/Audio/Input";
+    peer.staySilent(path);
+    source->Start();
+    ASSERT_TRUE(peer.waitForRequest("GET " + path));
+    source->Stop();
+    ASSERT_TRUE(sound.waitStopped());
+    source->Start();
+    peer.answer(path, 200, refused);
+    peer.breakSilence(200, refused);
+    EXPECT_TRUE(logger.waitFor("Bad request to turn on the microphone.", 2));
+}
+
 TEST_F(WaitingAudioSource, aMicrophoneWhoseDeviceIsClosedWhileItWaitsIsSeenToLater)
 {
     prepare();
