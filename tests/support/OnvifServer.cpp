@@ -59,9 +59,11 @@ GstRTSPMediaFactory* makeFactory(const std::string& law, Listener& listener)
                              (muLaw ? "rtppcmudepay" : "rtppcmadepay") +
                              " ! fakesink name=ear signal-handoffs=true sync=false async=false )";
     GstRTSPMediaFactory* const factory = gst_rtsp_onvif_media_factory_new();
+    // Where nobody sets up the voice its end is sometimes linked to nothing, which would end the whole; the tee goes
+    // on.
     gst_rtsp_media_factory_set_launch(
-        factory, "( audiotestsrc is-live=true wave=silence ! audio/x-raw,rate=8000,channels=1 ! mulawenc ! "
-                 "rtppcmupay name=pay0 pt=0 )");
+        factory, "( audiotestsrc is-live=true wave=silence ! audio/x-raw,rate=8000,channels=1 ! tee name=voice "
+                 "voice. ! fakesink sync=false async=false voice. ! mulawenc ! rtppcmupay name=pay0 pt=0 )");
     gst_rtsp_onvif_media_factory_set_backchannel_launch(GST_RTSP_ONVIF_MEDIA_FACTORY(factory), back.c_str());
     gst_rtsp_media_factory_set_media_gtype(factory, GST_TYPE_RTSP_ONVIF_MEDIA);
     g_signal_connect(factory, "media-configure", G_CALLBACK(onMedia), &listener);
