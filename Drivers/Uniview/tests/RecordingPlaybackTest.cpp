@@ -914,12 +914,22 @@ TEST_F(RecordingPlaybackTest, closeWhileOpeningTellsBoth)
 
 TEST_F(RecordingPlaybackTest, mayBeOpenedAnewRightBehindClose)
 {
-    make([](Connection& connection, const Request& request) {
+    Camera recorder = recorderWith([](Connection& connection, const Request& request) {
         connection.reply(request, 200, okFor(request));
         RecordingSender(connection).keyFrame();
     });
+    const auto hangs = std::make_shared<std::atomic<bool>>(true);
+    const auto asked = std::make_shared<std::promise<void>>();
+    recorder.intercept = [hangs, asked, onPlay = recorder.intercept](Connection& connection, const Request& request) {
+        if (request.method != "DESCRIBE" || !hangs->exchange(false))
+            return onPlay(connection, request);
+        asked->set_value();
+        return true;
+    };
+    make(recorder);
     ASSERT_EQ(playback->Open(hour), 0);
     EXPECT_EQ(playback->Open(hour), toResult(ResultCode::invalidState)) << "one at a time";
+    asked->get_future().wait();
     playback->Close();
     ASSERT_EQ(playback->Open({beginMs + 5000, hour.end}), 0);
     ASSERT_EQ(playback->Play(), 0);
