@@ -363,12 +363,13 @@ TEST_F(AudioSource, aMicrophoneThatWasOnBeforeTheDeviceCameBackIsLookedAfterAgai
 
 TEST_F(AudioSource, aDeviceThatAnsweredNothingAtTheStartIsAskedWithTheNextConnection)
 {
-    std::atomic<bool> well{false};
+    const auto well = std::make_shared<std::atomic<bool>>(false);  // the camera's threads outlive this
     Camera camera = singingCamera();
-    camera.intercept = [&](ScriptedPeer::Connection& connection, const ScriptedPeer::Request&) {
-        if (!well)
+    camera.intercept = [well](ScriptedPeer::Connection& connection, const ScriptedPeer::Request&) {
+        const bool refuses = !*well;
+        if (refuses)
             connection.close();
-        return !well;
+        return refuses;
     };
     prepare(0, 1, camera);
     kelvo::test::ChannelHandler picture;
@@ -381,7 +382,7 @@ TEST_F(AudioSource, aDeviceThatAnsweredNothingAtTheStartIsAskedWithTheNextConnec
     ASSERT_TRUE(logger.waitFor("Bad request to turn on the microphone."));
     peer.answer(getCamera, 200, reply("{\"IsMute\":1}"));
     peer.answer(putCamera, 200, ok);
-    well = true;
+    *well = true;
     EXPECT_TRUE(logger.waitFor("Microphone is turned on"));
     EXPECT_FALSE(logger.contains("no packet of the sound")) << "not with a connection after the next";
     video->Destroy();
