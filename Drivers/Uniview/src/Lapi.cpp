@@ -93,11 +93,17 @@ bool isReadAsItIs(std::string_view number)
     return isNumber(number) && number != "-0" && (numberOf<std::int64_t>(number) || numberOf<std::uint64_t>(number));
 }
 
-/// Makes each number that the reader would change a marked text. Gives nothing when there is none, which is the usual
-/// case.
-std::optional<std::string> quoteNumbers(std::string_view text, char mark)
+/// A document whose numbers are marked texts where the reader would change them.
+struct Quoted {
+    std::string text;
+    char mark = 0;
+};
+
+/// Gives nothing when there is no such number, which is the usual case, or no mark is left for it.
+std::optional<Quoted> quoteNumbers(std::string_view text)
 {
     std::string quoted;
+    std::optional<char> mark;  // looked for when the first is found
     bool inString = false;
     std::size_t copied = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -117,16 +123,21 @@ std::optional<std::string> quoteNumbers(std::string_view text, char mark)
                 ++end;
             const std::string_view number = text.substr(at, end - at);
             if (!isReadAsItIs(number)) {
+                if (!mark)
+                    mark = unusedMark(text);
+                if (!mark)
+                    return {};
                 quoted.append(text.substr(copied, at - copied));
-                quoted.append(1, '"').append(1, mark).append(number).append(1, '"');
+                quoted.append(1, '"').append(1, *mark).append(number).append(1, '"');
                 copied = end;
             }
             at = end - 1;
         }
     }
-    if (copied == 0)
+    if (!mark)
         return {};
-    return quoted.append(text.substr(copied));
+    quoted.append(text.substr(copied));
+    return Quoted{std::move(quoted), *mark};
 }
 
 // An integer that JsonCpp cannot hold is carried beside its value, as a comment of it. What replaces the value replaces
@@ -330,13 +341,12 @@ bool parseJson(std::string_view text, Json::Value& document, std::string& error)
         return false;
     }
     try {
-        const auto mark = unusedMark(text);
-        const auto quoted = mark ? quoteNumbers(text, *mark) : std::nullopt;
-        if (!readDocument(quoted ? *quoted : text, document, error)) {
+        const auto quoted = quoteNumbers(text);
+        if (!readDocument(quoted ? quoted->text : text, document, error)) {
             error = printable(error);  // the reader gives an account of several lines, with parts of the document
             return false;
         }
-        if (!quoted || restoreNumbers(document, *mark))
+        if (!quoted || restoreNumbers(document, quoted->mark))
             return true;
         error = "a number cannot be read";
     } catch (const std::exception& e) {  // nesting beyond the reader's limit
