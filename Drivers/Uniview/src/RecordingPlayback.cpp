@@ -545,8 +545,6 @@ void RecordingPlayback::onConnectionClosed(const SessionPtr& session, const erro
 
 void RecordingPlayback::onFrame(const SessionPtr& session, const MediaFrame& frame)
 {
-    if (!session->actual.playing && !session->busy)
-        return;  // some devices send without being asked, or go on for a while
     if (timeOf(frame) > session->interval.get().end + overrunMs + session->inaccuracyMs())
         return onOverrun(session);
     const bool picture = Tavro8::GDRV::isVideo(frame.codec);
